@@ -1,0 +1,37 @@
+#ifndef QUARVEL_BASE_OBJECT_H
+#define QUARVEL_BASE_OBJECT_H
+
+#include <quarvel/export.h>
+
+#include <atomic>
+#include <boost/intrusive_ptr.hpp>
+
+namespace quarvel_3_13 {
+
+// Root of every reference-counted public object. A factory hands an object
+// out through boost::intrusive_ptr, which brings the count from 0 to 1.
+class QUARVEL_API BaseObject {
+public:
+    BaseObject() noexcept : m_refCount(0) {}
+    virtual ~BaseObject();
+
+    // Atomically raises the count; returns the new count.
+    unsigned addRef() const noexcept;
+    // Atomically lowers the count; destroys the object when it reaches 0.
+    unsigned release() const noexcept;
+
+protected:
+    // Copies start with their own count.
+    BaseObject(const BaseObject&) noexcept : m_refCount(0) {}
+    BaseObject& operator=(const BaseObject&) noexcept { return *this; }
+
+private:
+    mutable std::atomic<unsigned> m_refCount;
+};
+
+inline void intrusive_ptr_add_ref(const BaseObject* object) { object->addRef(); }
+inline void intrusive_ptr_release(const BaseObject* object) { object->release(); }
+
+} // namespace quarvel_3_13
+
+#endif

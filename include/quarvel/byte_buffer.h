@@ -1,0 +1,29 @@
+#ifndef QUARVEL_BYTE_BUFFER_H
+#define QUARVEL_BYTE_BUFFER_H
+
+#include <quarvel/export.h>
+
+#include <boost/shared_ptr.hpp>
+
+namespace quarvel_3_13 {
+
+// Shared byte buffer for code bytes, held through boost::shared_ptr.
+class QUARVEL_API IByteBuffer {
+public:
+    typedef boost::shared_ptr<IByteBuffer> Ptr;
+
+    virtual unsigned size() const = 0;
+    // Null while the buffer is empty.
+    virtual const unsigned char* data() const = 0;
+    // Replaces the content; a null pointer or a zero length empties the buffer.
+    virtual void assign(const void* bytes, unsigned length) = 0;
+
+    static Ptr create();
+
+protected:
+    ~IByteBuffer() = default;
+};
+
+} // namespace quarvel_3_13
+
+#endif

@@ -1,0 +1,38 @@
+#ifndef QUARVEL_SRC_ASSERTION_H
+#define QUARVEL_SRC_ASSERTION_H
+
+// Preconditions that file content can reach are checked, not assumed: a
+// failed check hands the condition's text to the assertion handler (by
+// default an ERROR line) and the caller refuses the operation. Nothing aborts.
+
+namespace quarvel_3_13 {
+
+typedef void (*AssertionHandler)(const char* condition, const char* file, int line);
+
+// Installs a handler (null restores the default); returns the previous one.
+AssertionHandler setAssertionHandler(AssertionHandler handler);
+
+void assertionFailed(const char* condition, const char* file, int line);
+
+} // namespace quarvel_3_13
+
+// QV_CHECK(cond, onFailure): when cond is false, reports "cond" and runs onFailure
+// (typically `return meNotFound`).
+#define QV_CHECK(cond, onFailure)                                              \
+    do {                                                                       \
+        if (!(cond)) {                                                         \
+            ::quarvel_3_13::assertionFailed(#cond, __FILE__, __LINE__);        \
+            onFailure;                                                         \
+        }                                                                      \
+    } while (0)
+
+// The same with the condition's text given explicitly.
+#define QV_CHECK_TEXT(cond, text, onFailure)                                   \
+    do {                                                                       \
+        if (!(cond)) {                                                         \
+            ::quarvel_3_13::assertionFailed(text, __FILE__, __LINE__);         \
+            onFailure;                                                         \
+        }                                                                      \
+    } while (0)
+
+#endif
