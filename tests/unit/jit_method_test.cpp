@@ -1,0 +1,220 @@
+// Line tables and the queries a method answers by jit rva.
+
+#include "jit_method.h"
+#include "log_capture.h"
+#include "module.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using namespace quarvel_3_13;
+using quarvel_test::LogCapture;
+using Table = JitMethod::LineTable;
+
+namespace {
+
+const auto N2M = quarvel_line_info_native_to_managed;
+const auto M2S = quarvel_line_info_managed_to_source;
+const auto N2S = quarvel_line_info_native_to_source;
+
+// A method with three regions at jit rvas 1000, 1100 and 1200 (100 bytes each),
+// with line tables for each region's range.
+JitMethod::Ptr threeRangeMethod() {
+    JitMethod::Ptr m(new JitMethod());
+    m->setRawMethodId(5);
+    m->setStartJitRva(1000);
+    for (u64 i = 0; i < 3; ++i) {
+        m->addCodeRegion(Region::Ptr(new Region(1, 7, 1000 + 100 * i, 10, 0, 0x5000 + 0x1000 * i, 100, nullptr)));
+        const u32 line = static_cast<u32>(10 * (i + 1));
+        EXPECT_TRUE(m->addLineNumberInfo(N2S, {{0, 50, line}, {50, 100, line + 1}}, Range(1000 + 100 * i, 100)));
+    }
+    return m;
+}
+
+std::vector<quarvel_line_number_entry> query(const JitMethod& m, quarvel_line_info_type type, u64 rva) {
+    unsigned count = 0;
+    if (m.getLineNumberInfo(type, nullptr, &count, rva) != meSuccess)
+        return {};
+    std::vector<quarvel_line_number_entry> entries(count);
+    EXPECT_EQ(meSuccess, m.getLineNumberInfo(type, entries.data(), &count, rva));
+    return entries;
+}
+
+TEST(JitMethodLineInfoTest, CountOnlyBufferTooSmallAndNullPointers) {
+    const JitMethod::Ptr m = threeRangeMethod();
+    unsigned count = 0;
+    EXPECT_EQ(meSuccess, m->getLineNumberInfo(N2S, nullptr, &count, 0));
+    EXPECT_EQ(2u, count);
+    quarvel_line_number_entry one[1];
+    count = 1;
+    EXPECT_EQ(meInsufficientBuffer, m->getLineNumberInfo(N2S, one, &count, 0));
+    EXPECT_EQ(1u, count) << "the required count is not written";
+    EXPECT_EQ(meInvalidPointer, m->getLineNumberInfo(N2S, nullptr, nullptr, 0));
+    EXPECT_EQ(meNotFound, m->getLineNumberInfo(static_cast<quarvel_line_info_type>(3), nullptr, &count, 0));
+    EXPECT_EQ(meNotFound, m->getLineNumberInfo(N2S, nullptr, &count, 999)) << "outside every range";
+    EXPECT_EQ(meNotFound, JitMethod().getLineNumberInfo(N2S, nullptr, &count, 0)) << "no tables at all";
+}
+
+TEST(JitMethodLineInfoTest, AQueryByRvaCopiesThatRangesTablesIntoTheFirstHolder) {
+    const JitMethod::Ptr m = threeRangeMethod();
+    EXPECT_EQ(10u, query(*m, N2S, 0).front().value);
+    EXPECT_EQ(30u, query(*m, N2S, 1250).front().value);
+    // Kept on purpose: the first code range now reports the third range's tables.
+    EXPECT_EQ(30u, query(*m, N2S, 0).front().value);
+    EXPECT_EQ(30u, query(*m, N2S, 1010).front().value);
+}
+
+TEST(JitMethodLineInfoTest, AddingATableTwiceKeepsTheFirst) {
+    const JitMethod::Ptr m = threeRangeMethod();
+    LogCapture log;
+    EXPECT_FALSE(m->addLineNumberInfo(N2S, {{0, 1, 99}}, Range(1000, 100)));
+    EXPECT_EQ(10u, query(*m, N2S, 1000).front().value);
+    ASSERT_EQ(1u, log.errors().size());
+    EXPECT_EQ(0u, log.errors().front().find("Couldn't overwrite existing line number info for this code region of "
+                                            "already registered method (method id = 5, name = , load time = 0)"))
+        << log.errors().front();
+    // Another table of the same range is accepted into the existing holder.
+    EXPECT_TRUE(m->addLineNumberInfo(N2M, {{0, 100, 4}}, Range(1010, 1)));
+    EXPECT_EQ(4u, query(*m, N2M, 1000).front().value);
+}
+
+TEST(JitMethodLineInfoTest, WholeMapsAddInKeyOrderAndStopAtTheFirstRefusal) {
+    JitMethod::LineInfoMap map;
+    map[Range(0, 10)].tables[N2S] = {{0, 10, 1}};
+    map[Range(10, 10)].tables[N2M] = {{0, 10, 2}};
+    JitMethod m;
+    EXPECT_TRUE(m.addLineNumberInfo(map));
+    EXPECT_EQ(2u, m.getLineNumberInfo().size());
+    EXPECT_FALSE(m.addLineNumberInfo(map)) << "the same tables again";
+    EXPECT_TRUE(m.addLineNumberInfo(JitMethod::LineInfoMap()));
+}
+
+struct LocationCase {
+    const char* name;
+    Table n2m, m2s, n2s;
+    u64 rva;
+    unsigned line; // 0: no location
+};
+
+class JitMethodSourceLocationTest : public ::testing::TestWithParam<LocationCase> {};
+
+TEST_P(JitMethodSourceLocationTest, ResolvesThroughTheTables) {
+    const LocationCase& c = GetParam();
+    JitMethod m;
+    m.info()->setSourceFile(SourceFile("Hot.java", "", 0, 5));
+    const Range key(2000, 64);
+    for (auto t : {std::make_pair(N2M, c.n2m), std::make_pair(M2S, c.m2s), std::make_pair(N2S, c.n2s)}) {
+        if (!t.second.empty()) {
+            ASSERT_TRUE(m.addLineNumberInfo(t.first, t.second, key));
+        }
+    }
+    ISourceLocation::Ptr location = m.getSourceLocation(c.rva);
+    if (!c.line) {
+        EXPECT_FALSE(location);
+        return;
+    }
+    ASSERT_TRUE(location);
+    EXPECT_EQ(c.line, location->getLine());
+    EXPECT_STREQ("Hot.java", location->getSourceFile()->getSourceFileName());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, JitMethodSourceLocationTest,
+    ::testing::Values(
+        LocationCase{"NativeToSource", {}, {}, {{0, 16, 3}, {16, 64, 4}}, 2020, 4},
+        LocationCase{"NativeToSourceExactStart", {}, {}, {{16, 16, 8}}, 2016, 8},
+        LocationCase{"ThroughIntermediateOffsets", {{0, 32, 7}, {32, 64, 9}}, {{0, 8, 40}, {8, 16, 41}}, {}, 2033, 41},
+        LocationCase{"ManagedExactStart", {{0, 64, 12}}, {{12, 12, 50}}, {}, 2001, 50},
+        LocationCase{"UnknownIntermediateOffset", {{0, 64, 0xFFFFFFFF}}, {{0, 100, 1}}, {}, 2010, 0},
+        LocationCase{"NoNativeEntry", {{0, 8, 1}}, {{0, 100, 1}}, {}, 2010, 0},
+        LocationCase{"NoManagedEntry", {{0, 64, 200}}, {{0, 100, 1}}, {}, 2010, 0},
+        LocationCase{"OutsideTheRange", {}, {}, {{0, 64, 3}}, 2064, 0},
+        LocationCase{"EmptyTables", {}, {}, {}, 2010, 0}),
+    [](const ::testing::TestParamInfo<LocationCase>& info) { return info.param.name; });
+
+TEST(JitMethodSourceRangeTest, FoldsLinesOfNativeToSourceTables) {
+    const JitMethod::Ptr m = threeRangeMethod();
+    quarvel_line_number_entry first{}, last{};
+    ASSERT_EQ(meSuccess, m->getSourceRange(&first, &last, 0));
+    // Entry 0 of later tables is not folded in once min and max are set: 20 and 30 never count.
+    EXPECT_EQ(10u, first.value);
+    EXPECT_EQ(31u, last.value);
+    EXPECT_EQ(meNotFound, m->getSourceRange(nullptr, &last, 0));
+
+    JitMethod zeros;
+    zeros.addLineNumberInfo(N2S, {{0, 1, 0}, {1, 2, 0}}, Range(0, 2));
+    EXPECT_EQ(meNotFound, zeros.getSourceRange(&first, &last, 0));
+}
+
+TEST(JitMethodTest, AddressAndPidByJitRva) {
+    const JitMethod::Ptr m = threeRangeMethod();
+    u64 va = 0;
+    EXPECT_EQ(meSuccess, m->getVirtualAddress(1105, &va));
+    EXPECT_EQ(0x6005u, va);
+    unsigned pid = 0;
+    EXPECT_EQ(meSuccess, m->getPid(1299, pid));
+    EXPECT_EQ(7u, pid);
+    EXPECT_EQ(meNotFound, m->getPid(1300, pid)) << "just past the last region";
+    EXPECT_EQ(meNotFound, JitMethod().getVirtualAddress(1, &va));
+    EXPECT_EQ(3u, m->getRegions().remaining());
+}
+
+TEST(JitMethodTest, ClonesShareInfoAndRegionsButNotLineMapsOrRuntimeInfo) {
+    const JitMethod::Ptr m = threeRangeMethod();
+    m->runtimeInfo().version = "17";
+    m->setInlineAttached(true);
+    const JitMethod::Ptr c = m->clone();
+    EXPECT_EQ(m->info().get(), c->info().get());
+    EXPECT_EQ(m->regions()[1].get(), c->regions()[1].get());
+    EXPECT_TRUE(c->isInlineAttached());
+    EXPECT_TRUE(c->runtimeInfo().version.empty());
+    c->normalizeLineNumberInfoJitRvaRanges(1);
+    EXPECT_EQ(1000u, m->getLineNumberInfo().begin()->first.start);
+    EXPECT_EQ(1001u, c->getLineNumberInfo().begin()->first.start);
+}
+
+TEST(JitMethodTest, NormalisationShiftsOffsetKeysToJitRvas) {
+    JitMethod m;
+    m.addLineNumberInfo(N2S, {{0, 4, 1}}, Range(0, 16));
+    m.normalizeLineNumberInfoJitRvaRanges(7000);
+    ASSERT_EQ(1u, m.getLineNumberInfo().size());
+    EXPECT_EQ(Range(7000, 16), m.getLineNumberInfo().begin()->first);
+}
+
+TEST(JitMethodTest, ValidationChecksTheFirstRegionsLines) {
+    JitMethod m;
+    m.addCodeRegion(Region::Ptr(new Region(1, 1, 100, 1, 0, 0x100, 16, nullptr)));
+    EXPECT_TRUE(m.validateSymbolicInfo());
+    m.addLineNumberInfo(N2S, {{0, 16, 1}, {16, 17, 2}}, Range(100, 16));
+    LogCapture log;
+    EXPECT_FALSE(m.validateSymbolicInfo());
+    ASSERT_EQ(1u, log.errors().size());
+    EXPECT_EQ(0u, log.errors().front().find("Detected line number (start offset = 16, end offset = 17, src line = 2) "
+                                            "that does not match to code range (ip range = 256-272)"));
+}
+
+TEST(JitMethodTest, ComparingSourceFilesOnlyLogs) {
+    JitMethod registered;
+    registered.setRawMethodId(1);
+    JitMethod::Ptr supplied(new JitMethod());
+    supplied->setRawMethodId(1);
+    LogCapture log;
+    registered.compareSymbolicInfoTo(supplied);
+    EXPECT_TRUE(log.contains("Registred method has a null source file (method id = 1, name = , load time = 0). "
+                             "Mapping to source file is not available."));
+    registered.info()->setSourceFile(SourceFile("A.java", "", 0, 0));
+    log.clear();
+    registered.compareSymbolicInfoTo(supplied);
+    EXPECT_TRUE(log.contains("Supplied a null source file for (method id = 1"));
+    supplied->info()->setSourceFile(SourceFile("B.java", "", 0, 0));
+    log.clear();
+    registered.compareSymbolicInfoTo(supplied);
+    EXPECT_TRUE(log.contains("is differ from source file of the first code region (src name = A.java). "
+                             "Map to source file will be incorrect."));
+    log.clear();
+    registered.compareSymbolicInfoTo(JitMethod::Ptr());
+    EXPECT_EQ((std::vector<std::string>{"jitMethod"}), log.assertions());
+}
+
+} // namespace

@@ -1,0 +1,185 @@
+// Ranges as map keys, method ids, names, modules, source files and locations.
+
+#include "base_method_info.h"
+#include "jit_method.h"
+#include "md5_hash_generator.h"
+#include "module.h"
+#include "source_location.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+using namespace quarvel_3_13;
+
+namespace {
+
+TEST(RangeTest, OverlappingRangesAreEquivalent) {
+    const Range::Comparator less;
+    EXPECT_FALSE(less(Range(0x1000, 0x10), Range(0x100F, 1)));
+    EXPECT_FALSE(less(Range(0x100F, 1), Range(0x1000, 0x10)));
+    EXPECT_TRUE(less(Range(0x1000, 0x10), Range(0x1010, 1)));
+    // A zero-length range at p sorts before ranges from p on and after ranges ending at p.
+    EXPECT_TRUE(less(Range(0x2000, 0), Range(0x2000, 4)));
+    EXPECT_TRUE(less(Range(0x1FF0, 0x10), Range(0x2000, 0)));
+    EXPECT_FALSE(less(Range(0x2000, 4), Range(0x2000, 0)));
+}
+
+TEST(RangeTest, AMapKeyedByRangesHoldsDisjointRangesAndFindsByProbe) {
+    std::map<Range, int, Range::Comparator> map;
+    EXPECT_TRUE(map.emplace(Range(100, 50), 1).second);
+    EXPECT_TRUE(map.emplace(Range(150, 10), 2).second);
+    EXPECT_FALSE(map.emplace(Range(140, 20), 3).second) << "overlaps both stored ranges";
+    EXPECT_FALSE(map.emplace(Range(149, 1), 4).second);
+    struct Probe {
+        u64 address;
+        int expected; // 0: not found
+    };
+    for (const Probe& p : {Probe{99, 0}, Probe{100, 1}, Probe{149, 1}, Probe{150, 2}, Probe{159, 2}, Probe{160, 0}}) {
+        auto it = map.find(Range(p.address, 1));
+        EXPECT_EQ(p.expected, it == map.end() ? 0 : it->second) << p.address;
+    }
+    auto run = map.equal_range(Range(120, 35));
+    EXPECT_EQ(2, std::distance(run.first, run.second));
+}
+
+TEST(BaseMethodIdTest, EmptinessAndOrder) {
+    EXPECT_TRUE(BaseMethodId().isEmpty());
+    EXPECT_FALSE(BaseMethodId(0, 1).isEmpty());
+    const BaseMethodId::Comparator less;
+    EXPECT_TRUE(less(BaseMethodId(1, 9), BaseMethodId(2, 0)));
+    EXPECT_TRUE(less(BaseMethodId(2, 0), BaseMethodId(2, 1)));
+    EXPECT_FALSE(less(BaseMethodId(2, 1), BaseMethodId(2, 1)));
+    EXPECT_TRUE(less(BaseMethodId(1, 0), BaseMethodId(0xFFFFFFFFFFFFFFFFull, 0))); // unsigned
+}
+
+TEST(ModuleTest, EmptyPathIsDynamicCode) {
+    const Module dynamic("", meNotFound, quarvel_arch_vx64);
+    EXPECT_STREQ("[Dynamic code]", dynamic.getFilePath());
+    EXPECT_EQ(meNotFound, dynamic.isBogus());
+    EXPECT_EQ(quarvel_arch_vx64, dynamic.getArchitecture());
+    EXPECT_STREQ("/opt/app.so", Module("/opt/app.so", meSuccess, quarvel_arch_vx32).getFilePath());
+}
+
+TEST(SourceFileTest, TimesAndSizesAreNotTracked) {
+    const SourceFile file("Hot.java", "abc", 2, 5);
+    EXPECT_STREQ("Hot.java", file.getSourceFileName());
+    EXPECT_STREQ("abc", file.getChecksum());
+    EXPECT_EQ(2u, file.getChecksumType());
+    EXPECT_EQ(5u, file.getLanguageType());
+    EXPECT_EQ(0u, file.getTime());
+    EXPECT_EQ(0u, file.getSize());
+
+    const SourceLocation location(17, file);
+    EXPECT_EQ(17u, location.getLine());
+    ISourceFile::Ptr copy = location.getSourceFile();
+    ASSERT_TRUE(copy);
+    EXPECT_STREQ("Hot.java", copy->getSourceFileName());
+    EXPECT_NE(copy.get(), location.getSourceFile().get()) << "a fresh object per call";
+}
+
+TEST(BaseMethodInfoTest, SourceFileIsNullWithoutANameAndFreshOtherwise) {
+    BaseMethodInfo info;
+    EXPECT_FALSE(info.getSourceFile());
+    info.setSourceFile(SourceFile("A.java", "", 0, 5));
+    ISourceFile::Ptr a = info.getSourceFile();
+    ASSERT_TRUE(a);
+    EXPECT_NE(a.get(), info.getSourceFile().get());
+}
+
+struct ClassNameCase {
+    const char* input;
+    const char* expected;
+};
+
+TEST(BaseMethodInfoTest, ClassNamesAreJoinedWithDoubleColons) {
+    const ClassNameCase cases[] = {
+        {"java.lang.String", "java::lang::String"}, {"a..b", "a::b"}, {".a.", "a"}, {"Plain", "Plain"},
+        {"", "Plain"},     // empty keeps the old name
+        {"...", "Plain"},  // dots only keep it too
+    };
+    BaseMethodInfo info;
+    for (const ClassNameCase& c : cases) {
+        if (std::string(c.input) == "")
+            info.setClassName("Plain");
+        info.setClassName(c.input);
+        EXPECT_EQ(c.expected, info.className()) << c.input;
+    }
+}
+
+struct MethodNameCase {
+    const char* className;
+    const char* input;
+    const char* name;
+    const char* qualified;
+};
+
+TEST(BaseMethodInfoTest, MethodNamesAreDemangledOrQualified) {
+    const MethodNameCase cases[] = {
+        {"pkg.Foo", "run(java.lang.String)", "pkg::Foo::run", "pkg::Foo::run(java::lang::String)"},
+        {"pkg.Foo", "run", "pkg::Foo::run", "pkg::Foo::run"},
+        {"", "main", "main", "main"},
+        {"", "a.b.c", "a::b::c", "a::b::c"},
+        // Itanium names are demangled; the class name plays no part then.
+        {"Ignored", "_ZN2ns3Foo3barEic", "ns::Foo::bar", "ns::Foo::bar(int, char)"},
+        {"", "_ZNK2ns3Foo3getEv", "ns::Foo::get", "ns::Foo::get() const"},
+        // Not a valid mangling: taken as a plain name.
+        {"", "_Zgarbage", "_Zgarbage", "_Zgarbage"},
+    };
+    for (const MethodNameCase& c : cases) {
+        BaseMethodInfo info;
+        info.setClassName(c.className);
+        info.setMethodName(c.input);
+        EXPECT_EQ(c.name, info.methodName()) << c.input;
+        EXPECT_EQ(c.qualified, info.qualifiedMethodName()) << c.input;
+    }
+    BaseMethodInfo info;
+    info.setMethodName("kept");
+    info.setMethodName("");
+    EXPECT_EQ("kept", info.methodName());
+}
+
+JitMethod::Ptr methodWith(u32 host, u32 pid, quarvel_arch arch, const char* module = "m.dll") {
+    JitMethod::Ptr method(new JitMethod());
+    method->info()->setModule(IModule::Ptr(new Module(module, meSuccess, arch)));
+    method->addCodeRegion(Region::Ptr(new Region(host, pid, 1, 1, 0, 0x1000, 16, nullptr)));
+    return method;
+}
+
+TEST(Md5HashGeneratorTest, IdentityTextsAndDigests) {
+    EXPECT_EQ("7.1.42422", Md5HashGenerator::identityText(7, methodWith(1, 4242, quarvel_arch_vx64)));
+    // MD5("7.1.42422") = e9f83e23a24931fe 9c3aa679e1b49e74, read as two little-endian halves.
+    const BaseMethodId id = Md5HashGenerator::getHashValue(7, methodWith(1, 4242, quarvel_arch_vx64));
+    EXPECT_EQ(BaseMethodId(0xfe3149a2233ef8e9ull, 0x749eb4e179a63a9cull), id);
+    // RFC 1321 test vector "abc" = 900150983cd24fb0 d6963f7d28e17f72.
+    EXPECT_EQ(BaseMethodId(0xb04fd23c98500190ull, 0x727fe1287d3f96d6ull), Md5HashGenerator::hashText("abc"));
+}
+
+TEST(Md5HashGeneratorTest, RawIdsAreScopedByHostProcessAndArchitecture) {
+    const BaseMethodId base = Md5HashGenerator::getHashValue(7, methodWith(1, 4242, quarvel_arch_vx64));
+    EXPECT_EQ(base, Md5HashGenerator::getHashValue(7, methodWith(1, 4242, quarvel_arch_vx64)));
+    EXPECT_NE(base, Md5HashGenerator::getHashValue(7, methodWith(2, 4242, quarvel_arch_vx64)));
+    EXPECT_NE(base, Md5HashGenerator::getHashValue(7, methodWith(1, 4243, quarvel_arch_vx64)));
+    EXPECT_NE(base, Md5HashGenerator::getHashValue(7, methodWith(1, 4242, quarvel_arch_vx32)));
+}
+
+TEST(Md5HashGeneratorTest, WithoutARawIdTheNamesMakeTheIdentity) {
+    JitMethod::Ptr a = methodWith(1, 1, quarvel_arch_vx64, "/lib/a.so");
+    a->info()->setMethodToken(0x06000001);
+    a->info()->setClassName("N.C");
+    a->info()->setMethodName("f");
+    EXPECT_EQ("100663297N::C::fN::C/lib/a.so2", Md5HashGenerator::identityText(0, a));
+    JitMethod::Ptr b = methodWith(9, 9, quarvel_arch_vx64, "/lib/a.so");
+    b->info()->setMethodToken(0x06000001);
+    b->info()->setClassName("N.C");
+    b->info()->setMethodName("f");
+    EXPECT_EQ(Md5HashGenerator::getHashValue(0, a), Md5HashGenerator::getHashValue(0, b));
+}
+
+TEST(Md5HashGeneratorTest, AMethodWithoutRegionsUsesZeroHostAndProcess) {
+    JitMethod::Ptr method(new JitMethod());
+    method->info()->setModule(IModule::Ptr(new Module("m", meSuccess, quarvel_arch_varda64)));
+    EXPECT_EQ("3.0.01", Md5HashGenerator::identityText(3, method));
+}
+
+} // namespace

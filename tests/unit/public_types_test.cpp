@@ -1,0 +1,123 @@
+// Reference counting, byte buffers, converters, exceptions and sequences.
+
+#include "byte_buffer_impl.h"
+
+#include <quarvel/jitreader.h>
+
+#include <gtest/gtest.h>
+
+#include <list>
+#include <string>
+#include <vector>
+
+using namespace quarvel_3_13;
+
+namespace {
+
+struct Counted : BaseObject {
+    explicit Counted(int* destroyed) : destroyed(destroyed) {}
+    ~Counted() override { ++*destroyed; }
+    int* destroyed;
+};
+
+TEST(BaseObjectTest, ReleaseDestroysOnlyAtTheLastReference) {
+    int destroyed = 0;
+    Counted* object = new Counted(&destroyed);
+    EXPECT_EQ(1u, object->addRef());
+    EXPECT_EQ(2u, object->addRef());
+    EXPECT_EQ(1u, object->release());
+    EXPECT_EQ(0, destroyed);
+    EXPECT_EQ(0u, object->release());
+    EXPECT_EQ(1, destroyed);
+}
+
+TEST(BaseObjectTest, IntrusivePointerBringsAFactoryObjectToOne) {
+    int destroyed = 0;
+    {
+        boost::intrusive_ptr<Counted> held(new Counted(&destroyed));
+        boost::intrusive_ptr<BaseObject> shared = held;
+        EXPECT_EQ(3u, held->addRef());
+        EXPECT_EQ(2u, held->release());
+    }
+    EXPECT_EQ(1, destroyed);
+}
+
+TEST(ByteBufferTest, NewBufferIsEmptyAlthoughStorageIsReserved) {
+    ByteBuffer buffer;
+    EXPECT_EQ(0u, buffer.size());
+    EXPECT_EQ(nullptr, buffer.data());
+    EXPECT_EQ(512u, buffer.capacityBytes());
+}
+
+TEST(ByteBufferTest, AssignEmptiesOnNullOrZeroAndNeverShrinks) {
+    IByteBuffer::Ptr buffer = IByteBuffer::create();
+    const std::vector<unsigned char> big(600, 0xAB);
+    buffer->assign(big.data(), 600);
+    EXPECT_EQ(600u, buffer->size());
+    ASSERT_NE(nullptr, buffer->data());
+    EXPECT_EQ(0xAB, buffer->data()[599]);
+
+    const unsigned char small[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
+    buffer->assign(small, 10);
+    EXPECT_EQ(10u, buffer->size());
+    EXPECT_EQ(10, buffer->data()[9]);
+    EXPECT_GE(static_cast<ByteBuffer&>(*buffer).capacityBytes(), 600u);
+
+    buffer->assign(small, 0);
+    EXPECT_EQ(0u, buffer->size());
+    EXPECT_EQ(nullptr, buffer->data());
+    buffer->assign(small, 3);
+    buffer->assign(nullptr, 5);
+    EXPECT_EQ(0u, buffer->size());
+    EXPECT_EQ(nullptr, buffer->data());
+}
+
+TEST(ConvertersTest, CopyAtMostTheDestinationLength) {
+    const char source[] = "abcdef";
+    char destination[8] = {};
+    size_t length = 3;
+    EXPECT_EQ(destination, Utf8ToWchar::convert(source, 6, destination, length));
+    EXPECT_EQ(3u, length);
+    EXPECT_EQ(std::string("abc"), std::string(destination, 3));
+    EXPECT_EQ('\0', destination[3]); // no terminator added, nothing past the copy
+
+    length = sizeof destination;
+    WcharToUtf8::convert(source, 6, destination, length);
+    EXPECT_EQ(6u, length);
+    EXPECT_EQ(std::string("abcdef"), std::string(destination, 6));
+}
+
+TEST(ExceptionTest, WhatIsAlwaysNullAndDetailIsKept) {
+    const Exception e(meBadRecord, "record at 40 is short");
+    EXPECT_EQ(nullptr, e.what());
+    EXPECT_EQ(meBadRecord, e.getCode());
+    EXPECT_EQ("record at 40 is short", e.getDetail());
+}
+
+TEST(GenericIteratorTest, WalksAnyContainerWithoutCopyingIt) {
+    std::list<int> values = {1, 2, 3};
+    generic_iterator_t<int> it = makeIterator<int>(values);
+    values.back() = 30; // the sequence refers to the container
+    std::vector<int> seen;
+    for (; !it.atEnd(); it.advance())
+        seen.push_back(it.current());
+    EXPECT_EQ((std::vector<int>{1, 2, 30}), seen);
+    it.advance(); // past the end is harmless
+    EXPECT_TRUE(it.atEnd());
+}
+
+TEST(GenericIteratorTest, CopiesAdvanceIndependentlyAndOwningSequencesKeepTheirData) {
+    generic_iterator_t<std::string> it = makeOwningIterator<std::string>({"a", "b"});
+    generic_iterator_t<std::string> copy = it;
+    copy.advance();
+    EXPECT_EQ("a", it.current());
+    EXPECT_EQ("b", copy.current());
+    EXPECT_EQ(2u, it.remaining());
+    EXPECT_TRUE(generic_iterator_t<int>().atEnd());
+
+    const char* paths[] = {"x", "y"};
+    generic_iterator_t<const char*> fromArray(std::begin(paths), std::end(paths));
+    EXPECT_EQ(2u, fromArray.remaining());
+}
+
+} // namespace
