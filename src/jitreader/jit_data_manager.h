@@ -14,6 +14,7 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 
+#include <atomic>
 #include <map>
 #include <string>
 #include <utility>
@@ -106,6 +107,13 @@ private:
                                     const JitMethod::Ptr& parentMethod);
     quarvel_error_t addCachedInlineMethods(const JitMethod::Ptr& parentMethod);
 
+    // Registration of one region of a method-load record.
+    quarvel_error_t placeRegion(const Region::Ptr& region, const JitMethod::Ptr& method);
+    // Gives every level of a region's inline tree its jit rvas.
+    quarvel_error_t normalizeInlineTree(const Region::Ptr& root) const;
+    // The jit id converter, built once on first use.
+    void buildJitIdConverter(u32 methodId, u32& indexOffset) const;
+
     typedef std::map<Range, RegionInfo, Range::Comparator> JitRvaDomain;
     typedef std::map<u32, std::map<u32, SingleRegionDomain>> RegionDomains;
 
@@ -116,6 +124,7 @@ private:
     RegionDomains m_regionDomains;
     JitMethodStorage m_allMethods;
     mutable JitIdConverter m_jitIdConverter;
+    mutable std::atomic<bool> m_jitIdConverterBuilt{false}; // set under m_mutex once the converter is complete
     mutable boost::mutex m_mutex;
     std::map<std::pair<std::string, u32>, ISymbol::Ptr> m_symbolTable;
     u32 m_collectorType = 0;

@@ -3,6 +3,7 @@
 
 #include <quarvel/types.h>
 
+#include <cstddef>
 #include <vector>
 
 namespace quarvel_3_13 {
@@ -15,7 +16,7 @@ public:
     void initialize(const std::vector<u64>& startJitRvas, const std::vector<u64>& lengths,
                     const std::vector<u64>& startAddresses);
     bool empty() const { return m_startJitRvas.empty(); }
-    size_t size() const { return m_startJitRvas.size(); }
+    std::size_t size() const { return m_startJitRvas.size(); }
 
     quarvel_error_t convert(u32 indexOffset, u64 address, u64 baseJitRva, u64 jitRvaLimit, u64& jitRva) const;
     quarvel_error_t findJitRva(u64 jitRva, u32& index) const;

@@ -1,0 +1,98 @@
+#ifndef QUARVEL_TESTS_JIT_DATA_MANAGER_TEST_HELPERS_H
+#define QUARVEL_TESTS_JIT_DATA_MANAGER_TEST_HELPERS_H
+
+// Methods and regions built directly in code, as the record decoders would
+// hand them to the data manager.
+
+#include "jit_data_manager.h"
+#include "md5_hash_generator.h"
+#include "module.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace dmtest {
+
+using namespace quarvel_3_13;
+
+const u32 kPid = 100;
+const u32 kHost = 1;
+const char* const kModulePath = "/app/code.jit";
+
+struct RegionSpec {
+    u64 address;
+    u32 length;
+    u64 jitRva;
+};
+
+inline Region::Ptr makeRegion(const RegionSpec& spec, u64 loadTime, u32 pid = kPid, u32 host = kHost,
+                              unsigned char fill = 0xCC) {
+    IByteBuffer::Ptr bytes = IByteBuffer::create();
+    const std::vector<unsigned char> data(spec.length, fill);
+    bytes->assign(data.data(), static_cast<unsigned>(data.size()));
+    return Region::Ptr(new Region(host, pid, spec.jitRva, loadTime, 0, spec.address, spec.length, bytes));
+}
+
+// A method with its regions, module and ids (the id from the raw id, or from
+// the names when the raw id is 0).
+inline JitMethod::Ptr makeMethod(u32 rawId, u64 loadTime, const std::vector<RegionSpec>& regions,
+                                 const std::string& name = std::string(), u32 pid = kPid, u32 host = kHost) {
+    JitMethod::Ptr method(new JitMethod());
+    method->setRawMethodId(rawId);
+    method->setLoadTime(loadTime);
+    method->info()->setModule(IModule::Ptr(new Module(kModulePath, meSuccess, quarvel_arch_vx64)));
+    method->info()->setMethodName(name.empty() ? "m" + std::to_string(rawId) : name);
+    for (const RegionSpec& spec : regions)
+        method->addCodeRegion(makeRegion(spec, loadTime, pid, host));
+    if (!regions.empty())
+        method->setStartJitRva(regions.front().jitRva);
+    method->info()->setMethodId(Md5HashGenerator::getHashValue(rawId, method));
+    return method;
+}
+
+// An inline: one region without a jit rva, and its parent's id.
+inline JitMethod::Ptr makeInlineMethod(u32 rawId, u32 rawParentId, u64 loadTime, u64 address, u32 length,
+                                       const std::string& name = std::string()) {
+    JitMethod::Ptr method = makeMethod(rawId, loadTime, {{address, length, 0}}, name);
+    method->setRawParentId(rawParentId);
+    if (rawParentId)
+        method->info()->setParentId(Md5HashGenerator::getHashValue(rawParentId, method));
+    return method;
+}
+
+// Line tables as a decoder keys them: offsets from the method's first byte.
+inline void addNativeToSource(const JitMethod::Ptr& method, u32 totalLength,
+                              const std::vector<quarvel_line_number_entry>& entries) {
+    ASSERT_TRUE(method->addLineNumberInfo(quarvel_line_info_native_to_source, entries, Range(0, totalLength)));
+}
+
+inline unsigned lineAt(const JitMethod::Ptr& method, u64 jitRva) {
+    const ISourceLocation::Ptr location = method->getSourceLocation(jitRva);
+    return location ? location->getLine() : 0;
+}
+
+// The domain's ranges are non-empty and never overlap.
+inline ::testing::AssertionResult domainIsDisjoint(const SingleRegionDomain* domain) {
+    if (!domain)
+        return ::testing::AssertionSuccess();
+    u64 previousEnd = 0;
+    bool first = true;
+    for (const auto& entry : *domain) {
+        if (entry.first.length == 0)
+            return ::testing::AssertionFailure() << "empty range at " << entry.first.start;
+        if (!first && entry.first.start < previousEnd)
+            return ::testing::AssertionFailure() << "range " << entry.first.start << "-" << entry.first.end()
+                                                 << " overlaps the previous one ending at " << previousEnd;
+        if (!entry.second || entry.second->timeDomain.empty())
+            return ::testing::AssertionFailure() << "range " << entry.first.start << " has no history";
+        previousEnd = entry.first.end();
+        first = false;
+    }
+    return ::testing::AssertionSuccess();
+}
+
+} // namespace dmtest
+
+#endif
