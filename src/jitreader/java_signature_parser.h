@@ -1,0 +1,35 @@
+#ifndef QUARVEL_SRC_JAVA_SIGNATURE_PARSER_H
+#define QUARVEL_SRC_JAVA_SIGNATURE_PARSER_H
+
+#include <cstdint>
+#include <string>
+
+namespace quarvel_3_13 {
+
+// Turns the virtual machine's internal names into readable Java:
+// "Ljava/lang/String;" -> "java.lang.String",
+// "run(Ljava/lang/String;I)V" -> "run(java.lang.String, int)".
+// Stateless; malformed input gives a partial or unchanged string, never an error.
+class JavaSignatureParser {
+public:
+    JavaSignatureParser() = delete;
+
+    // Readable class name; names with a "." (already readable) pass unchanged.
+    static std::string parseClassName(const std::string& name);
+    // Readable method name with its parameter list; the return type is dropped.
+    static std::string parseMethodName(const std::string& name);
+    // True when the name is already in readable form.
+    static bool isParsedName(const std::string& name);
+
+    // Appends the readable form of the one type that starts at pos and leaves
+    // pos on the type's last character. A truncated type appends what was read.
+    static void unmangle(const std::string& signature, uint32_t& pos, std::string& out);
+    // Appends the class name that starts at pos (after its L or T) up to its
+    // closing ";" and leaves pos on that ";". Throws std::out_of_range when the
+    // name runs past the end of the signature (unmangle catches it).
+    static void unmangleName(const std::string& signature, uint32_t& pos, std::string& out);
+};
+
+} // namespace quarvel_3_13
+
+#endif
