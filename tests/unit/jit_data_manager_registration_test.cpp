@@ -111,10 +111,11 @@ TEST(JitDataManagerRegistration, Scenarios) {
                 EXPECT_EQ(sample.expectedJitRva, jitRva);
             }
         }
-        if (scenario.expectedError)
+        if (scenario.expectedError) {
             EXPECT_TRUE(capture.contains(scenario.expectedError, log4cplus::ERROR_LOG_LEVEL)) << capture.dump();
-        else
+        } else {
             EXPECT_TRUE(capture.errors().empty()) << capture.dump();
+        }
     }
 }
 
