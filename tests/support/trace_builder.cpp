@@ -66,6 +66,7 @@ TempDir::~TempDir() {
 TraceMethodLoad makeLoad(uint32_t methodId, uint64_t loadTime, uint64_t address, uint32_t size,
                          const std::string& name, const std::string& className) {
     TraceMethodLoad load;
+    load.hashKey = methodId;
     load.methodId = methodId;
     load.loadTime = loadTime;
     load.regions.push_back(TraceCodeRegion{address, size, std::vector<uint8_t>(size, 0xCC)});
