@@ -1,0 +1,88 @@
+#ifndef QUARVEL_DIAGNOSTICS_H
+#define QUARVEL_DIAGNOSTICS_H
+
+// Diagnostics beyond the symbol interfaces, for tools such as quarvel-jit:
+// what a reading pass did, which files a resolver holds, the full text dump of
+// a method, and the inline tree of a region. Free functions, so that the
+// interfaces themselves keep their slots.
+
+#include <quarvel/export.h>
+#include <quarvel/facades.h>
+#include <quarvel/symbol.h>
+#include <quarvel/types.h>
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace quarvel_3_13 {
+
+// What the reading pass of a symbol resolver did.
+struct TraceStatistics {
+    uint64_t files = 0;        // files the pass went through
+    uint64_t failedFiles = 0;  // files that could not be opened or ended in a damaged record
+    uint64_t bytes = 0;        // bytes consumed
+    uint64_t records[16] = {}; // records read, by record type 0..15
+    uint64_t magicRecords = 0;
+
+    // Records that did not make it into the model, by reason.
+    uint64_t refusedBodies = 0;        // a body decoder refused the record
+    uint64_t refusedByDataManager = 0; // registration, inline attachment or update refused
+    uint64_t architectureFiltered = 0; // a load of the other variant ended a file
+    uint64_t ignoredUpdates = 0;       // method updates read but not applied
+    uint64_t secondTraces = 0;         // a Magic record past the start ended a file
+    uint64_t damagedRecords = 0;       // framing errors: truncated record, unknown type, size 0
+
+    // The model that came out.
+    uint64_t methods = 0;         // registered methods
+    uint64_t regions = 0;         // their code regions
+    uint64_t inlinedMethods = 0;  // methods attached into the inline trees, nested ones included
+
+    uint64_t totalRecords() const {
+        uint64_t n = magicRecords;
+        for (uint64_t r : records)
+            n += r;
+        return n;
+    }
+};
+
+// One trace file of a resolver's file set.
+struct TraceFileInfo {
+    std::string path;
+    std::string hostName;
+    unsigned hostId = 0;
+    unsigned pid = 0;
+    uint64_t jitRvaBase = 0; // the file owns [jitRvaBase, jitRvaBase + size)
+    uint64_t size = 0;
+};
+
+// A method inlined into a region, with the region it occupies.
+struct InlinedCode {
+    ICodeRegion::Ptr region;
+    ISymbol::Ptr symbol;
+};
+
+// meInvalidPointer for an empty pointer, meNotFound when the resolver was not made by this library.
+QUARVEL_API quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, TraceStatistics& out);
+
+// The resolver's files, for each host in ascending host id, each pid in
+// ascending order, in the order the files were added. Errors as above.
+QUARVEL_API quarvel_error_t listTraceFiles(const ISymbolResolver::Ptr& resolver, std::vector<TraceFileInfo>& out);
+
+// The full diagnostic dump of a method (identity, names, regions with
+// disassembly, line tables), followed by the inline tree of each region.
+// meInvalidPointer for an empty pointer, meNotFound for a symbol not made by this library.
+QUARVEL_API quarvel_error_t dumpSymbol(const ISymbol::Ptr& symbol, std::ostream& os);
+
+// The methods inlined directly into region, in attachment order; empty for an
+// empty pointer or a region not made by this library. Nested inlines are the
+// inlined regions of each child.
+QUARVEL_API std::vector<InlinedCode> inlinedRegions(const ICodeRegion::Ptr& region);
+
+// The raw id of the method a symbol was inlined into (0 for a top-level method).
+QUARVEL_API unsigned rawParentId(const ISymbol::Ptr& symbol);
+
+} // namespace quarvel_3_13
+
+#endif

@@ -1,0 +1,247 @@
+// quarvel-jit: look into JIT trace files and resolve profiler samples against
+// them. Options -> trace_view (the library) -> printer.
+
+#include "printer.h"
+#include "samples.h"
+#include "trace_view.h"
+
+#include <CLI/CLI.hpp>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace quarvel_jit;
+
+constexpr int kExitOk = 0;
+constexpr int kExitUsage = 1;
+constexpr int kExitInput = 2;
+
+struct Options {
+    std::string format = "text";
+    std::string logLevel;
+    std::vector<std::string> paths;
+    std::string match;
+    std::string rva;
+    std::string samples;
+    std::string samplesFormat = "auto";
+    size_t top = 0;
+};
+
+const char* kExamples = R"(Examples:
+  quarvel-jit processes traces/
+  quarvel-jit symbols traces/ --match 'Foo::bar'
+  quarvel-jit dump traces/ --rva 0x1a40
+  quarvel-jit resolve traces/ --samples samples.csv --top 10
+  perf script -F pid,time,ip --ns | quarvel-jit resolve traces/ --samples - --format json
+  quarvel-jit stats traces/ --format csv
+
+Exit codes: 0 success, 1 usage error, 2 unreadable input.)";
+
+void fail(const std::string& message) { std::cerr << "quarvel-jit: " << message << '\n'; }
+
+// Every path must exist and be readable; the library then decides which files are traces.
+bool checkPaths(const std::vector<std::string>& paths) {
+    for (const std::string& p : paths) {
+        struct stat st;
+        if (::stat(p.c_str(), &st) != 0 || ::access(p.c_str(), R_OK) != 0) {
+            fail("cannot read " + p + ": " + std::strerror(errno));
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string joined(const std::vector<std::string>& paths) {
+    std::string s;
+    for (const std::string& p : paths)
+        s += (s.empty() ? "" : " ") + p;
+    return s;
+}
+
+// Progress on stderr, only for a person watching a terminal.
+class Progress {
+public:
+    Progress() : m_enabled(::isatty(STDERR_FILENO) == 1) {}
+    ~Progress() {
+        if (m_shown)
+            std::cerr << "\r\033[K" << std::flush;
+    }
+    void operator()(size_t done, size_t total) {
+        if (!m_enabled || total < 10000)
+            return;
+        const size_t pct = done * 100 / total;
+        if (m_shown && pct == m_last)
+            return;
+        m_shown = true;
+        m_last = pct;
+        const size_t filled = pct / 5;
+        std::cerr << "\rresolving [" << std::string(filled, '#') << std::string(20 - filled, ' ') << "] " << pct << "% ("
+                  << done << "/" << total << ")" << std::flush;
+    }
+
+private:
+    bool m_enabled;
+    bool m_shown = false;
+    size_t m_last = 0;
+};
+
+int runResolve(TraceView& view, const Options& o, Format format) {
+    SamplesFormat sf = SamplesFormat::Auto;
+    if (o.samplesFormat == "csv")
+        sf = SamplesFormat::Csv;
+    else if (o.samplesFormat == "perf")
+        sf = SamplesFormat::Perf;
+
+    SampleInput input;
+    const std::string name = o.samples == "-" ? std::string("<stdin>") : o.samples;
+    if (o.samples == "-") {
+        input = readSamples(std::cin, sf);
+    } else {
+        std::ifstream in(o.samples);
+        if (!in) {
+            fail("cannot read " + o.samples + ": " + std::strerror(errno));
+            return kExitInput;
+        }
+        input = readSamples(in, sf);
+    }
+    for (const std::string& e : input.errors)
+        std::cerr << name << ":" << e << '\n';
+    if (input.samples.empty())
+        std::cerr << "quarvel-jit: " << name << " holds no samples\n";
+
+    std::vector<SampleResult> results;
+    {
+        Progress progress;
+        results = view.resolve(input.samples, [&](size_t done, size_t total) { progress(done, total); });
+    }
+    for (const auto& host : view.unknownHosts())
+        std::cerr << "quarvel-jit: no traces from host " << host.first << " (" << host.second << " samples)\n";
+    std::map<unsigned, uint64_t> unknownPids;
+    for (const SampleResult& r : results)
+        if (r.status == SampleStatus::UnknownProcess && !r.host.empty() && !view.unknownHosts().count(r.host))
+            ++unknownPids[r.pid];
+    for (const auto& pid : unknownPids)
+        std::cerr << "quarvel-jit: no traces of pid " << pid.first << " (" << pid.second << " samples)\n";
+
+    if (o.top > 0) {
+        printTop(std::cout, format, TraceView::top(results, o.top));
+    } else {
+        ResolveSummary summary = TraceView::summarize(results);
+        summary.malformedLines = input.errors.size();
+        printSamples(std::cout, format, results, summary);
+    }
+    return kExitOk;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"Looks into JIT trace files and resolves profiler samples against them.", "quarvel-jit"};
+    app.footer(kExamples);
+    app.set_version_flag("--version", std::string("quarvel-jit ") + QUARVEL_JIT_VERSION);
+    app.require_subcommand(1);
+    app.fallthrough();
+
+    Options o;
+    app.add_option("--format", o.format, "Output format")
+        ->check(CLI::IsMember({"text", "csv", "json"}))
+        ->capture_default_str();
+    app.add_option("--log-level", o.logLevel, "Library log level (sets QUARVEL_LOG)")
+        ->check(CLI::IsMember({"trace", "debug", "info", "warn", "error", "off"}, CLI::ignore_case));
+
+    const auto addPaths = [&](CLI::App* cmd) {
+        cmd->add_option("paths", o.paths, "Trace files or directories holding them")->required();
+    };
+
+    CLI::App* processes = app.add_subcommand("processes", "List the processes that left traces");
+    addPaths(processes);
+    CLI::App* symbols = app.add_subcommand("symbols", "List the jitted methods, their code and inline trees");
+    addPaths(symbols);
+    symbols->add_option("--match", o.match, "Only methods whose name matches this regular expression");
+    CLI::App* dump = app.add_subcommand("dump", "Dump methods with their disassembly and line tables");
+    addPaths(dump);
+    CLI::Option* dumpMatch = dump->add_option("--match", o.match, "Only methods whose name matches this regular expression");
+    dump->add_option("--rva", o.rva, "The method that holds this jit rva (hex with 0x, or decimal)")
+        ->excludes(dumpMatch);
+    CLI::App* resolve = app.add_subcommand("resolve", "Resolve profiler samples to methods and source lines");
+    addPaths(resolve);
+    resolve->add_option("--samples", o.samples, "CSV (time,address,pid[,host]) or perf script text; - for stdin")
+        ->required();
+    resolve->add_option("--samples-format", o.samplesFormat, "Format of the samples (auto-detected by default)")
+        ->check(CLI::IsMember({"auto", "csv", "perf"}))
+        ->capture_default_str();
+    resolve->add_option("--top", o.top, "Print the N hottest methods and source lines instead of every sample");
+    CLI::App* stats = app.add_subcommand("stats", "What reading the traces found and refused");
+    addPaths(stats);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? kExitOk : kExitUsage;
+    }
+
+    // Before the first library call: the library reads it once.
+    if (!o.logLevel.empty())
+        ::setenv("QUARVEL_LOG", o.logLevel.c_str(), 1);
+
+    const Format format = o.format == "json" ? Format::Json : o.format == "csv" ? Format::Csv : Format::Text;
+    std::unique_ptr<std::regex> match;
+    if (!o.match.empty()) {
+        try {
+            match.reset(new std::regex(o.match));
+        } catch (const std::regex_error& e) {
+            fail("--match: bad regular expression '" + o.match + "': " + e.what());
+            return kExitUsage;
+        }
+    }
+    uint64_t rva = 0;
+    if (!o.rva.empty() && !parseAddress(o.rva, rva)) {
+        fail("--rva: '" + o.rva + "' is not a number (hex with 0x, or decimal)");
+        return kExitUsage;
+    }
+
+    if (!checkPaths(o.paths))
+        return kExitInput;
+    TraceView view;
+    if (!view.open(o.paths)) {
+        fail("cannot read the traces in " + joined(o.paths) + " (see the log above; --log-level info tells more)");
+        return kExitInput;
+    }
+
+    if (*processes) {
+        printProcesses(std::cout, format, view.processes());
+    } else if (*symbols) {
+        printSymbols(std::cout, format, view.symbols(match.get()));
+    } else if (*dump) {
+        std::vector<DumpEntry> entries;
+        if (!o.rva.empty()) {
+            DumpEntry e;
+            if (!view.dumpAt(rva, e)) {
+                fail("no method holds jit rva " + o.rva);
+                return kExitInput;
+            }
+            entries.push_back(std::move(e));
+        } else {
+            entries = view.dump(match.get());
+        }
+        printDump(std::cout, format, entries);
+    } else if (*resolve) {
+        return runResolve(view, o, format);
+    } else if (*stats) {
+        printStats(std::cout, format, view.stats());
+    }
+    return kExitOk;
+}

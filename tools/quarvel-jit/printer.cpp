@@ -1,0 +1,416 @@
+#include "printer.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+#include <cstdio>
+#include <iomanip>
+#include <sstream>
+#include <string>
+
+namespace quarvel_jit {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Addresses and jit rvas are 64-bit: JSON gets them as hex strings, since
+// many JSON readers keep only 53 bits of a number.
+std::string hex(uint64_t v) {
+    char buf[24];
+    std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(v));
+    return buf;
+}
+
+// Two decimals, rounded half up, from integers only.
+std::string percent(uint64_t part, uint64_t whole) {
+    if (whole == 0)
+        return "0.00";
+    const uint64_t hundredths = (part * 20000 / whole + 1) / 2;
+    std::ostringstream os;
+    os << hundredths / 100 << '.' << std::setw(2) << std::setfill('0') << hundredths % 100;
+    return os.str();
+}
+
+double percentNumber(uint64_t part, uint64_t whole) { return std::stod(percent(part, whole)); }
+
+std::string csvField(const std::string& s) {
+    if (s.find_first_of(",\"\n\r") == std::string::npos)
+        return s;
+    std::string out = "\"";
+    for (char c : s) {
+        if (c == '"')
+            out += '"';
+        out += c;
+    }
+    return out + "\"";
+}
+
+void csvRow(std::ostream& os, const std::vector<std::string>& fields) {
+    for (size_t i = 0; i < fields.size(); ++i)
+        os << (i ? "," : "") << csvField(fields[i]);
+    os << '\n';
+}
+
+std::string lineRange(const std::string& file, unsigned first, unsigned last) {
+    std::string s = file.empty() ? "?" : file;
+    if (first) {
+        s += ":" + std::to_string(first);
+        if (last && last != first)
+            s += "-" + std::to_string(last);
+    }
+    return s;
+}
+
+std::string where(const SourcePoint& p) {
+    if (p.sourceFile.empty() && !p.line)
+        return "";
+    return (p.sourceFile.empty() ? "?" : p.sourceFile) + (p.line ? ":" + std::to_string(p.line) : std::string());
+}
+
+const char* statusName(SampleStatus s) {
+    switch (s) {
+    case SampleStatus::Resolved: return "resolved";
+    case SampleStatus::NotJit: return "not_jit";
+    case SampleStatus::UnknownProcess: return "unknown_process";
+    case SampleStatus::NoHost: return "no_host";
+    }
+    return "";
+}
+
+// A table of text columns, each as wide as its widest cell; the last is not padded.
+class Table {
+public:
+    explicit Table(std::vector<std::string> head) : m_rows{std::move(head)} {}
+    void add(std::vector<std::string> row) { m_rows.push_back(std::move(row)); }
+    void print(std::ostream& os) const {
+        std::vector<size_t> width;
+        for (const auto& row : m_rows)
+            for (size_t i = 0; i < row.size(); ++i) {
+                if (width.size() <= i)
+                    width.push_back(0);
+                width[i] = std::max(width[i], row[i].size());
+            }
+        for (const auto& row : m_rows) {
+            std::string line;
+            for (size_t i = 0; i < row.size(); ++i) {
+                if (i)
+                    line += "  ";
+                line += row[i];
+                if (i + 1 < row.size())
+                    line.append(width[i] - row[i].size(), ' ');
+            }
+            while (!line.empty() && line.back() == ' ')
+                line.pop_back();
+            os << line << '\n';
+        }
+    }
+
+private:
+    std::vector<std::vector<std::string>> m_rows;
+};
+
+Json inlineJson(const std::vector<InlineNode>& nodes) {
+    Json list = Json::array();
+    for (const InlineNode& n : nodes)
+        list.push_back(Json{{"method_id", n.methodId},
+                            {"name", n.name},
+                            {"source_file", n.sourceFile},
+                            {"first_line", n.firstLine},
+                            {"last_line", n.lastLine},
+                            {"start", hex(n.start)},
+                            {"end", hex(n.start + n.length)},
+                            {"jit_rva", hex(n.jitRva)},
+                            {"inlined", inlineJson(n.inlined)}});
+    return list;
+}
+
+void inlineText(std::ostream& os, const std::vector<InlineNode>& nodes, unsigned indent) {
+    for (const InlineNode& n : nodes) {
+        os << std::string(indent, ' ') << "inlined " << n.name << "  " << hex(n.start) << "-" << hex(n.start + n.length)
+           << "  jit rva " << hex(n.jitRva) << "  method id " << n.methodId;
+        if (!n.sourceFile.empty() || n.firstLine)
+            os << "  " << lineRange(n.sourceFile, n.firstLine, n.lastLine);
+        os << '\n';
+        inlineText(os, n.inlined, indent + 2);
+    }
+}
+
+void inlineCsv(std::ostream& os, const SymbolRow& m, const RegionRow& r, const std::vector<InlineNode>& nodes,
+               unsigned depth) {
+    for (const InlineNode& n : nodes) {
+        csvRow(os, {"inline", std::to_string(depth), std::to_string(n.methodId), n.name, "", m.module, n.sourceFile,
+                    std::to_string(n.firstLine), std::to_string(n.lastLine), std::to_string(r.pid), r.host,
+                    hex(n.start), hex(n.start + n.length), hex(n.jitRva), std::to_string(r.loadTime),
+                    std::to_string(r.unloadTime)});
+        inlineCsv(os, m, r, n.inlined, depth + 1);
+    }
+}
+
+Json summaryJson(const ResolveSummary& s) {
+    return Json{{"samples", s.samples},
+                {"resolved", s.resolved},
+                {"not_jit", s.notJit},
+                {"unknown_process", s.unknownProcess},
+                {"no_host", s.noHost}};
+}
+
+Json pointJson(const SourcePoint& p) {
+    return Json{{"method", p.name}, {"source_file", p.sourceFile}, {"source_line", p.line}};
+}
+
+} // namespace
+
+void printProcesses(std::ostream& os, Format format, const std::vector<ProcessRow>& rows) {
+    if (format == Format::Json) {
+        Json list = Json::array();
+        for (const ProcessRow& r : rows)
+            list.push_back(Json{{"host", r.host},
+                                {"pid", r.pid},
+                                {"files", r.files},
+                                {"bytes", r.bytes},
+                                {"methods", r.methods},
+                                {"jit_rva_start", hex(r.jitRvaStart)},
+                                {"jit_rva_end", hex(r.jitRvaEnd)}});
+        os << Json{{"processes", list}}.dump(2) << '\n';
+        return;
+    }
+    if (format == Format::Csv) {
+        csvRow(os, {"host", "pid", "files", "bytes", "methods", "jit_rva_start", "jit_rva_end"});
+        for (const ProcessRow& r : rows)
+            csvRow(os, {r.host, std::to_string(r.pid), std::to_string(r.files), std::to_string(r.bytes),
+                        std::to_string(r.methods), hex(r.jitRvaStart), hex(r.jitRvaEnd)});
+        return;
+    }
+    Table t({"HOST", "PID", "FILES", "BYTES", "METHODS", "JIT RVA RANGE"});
+    for (const ProcessRow& r : rows)
+        t.add({r.host, std::to_string(r.pid), std::to_string(r.files), std::to_string(r.bytes),
+               std::to_string(r.methods), hex(r.jitRvaStart) + "-" + hex(r.jitRvaEnd)});
+    t.print(os);
+}
+
+void printSymbols(std::ostream& os, Format format, const std::vector<SymbolRow>& rows) {
+    if (format == Format::Json) {
+        Json list = Json::array();
+        for (const SymbolRow& m : rows) {
+            Json regions = Json::array();
+            for (const RegionRow& r : m.regions)
+                regions.push_back(Json{{"start", hex(r.start)},
+                                       {"end", hex(r.start + r.length)},
+                                       {"jit_rva", hex(r.jitRva)},
+                                       {"pid", r.pid},
+                                       {"host", r.host},
+                                       {"load_time", r.loadTime},
+                                       {"unload_time", r.unloadTime},
+                                       {"inlined", inlineJson(r.inlined)}});
+            list.push_back(Json{{"method_id", m.methodId},
+                                {"name", m.name},
+                                {"class", m.className},
+                                {"module", m.module},
+                                {"source_file", m.sourceFile},
+                                {"first_line", m.firstLine},
+                                {"last_line", m.lastLine},
+                                {"load_time", m.loadTime},
+                                {"jit_rva", hex(m.jitRva)},
+                                {"regions", regions}});
+        }
+        os << Json{{"symbols", list}}.dump(2) << '\n';
+        return;
+    }
+    if (format == Format::Csv) {
+        csvRow(os, {"kind", "depth", "method_id", "name", "class", "module", "source_file", "first_line", "last_line",
+                    "pid", "host", "start", "end", "jit_rva", "load_time", "unload_time"});
+        for (const SymbolRow& m : rows)
+            for (const RegionRow& r : m.regions) {
+                csvRow(os, {"method", "0", std::to_string(m.methodId), m.name, m.className, m.module, m.sourceFile,
+                            std::to_string(m.firstLine), std::to_string(m.lastLine), std::to_string(r.pid), r.host,
+                            hex(r.start), hex(r.start + r.length), hex(r.jitRva), std::to_string(r.loadTime),
+                            std::to_string(r.unloadTime)});
+                inlineCsv(os, m, r, r.inlined, 1);
+            }
+        return;
+    }
+    for (const SymbolRow& m : rows) {
+        os << m.name << "  [" << m.module << "]  method id " << m.methodId;
+        if (!m.sourceFile.empty() || m.firstLine)
+            os << "  " << lineRange(m.sourceFile, m.firstLine, m.lastLine);
+        os << '\n';
+        for (const RegionRow& r : m.regions) {
+            os << "  " << hex(r.start) << "-" << hex(r.start + r.length) << "  jit rva " << hex(r.jitRva) << "  pid "
+               << r.pid << "@" << r.host << "  loaded " << r.loadTime;
+            if (r.unloadTime)
+                os << "  unloaded " << r.unloadTime;
+            os << '\n';
+            inlineText(os, r.inlined, 4);
+        }
+    }
+}
+
+void printDump(std::ostream& os, Format format, const std::vector<DumpEntry>& entries) {
+    if (format == Format::Json) {
+        Json list = Json::array();
+        for (const DumpEntry& e : entries)
+            list.push_back(Json{{"name", e.name}, {"jit_rva", hex(e.jitRva)}, {"dump", e.text}});
+        os << Json{{"dumps", list}}.dump(2) << '\n';
+        return;
+    }
+    if (format == Format::Csv) {
+        csvRow(os, {"name", "jit_rva", "line", "text"});
+        for (const DumpEntry& e : entries) {
+            std::istringstream in(e.text);
+            std::string line;
+            for (size_t n = 1; std::getline(in, line); ++n)
+                csvRow(os, {e.name, hex(e.jitRva), std::to_string(n), line});
+        }
+        return;
+    }
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (i)
+            os << '\n';
+        os << "== " << entries[i].name << " (jit rva " << hex(entries[i].jitRva) << ")\n" << entries[i].text;
+    }
+}
+
+void printSamples(std::ostream& os, Format format, const std::vector<SampleResult>& results,
+                  const ResolveSummary& summary) {
+    if (format == Format::Json) {
+        Json list = Json::array();
+        for (const SampleResult& r : results) {
+            Json s{{"line", r.inputLine},
+                   {"time", r.time},
+                   {"address", hex(r.address)},
+                   {"pid", r.pid},
+                   {"host", r.host},
+                   {"status", statusName(r.status)}};
+            if (r.status == SampleStatus::Resolved) {
+                s["jit_rva"] = hex(r.jitRva);
+                s["method"] = r.method.name;
+                s["module"] = r.module;
+                s["source_file"] = r.method.sourceFile;
+                s["source_line"] = r.method.line;
+                Json chain = Json::array();
+                for (const SourcePoint& p : r.inlined)
+                    chain.push_back(pointJson(p));
+                s["inlined"] = chain;
+            }
+            list.push_back(s);
+        }
+        os << Json{{"samples", list}, {"summary", summaryJson(summary)}}.dump(2) << '\n';
+        return;
+    }
+    if (format == Format::Csv) {
+        csvRow(os, {"line", "time", "address", "pid", "host", "status", "jit_rva", "method", "module", "source_file",
+                    "source_line", "inlined"});
+        for (const SampleResult& r : results) {
+            const bool ok = r.status == SampleStatus::Resolved;
+            std::string chain;
+            for (const SourcePoint& p : r.inlined) {
+                if (!chain.empty())
+                    chain += " <- ";
+                chain += p.name;
+                const std::string at = where(p);
+                if (!at.empty())
+                    chain += " (" + at + ")";
+            }
+            csvRow(os, {std::to_string(r.inputLine), std::to_string(r.time), hex(r.address), std::to_string(r.pid),
+                        r.host, statusName(r.status), ok ? hex(r.jitRva) : "", ok ? r.method.name : "",
+                        ok ? r.module : "", ok ? r.method.sourceFile : "", ok ? std::to_string(r.method.line) : "",
+                        chain});
+        }
+        return;
+    }
+    Table t({"TIME", "ADDRESS", "PID", "HOST", "JIT RVA", "METHOD"});
+    for (const SampleResult& r : results) {
+        std::string what;
+        switch (r.status) {
+        case SampleStatus::Resolved: {
+            what = r.method.name;
+            const std::string at = where(r.method);
+            if (!at.empty())
+                what += " (" + at + ")";
+            what += " [" + r.module + "]";
+            for (const SourcePoint& p : r.inlined) {
+                what += " <- inlined " + p.name;
+                const std::string pat = where(p);
+                if (!pat.empty())
+                    what += " (" + pat + ")";
+            }
+            break;
+        }
+        case SampleStatus::NotJit: what = "- not in JIT code"; break;
+        case SampleStatus::UnknownProcess: what = "- no traces of this process"; break;
+        case SampleStatus::NoHost: what = "- no host given and the traces come from several hosts"; break;
+        }
+        t.add({std::to_string(r.time), hex(r.address), std::to_string(r.pid), r.host,
+               r.status == SampleStatus::Resolved ? hex(r.jitRva) : "-", what});
+    }
+    t.print(os);
+    os << "# " << summary.samples << " samples: " << summary.resolved << " resolved, " << summary.notJit
+       << " not in JIT code, " << summary.unknownProcess << " in processes without traces, " << summary.noHost
+       << " without a host\n";
+}
+
+void printTop(std::ostream& os, Format format, const TopReport& report) {
+    const ResolveSummary& s = report.summary;
+    if (format == Format::Json) {
+        Json methods = Json::array(), lines = Json::array();
+        for (const Counted& c : report.methods)
+            methods.push_back(Json{{"method", c.key},
+                                   {"module", c.module},
+                                   {"samples", c.samples},
+                                   {"percent", percentNumber(c.samples, s.samples)}});
+        for (const Counted& c : report.lines)
+            lines.push_back(
+                Json{{"source", c.key}, {"samples", c.samples}, {"percent", percentNumber(c.samples, s.samples)}});
+        os << Json{{"summary", summaryJson(s)}, {"methods", methods}, {"lines", lines}}.dump(2) << '\n';
+        return;
+    }
+    if (format == Format::Csv) {
+        csvRow(os, {"kind", "name", "module", "samples", "percent"});
+        for (const Counted& c : report.methods)
+            csvRow(os, {"method", c.key, c.module, std::to_string(c.samples), percent(c.samples, s.samples)});
+        for (const Counted& c : report.lines)
+            csvRow(os, {"line", c.key, "", std::to_string(c.samples), percent(c.samples, s.samples)});
+        const uint64_t outside = s.notJit + s.unknownProcess + s.noHost;
+        csvRow(os, {"outside_jit", "", "", std::to_string(outside), percent(outside, s.samples)});
+        return;
+    }
+    const uint64_t outside = s.notJit + s.unknownProcess + s.noHost;
+    os << s.samples << " samples, " << s.resolved << " in JIT code, " << outside << " not in JIT code ("
+       << percent(outside, s.samples) << "%)";
+    if (s.unknownProcess || s.noHost)
+        os << ", of which " << s.unknownProcess << " in processes without traces and " << s.noHost
+           << " without a host";
+    os << "\n\nHottest methods\n";
+    Table methods({"SAMPLES", "PERCENT", "METHOD", "MODULE"});
+    for (const Counted& c : report.methods)
+        methods.add({std::to_string(c.samples), percent(c.samples, s.samples) + "%", c.key, c.module});
+    methods.print(os);
+    os << "\nHottest source lines\n";
+    Table lines({"SAMPLES", "PERCENT", "SOURCE"});
+    for (const Counted& c : report.lines)
+        lines.add({std::to_string(c.samples), percent(c.samples, s.samples) + "%", c.key});
+    lines.print(os);
+}
+
+void printStats(std::ostream& os, Format format, const std::vector<StatRow>& rows) {
+    if (format == Format::Json) {
+        Json stats = Json::object();
+        for (const StatRow& r : rows)
+            stats[r.name] = r.value;
+        os << Json{{"stats", stats}}.dump(2) << '\n';
+        return;
+    }
+    if (format == Format::Csv) {
+        csvRow(os, {"name", "value"});
+        for (const StatRow& r : rows)
+            csvRow(os, {r.name, std::to_string(r.value)});
+        return;
+    }
+    Table t({"COUNTER", "VALUE"});
+    for (const StatRow& r : rows)
+        t.add({r.label, std::to_string(r.value)});
+    t.print(os);
+}
+
+} // namespace quarvel_jit

@@ -1,0 +1,42 @@
+#ifndef QUARVEL_JIT_SAMPLES_H
+#define QUARVEL_JIT_SAMPLES_H
+
+// Samples to resolve: CSV with the header time,address,pid[,host], or the text
+// of `perf script -F pid,time,ip --ns`. A bad line is reported by its number
+// and skipped; the good ones are kept.
+
+#include <cstdint>
+#include <istream>
+#include <string>
+#include <vector>
+
+namespace quarvel_jit {
+
+enum class SamplesFormat { Auto, Csv, Perf };
+
+struct Sample {
+    size_t line = 0;
+    uint64_t time = 0;
+    uint64_t address = 0;
+    unsigned pid = 0;
+    std::string host; // empty: none given
+};
+
+struct SampleInput {
+    SamplesFormat format = SamplesFormat::Auto; // the format used
+    std::vector<Sample> samples;
+    std::vector<std::string> errors; // "<line>: <what is wrong>"
+};
+
+SampleInput readSamples(std::istream& in, SamplesFormat format);
+
+// Parsers of one field; false when the text is not a number that fits.
+bool parseDecimal(const std::string& text, uint64_t& value);
+bool parseAddress(const std::string& text, uint64_t& value); // hex with 0x, or decimal
+bool parseHex(const std::string& text, uint64_t& value);     // without prefix
+// "sec.fraction" to integer nanoseconds, without floating point.
+bool parsePerfTime(const std::string& text, uint64_t& nanoseconds);
+
+} // namespace quarvel_jit
+
+#endif

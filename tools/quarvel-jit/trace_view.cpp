@@ -1,0 +1,377 @@
+#include "trace_view.h"
+
+#include <quarvel/generic_iterator.h>
+
+#include <algorithm>
+#include <sstream>
+
+namespace quarvel_jit {
+
+namespace q = quarvel_3_13;
+
+namespace {
+
+// Inline trees are shallow; the bound only guards against a damaged model.
+constexpr unsigned kMaxInlineDepth = 64;
+
+std::string text(const char* s) { return s ? s : ""; }
+
+std::string displayName(const q::ISymbol::Ptr& symbol) {
+    std::string name = text(symbol->getQualifiedMethodName());
+    return name.empty() ? text(symbol->getMethodName()) : name;
+}
+
+std::string sourceFileOf(const q::ISymbol::Ptr& symbol) {
+    const q::ISourceFile::Ptr file = symbol->getSourceFile();
+    return file ? text(file->getSourceFileName()) : std::string();
+}
+
+void sourceRange(const q::ISymbol::Ptr& symbol, unsigned& first, unsigned& last) {
+    quarvel_line_number_entry lo{}, hi{};
+    if (symbol->getSourceRange(&lo, &hi, 0) == meSuccess) {
+        first = lo.value;
+        last = hi.value;
+    }
+}
+
+SourcePoint pointAt(const q::ISymbol::Ptr& symbol, uint64_t jitRva) {
+    SourcePoint p;
+    p.name = displayName(symbol);
+    p.sourceFile = sourceFileOf(symbol);
+    if (const q::ISourceLocation::Ptr loc = symbol->getSourceLocation(jitRva)) {
+        p.line = loc->getLine();
+        if (const q::ISourceFile::Ptr file = loc->getSourceFile())
+            if (file->getSourceFileName() && *file->getSourceFileName())
+                p.sourceFile = file->getSourceFileName();
+    }
+    return p;
+}
+
+bool contains(const q::ICodeRegion::Ptr& region, uint64_t jitRva) {
+    return region && jitRva >= region->getStartJitRva() && jitRva - region->getStartJitRva() < region->getLength();
+}
+
+std::vector<Counted> hottest(std::map<std::pair<std::string, std::string>, uint64_t> counts, size_t n) {
+    std::vector<Counted> out;
+    for (const auto& entry : counts)
+        out.push_back(Counted{entry.first.first, entry.first.second, entry.second});
+    std::stable_sort(out.begin(), out.end(), [](const Counted& a, const Counted& b) { return a.samples > b.samples; });
+    if (out.size() > n)
+        out.resize(n);
+    return out;
+}
+
+} // namespace
+
+bool TraceView::open(const std::vector<std::string>& paths) {
+    m_paths = paths;
+    std::vector<const char*> raw;
+    for (const std::string& p : m_paths)
+        raw.push_back(p.c_str());
+    q::generic_iterator_t<const char*> it = q::makeIterator<const char*>(raw);
+    q::ISymbolFileLocator::Ptr noLocator;
+    m_resolver = q::ISymbolResolver::create(it, noLocator);
+    if (!m_resolver)
+        return false;
+
+    for (unsigned id = 1;; ++id) {
+        const char* name = nullptr;
+        if (m_resolver->getHostNameById(id, &name) != meSuccess || !name)
+            break;
+        m_hosts.push_back(name);
+    }
+    q::listTraceFiles(m_resolver, m_files);
+    for (const q::TraceFileInfo& f : m_files)
+        m_processes.insert({f.hostId, f.pid});
+    return true;
+}
+
+std::string TraceView::hostName(unsigned hostId) const {
+    return hostId >= 1 && hostId <= m_hosts.size() ? m_hosts[hostId - 1] : std::string();
+}
+
+std::vector<ProcessRow> TraceView::processes() const {
+    // The process list itself comes from the files alone, without their records.
+    std::vector<ProcessRow> rows;
+    std::map<std::pair<unsigned, unsigned>, size_t> index;
+    for (const q::TraceFileInfo& f : m_files) {
+        auto key = std::make_pair(f.hostId, f.pid);
+        auto found = index.find(key);
+        if (found == index.end()) {
+            found = index.emplace(key, rows.size()).first;
+            ProcessRow row;
+            row.host = f.hostName;
+            row.pid = f.pid;
+            row.jitRvaStart = f.jitRvaBase;
+            row.jitRvaEnd = f.jitRvaBase;
+            rows.push_back(row);
+        }
+        ProcessRow& row = rows[found->second];
+        ++row.files;
+        row.bytes += f.size;
+        row.jitRvaStart = std::min(row.jitRvaStart, f.jitRvaBase);
+        row.jitRvaEnd = std::max(row.jitRvaEnd, f.jitRvaBase + f.size);
+    }
+    for (auto it = m_resolver->getSymbols(); !it.atEnd(); it.advance()) {
+        q::generic_iterator_t<q::ICodeRegion::Ptr> regions = it.current()->getRegions();
+        if (regions.atEnd())
+            continue;
+        const q::ICodeRegion::Ptr first = regions.current();
+        const auto found = index.find({first->getHostID(), first->getProcessId()});
+        if (found != index.end())
+            ++rows[found->second].methods;
+    }
+    return rows;
+}
+
+std::vector<InlineNode> TraceView::inlinesOf(const q::ICodeRegion::Ptr& region, unsigned depth) const {
+    std::vector<InlineNode> nodes;
+    if (depth >= kMaxInlineDepth)
+        return nodes;
+    for (const q::InlinedCode& child : q::inlinedRegions(region)) {
+        if (!child.region || !child.symbol)
+            continue;
+        InlineNode node;
+        node.methodId = child.symbol->getMethodID();
+        node.name = displayName(child.symbol);
+        node.sourceFile = sourceFileOf(child.symbol);
+        sourceRange(child.symbol, node.firstLine, node.lastLine);
+        node.start = child.region->getStartVirtualAddress();
+        node.length = child.region->getLength();
+        node.jitRva = child.region->getStartJitRva();
+        node.inlined = inlinesOf(child.region, depth + 1);
+        nodes.push_back(std::move(node));
+    }
+    return nodes;
+}
+
+SymbolRow TraceView::describe(const q::ISymbol::Ptr& symbol) const {
+    SymbolRow row;
+    row.methodId = symbol->getMethodID();
+    row.name = displayName(symbol);
+    row.className = text(symbol->getClassName());
+    if (const q::IModule::Ptr module = symbol->getModule())
+        row.module = text(module->getFilePath());
+    row.sourceFile = sourceFileOf(symbol);
+    sourceRange(symbol, row.firstLine, row.lastLine);
+    row.loadTime = symbol->getLoadTime();
+    row.jitRva = symbol->getStartJitRva();
+    for (auto it = symbol->getRegions(); !it.atEnd(); it.advance()) {
+        const q::ICodeRegion::Ptr region = it.current();
+        if (!region)
+            continue;
+        RegionRow r;
+        r.start = region->getStartVirtualAddress();
+        r.length = region->getLength();
+        r.jitRva = region->getStartJitRva();
+        r.loadTime = region->getLoadTime();
+        r.unloadTime = region->getUnloadTime();
+        r.pid = region->getProcessId();
+        r.host = hostName(region->getHostID());
+        r.inlined = inlinesOf(region, 0);
+        row.regions.push_back(std::move(r));
+    }
+    return row;
+}
+
+std::vector<SymbolRow> TraceView::symbols(const std::regex* match) const {
+    std::vector<SymbolRow> rows;
+    for (auto it = m_resolver->getSymbols(); !it.atEnd(); it.advance()) {
+        const q::ISymbol::Ptr symbol = it.current();
+        if (symbol && (!match || std::regex_search(displayName(symbol), *match)))
+            rows.push_back(describe(symbol));
+    }
+    return rows;
+}
+
+std::vector<DumpEntry> TraceView::dump(const std::regex* match) const {
+    std::vector<DumpEntry> entries;
+    for (auto it = m_resolver->getSymbols(); !it.atEnd(); it.advance()) {
+        const q::ISymbol::Ptr symbol = it.current();
+        if (!symbol || (match && !std::regex_search(displayName(symbol), *match)))
+            continue;
+        std::ostringstream os;
+        q::dumpSymbol(symbol, os);
+        entries.push_back(DumpEntry{displayName(symbol), symbol->getStartJitRva(), os.str()});
+    }
+    return entries;
+}
+
+bool TraceView::dumpAt(uint64_t jitRva, DumpEntry& entry) const {
+    const q::ISymbol::Ptr symbol = m_resolver->getSymbol(jitRva);
+    if (!symbol)
+        return false;
+    std::ostringstream os;
+    q::dumpSymbol(symbol, os);
+    entry = DumpEntry{displayName(symbol), symbol->getStartJitRva(), os.str()};
+    return true;
+}
+
+std::vector<StatRow> TraceView::stats() const {
+    q::TraceStatistics s;
+    q::collectTraceStatistics(m_resolver, s);
+    struct TypeName {
+        unsigned type;
+        const char* key;
+        const char* label;
+    };
+    static const TypeName kTypes[] = {
+        {0, "method_load_v0_32", "method load v0, 32-bit"},   {2, "method_load_v0_64", "method load v0, 64-bit"},
+        {4, "method_load_v1_32", "method load v1, 32-bit"},   {5, "method_load_v1_64", "method load v1, 64-bit"},
+        {6, "method_load_v2_32", "method load v2, 32-bit"},   {7, "method_load_v2_64", "method load v2, 64-bit"},
+        {8, "method_load_v3_32", "method load v3, 32-bit"},   {9, "method_load_v3_64", "method load v3, 64-bit"},
+        {10, "method_update", "method update"},               {11, "inline_load_32", "inline load, 32-bit"},
+        {12, "inline_load_64", "inline load, 64-bit"},        {13, "collector_type", "collector type"},
+        {14, "update_v2", "update v2"},                       {15, "runtime_info", "managed runtime info"},
+    };
+    std::vector<StatRow> rows = {
+        {"hosts", "hosts", m_hosts.size()},
+        {"processes", "processes", m_processes.size()},
+        {"files", "files", s.files},
+        {"failed_files", "files that failed", s.failedFiles},
+        {"bytes", "bytes read", s.bytes},
+        {"records", "records", s.totalRecords()},
+        {"records_magic", "  magic", s.magicRecords},
+    };
+    for (const TypeName& t : kTypes)
+        rows.push_back({std::string("records_") + t.key, std::string("  ") + t.label, s.records[t.type]});
+    const std::vector<StatRow> tail = {
+        {"refused_bodies", "records refused by a decoder", s.refusedBodies},
+        {"refused_by_model", "records refused by the model", s.refusedByDataManager},
+        {"architecture_filtered", "files ended by the architecture filter", s.architectureFiltered},
+        {"ignored_updates", "method updates not applied", s.ignoredUpdates},
+        {"second_traces", "files ended by a second trace", s.secondTraces},
+        {"damaged_records", "damaged records", s.damagedRecords},
+        {"methods", "methods", s.methods},
+        {"regions", "code regions", s.regions},
+        {"inlined_methods", "inlined methods", s.inlinedMethods},
+    };
+    rows.insert(rows.end(), tail.begin(), tail.end());
+    return rows;
+}
+
+void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
+    r.inputLine = sample.line;
+    r.time = sample.time;
+    r.address = sample.address;
+    r.pid = sample.pid;
+    r.host = sample.host;
+
+    unsigned hostId = 0;
+    if (sample.host.empty()) {
+        // Without a host the sample can only mean the one host there is.
+        if (m_hosts.size() != 1) {
+            r.status = m_hosts.empty() ? SampleStatus::UnknownProcess : SampleStatus::NoHost;
+            return;
+        }
+        hostId = 1;
+        r.host = m_hosts[0];
+    } else if (m_loader->getHostIdByName(sample.host.c_str(), &hostId) != meSuccess || hostId == 0) {
+        ++m_unknownHosts[sample.host];
+        r.status = SampleStatus::UnknownProcess;
+        return;
+    }
+    if (!m_processes.count({hostId, sample.pid})) {
+        r.status = SampleStatus::UnknownProcess;
+        return;
+    }
+
+    uint64_t jitRva = 0;
+    q::IModule::Ptr module;
+    if (m_loader->resolveJitPoint(sample.time, sample.address, sample.pid, hostId, &jitRva, module) != meSuccess) {
+        r.status = SampleStatus::NotJit;
+        return;
+    }
+    const q::ISymbol::Ptr symbol = m_resolver->getSymbol(jitRva);
+    if (!symbol) {
+        r.status = SampleStatus::NotJit;
+        return;
+    }
+    r.status = SampleStatus::Resolved;
+    r.jitRva = jitRva;
+    if (const q::IModule::Ptr m = symbol->getModule())
+        r.module = text(m->getFilePath());
+    else if (module)
+        r.module = text(module->getFilePath());
+    r.method = pointAt(symbol, jitRva);
+
+    q::ICodeRegion::Ptr region;
+    for (auto it = symbol->getRegions(); !it.atEnd(); it.advance())
+        if (contains(it.current(), jitRva)) {
+            region = it.current();
+            break;
+        }
+    // Outermost inline first while walking down; reported innermost first.
+    for (unsigned depth = 0; region && depth < kMaxInlineDepth; ++depth) {
+        const q::ISymbol::Ptr inlined = region->getInlinedSymbol(jitRva);
+        const q::ICodeRegion::Ptr child = region->getInlinedCodeRegion(jitRva);
+        if (!inlined || !child)
+            break;
+        r.inlined.push_back(pointAt(inlined, jitRva));
+        region = child;
+    }
+    std::reverse(r.inlined.begin(), r.inlined.end());
+}
+
+std::vector<SampleResult> TraceView::resolve(const std::vector<Sample>& samples,
+                                             const std::function<void(size_t, size_t)>& progress) {
+    if (!m_loader) {
+        std::vector<const char*> raw;
+        for (const std::string& p : m_paths)
+            raw.push_back(p.c_str());
+        q::generic_iterator_t<const char*> it = q::makeIterator<const char*>(raw);
+        m_loader = q::IJitLoader::create(it);
+    }
+    std::vector<SampleResult> results(samples.size());
+    for (size_t i = 0; i < samples.size(); ++i) {
+        if (m_loader)
+            resolveOne(samples[i], results[i]);
+        else
+            results[i].status = SampleStatus::NotJit;
+        if (progress && (i % 256 == 0 || i + 1 == samples.size()))
+            progress(i + 1, samples.size());
+    }
+    return results;
+}
+
+ResolveSummary TraceView::summarize(const std::vector<SampleResult>& results) {
+    ResolveSummary s;
+    s.samples = results.size();
+    for (const SampleResult& r : results) {
+        switch (r.status) {
+        case SampleStatus::Resolved: ++s.resolved; break;
+        case SampleStatus::NotJit: ++s.notJit; break;
+        case SampleStatus::UnknownProcess: ++s.unknownProcess; break;
+        case SampleStatus::NoHost: ++s.noHost; break;
+        }
+    }
+    return s;
+}
+
+TopReport TraceView::top(const std::vector<SampleResult>& results, size_t n) {
+    TopReport report;
+    report.summary = summarize(results);
+    std::map<std::pair<std::string, std::string>, uint64_t> methods, lines;
+    for (const SampleResult& r : results) {
+        if (r.status != SampleStatus::Resolved)
+            continue;
+        ++methods[{r.method.name, r.module}];
+        // The line that ran is the innermost one known.
+        const SourcePoint* at = nullptr;
+        for (const SourcePoint& p : r.inlined)
+            if (p.line) {
+                at = &p;
+                break;
+            }
+        if (!at && r.method.line)
+            at = &r.method;
+        const std::string key = at ? (at->sourceFile.empty() ? "?" : at->sourceFile) + ":" + std::to_string(at->line)
+                                   : std::string("(no line information)");
+        ++lines[{key, std::string()}];
+    }
+    report.methods = hottest(std::move(methods), n);
+    report.lines = hottest(std::move(lines), n);
+    return report;
+}
+
+} // namespace quarvel_jit
