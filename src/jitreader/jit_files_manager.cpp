@@ -64,7 +64,7 @@ quarvel_error_t JitFilesManager::parseJitFileName(const std::string& fileName, u
     } else {
         // "<host>-<pid>.<ext>": the pid follows the token's last dash.
         const size_t dash = pidToken.rfind('-');
-        if (dash == std::string::npos || !parsePid(pidToken.substr(dash + 1), parsedPid))
+        if (dash == std::string::npos || dash == 0 || !parsePid(pidToken.substr(dash + 1), parsedPid))
             return meNotFound;
         host = fileName.substr(0, pidStart + dash);
     }

@@ -47,6 +47,10 @@ struct ProcessJitInfo {
 // take no lock.
 class JitFilesManager {
 public:
+    // Where the first file's jit rva range starts: no code ever gets jit rva
+    // 0, which queries treat as "no answer".
+    static constexpr u64 kFirstJitRva = 0x1000;
+
     JitFilesManager();
     ~JitFilesManager();
     JitFilesManager(const JitFilesManager&) = delete;
@@ -117,7 +121,7 @@ private:
     std::map<std::string, unsigned int> m_hostIds;
     std::map<unsigned int, ProcessMap> m_processes;
     target_arch_t m_targetArch = taAny;
-    u64 m_nextJitRva = 0; // continues over re-initialisations so ranges stay disjoint
+    u64 m_nextJitRva = kFirstJitRva; // continues over re-initialisations so ranges stay disjoint
     mutable boost::mutex m_readMutex;
     mutable boost::mutex m_pidArrayMutex;
     mutable std::shared_ptr<const std::vector<unsigned>> m_pidArray;

@@ -1,0 +1,162 @@
+#ifndef QUARVEL_TESTS_API_FIXTURE_H
+#define QUARVEL_TESTS_API_FIXTURE_H
+
+// Trace directories written with the public trace writer, and the small
+// helpers a caller of the library needs. Only public headers here.
+
+#include <quarvel/jitreader.h>
+#include <quarvel/jittrace_writer.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace api_test {
+
+using namespace quarvel_3_13;
+namespace stdfs = std::filesystem;
+
+class TempDir {
+public:
+    TempDir() {
+        const char* base = std::getenv("QUARVEL_TEST_TMP");
+        const stdfs::path root = base && *base ? stdfs::path(base) : stdfs::temp_directory_path();
+        stdfs::create_directories(root);
+        std::random_device rd;
+        for (;;) {
+            const stdfs::path candidate = root / ("quarvel-api-" + std::to_string(rd()));
+            if (stdfs::create_directory(candidate)) {
+                m_path = candidate.string();
+                break;
+            }
+        }
+    }
+    ~TempDir() {
+        std::error_code ec;
+        stdfs::remove_all(m_path, ec);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return m_path; }
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+// Writes one trace file record by record.
+class Trace {
+public:
+    explicit Trace(const std::string& path) { EXPECT_TRUE(m_writer.open(path)) << m_writer.errorText(); }
+    Trace& magic() { return check(m_writer.writeMagic(0)); }
+    Trace& collector(uint32_t type) { return check(m_writer.writeCollectorType(type)); }
+    Trace& load(int version, bool is64, const TraceMethodLoad& l) { return check(m_writer.writeMethodLoad(version, is64, l)); }
+    Trace& update(const TraceMethodLoad& u) { return check(m_writer.writeMethodUpdate(u)); }
+    Trace& inlineLoad(const TraceInlineLoad& l) { return check(m_writer.writeInlineLoad(true, l)); }
+    Trace& updateV2(const TraceUpdateV2& u) { return check(m_writer.writeUpdateV2(u)); }
+    Trace& runtime(const TraceRuntimeInfo& r) { return check(m_writer.writeRuntimeInfo(r)); }
+    Trace& raw(const std::vector<uint8_t>& bytes) { return check(m_writer.writeRaw(bytes)); }
+    uint64_t size() const { return m_writer.bytesWritten(); }
+
+private:
+    Trace& check(bool ok) {
+        EXPECT_TRUE(ok) << m_writer.errorText();
+        return *this;
+    }
+    JitTraceWriter m_writer;
+};
+
+inline TraceMethodLoad method(uint32_t id, uint64_t time, uint64_t address, uint32_t size, const std::string& name,
+                              const std::string& module = "app.jar", uint16_t arch = quarvel_arch_vx32) {
+    TraceMethodLoad l;
+    // Agents key versions 2 and 3 by the method id, so inlines find their parent by it.
+    l.hashKey = id;
+    l.methodId = id;
+    l.loadTime = time;
+    std::vector<uint8_t> bytes(size);
+    for (uint32_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<uint8_t>(0x40 + (i % 32));
+    l.regions.push_back(TraceCodeRegion{address, size, bytes});
+    l.tail.moduleName = module;
+    l.tail.moduleArch = arch;
+    l.tail.methodName = name;
+    l.tail.className = "com.acme.Worker";
+    l.tail.sourceFile = "Worker.java";
+    l.tail.language = quarvel_language_java;
+    return l;
+}
+
+inline TraceInlineLoad inlined(uint32_t id, uint32_t parent, uint64_t time, uint64_t address, uint32_t size,
+                               const std::string& name) {
+    TraceInlineLoad l;
+    l.methodId = id;
+    l.parentId = parent;
+    l.loadTime = time;
+    l.region = TraceCodeRegion{address, size, std::vector<uint8_t>(size, 0x90)};
+    l.tail.moduleName = "app.jar";
+    l.tail.moduleArch = quarvel_arch_vx32;
+    l.tail.methodName = name;
+    l.tail.className = "com.acme.Util";
+    l.tail.sourceFile = "Util.java";
+    return l;
+}
+
+// Keeps the strings and the array a path iterator walks.
+class Paths {
+public:
+    Paths(std::initializer_list<std::string> paths) : m_paths(paths) { refresh(); }
+    explicit Paths(std::vector<std::string> paths) : m_paths(std::move(paths)) { refresh(); }
+    generic_iterator_t<const char*>& it() {
+        m_it = generic_iterator_t<const char*>(m_raw.begin(), m_raw.end());
+        return m_it;
+    }
+
+private:
+    void refresh() {
+        m_raw.clear();
+        for (const std::string& p : m_paths)
+            m_raw.push_back(p.c_str());
+    }
+    std::vector<std::string> m_paths;
+    std::vector<const char*> m_raw;
+    generic_iterator_t<const char*> m_it;
+};
+
+inline IJitLoader::Ptr makeLoader(Paths paths) { return IJitLoader::create(paths.it()); }
+
+inline ISymbolResolver::Ptr makeResolver(Paths paths) {
+    ISymbolFileLocator::Ptr none;
+    return ISymbolResolver::create(paths.it(), none);
+}
+
+inline IJitProcesses::Ptr makeProcesses(Paths paths) { return IJitProcesses::create(paths.it()); }
+
+inline std::vector<ISymbol::Ptr> symbols(const ISymbolResolver::Ptr& resolver) {
+    std::vector<ISymbol::Ptr> out;
+    for (auto it = resolver->getSymbols(); !it.atEnd(); it.advance())
+        out.push_back(it.current());
+    return out;
+}
+
+inline std::vector<ICodeRegion::Ptr> regions(const ISymbol::Ptr& symbol) {
+    std::vector<ICodeRegion::Ptr> out;
+    for (auto it = symbol->getRegions(); !it.atEnd(); it.advance())
+        out.push_back(it.current());
+    return out;
+}
+
+// The region of symbol that holds jitRva.
+inline ICodeRegion::Ptr regionAt(const ISymbol::Ptr& symbol, u64 jitRva) {
+    for (const ICodeRegion::Ptr& r : regions(symbol))
+        if (r->getStartJitRva() <= jitRva && jitRva - r->getStartJitRva() < r->getLength())
+            return r;
+    return ICodeRegion::Ptr();
+}
+
+} // namespace api_test
+
+#endif

@@ -1,0 +1,168 @@
+// Several threads on one facade give what one thread gives. Named
+// *Concurrent* so the ThreadSanitizer build runs exactly these.
+
+#include "api_fixture.h"
+
+#include <atomic>
+#include <thread>
+
+namespace api_test {
+namespace {
+
+const unsigned kProcesses = 8;
+const unsigned kMethodsPerProcess = 40;
+const unsigned kThreads = 8;
+
+struct Query {
+    u64 time;
+    u64 address;
+    unsigned pid;
+};
+
+struct Answer {
+    quarvel_error_t status;
+    u64 rva;
+    std::string module;
+    bool operator==(const Answer& o) const { return status == o.status && rva == o.rva && module == o.module; }
+};
+
+// Each process reuses a few code slots over time, so answers depend on the time stamp.
+class ConcurrentFacadesTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (unsigned p = 0; p < kProcesses; ++p) {
+            const unsigned pid = 1000 + p;
+            for (unsigned part = 0; part < 2; ++part) {
+                Trace trace(dir.file("node-" + std::to_string(pid) + (part ? ".trace" : ".jit")));
+                trace.magic().collector(ctJitProfiler);
+                for (unsigned m = 0; m < kMethodsPerProcess / 2; ++m) {
+                    const unsigned index = part * (kMethodsPerProcess / 2) + m;
+                    const u64 time = 100 + index * 10;
+                    const u64 slot = 0x100000 + (index % 5) * 0x100;
+                    trace.load(3, true,
+                               method(index + 1, time, slot, 0x80, "m" + std::to_string(index),
+                                      "mod" + std::to_string(p) + ".jar", quarvel_arch_vx64));
+                }
+            }
+        }
+        for (unsigned p = 0; p < kProcesses; ++p)
+            for (u64 t = 95; t < 100 + kMethodsPerProcess * 10 + 20; t += 7)
+                for (unsigned s = 0; s < 5; ++s)
+                    queries.push_back(Query{t, 0x100000 + s * 0x100 + (t % 0x80), 1000 + p});
+        // An address no method ever held and a process no file names.
+        queries.push_back(Query{500, 0x900000, 1000});
+        queries.push_back(Query{500, 0x100000, 77});
+    }
+
+    Answer ask(const IJitLoader::Ptr& loader, unsigned hostId, const Query& q) {
+        Answer a{meSuccess, 0, ""};
+        IModule::Ptr module;
+        a.status = loader->resolveJitPoint(q.time, q.address, q.pid, hostId, &a.rva, module);
+        if (module)
+            a.module = module->getFilePath();
+        return a;
+    }
+
+    TempDir dir;
+    std::vector<Query> queries;
+};
+
+TEST_F(ConcurrentFacadesTest, LoaderThreadsAgreeWithOneThread) {
+    IJitLoader::Ptr reference = makeLoader({dir.path()});
+    ASSERT_TRUE(reference);
+    unsigned host = 0;
+    ASSERT_EQ(meSuccess, reference->getHostIdByName("node", &host));
+    ASSERT_NE(0u, host);
+    std::vector<Answer> expected;
+    for (const Query& q : queries)
+        expected.push_back(ask(reference, host, q));
+    size_t found = 0;
+    for (const Answer& a : expected)
+        found += a.status == meSuccess;
+    ASSERT_GT(found, queries.size() / 2);
+
+    // Each thread starts on another process, so the first queries trigger
+    // the lazy reads from several threads at once.
+    IJitLoader::Ptr loader = makeLoader({dir.path()});
+    ASSERT_TRUE(loader);
+    std::vector<std::vector<Answer>> results(kThreads);
+    std::atomic<unsigned> ready{0};
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            ++ready;
+            while (ready.load() < kThreads)
+                std::this_thread::yield();
+            std::vector<Answer>& mine = results[t];
+            mine.resize(queries.size());
+            const size_t start = queries.size() * t / kThreads;
+            for (size_t i = 0; i < queries.size(); ++i) {
+                const size_t k = (start + i) % queries.size();
+                mine[k] = ask(loader, host, queries[k]);
+            }
+        });
+    }
+    for (std::thread& th : threads)
+        th.join();
+    for (unsigned t = 0; t < kThreads; ++t)
+        for (size_t i = 0; i < queries.size(); ++i)
+            ASSERT_TRUE(expected[i] == results[t][i]) << "thread " << t << " query " << i;
+}
+
+TEST_F(ConcurrentFacadesTest, LoaderSymbolSearchWhileProcessesAreRead) {
+    IJitLoader::Ptr loader = makeLoader({dir.path()});
+    ASSERT_TRUE(loader);
+    unsigned host = 0;
+    ASSERT_EQ(meSuccess, loader->getHostIdByName("node", &host));
+    std::vector<std::thread> threads;
+    std::atomic<unsigned> failures{0};
+    for (unsigned t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (unsigned p = 0; p < kProcesses; ++p) {
+                const unsigned pid = 1000 + (p + t) % kProcesses;
+                if (t % 2) {
+                    ISymbol::Ptr symbol;
+                    if (loader->findSymbol(("mod" + std::to_string(pid - 1000) + ".jar").c_str(), 3, symbol) !=
+                        meSuccess)
+                        ++failures;
+                } else if (ask(loader, host, Query{125, 0x100210, pid}).status != meSuccess) {
+                    ++failures;
+                }
+            }
+        });
+    }
+    for (std::thread& th : threads)
+        th.join();
+    EXPECT_EQ(0u, failures.load());
+}
+
+TEST_F(ConcurrentFacadesTest, ResolverAndProcessListFromManyThreads) {
+    ISymbolResolver::Ptr resolver = makeResolver({dir.path()});
+    IJitProcesses::Ptr processes = makeProcesses({dir.path()});
+    ASSERT_TRUE(resolver && processes);
+    const std::vector<ISymbol::Ptr> all = symbols(resolver);
+    ASSERT_EQ(kProcesses * kMethodsPerProcess, all.size());
+
+    std::vector<std::thread> threads;
+    std::atomic<unsigned> mismatches{0};
+    for (unsigned t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            if (processes->getJitProcessId().remaining() != kProcesses)
+                ++mismatches;
+            for (const ISymbol::Ptr& s : all) {
+                ISymbol::Ptr got = resolver->getSymbol(s->getStartJitRva());
+                if (got != s)
+                    ++mismatches;
+                const char* name = nullptr;
+                if (resolver->getHostNameById(1, &name) != meSuccess || !name)
+                    ++mismatches;
+            }
+        });
+    }
+    for (std::thread& th : threads)
+        th.join();
+    EXPECT_EQ(0u, mismatches.load());
+}
+
+} // namespace
+} // namespace api_test

@@ -1,0 +1,339 @@
+// The jit file set: file names, grouping by host and process, jit rva
+// ranges, the pid array, and which paths initialisation accepts.
+
+#include "jit_files_manager.h"
+#include "log_capture.h"
+#include "trace_builder.h"
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+using namespace quarvel_3_13;
+using quarvel_test::LogCapture;
+using quarvel_test::TempDir;
+
+namespace {
+
+void writeFile(const std::string& path, size_t size) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << std::string(size, 'x');
+}
+
+quarvel_error_t init(JitFilesManager& files, const std::vector<std::string>& paths, target_arch_t arch = taAny) {
+    std::vector<const char*> raw;
+    for (const std::string& p : paths)
+        raw.push_back(p.c_str());
+    generic_iterator_t<const char*> it(raw.begin(), raw.end());
+    return files.initialize(it, arch);
+}
+
+std::vector<unsigned> pids(const JitFilesManager& files) {
+    std::vector<unsigned> out;
+    for (auto it = files.getJitPidArray(); !it.atEnd(); it.advance())
+        out.push_back(it.current());
+    return out;
+}
+
+// --- names ----------------------------------------------------------------
+
+struct NameCase {
+    const char* name;
+    bool ok;
+    const char* host;
+    unsigned pid;
+};
+
+class JitFileNameTest : public ::testing::TestWithParam<NameCase> {};
+
+TEST_P(JitFileNameTest, ParsesHostAndPid) {
+    const NameCase& c = GetParam();
+    JitFilesManager files;
+    unsigned pid = 777;
+    std::string host = "untouched";
+    const quarvel_error_t ret = files.parseJitFileName(c.name, pid, host);
+    if (c.ok) {
+        ASSERT_EQ(meSuccess, ret) << c.name;
+        EXPECT_EQ(c.host, host) << c.name;
+        EXPECT_EQ(c.pid, pid) << c.name;
+    } else {
+        EXPECT_EQ(meNotFound, ret) << c.name;
+        EXPECT_EQ(777u, pid) << c.name;
+        EXPECT_EQ("untouched", host) << c.name;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, JitFileNameTest,
+    ::testing::Values(
+        // host "." pid "." extension; the host keeps its own dots and dashes
+        NameCase{"node1.example.com.4242.jit", true, "node1.example.com", 4242},
+        NameCase{"my-host.4242.trace", true, "my-host", 4242}, NameCase{"host.1.jit", true, "host", 1},
+        NameCase{"a.b-c.7.x", true, "a.b-c", 7}, NameCase{"h.4294967295.jit", true, "h", 4294967295u},
+        // host "-" pid "." extension
+        NameCase{"my-host-4242.jit", true, "my-host", 4242}, NameCase{"node1.example-17.jit", true, "node1.example", 17},
+        NameCase{"h-0.jit", true, "h", 0}, NameCase{"a-b.42-7.jit", true, "a-b.42", 7},
+        // not a jit file name
+        NameCase{"", false, "", 0}, NameCase{"jit", false, "", 0}, NameCase{"4242.jit", false, "", 0},
+        NameCase{"-4242.jit", false, "", 0}, NameCase{".4242.jit", false, "", 0},
+        NameCase{"host.jit", false, "", 0}, NameCase{"host.4242.", false, "", 0},
+        NameCase{"host.4242", false, "", 0}, NameCase{"host-abc.jit", false, "", 0},
+        NameCase{"host.42a.jit", false, "", 0}, NameCase{"host-.jit", false, "", 0},
+        NameCase{"host..jit", false, "", 0}, NameCase{"host.4294967296.jit", false, "", 0},
+        NameCase{"host.-5.jit", false, "", 0}, NameCase{"host.+5.jit", false, "", 0},
+        NameCase{"README", false, "", 0}));
+
+// --- initialisation and grouping -------------------------------------------
+
+TEST(JitFilesManagerTest, DirectoryIsReadInAscendingNameOrderWithConsecutiveRanges) {
+    TempDir dir;
+    writeFile(dir.file("h.5.trace"), 300);
+    writeFile(dir.file("h.5.jit"), 200);
+    writeFile(dir.file("h.10.jit"), 100);
+    JitFilesManager files;
+    ASSERT_EQ(meSuccess, init(files, {dir.path()}));
+    ASSERT_EQ(3u, files.fileCount());
+
+    const unsigned host = files.getHostID("h");
+    ASSERT_EQ(1u, host);
+    // "h.10.jit" < "h.5.jit" < "h.5.trace"
+    const ProcessJitInfo* p10 = files.getProcessJitInfo(10, host);
+    const ProcessJitInfo* p5 = files.getProcessJitInfo(5, host);
+    ASSERT_TRUE(p10 && p5);
+    ASSERT_EQ(1u, p10->files.size());
+    ASSERT_EQ(2u, p5->files.size());
+    EXPECT_EQ(JitFilesManager::kFirstJitRva, p10->files[0].jitRvaBase);
+    EXPECT_EQ(100u, p10->files[0].size);
+    EXPECT_EQ("h.5.jit", p5->files[0].fileName);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + 100, p5->files[0].jitRvaBase);
+    EXPECT_EQ("h.5.trace", p5->files[1].fileName);
+    // The second file of the process follows the first without a gap.
+    EXPECT_EQ(p5->files[0].jitRvaBase + p5->files[0].size, p5->files[1].jitRvaBase);
+    EXPECT_EQ(300u, p5->files[1].size);
+    EXPECT_EQ(nullptr, files.getProcessJitInfo(5, host + 1));
+    EXPECT_EQ(nullptr, files.getProcessJitInfo(6, host));
+}
+
+TEST(JitFilesManagerTest, ExplicitFilesKeepTheCallersOrder) {
+    TempDir dir;
+    writeFile(dir.file("h.1.jit"), 10);
+    writeFile(dir.file("h.1.trace"), 20);
+    JitFilesManager files;
+    ASSERT_EQ(meSuccess, init(files, {dir.file("h.1.trace"), dir.file("h.1.jit")}));
+    const ProcessJitInfo* p = files.getProcessJitInfo(1, files.getHostID("h"));
+    ASSERT_TRUE(p);
+    ASSERT_EQ(2u, p->files.size());
+    EXPECT_EQ("h.1.trace", p->files[0].fileName);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva, p->files[0].jitRvaBase);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + 20, p->files[1].jitRvaBase);
+}
+
+TEST(JitFilesManagerTest, HostIdsFollowTheOrderHostsAreMet) {
+    TempDir dir;
+    writeFile(dir.file("zeta.1.jit"), 1);
+    writeFile(dir.file("alpha-2.jit"), 1);
+    JitFilesManager files;
+    ASSERT_EQ(meSuccess, init(files, {dir.file("zeta.1.jit"), dir.file("alpha-2.jit")}));
+    EXPECT_EQ(1u, files.getHostID("zeta"));
+    EXPECT_EQ(2u, files.getHostID("alpha"));
+    EXPECT_EQ(0u, files.getHostID("unknown"));
+    EXPECT_STREQ("zeta", files.getHostName(1));
+    EXPECT_STREQ("alpha", files.getHostName(2));
+    EXPECT_EQ(nullptr, files.getHostName(0));
+    EXPECT_EQ(nullptr, files.getHostName(3));
+}
+
+TEST(JitFilesManagerTest, GetJitFileRange) {
+    TempDir dir;
+    writeFile(dir.file("a.1.jit"), 5000 - JitFilesManager::kFirstJitRva);
+    writeFile(dir.file("b.2.jit"), 1000);
+    JitFilesManager files;
+    ASSERT_EQ(meSuccess, init(files, {dir.path()}));
+
+    u64 base = 0, limit = 0;
+    ASSERT_EQ(meSuccess, files.getJitFileRange("b.2.jit", base, limit));
+    EXPECT_EQ(5000u, base);
+    EXPECT_EQ(6000u, limit);
+    // A path is compared by its file name.
+    base = limit = 0;
+    ASSERT_EQ(meSuccess, files.getJitFileRange(dir.file("a.1.jit").c_str(), base, limit));
+    EXPECT_EQ(JitFilesManager::kFirstJitRva, base);
+    EXPECT_EQ(5000u, limit);
+
+    for (const char* name : {"c.3.jit", "b.3.jit", "b.2.trace", "not a name", ""}) {
+        base = 77;
+        limit = 88;
+        EXPECT_EQ(meJitFileNotFound, files.getJitFileRange(name, base, limit)) << name;
+        EXPECT_EQ(77u, base) << name;
+        EXPECT_EQ(88u, limit) << name;
+    }
+    EXPECT_EQ(meJitFileNotFound, files.getJitFileRange(nullptr, base, limit));
+}
+
+TEST(JitFilesManagerTest, DescriptorsGiveHostAndPid) {
+    TempDir dir;
+    writeFile(dir.file("trace.bin"), 64);
+    const std::string path = dir.file("trace.bin");
+    std::vector<JitFileDescriptor> descriptors{{path.c_str(), 31, "box"}};
+    generic_iterator_t<JitFileDescriptor> it(descriptors.begin(), descriptors.end());
+    JitFilesManager files;
+    ASSERT_EQ(meSuccess, files.initialize(it, taAny));
+    EXPECT_EQ(1u, files.getHostID("box"));
+    ASSERT_TRUE(files.getProcessJitInfo(31, 1));
+    // The name does not show pid and host; the range is still found.
+    u64 base = 1, limit = 1;
+    ASSERT_EQ(meSuccess, files.getJitFileRange("trace.bin", base, limit));
+    EXPECT_EQ(JitFilesManager::kFirstJitRva, base);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + 64, limit);
+
+    JitFilesManager bad;
+    std::vector<JitFileDescriptor> missing{{"/nonexistent/trace.bin", 1, "box"}};
+    generic_iterator_t<JitFileDescriptor> it2(missing.begin(), missing.end());
+    EXPECT_EQ(meJitFileNotFound, bad.initialize(it2, taAny));
+}
+
+TEST(JitFilesManagerTest, PidArrayListsEachHostsPidsInOrder) {
+    TempDir dir;
+    // Host "b" is met first (ascending names: "b-..." < "c..."), so it gets id 1.
+    writeFile(dir.file("b-30.jit"), 1);
+    writeFile(dir.file("b-4.jit"), 1);
+    writeFile(dir.file("c.30.jit"), 1);
+    writeFile(dir.file("c.7.jit"), 1);
+    JitFilesManager files;
+    ASSERT_EQ(meSuccess, init(files, {dir.path()}));
+    const std::vector<unsigned> expected{4, 30, 7, 30};
+    EXPECT_EQ(expected, pids(files));
+    EXPECT_EQ(expected, pids(files)); // the same array again
+
+    // The iterator keeps the array alive after the set is gone.
+    generic_iterator_t<unsigned> kept;
+    {
+        JitFilesManager other;
+        ASSERT_EQ(meSuccess, init(other, {dir.path()}));
+        kept = other.getJitPidArray();
+    }
+    EXPECT_EQ(4u, kept.remaining());
+}
+
+TEST(JitFilesManagerTest, PidArrayOfAnEmptySetIsRebuiltUntilProcessesAppear) {
+    TempDir dir;
+    JitFilesManager files;
+    ASSERT_EQ(meSuccess, init(files, {dir.path()}));
+    EXPECT_TRUE(files.getJitPidArray().atEnd());
+    writeFile(dir.file("h.9.jit"), 1);
+    ASSERT_EQ(meSuccess, init(files, {dir.file("h.9.jit")}));
+    EXPECT_EQ(std::vector<unsigned>{9}, pids(files));
+}
+
+TEST(JitFilesManagerTest, ReinitialisationKeepsRangesDisjoint) {
+    TempDir dir;
+    writeFile(dir.file("h.1.jit"), 100);
+    writeFile(dir.file("h.2.jit"), 50);
+    JitFilesManager files;
+    ASSERT_EQ(meSuccess, init(files, {dir.file("h.1.jit")}));
+    ASSERT_EQ(meSuccess, init(files, {dir.file("h.2.jit")}));
+    const ProcessJitInfo* p2 = files.getProcessJitInfo(2, 1);
+    ASSERT_TRUE(p2);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + 100, p2->files[0].jitRvaBase);
+}
+
+// --- which paths initialisation accepts ------------------------------------
+
+TEST(JitFilesManagerTest, DirectorySkipsEntriesThatAreNotTraceFiles) {
+    TempDir dir;
+    writeFile(dir.file("h.1.jit"), 10);
+    writeFile(dir.file("README"), 10);
+    writeFile(dir.file("notes.txt"), 10);
+    boost::filesystem::create_directory(dir.file("sub.2.jit"));
+    boost::filesystem::create_symlink(dir.file("h.1.jit"), dir.file("link.3.jit"));
+    ASSERT_EQ(0, ::mkfifo(dir.file("fifo.4.jit").c_str(), 0600));
+
+    LogCapture log;
+    JitFilesManager files;
+    ASSERT_EQ(meSuccess, init(files, {dir.path()}));
+    EXPECT_EQ(1u, files.fileCount());
+    EXPECT_TRUE(files.getProcessJitInfo(1, files.getHostID("h")));
+    for (const char* skipped : {"README", "notes.txt", "sub.2.jit", "link.3.jit", "fifo.4.jit"})
+        EXPECT_TRUE(log.contains(std::string("Skipped ") + dir.file(skipped), log4cplus::INFO_LOG_LEVEL))
+            << skipped << "\n" << log.dump();
+    EXPECT_TRUE(log.errors().empty()) << log.dump();
+}
+
+TEST(JitFilesManagerTest, EmptyDirectoryGivesAnEmptySet) {
+    TempDir dir;
+    JitFilesManager files;
+    EXPECT_EQ(meSuccess, init(files, {dir.path()}));
+    EXPECT_EQ(0u, files.fileCount());
+    EXPECT_EQ(meSuccess, init(files, {}));
+}
+
+struct BadPathCase {
+    const char* what;
+    std::string (*make)(const TempDir&);
+    quarvel_error_t code;
+};
+
+class JitFilesManagerBadPathTest : public ::testing::TestWithParam<BadPathCase> {};
+
+TEST_P(JitFilesManagerBadPathTest, FailsTheWholeSetWithAnErrorNamingThePath) {
+    const BadPathCase& c = GetParam();
+    TempDir dir;
+    writeFile(dir.file("h.1.jit"), 10);
+    const std::string bad = c.make(dir);
+    LogCapture log;
+    JitFilesManager files;
+    EXPECT_EQ(c.code, init(files, {dir.file("h.1.jit"), bad})) << c.what;
+    // Either every path is accepted or nothing is added.
+    EXPECT_EQ(0u, files.fileCount()) << c.what;
+    EXPECT_TRUE(files.getJitPidArray().atEnd()) << c.what;
+    ASSERT_EQ(1u, log.errors().size()) << log.dump();
+    EXPECT_NE(std::string::npos, log.errors()[0].find(bad)) << log.errors()[0];
+    EXPECT_NE(std::string::npos, log.errors()[0].find(", at file: vcs/quarvel3/src/jitreader/jit_files_manager:"))
+        << log.errors()[0];
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Paths, JitFilesManagerBadPathTest,
+    ::testing::Values(
+        BadPathCase{"missing file", [](const TempDir& d) { return d.file("h.2.jit"); }, meJitFileNotFound},
+        BadPathCase{"missing directory", [](const TempDir& d) { return d.file("nope/"); }, meJitFileNotFound},
+        BadPathCase{"unparsable name",
+                    [](const TempDir& d) {
+                        writeFile(d.file("notes.txt"), 1);
+                        return d.file("notes.txt");
+                    },
+                    meNotFound},
+        BadPathCase{"fifo",
+                    [](const TempDir& d) {
+                        ::mkfifo(d.file("f.3.jit").c_str(), 0600);
+                        return d.file("f.3.jit");
+                    },
+                    meFileOpenError}));
+
+TEST(JitFilesManagerTest, NullOrEmptyPathFails) {
+    JitFilesManager files;
+    LogCapture log;
+    std::vector<const char*> raw{nullptr};
+    generic_iterator_t<const char*> it(raw.begin(), raw.end());
+    EXPECT_EQ(meJitFileNotFound, files.initialize(it, taAny));
+    EXPECT_EQ(meJitFileNotFound, init(files, {""}));
+    EXPECT_EQ(2u, log.errors().size());
+}
+
+TEST(JitFilesManagerTest, ProcessStateBeforeReading) {
+    TempDir dir;
+    writeFile(dir.file("h.1.jit"), 0);
+    JitFilesManager files;
+    ASSERT_EQ(meSuccess, init(files, {dir.path()}));
+    EXPECT_EQ(meEndOfData, files.processState(1, 1));
+    EXPECT_EQ(meNotFound, files.processState(2, 1));
+    EXPECT_EQ(meNotFound, files.processState(1, 2));
+    EXPECT_FALSE(files.isWholeSetRead());
+}
+
+} // namespace
