@@ -68,6 +68,11 @@ std::string where(const SourcePoint& p) {
     return (p.sourceFile.empty() ? "?" : p.sourceFile) + (p.line ? ":" + std::to_string(p.line) : std::string());
 }
 
+std::string frameText(const SourcePoint& p) {
+    const std::string at = where(p);
+    return at.empty() ? p.name : p.name + " (" + at + ")";
+}
+
 const char* statusName(SampleStatus s) {
     switch (s) {
     case SampleStatus::Resolved: return "resolved";
@@ -304,14 +309,8 @@ void printSamples(std::ostream& os, Format format, const std::vector<SampleResul
         for (const SampleResult& r : results) {
             const bool ok = r.status == SampleStatus::Resolved;
             std::string chain;
-            for (const SourcePoint& p : r.inlined) {
-                if (!chain.empty())
-                    chain += " <- ";
-                chain += p.name;
-                const std::string at = where(p);
-                if (!at.empty())
-                    chain += " (" + at + ")";
-            }
+            for (const SourcePoint& p : r.inlined)
+                chain += (chain.empty() ? "" : " <- ") + frameText(p);
             csvRow(os, {std::to_string(r.inputLine), std::to_string(r.time), hex(r.address), std::to_string(r.pid),
                         r.host, statusName(r.status), ok ? hex(r.jitRva) : "", ok ? r.method.name : "",
                         ok ? r.module : "", ok ? r.method.sourceFile : "", ok ? std::to_string(r.method.line) : "",
@@ -324,17 +323,10 @@ void printSamples(std::ostream& os, Format format, const std::vector<SampleResul
         std::string what;
         switch (r.status) {
         case SampleStatus::Resolved: {
-            what = r.method.name;
-            const std::string at = where(r.method);
-            if (!at.empty())
-                what += " (" + at + ")";
-            what += " [" + r.module + "]";
-            for (const SourcePoint& p : r.inlined) {
-                what += " <- inlined " + p.name;
-                const std::string pat = where(p);
-                if (!pat.empty())
-                    what += " (" + pat + ")";
-            }
+            // Innermost frame first, each "<-" leads to the code it was inlined into.
+            for (const SourcePoint& p : r.inlined)
+                what += frameText(p) + " <- ";
+            what += frameText(r.method) + " [" + r.module + "]";
             break;
         }
         case SampleStatus::NotJit: what = "- not in JIT code"; break;

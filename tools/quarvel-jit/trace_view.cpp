@@ -355,8 +355,9 @@ TopReport TraceView::top(const std::vector<SampleResult>& results, size_t n) {
     for (const SampleResult& r : results) {
         if (r.status != SampleStatus::Resolved)
             continue;
-        ++methods[{r.method.name, r.module}];
-        // The line that ran is the innermost one known.
+        // The time goes to the innermost method, inlined or not, and to the
+        // innermost line known.
+        ++methods[{r.inlined.empty() ? r.method.name : r.inlined.front().name, r.module}];
         const SourcePoint* at = nullptr;
         for (const SourcePoint& p : r.inlined)
             if (p.line) {
