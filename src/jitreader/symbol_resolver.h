@@ -43,8 +43,11 @@ public:
     const JitFilesManager& files() const { return m_files; }
     JitReadStats readStats() const { return m_files.readStats(); }
 
-private:
+    // Fills what the trace left out of a .NET method from its metadata and
+    // PDB: line tables (once), source file, names. Public for tests.
     void completeDotNetMethod(const JitMethod::Ptr& method, const DotNetMethod& dotNetMethod);
+
+private:
 
     typedef tbb::concurrent_hash_map<std::string, IAssemblyReader::Ptr> AssemblyReaderCache;
 
