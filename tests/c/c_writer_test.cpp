@@ -1,0 +1,144 @@
+// The C interface of the trace writer, driven from C (c_writer.c) and read
+// back here: its bytes must equal those of the C++ encoders, threaded appends
+// must leave whole records, and the reader must see what was written.
+
+#include "c_writer.h"
+#include "trace_builder.h"
+
+#include <quarvel/diagnostics.h>
+#include <quarvel/facades.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <set>
+
+namespace {
+
+using namespace quarvel_test;
+namespace q = quarvel_3_13;
+
+std::vector<uint8_t> readAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+uint32_t u32At(const std::vector<uint8_t>& b, size_t at) {
+    return uint32_t(b[at]) | uint32_t(b[at + 1]) << 8 | uint32_t(b[at + 2]) << 16 | uint32_t(b[at + 3]) << 24;
+}
+
+TraceMethodTail tail(const std::string& method) {
+    TraceMethodTail t;
+    t.moduleName = "c.jar";
+    t.moduleArch = quarvel_arch_vx64;
+    t.methodName = method;
+    t.className = "demo.CWritten";
+    t.sourceFile = "CWritten.java";
+    t.checksumType = 1;
+    t.checksum = "abc";
+    t.lines.nativeToSource = {{0, 8, 10}, {8, 16, 11}};
+    return t;
+}
+
+TEST(CTraceWriter, EveryRecordMatchesTheCppEncoders) {
+    TempDir dir;
+    const std::string path = dir.file("host.1.jit");
+    ASSERT_EQ(0, c_write_every_record(path.c_str()));
+
+    const std::vector<uint8_t> code = {0x55, 0x48, 0x89, 0xe5, 0x90, 0x90, 0x90, 0x90,
+                                       0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0xc9, 0xc3};
+    TraceMethodLoad load;
+    load.hashKey = 7;
+    load.methodId = 7;
+    load.loadTime = 100;
+    load.regions = {TraceCodeRegion{0x10000, 16, code}};
+    load.tail = tail("run");
+    TraceInlineLoad inl;
+    inl.methodId = 8;
+    inl.parentId = 7;
+    inl.loadTime = 100;
+    inl.region = TraceCodeRegion{0x10004, 8, std::vector<uint8_t>(code.begin() + 4, code.begin() + 12)};
+    inl.tail = tail("helper");
+    TraceMethodLoad update = load;
+    update.loadTime = 120;
+    TraceUpdateV2 patch;
+    patch.methodId = 7;
+    patch.loadTime = 150;
+    patch.startAddress = 0x10006;
+    patch.length = 2;
+    patch.bytes = {0xcc, 0xcc};
+
+    TraceBuilder expected;
+    expected.magic(0)
+        .collector(1)
+        .runtimeInfo(TraceRuntimeInfo{quarvel_runtime_java, "17.0.2", "OpenJDK 64-Bit Server VM"})
+        .load(3, load, true)
+        .inlineLoad(inl, true)
+        .update(update)
+        .updateV2(patch);
+    EXPECT_EQ(expected.bytes(), readAll(path));
+}
+
+TEST(CTraceWriter, ThreadedAppendsLeaveEveryRecordWhole) {
+    TempDir dir;
+    const std::string path = dir.file("host.2.jit");
+    ASSERT_EQ(0, c_write_threaded(path.c_str(), 4, 50));
+
+    const std::vector<uint8_t> bytes = readAll(path);
+    std::set<uint32_t> ids;
+    size_t at = 0;
+    while (at + 8 <= bytes.size()) {
+        ASSERT_EQ(uint32_t(quarvel_jt_FunctionLoad64_v3), u32At(bytes, at)) << "at offset " << at;
+        const uint32_t size = u32At(bytes, at + 4);
+        ASSERT_LE(at + 8 + size, bytes.size());
+        ids.insert(u32At(bytes, at + 8 + 4)); // hash key, then the method id
+        at += 8 + size;
+    }
+    EXPECT_EQ(bytes.size(), at);
+    EXPECT_EQ(200u, ids.size());
+    EXPECT_EQ(1u, *ids.begin());
+    EXPECT_EQ(200u, *ids.rbegin());
+}
+
+TEST(CTraceWriter, BadArgumentsAreRefusedAndWriteNothing) {
+    TempDir dir;
+    EXPECT_EQ(0, c_check_refusals(dir.file("host.3.jit").c_str()));
+}
+
+TEST(CTraceWriter, TheReaderSeesWhatCWrote) {
+    TempDir dir;
+    const std::string path = dir.file("host.4.jit");
+    ASSERT_EQ(0, c_write_every_record(path.c_str()));
+
+    std::vector<const char*> paths = {path.c_str()};
+    q::generic_iterator_t<const char*> it = q::makeIterator<const char*>(paths);
+    q::ISymbolFileLocator::Ptr noLocator;
+    q::ISymbolResolver::Ptr resolver = q::ISymbolResolver::create(it, noLocator);
+    ASSERT_TRUE(resolver);
+
+    auto symbols = resolver->getSymbols();
+    ASSERT_FALSE(symbols.atEnd());
+    const q::ISymbol::Ptr run = symbols.current();
+    EXPECT_STREQ("demo::CWritten::run", run->getMethodName());
+    EXPECT_STREQ("c.jar", run->getModule()->getFilePath());
+    EXPECT_EQ(7u, run->getMethodID());
+
+    auto regions = run->getRegions();
+    ASSERT_FALSE(regions.atEnd());
+    const q::ICodeRegion::Ptr region = regions.current();
+    EXPECT_EQ(0x10000u, region->getStartVirtualAddress());
+    // The method update rewrote nothing (same bytes); the bytes are the ones written.
+    ASSERT_TRUE(region->getBytes());
+    EXPECT_EQ(0x55, region->getBytes()->data()[0]);
+
+    const std::vector<q::InlinedCode> inlines = q::inlinedRegions(region);
+    ASSERT_EQ(1u, inlines.size());
+    EXPECT_STREQ("demo::CWritten::helper", inlines[0].symbol->getMethodName());
+    EXPECT_EQ(0x10004u, inlines[0].region->getStartVirtualAddress());
+    const q::ISourceLocation::Ptr at = run->getSourceLocation(region->getStartJitRva() + 9);
+    ASSERT_TRUE(at);
+    EXPECT_EQ(11u, at->getLine());
+}
+
+} // namespace
