@@ -231,7 +231,7 @@ int main(int argc, char** argv) {
             DumpEntry e;
             if (!view.dumpAt(rva, e)) {
                 fail("no method holds jit rva " + o.rva);
-                return kExitInput;
+                return kExitUsage;
             }
             entries.push_back(std::move(e));
         } else {
