@@ -65,7 +65,7 @@ typedef struct quarvel_trace_method_tail {
 
 /* A method load (versions 0 to 3) or a method update (the version 3 layout). */
 typedef struct quarvel_trace_method_load {
-    uint32_t hash_key;   /* versions 2 and 3 */
+    uint32_t hash_key;   /* versions 2 and 3: set it to method_id (see TraceMethodLoad below) */
     uint32_t method_id;
     uint8_t inline_flag; /* version 3: 1 makes the record an inline load */
     uint64_t load_time;
