@@ -109,6 +109,9 @@ quarvel_error_t JitDataManager::processMethodLoadRecord(u32 processId, u32 hostI
         QV_CHECK(fitsIn64(region->startJitRva(), region->length()), return meBadRecord);
     }
 
+    // A copy: the stored method may be rawMethod itself, and it grows below.
+    const std::vector<Region::Ptr> newRegions = rawMethod->regions();
+
     const auto inserted = m_methods.emplace(rawMethod->getMethodId(), JitMethod::Ptr());
     JitMethod::Ptr method; // the registered method that owns the new regions
     if (inserted.second) {
@@ -130,7 +133,7 @@ quarvel_error_t JitDataManager::processMethodLoadRecord(u32 processId, u32 hostI
         if (method->getLoadTime() != rawMethod->getLoadTime()) {
             method->compareSymbolicInfoTo(rawMethod);
         } else {
-            for (const Region::Ptr& region : rawMethod->regions())
+            for (const Region::Ptr& region : newRegions)
                 for (const Region::Ptr& stored : method->regions())
                     if (region->startAddress() == stored->startAddress()) {
                         QV_ERROR("Couldn't add a region (methodID="
@@ -143,7 +146,7 @@ quarvel_error_t JitDataManager::processMethodLoadRecord(u32 processId, u32 hostI
         // The stored method takes over the new regions (a reload, or more code
         // of the same load elsewhere) so that it answers for their jit rvas.
         jit_rva_t lowest = method->getStartJitRva();
-        for (const Region::Ptr& region : rawMethod->regions()) {
+        for (const Region::Ptr& region : newRegions) {
             method->addCodeRegion(region);
             QV_INFO("Added a new code region (ip range = " << ipRange(*region) << ") in method "
                                                            << method->getRawMethodId());
@@ -153,7 +156,8 @@ quarvel_error_t JitDataManager::processMethodLoadRecord(u32 processId, u32 hostI
         // The newcomer's line tables are offsets from its own first byte; kept
         // at its jit rvas they keep answering for the reloaded code.
         const jit_rva_t newStart = methodStartJitRva(*rawMethod);
-        for (const auto& entry : rawMethod->getLineNumberInfo())
+        const JitMethod::LineInfoMap newLines = rawMethod->getLineNumberInfo();
+        for (const auto& entry : newLines)
             for (quarvel_line_info_type type : {quarvel_line_info_native_to_managed, quarvel_line_info_managed_to_source,
                                                 quarvel_line_info_native_to_source})
                 if (!entry.second.tables[type].empty())
@@ -161,7 +165,7 @@ quarvel_error_t JitDataManager::processMethodLoadRecord(u32 processId, u32 hostI
                                               Range(entry.first.start + newStart, entry.first.length));
     }
 
-    for (const Region::Ptr& region : rawMethod->regions()) {
+    for (const Region::Ptr& region : newRegions) {
         const quarvel_error_t ret = placeRegion(region, method);
         if (ret != meSuccess)
             return ret;
@@ -619,13 +623,15 @@ quarvel_error_t JitDataManager::processMethodUpdateRecord(u32 processId, u32 hos
         return meNotFound;
     }
 
-    // Old head, update bytes, old tail. A region without a code copy gets one
-    // of its own length; a short code copy or short update content is clipped
-    // so that nothing is read or written past a buffer.
+    // Old head, update bytes, old tail, in an array of the code copy's size: a
+    // short code copy or short update content is clipped so that nothing is
+    // read or written past a buffer. A region without a code copy has no
+    // bytes to patch; its length comes from the file and may claim 4 GiB, so
+    // it never sizes an allocation.
     const IByteBuffer::Ptr& old = region->content();
     const unsigned char* oldBytes = old ? old->data() : nullptr;
     const u64 oldSize = old && oldBytes ? old->size() : 0;
-    const u64 size = oldBytes ? oldSize : region->length();
+    const u64 size = oldSize;
     std::vector<unsigned char> bytes(size, 0);
     if (oldBytes)
         std::copy(oldBytes, oldBytes + oldSize, bytes.begin());
