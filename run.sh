@@ -7,13 +7,14 @@ cd "$(dirname "$0")"
 
 scripts/setup.sh
 BUILD_DIR=${BUILD_DIR:-build}
-tool=$BUILD_DIR/tools/quarvel-jit/quarvel-jit
+# The library's own log is left out here; add --log-level warn to see it.
+tool=("$BUILD_DIR/tools/quarvel-jit/quarvel-jit" --log-level off)
 dir=$BUILD_DIR/example
 
 "$BUILD_DIR/examples/quarvel-example-traces" "$dir"
 echo
 echo "\$ quarvel-jit resolve $dir --samples $dir/samples.csv --top 10"
-"$tool" resolve "$dir" --samples "$dir/samples.csv" --top 10
+"${tool[@]}" resolve "$dir" --samples "$dir/samples.csv" --top 10
 echo
 echo "\$ quarvel-jit resolve $dir --samples $dir/samples.csv | head"
-"$tool" resolve "$dir" --samples "$dir/samples.csv" | head || true
+"${tool[@]}" resolve "$dir" --samples "$dir/samples.csv" | head || true
