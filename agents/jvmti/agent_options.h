@@ -1,0 +1,26 @@
+#ifndef QUARVEL_JVMTI_AGENT_OPTIONS_H
+#define QUARVEL_JVMTI_AGENT_OPTIONS_H
+
+#include <string>
+#include <vector>
+
+namespace quarvel_jvmti {
+
+enum class ClockKind { monotonic, tsc };
+
+// -agentpath:libquarvel_jvmti.so=dir=<dir>,clock=monotonic|tsc,stubs=0|1,inlines=0|1,verbose=0|1
+struct AgentOptions {
+    std::string dir = ".";
+    ClockKind clock = ClockKind::monotonic;
+    bool stubs = true;    // write interpreter, stub and adapter blobs
+    bool inlines = true;  // write inlined instances
+    bool verbose = false; // a summary on stderr at exit
+    // Unknown options and bad values: reported, then the defaults apply.
+    std::vector<std::string> problems;
+};
+
+AgentOptions parseAgentOptions(const char* text);
+
+} // namespace quarvel_jvmti
+
+#endif
