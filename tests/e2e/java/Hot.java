@@ -1,0 +1,89 @@
+import java.io.InputStream;
+import java.lang.invoke.MethodHandles;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.function.IntUnaryOperator;
+import java.util.function.LongUnaryOperator;
+import java.util.stream.IntStream;
+
+// The end-to-end workload: one known hottest method (sumRange, kept out of its
+// callers), a deep chain of small methods for the compiler to inline, lambdas
+// and streams, and a steady churn of short-lived hidden classes whose compiled
+// code is thrown away so the small code cache reuses its addresses.
+public class Hot {
+    static volatile long sink;
+
+    static long sumRange(int from, int to) {
+        long s = 0;
+        for (int i = from; i < to; i++) {
+            s += (i ^ (i >>> 3)) * 31L + (s >>> 7);
+        }
+        return s;
+    }
+
+    static int d1(int x) { return d2(x + 1) ^ 3; }
+    static int d2(int x) { return d3(x * 3) + 1; }
+    static int d3(int x) { return d4(x ^ 0x55) - 2; }
+    static int d4(int x) { return d5(x + 7) * 5; }
+    static int d5(int x) { return d6(x >>> 1) + x; }
+    static int d6(int x) { return d7(x | 1) ^ x; }
+    static int d7(int x) { return d8(x - 3) + 11; }
+    static int d8(int x) { return x * 7 + (x >>> 5); }
+
+    static long deep(int n) {
+        long s = 0;
+        for (int i = 0; i < n; i++) {
+            s += d1(i);
+        }
+        return s;
+    }
+
+    static long lambdas(int n) {
+        List<IntUnaryOperator> ops = new ArrayList<>();
+        ops.add(x -> x + 1);
+        ops.add(x -> x * 3);
+        ops.add(x -> x ^ 0x55);
+        ops.add(x -> Integer.rotateLeft(x, 5));
+        long s = 0;
+        for (int i = 0; i < n; i++) {
+            s += ops.get(i & 3).applyAsInt(i);
+        }
+        return s + IntStream.range(0, n).map(x -> x * x).filter(x -> (x & 1) == 0).asLongStream().sum();
+    }
+
+    static long churn(byte[] payload, int rounds) throws Exception {
+        long s = 0;
+        for (int r = 0; r < rounds; r++) {
+            Class<?> c = MethodHandles.lookup().defineHiddenClass(payload, true).lookupClass();
+            LongUnaryOperator op = (LongUnaryOperator) c.getDeclaredConstructor().newInstance();
+            for (int i = 0; i < 1000; i++) {
+                s += op.applyAsLong(i);
+            }
+        }
+        return s;
+    }
+
+    public static void main(String[] args) throws Exception {
+        final long millis = args.length > 0 ? Long.parseLong(args[0]) : 6000;
+        byte[] payload;
+        try (InputStream in = Hot.class.getResourceAsStream("/Payload.class")) {
+            payload = in.readAllBytes();
+        }
+        final long end = System.nanoTime() + millis * 1_000_000L;
+        long s = 0;
+        int round = 0;
+        while (System.nanoTime() < end) {
+            s += sumRange(round, round + 12_000_000);
+            s += deep(20_000);
+            s += lambdas(5_000);
+            s += churn(payload, 6);
+            if (++round % 20 == 0) {
+                System.gc();
+            }
+        }
+        sink = s;
+        // Let the VM hand out the last compile events before it goes.
+        Thread.sleep(300);
+        System.out.println("rounds " + round);
+    }
+}
