@@ -381,6 +381,16 @@ void JNICALL onVMDeath(jvmtiEnv*, JNIEnv*) {
     Agent* a = g_agent;
     if (!a)
         return;
+    // Load events wait in a queue of the VM's service thread, and the ones still
+    // there now are never delivered. The VM is still live during this callback:
+    // replaying what is loaded writes the code compiled in the last moments.
+    try {
+        const jvmtiError err = a->jvmti->GenerateEvents(JVMTI_EVENT_COMPILED_METHOD_LOAD);
+        if (err != JVMTI_ERROR_NONE && a->options.verbose)
+            std::fprintf(stderr, "%sGenerateEvents(CompiledMethodLoad) at exit failed: %d\n", kPrefix, err);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s%s\n", kPrefix, e.what());
+    }
     std::lock_guard<std::mutex> lock(a->mutex);
     if (!a->active)
         return;
