@@ -16,23 +16,23 @@ void assertionFailed(const char* condition, const char* file, int line);
 
 } // namespace quarvel_3_13
 
-// QV_CHECK(cond, onFailure): when cond is false, reports "cond" and runs onFailure
-// (typically `return meNotFound`).
+// QV_CHECK(cond, onFailure): when cond is false, reports "cond" and runs
+// onFailure (`return meNotFound`, `continue`, `break`, ...). Written as an
+// if/else rather than do/while so that continue and break reach the caller's
+// loop; a stray `else` after it fails to compile instead of binding wrongly.
 #define QV_CHECK(cond, onFailure)                                              \
-    do {                                                                       \
-        if (!(cond)) {                                                         \
-            ::quarvel_3_13::assertionFailed(#cond, __FILE__, __LINE__);        \
-            onFailure;                                                         \
-        }                                                                      \
-    } while (0)
+    if (cond) {                                                                \
+    } else {                                                                   \
+        ::quarvel_3_13::assertionFailed(#cond, __FILE__, __LINE__);            \
+        onFailure;                                                             \
+    }
 
 // The same with the condition's text given explicitly.
 #define QV_CHECK_TEXT(cond, text, onFailure)                                   \
-    do {                                                                       \
-        if (!(cond)) {                                                         \
-            ::quarvel_3_13::assertionFailed(text, __FILE__, __LINE__);         \
-            onFailure;                                                         \
-        }                                                                      \
-    } while (0)
+    if (cond) {                                                                \
+    } else {                                                                   \
+        ::quarvel_3_13::assertionFailed(text, __FILE__, __LINE__);             \
+        onFailure;                                                             \
+    }
 
 #endif

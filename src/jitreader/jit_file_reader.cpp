@@ -230,15 +230,9 @@ quarvel_error_t JitFileReader::readJitFile(JitFileDecoder& decoder, target_arch_
 
 void JitFileReader::patchModuleName64(JitMethodStorage& methods) {
     for (const JitMethod::Ptr& method : methods) {
-        // (QV_CHECK's own block would swallow a `continue`.)
-        bool usable = true;
-        QV_CHECK(method, usable = false);
-        if (!usable)
-            continue;
+        QV_CHECK(method, continue);
         const IModule::Ptr module = method->getModule();
-        QV_CHECK(module, usable = false);
-        if (!usable)
-            continue;
+        QV_CHECK(module, continue);
         if (module->getArchitecture() != quarvel_arch_varda64)
             continue;
         IModule::Ptr renamed(new Module(std::string(module->getFilePath()) + " (64)", module->isBogus(),
