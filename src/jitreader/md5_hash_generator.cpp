@@ -4,15 +4,13 @@
 
 #include <openssl/evp.h>
 
-#include <memory>
 #include <sstream>
 
 namespace quarvel_3_13 {
 
 std::string Md5HashGenerator::identityText(u32 rawId, const JitMethod::Ptr& method) {
-    std::ostringstream text;
     if (!method)
-        return text.str();
+        return std::string();
     const IModule::Ptr& module = method->info()->module();
     QV_CHECK(module, (void)0);
     const int arch = module ? static_cast<int>(module->getArchitecture()) : 0;
@@ -24,22 +22,39 @@ std::string Md5HashGenerator::identityText(u32 rawId, const JitMethod::Ptr& meth
             pid = method->regions().front()->processId();
         }
         // No separator between the process id and the architecture: the ids depend on it.
-        text << rawId << "." << host << "." << pid << arch;
-    } else {
-        const BaseMethodInfo& info = *method->info();
-        text << info.methodToken() << info.qualifiedMethodName() << info.className()
-             << (module ? module->getFilePath() : "") << arch;
+        // Built without a stream: this runs for every record read.
+        std::string text = std::to_string(rawId);
+        text += '.';
+        text += std::to_string(host);
+        text += '.';
+        text += std::to_string(pid);
+        text += std::to_string(arch);
+        return text;
     }
+    std::ostringstream text;
+    const BaseMethodInfo& info = *method->info();
+    text << info.methodToken() << info.qualifiedMethodName() << info.className()
+         << (module ? module->getFilePath() : "") << arch;
     return text.str();
 }
+
+namespace {
+
+// Fetched once: an implicit fetch on every digest costs more than the digest.
+const EVP_MD* md5() {
+    static const EVP_MD* const fetched = [] {
+        const EVP_MD* md = EVP_MD_fetch(nullptr, "MD5", nullptr);
+        return md ? md : EVP_md5();
+    }();
+    return fetched;
+}
+
+} // namespace
 
 BaseMethodId Md5HashGenerator::hashText(const std::string& text) {
     unsigned char digest[EVP_MAX_MD_SIZE] = {};
     unsigned int length = 0;
-    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-    if (!context || EVP_DigestInit_ex(context.get(), EVP_md5(), nullptr) != 1 ||
-        EVP_DigestUpdate(context.get(), text.data(), text.size()) != 1 ||
-        EVP_DigestFinal_ex(context.get(), digest, &length) != 1 || length != 16)
+    if (EVP_Digest(text.data(), text.size(), digest, &length, md5(), nullptr) != 1 || length != 16)
         return BaseMethodId();
     u64 halves[2] = {0, 0};
     for (int h = 0; h < 2; ++h)
