@@ -1,0 +1,41 @@
+// The record framing: a file made of the input, read record by record.
+
+#include "fuzz_support.h"
+
+#include "jit_file_decoder.h"
+#include "record.h"
+
+#include <cstdlib>
+
+using namespace quarvel_3_13;
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    quarvel_fuzz::setUpLogging();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const std::string path = quarvel_fuzz::scratchDir() + "/framing-1.jit";
+    if (!quarvel_fuzz::writeFile(path, data, size))
+        return 0;
+
+    JitFileDecoder decoder(path, 1, 1, 0x1000, dmCodeBytes);
+    Record record;
+    u64 consumed = 0;
+    quarvel_error_t status = meSuccess;
+    // Every accepted record consumes at least 8 bytes, so the loop ends.
+    while ((status = decoder.getNextRecord(record)) == meSuccess) {
+        // A record lies inside the file, starts where the previous one ended
+        // and never carries more body than the file holds.
+        if (record.offset != consumed || record.data.size() > size || decoder.position() > size ||
+            decoder.position() <= record.offset)
+            std::abort();
+        consumed = decoder.position();
+    }
+    if (status != meEndOfData && status != meBadRecord)
+        std::abort();
+    // Once the stream has ended it stays ended.
+    if (status == meEndOfData && decoder.getNextRecord(record) != meEndOfData)
+        std::abort();
+    return 0;
+}

@@ -1,0 +1,75 @@
+// Replays fuzz inputs through a target's LLVMFuzzerTestOneInput without
+// libFuzzer: each file (or every file of each directory, in name order) is
+// handed over in a heap buffer of exactly its size, so that a read past the
+// end shows under the address sanitizer. Returns non-zero when nothing was
+// replayed or a file cannot be read; a crash ends the process as it would
+// end the fuzzer.
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
+
+namespace {
+
+bool isDirectory(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+std::vector<std::string> filesOf(const std::string& dir) {
+    std::vector<std::string> files;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (const dirent* entry = readdir(d)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != ".." && !isDirectory(dir + "/" + name))
+                files.push_back(dir + "/" + name);
+        }
+        closedir(d);
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+bool replay(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        std::fprintf(stderr, "cannot read %s\n", path.c_str());
+        return false;
+    }
+    const std::vector<char> content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // Exactly the input's size; one byte for an empty input so the pointer is valid.
+    std::unique_ptr<uint8_t[]> buffer(new uint8_t[content.empty() ? 1 : content.size()]);
+    std::copy(content.begin(), content.end(), buffer.get());
+    LLVMFuzzerTestOneInput(buffer.get(), content.size());
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (LLVMFuzzerInitialize)
+        LLVMFuzzerInitialize(&argc, &argv);
+    size_t replayed = 0;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const std::vector<std::string> inputs = isDirectory(arg) ? filesOf(arg) : std::vector<std::string>{arg};
+        for (const std::string& input : inputs) {
+            if (!replay(input))
+                return 1;
+            ++replayed;
+        }
+    }
+    std::printf("replayed %zu inputs\n", replayed);
+    return replayed ? 0 : 1;
+}

@@ -1,0 +1,78 @@
+#!/usr/bin/env bash
+# Fuzzes every target for SECONDS each (default 600), two at a time, starting
+# from the committed corpus plus the seeds of the trace writer, then merges
+# what was found back into fuzz/corpus/<target>/ (minimised: only inputs that
+# add coverage are kept). Exits non-zero when any target crashed, leaked, ran
+# out of memory or timed out; the reproducer is kept under the work directory.
+#
+#   scripts/fuzz.sh [SECONDS]
+#   FUZZ_TARGETS="fuzz_update fuzz_trace_file" scripts/fuzz.sh 60
+#   FUZZ_JOBS=1 FUZZ_BUILD=build-fuzz FUZZ_WORK=/dev/shm/quarvel-fuzz scripts/fuzz.sh
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+seconds=${1:-600}
+build=${FUZZ_BUILD:-build-fuzz}
+jobs=${FUZZ_JOBS:-2}
+work=${FUZZ_WORK:-${TMPDIR:-/tmp}/quarvel-fuzz-$$}
+merge=${FUZZ_MERGE:-1}
+all_targets="fuzz_record_framing fuzz_method_load fuzz_inline_load fuzz_update fuzz_runtime_info fuzz_trace_file fuzz_file_names"
+targets=${FUZZ_TARGETS:-$all_targets}
+# Small inputs keep the committed corpus small; sizes claimed by hostile
+# records must not need big files to matter.
+fuzz_flags=(-max_len=4096 -rss_limit_mb=2048 -timeout=10 -print_final_stats=1)
+
+if [ ! -f "$build/build.ninja" ]; then
+  CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DQUARVEL_BUILD_FUZZ=ON -DQUARVEL_SANITIZE=address,undefined \
+    -DQUARVEL_BUILD_TESTS=OFF -DQUARVEL_BUILD_TOOLS=OFF -DQUARVEL_BUILD_AGENTS=OFF >/dev/null
+fi
+cmake --build "$build" -j "$(nproc)" --target quarvel_fuzz_all >/dev/null
+
+mkdir -p "$work/seeds" "$work/artifacts"
+"$build/fuzz/quarvel_fuzz_seeds" "$work/seeds"
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+
+run_one() { # target
+  local t=$1 bin=$build/fuzz/$1
+  mkdir -p "$work/$t" "fuzz/corpus/$t"
+  cp -n "fuzz/corpus/$t"/* "$work/seeds/$t"/* "$work/$t"/ 2>/dev/null || true
+  local status=0
+  nice "$bin" "${fuzz_flags[@]}" -max_total_time="$seconds" -artifact_prefix="$work/artifacts/$t-" \
+    "$work/$t" >"$work/$t.log" 2>&1 || status=$?
+  local cov; cov=$(grep -E '^#[0-9]+' "$work/$t.log" | tail -1 | grep -oE 'cov: [0-9]+ ft: [0-9]+' || true)
+  local eps; eps=$(grep -oE 'stat::average_exec_per_sec: *[0-9]+' "$work/$t.log" | grep -oE '[0-9]+$' || true)
+  local runs; runs=$(grep -oE 'stat::number_of_executed_units: *[0-9]+' "$work/$t.log" | grep -oE '[0-9]+$' || true)
+  if [ "$status" -ne 0 ] || ls "$work/artifacts/$t-"* >/dev/null 2>&1; then
+    echo "FAIL $t (status $status): see $work/$t.log and $work/artifacts/"
+    grep -E 'ERROR|SUMMARY' "$work/$t.log" | head -5
+    return 1
+  fi
+  if [ "$merge" = 1 ]; then
+    # A fresh directory merged from old and new keeps only what adds coverage.
+    rm -rf "$work/$t.merged" && mkdir -p "$work/$t.merged"
+    nice "$bin" -merge=1 "${fuzz_flags[@]}" "$work/$t.merged" "fuzz/corpus/$t" "$work/$t" >"$work/$t.merge.log" 2>&1
+    rm -rf "fuzz/corpus/$t" && mv "$work/$t.merged" "fuzz/corpus/$t"
+  fi
+  echo "ok   $t: ${runs:-?} runs, ${eps:-?} exec/s, ${cov:-no coverage line}, corpus $(ls "fuzz/corpus/$t" | wc -l) files"
+}
+
+failed=0
+running=0
+for t in $targets; do
+  run_one "$t" &
+  running=$((running + 1))
+  if [ "$running" -ge "$jobs" ]; then
+    wait -n || failed=1
+    running=$((running - 1))
+  fi
+done
+while [ "$running" -gt 0 ]; do
+  wait -n || failed=1
+  running=$((running - 1))
+done
+
+echo "corpus: $(du -sk fuzz/corpus | cut -f1) KB in $(find fuzz/corpus -type f | wc -l) files"
+[ "$failed" -eq 0 ] && rm -rf "$work"
+exit "$failed"
