@@ -1,27 +1,32 @@
 #include "base_method_info.h"
 
-#include <boost/tokenizer.hpp>
-
 #include <cxxabi.h>
 
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 namespace quarvel_3_13 {
 
 namespace {
 
-typedef boost::tokenizer<boost::char_separator<char>> Tokenizer;
-
 // Joins the "."-separated tokens of text with "::", dropping empty tokens.
+// Every method name goes through here, so it works in place, without a tokenizer.
 std::string joinDotted(const std::string& text) {
-    const boost::char_separator<char> dot(".");
-    const Tokenizer tokens(text, dot);
     std::string joined;
-    for (const std::string& token : tokens) {
-        if (!joined.empty())
-            joined += "::";
-        joined += token;
+    joined.reserve(text.size() + 16);
+    size_t pos = 0;
+    while (pos < text.size()) {
+        const size_t dot = text.find('.', pos);
+        const size_t end = dot == std::string::npos ? text.size() : dot;
+        if (end > pos) {
+            if (!joined.empty())
+                joined += "::";
+            joined.append(text, pos, end - pos);
+        }
+        if (dot == std::string::npos)
+            break;
+        pos = dot + 1;
     }
     return joined;
 }
@@ -66,9 +71,9 @@ bool demangle(const std::string& name, std::string& shortName, std::string& full
 void BaseMethodInfo::setClassName(const std::string& name) {
     if (name.empty())
         return;
-    const std::string joined = joinDotted(name);
+    std::string joined = joinDotted(name);
     if (!joined.empty())
-        m_className = joined;
+        m_className = std::move(joined);
 }
 
 void BaseMethodInfo::setMethodName(const std::string& name) {
@@ -94,7 +99,7 @@ void BaseMethodInfo::setMethodName(const std::string& name) {
     else if (!qualified.empty())
         m_methodName = qualified;
     if (!qualified.empty())
-        m_qualifiedMethodName = qualified;
+        m_qualifiedMethodName = std::move(qualified);
 }
 
 ISourceFile::Ptr BaseMethodInfo::getSourceFile() const {
