@@ -7,8 +7,7 @@ cd "$(dirname "$0")"
 
 scripts/setup.sh
 BUILD_DIR=${BUILD_DIR:-build}
-# The library's own log is left out here; add --log-level warn to see it.
-tool=("$BUILD_DIR/tools/quarvel-jit/quarvel-jit" --log-level off)
+tool=("$BUILD_DIR/tools/quarvel-jit/quarvel-jit")
 dir=$BUILD_DIR/example
 
 "$BUILD_DIR/examples/quarvel-example-traces" "$dir"

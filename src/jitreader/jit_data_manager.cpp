@@ -109,6 +109,13 @@ quarvel_error_t JitDataManager::processMethodLoadRecord(u32 processId, u32 hostI
         QV_CHECK(fitsIn64(region->startJitRva(), region->length()), return meBadRecord);
     }
 
+    // New bytes for code that is already registered (a patched call site):
+    // the decoder hands over a patched copy of the live region, same jit rva,
+    // same addresses. The stored region takes the bytes in place, so the code
+    // keeps its jit rva and line tables; it is not a new load.
+    if (applyPatchedCopies(*rawMethod))
+        return meSuccess;
+
     // A copy: the stored method may be rawMethod itself, and it grows below.
     const std::vector<Region::Ptr> newRegions = rawMethod->regions();
 
@@ -171,6 +178,28 @@ quarvel_error_t JitDataManager::processMethodLoadRecord(u32 processId, u32 hostI
             return ret;
     }
     return meSuccess;
+}
+
+bool JitDataManager::applyPatchedCopies(const JitMethod& rawMethod) {
+    std::vector<Region*> stored;
+    for (const Region::Ptr& region : rawMethod.regions()) {
+        const auto found = m_jitRvaDomain.find(region->jitRvaRange());
+        if (found == m_jitRvaDomain.end() || found->first != region->jitRvaRange() ||
+            found->second.region == region || found->second.region->addressRange() != region->addressRange() ||
+            found->second.method->getRawMethodId() != rawMethod.getRawMethodId())
+            return false;
+        stored.push_back(found->second.region.get());
+    }
+    for (size_t i = 0; i < stored.size(); ++i) {
+        const Region& patched = *rawMethod.regions()[i];
+        if (patched.content())
+            stored[i]->takeBytesFrom(patched);
+        QV_INFO("Updated code region (ip range = " << ipRange(patched) << ") from method "
+                                                   << rawMethod.getRawMethodId() << ", name = "
+                                                   << rawMethod.getMethodName() << ", load time = "
+                                                   << rawMethod.getLoadTime());
+    }
+    return true;
 }
 
 quarvel_error_t JitDataManager::placeRegion(const Region::Ptr& region, const JitMethod::Ptr& method) {

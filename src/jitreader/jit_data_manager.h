@@ -98,6 +98,9 @@ public:
                                                JitMethodContainer& container) const;
 
 private:
+    // True when every region of rawMethod is a patched copy of a registered
+    // region of the same method; their bytes then replace the stored ones.
+    bool applyPatchedCopies(const JitMethod& rawMethod);
     // Inline attachment.
     quarvel_error_t findParentMethod(const BaseMethodId& parentId, JitMethod::Ptr& method) const;
     quarvel_error_t findInlineMethod(const BaseMethodId& parentId, JitMethod::Ptr& method) const;

@@ -613,12 +613,16 @@ bool JitFileDecoder::decodeMethodUpdateRecordV2(const Record& record, JitMethod:
         return false;
     }
 
-    // A patched copy: the region that was live before the update stays as it was.
+    // A patched copy of the found region, with its jit rva: registration
+    // recognises it as new bytes for code it already holds. Without kept code
+    // bytes (or a region that has none) there is nothing to patch.
     Region::Ptr patched(new Region(*updRegion));
-    IByteBuffer::Ptr content = IByteBuffer::create();
-    content->assign(bytes, byteCount);
-    if (patched->addBytesUpdate(start, length, content, quarvel_segment_code, std::string()) != meSuccess)
-        return false;
+    if ((m_mode & dmCodeBytes) && updRegion->content()) {
+        IByteBuffer::Ptr content = IByteBuffer::create();
+        content->assign(bytes, byteCount);
+        if (patched->addBytesUpdate(start, length, content, quarvel_segment_code, std::string()) != meSuccess)
+            return false;
+    }
 
     method->setRawMethodId(rawId);
     method->setLoadTime(loadTime);

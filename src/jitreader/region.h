@@ -63,6 +63,11 @@ public:
     void setStartJitRva(jit_rva_t rva) { m_startJitRva = rva; }
     void setUnloadTime(u64 time) { m_unloadTime = time; }
     void setContent(const IByteBuffer::Ptr& content) { m_content = content; }
+    // Takes the code bytes and update markup of a patched copy of this region.
+    void takeBytesFrom(const Region& patched) {
+        m_content = patched.m_content;
+        m_markup = patched.m_markup;
+    }
 
     // Inline tree. Children are searched by jit rva, in attachment order.
     void addChildRegion(const Ptr& child, const MethodPtr& method);

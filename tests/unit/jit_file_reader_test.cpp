@@ -179,6 +179,55 @@ TEST(JitFileReaderTest, RefusedUpdateV2IsLoggedAndReadingGoesOn) {
     EXPECT_TRUE(log.contains("Failed to decode a UPDATE_V2 record", log4cplus::ERROR_LOG_LEVEL)) << log.dump();
 }
 
+// A patched call site (update v2) rewrites the live region's bytes in place:
+// one method, one region, the same jit rva and line tables before and after.
+class JitFileReaderUpdateV2Test : public ::testing::TestWithParam<decoding_mode_t> {};
+
+TEST_P(JitFileReaderUpdateV2Test, PatchesTheLiveRegionInPlace) {
+    TempDir dir;
+    TraceMethodLoad loaded = load(1, 100, 0x1000);
+    loaded.tail.lines.nativeToSource = {{0, 16, 7}};
+    TraceUpdateV2 update;
+    update.methodId = 1;
+    update.loadTime = 150;
+    update.startAddress = 0x1004;
+    update.length = 4;
+    update.bytes = {1, 2, 3, 4};
+    const std::string path = TraceBuilder().collector(ctJitProfiler).load(3, loaded).updateV2(update).writeTo(
+        dir.file("h.1.jit"));
+    LogCapture log;
+    JitDataManager data;
+    const Pass pass = readFile(path, data, taAny, GetParam());
+    EXPECT_EQ(meSuccess, pass.status);
+    EXPECT_TRUE(log.errors().empty()) << log.dump();
+    ASSERT_EQ(std::vector<u32>{1}, registeredIds(data));
+    const JitMethod::Ptr method = data.getJitMethods().front();
+    ASSERT_EQ(1u, method->regionCount());
+    const Region& region = *method->regions().front();
+
+    // Samples before and after the patch resolve to the same jit rva and line.
+    for (u64 time : {120u, 200u}) {
+        JitMethod::Ptr found;
+        u64 jitRva = 0;
+        ASSERT_EQ(meSuccess, data.resolveJitPoint(0x1005, time, kPid, kHost, found, jitRva)) << time;
+        EXPECT_EQ(method.get(), found.get());
+        EXPECT_EQ(region.startJitRva() + 5, jitRva);
+        ASSERT_TRUE(found->getSourceLocation(jitRva));
+        EXPECT_EQ(7u, found->getSourceLocation(jitRva)->getLine());
+    }
+    if (GetParam() & dmCodeBytes) {
+        ASSERT_TRUE(region.content());
+        const unsigned char* bytes = region.content()->data();
+        EXPECT_EQ((std::vector<unsigned char>{0xCC, 0xCC, 0xCC, 0xCC, 1, 2, 3, 4, 0xCC}),
+                  std::vector<unsigned char>(bytes, bytes + 9));
+        EXPECT_EQ(1u, region.markup().size());
+    } else {
+        EXPECT_FALSE(region.content()) << "no bytes are kept in this mode";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, JitFileReaderUpdateV2Test, ::testing::Values(dmCodeBytes, dmSkipSymbolic));
+
 // An update (type 10) applies only under decoding mode exactly dmCodeBytes.
 struct UpdateCase {
     decoding_mode_t mode;
