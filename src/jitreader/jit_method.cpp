@@ -5,6 +5,7 @@
 #include "source_location.h"
 
 #include <sstream>
+#include <utility>
 
 namespace quarvel_3_13 {
 
@@ -167,13 +168,13 @@ ISourceLocation::Ptr JitMethod::getSourceLocation(u64 jitRva) const {
     return ISourceLocation::Ptr(new SourceLocation(line, m_info->sourceFile()));
 }
 
-bool JitMethod::addLineNumberInfo(quarvel_line_info_type type, const LineTable& entries, const Range& range) {
+bool JitMethod::addLineNumberInfo(quarvel_line_info_type type, LineTable entries, const Range& range) {
     if (type > quarvel_line_info_native_to_source)
         return false;
     auto found = m_lineInfo.find(range);
     if (found == m_lineInfo.end()) {
         LineInfoHolder holder;
-        holder.tables[type] = entries;
+        holder.tables[type] = std::move(entries);
         if (!m_lineInfo.emplace(range, std::move(holder)).second) {
             QV_ERROR("Couldn't add line number info for this"
                      << " code region of already registered method " << describe());
@@ -183,7 +184,7 @@ bool JitMethod::addLineNumberInfo(quarvel_line_info_type type, const LineTable& 
     }
     LineTable& table = found->second.tables[type];
     if (table.empty()) {
-        table = entries;
+        table = std::move(entries);
         return true;
     }
     QV_ERROR("Couldn't overwrite existing line number"
@@ -204,8 +205,10 @@ void JitMethod::normalizeLineNumberInfoJitRvaRanges(jit_rva_t newStart) {
     if (m_lineInfo.empty())
         return;
     LineInfoMap normalized;
-    for (const auto& entry : m_lineInfo) {
-        const bool ret = normalized.emplace(Range(entry.first.start + newStart, entry.first.length), entry.second).second;
+    // The tables move to their new keys; the old map is dropped below.
+    for (auto& entry : m_lineInfo) {
+        const bool ret =
+            normalized.emplace(Range(entry.first.start + newStart, entry.first.length), std::move(entry.second)).second;
         QV_CHECK(ret, continue);
     }
     m_lineInfo.swap(normalized);

@@ -84,7 +84,8 @@ public:
     void setInlineAttached(bool attached) { m_inlineAttached = attached; }
 
     // Line tables.
-    bool addLineNumberInfo(quarvel_line_info_type type, const LineTable& entries, const Range& range);
+    // Takes entries by value: a caller that is done with its table moves it in.
+    bool addLineNumberInfo(quarvel_line_info_type type, LineTable entries, const Range& range);
     bool addLineNumberInfo(const LineInfoMap& map);
     const LineInfoMap& getLineNumberInfo() const { return m_lineInfo; }
     void normalizeLineNumberInfoJitRvaRanges(jit_rva_t newStart);
