@@ -7,6 +7,9 @@
 //   --cache=DIR              where generated traces are kept (default ./bench-cache)
 //   --sizes=N,N,...          method loads of the ingest traces (default 10000,100000,1000000)
 //   --resolve-regions=N      code regions of the resolution trace (default 1000000)
+//   --ingest-once=loader|resolver
+//                            one ingest of the first size in this process, no
+//                            benchmark run: for profilers (perf, callgrind)
 
 #include "trace_corpus.h"
 
@@ -591,16 +594,27 @@ std::vector<size_t> parseSizes(const std::string& text) {
 
 int main(int argc, char** argv) {
     std::vector<char*> rest;
+    std::string ingestOnceKind;
     for (int i = 0; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg.compare(0, 8, "--cache=") == 0)
             g_options.cacheDir = arg.substr(8);
         else if (arg.compare(0, 8, "--sizes=") == 0)
             g_options.sizes = parseSizes(arg.substr(8));
+        else if (arg.compare(0, 14, "--ingest-once=") == 0)
+            ingestOnceKind = arg.substr(14);
         else if (arg.compare(0, 18, "--resolve-regions=") == 0)
             g_options.resolveRegions = static_cast<size_t>(std::stoull(arg.substr(18)));
         else
             rest.push_back(argv[i]);
+    }
+    if (!ingestOnceKind.empty()) {
+        const size_t n = g_options.sizes.empty() ? 10000 : g_options.sizes.front();
+        const IngestResult r =
+            ingestOnce(ingestOnceKind == "resolver" ? IngestKind::Resolver : IngestKind::Loader, ingestCorpus(n));
+        std::cout << ingestOnceKind << " " << n << " loads: " << (r.ok ? "ok" : "FAILED") << ", " << r.seconds
+                  << " s CPU\n";
+        return r.ok ? 0 : 1;
     }
     int restCount = static_cast<int>(rest.size());
     benchmark::Initialize(&restCount, rest.data());
