@@ -28,12 +28,26 @@ void reconfigure();
 } // namespace log
 } // namespace quarvel_3_13
 
-#define QV_TRACE(expr) LOG4CPLUS_TRACE(::quarvel_3_13::log::logger(), expr)
-#define QV_DEBUG(expr) LOG4CPLUS_DEBUG(::quarvel_3_13::log::logger(), expr)
-#define QV_INFO(expr) LOG4CPLUS_INFO(::quarvel_3_13::log::logger(), expr)
-#define QV_WARN(expr) LOG4CPLUS_WARN(::quarvel_3_13::log::logger(), expr)
+// Like the LOG4CPLUS_* macros, but the logger is used through a reference:
+// theirs copy it, a reference-count round trip on one shared object per log
+// statement, which every thread's queries would contend on.
+#define QV_LOG_AT(level, expr)                                                                                   \
+    do {                                                                                                         \
+        const log4cplus::Logger& qv_logger_ = ::quarvel_3_13::log::logger();                                     \
+        if (qv_logger_.isEnabledFor(level)) {                                                                    \
+            LOG4CPLUS_MACRO_INSTANTIATE_OSTRINGSTREAM(qv_log_buffer_);                                           \
+            qv_log_buffer_ << expr;                                                                              \
+            log4cplus::detail::macro_forced_log(qv_logger_, level, qv_log_buffer_.str(), LOG4CPLUS_MACRO_FILE(), \
+                                                __LINE__, LOG4CPLUS_MACRO_FUNCTION());                           \
+        }                                                                                                        \
+    } while (0)
+
+#define QV_TRACE(expr) QV_LOG_AT(log4cplus::TRACE_LOG_LEVEL, expr)
+#define QV_DEBUG(expr) QV_LOG_AT(log4cplus::DEBUG_LOG_LEVEL, expr)
+#define QV_INFO(expr) QV_LOG_AT(log4cplus::INFO_LOG_LEVEL, expr)
+#define QV_WARN(expr) QV_LOG_AT(log4cplus::WARN_LOG_LEVEL, expr)
 #define QV_ERROR(expr) \
-    LOG4CPLUS_ERROR(::quarvel_3_13::log::logger(), expr << ::quarvel_3_13::log::errorSuffix(__FILE__, __LINE__))
+    QV_LOG_AT(log4cplus::ERROR_LOG_LEVEL, expr << ::quarvel_3_13::log::errorSuffix(__FILE__, __LINE__))
 #define QV_TRACE_ENABLED() ::quarvel_3_13::log::logger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)
 
 #endif
