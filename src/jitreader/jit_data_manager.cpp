@@ -5,6 +5,8 @@
 
 #include <quarvel/byte_buffer.h>
 
+#include <boost/make_shared.hpp>
+
 #include <algorithm>
 #include <limits>
 #include <set>
@@ -211,7 +213,8 @@ quarvel_error_t JitDataManager::placeRegion(const Region::Ptr& region, const Jit
         return meBadRecord;
     }
 
-    JitMethodContainerPtr container(new JitMethodContainer());
+    // One allocation for the container and its count: there is one per region.
+    JitMethodContainerPtr container = boost::make_shared<JitMethodContainer>();
     if (!container->timeDomain.emplace(region->loadTime(), region).second) {
         QV_ERROR("Couldn't add a region (addr=" << region->startAddress() << ", size=" << region->length()
                                                 << ", methodID=" << method->getRawMethodId()
