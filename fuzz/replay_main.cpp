@@ -3,7 +3,8 @@
 // handed over in a heap buffer of exactly its size, so that a read past the
 // end shows under the address sanitizer. Returns non-zero when nothing was
 // replayed or a file cannot be read; a crash ends the process as it would
-// end the fuzzer.
+// end the fuzzer. As under the fuzzer, one allocation of more than 2 GiB is a
+// failure: sizes claimed by a file must never size an allocation.
 
 #include <algorithm>
 #include <cstdint>
@@ -15,7 +16,21 @@
 #include <vector>
 
 #include <dirent.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define QUARVEL_REPLAY_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QUARVEL_REPLAY_ASAN 1
+#endif
+#endif
+
+#ifdef QUARVEL_REPLAY_ASAN
+// The sanitizer reports an allocation above this and stops.
+extern "C" const char* __asan_default_options() { return "max_allocation_size_mb=2048"; }
+#endif
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
@@ -58,6 +73,12 @@ bool replay(const std::string& path) {
 } // namespace
 
 int main(int argc, char** argv) {
+#ifndef QUARVEL_REPLAY_ASAN
+    // Without the sanitizer an address space cap turns a huge allocation into
+    // std::bad_alloc, which ends the replay.
+    const rlimit cap{rlim_t(3) << 30, rlim_t(3) << 30};
+    setrlimit(RLIMIT_AS, &cap);
+#endif
     if (LLVMFuzzerInitialize)
         LLVMFuzzerInitialize(&argc, &argv);
     size_t replayed = 0;

@@ -16,6 +16,9 @@ build=${FUZZ_BUILD:-build-fuzz}
 jobs=${FUZZ_JOBS:-2}
 work=${FUZZ_WORK:-${TMPDIR:-/tmp}/quarvel-fuzz-$$}
 merge=${FUZZ_MERGE:-1}
+# Bytes of committed corpus per target: past it the largest inputs go first
+# (the merge keeps the smallest input for each feature, so little is lost).
+budget=${FUZZ_CORPUS_BUDGET:-49152}
 all_targets="fuzz_record_framing fuzz_method_load fuzz_inline_load fuzz_update fuzz_runtime_info fuzz_trace_file fuzz_file_names"
 targets=${FUZZ_TARGETS:-$all_targets}
 # Small inputs keep the committed corpus small; sizes claimed by hostile
@@ -27,9 +30,11 @@ if [ ! -f "$build/build.ninja" ]; then
     -DQUARVEL_BUILD_FUZZ=ON -DQUARVEL_SANITIZE=address,undefined \
     -DQUARVEL_BUILD_TESTS=OFF -DQUARVEL_BUILD_TOOLS=OFF -DQUARVEL_BUILD_AGENTS=OFF >/dev/null
 fi
-cmake --build "$build" -j "$(nproc)" --target quarvel_fuzz_all >/dev/null
-
 mkdir -p "$work/seeds" "$work/artifacts"
+if ! cmake --build "$build" -j "$(nproc)" --target quarvel_fuzz_all >"$work/build.log" 2>&1; then
+  tail -40 "$work/build.log"
+  exit 1
+fi
 "$build/fuzz/quarvel_fuzz_seeds" "$work/seeds"
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
@@ -53,6 +58,12 @@ run_one() { # target
     # A fresh directory merged from old and new keeps only what adds coverage.
     rm -rf "$work/$t.merged" && mkdir -p "$work/$t.merged"
     nice "$bin" -merge=1 "${fuzz_flags[@]}" "$work/$t.merged" "fuzz/corpus/$t" "$work/$t" >"$work/$t.merge.log" 2>&1
+    local f
+    while [ "$(du -sb "$work/$t.merged" | cut -f1)" -gt "$budget" ]; do
+      f=$(ls -S "$work/$t.merged" | head -1)
+      [ -n "$f" ] || break
+      rm -f "$work/$t.merged/$f"
+    done
     rm -rf "fuzz/corpus/$t" && mv "$work/$t.merged" "fuzz/corpus/$t"
   fi
   echo "ok   $t: ${runs:-?} runs, ${eps:-?} exec/s, ${cov:-no coverage line}, corpus $(ls "fuzz/corpus/$t" | wc -l) files"
@@ -73,6 +84,6 @@ while [ "$running" -gt 0 ]; do
   running=$((running - 1))
 done
 
-echo "corpus: $(du -sk fuzz/corpus | cut -f1) KB in $(find fuzz/corpus -type f | wc -l) files"
+echo "corpus: $(( $(du -sb fuzz/corpus | cut -f1) / 1024 )) KB in $(find fuzz/corpus -type f | wc -l) files"
 [ "$failed" -eq 0 ] && rm -rf "$work"
 exit "$failed"

@@ -4,6 +4,7 @@
 #include "jit_method.h"
 #include "log.h"
 
+#include <algorithm>
 #include <iomanip>
 #include <vector>
 
@@ -167,19 +168,23 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
         return meNotFound;
     }
 
-    // Padding carries no code: the range becomes one-byte no-operations.
+    const unsigned oldSize = m_content->size();
+    const u64 offset = codeAddr - m_startVirtualAddress;
+
+    // Padding carries no code: the range becomes one-byte no-operations. Only
+    // the part the code copy holds is filled: the range's length comes from
+    // the file and may claim 4 GiB.
     std::vector<unsigned char> padding;
     const unsigned char* updateBytes = content->data();
     unsigned updateSize = content->size();
     if (segType == quarvel_segment_padding) {
-        padding.assign(codeLen, 0x90);
+        const u64 held = offset < oldSize ? std::min<u64>(codeLen, oldSize - offset) : 0;
+        padding.assign(static_cast<size_t>(held), 0x90);
         updateBytes = padding.data();
-        updateSize = codeLen;
+        updateSize = static_cast<unsigned>(held);
     }
 
-    const unsigned oldSize = m_content->size();
     std::vector<unsigned char> bytes(oldSize, 0);
-    const u64 offset = codeAddr - m_startVirtualAddress;
     const unsigned char* old = m_content->data();
     // Old head, update bytes, old tail; each clipped to the buffer so that a
     // short code copy or short update content can never be over-read.

@@ -10,6 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <string>
+#include <vector>
+
 using namespace quarvel_3_13;
 using quarvel_test::LogCapture;
 using quarvel_test::makeLoad;
@@ -20,6 +24,29 @@ namespace {
 
 const u32 kPid = 7;
 const u32 kHost = 1;
+
+// The peak resident memory of this process in KiB (0 when unknown). Each test
+// runs in a process of its own, so a jump shows what the test itself touched.
+u64 peakRssKb() {
+    std::ifstream status("/proc/self/status");
+    std::string key;
+    while (status >> key) {
+        if (key == "VmHWM:") {
+            u64 kb = 0;
+            status >> kb;
+            return kb;
+        }
+        status.ignore(4096, '\n');
+    }
+    return 0;
+}
+const u64 kOneGiBInKb = 1024 * 1024;
+
+IByteBuffer::Ptr bufferOf(const std::vector<uint8_t>& bytes) {
+    IByteBuffer::Ptr buffer = IByteBuffer::create();
+    buffer->assign(bytes.data(), static_cast<unsigned>(bytes.size()));
+    return buffer;
+}
 
 quarvel_error_t readFile(const std::string& path, JitDataManager& data) {
     JitFileDecoder decoder(path, kPid, kHost, 0x10000, dmCodeBytes);
@@ -39,13 +66,43 @@ TEST(FuzzRegressions, UpdateOfRegionWithoutBytesNeverSizesACopyByTheRegionLength
         TraceBuilder().collector(ctJitProfiler).load(3, huge).update(patch).writeTo(dir.file("host.7.jit"));
 
     JitDataManager data;
+    const u64 before = peakRssKb();
     ASSERT_EQ(meSuccess, readFile(path, data));
+    EXPECT_LT(peakRssKb(), before + kOneGiBInKb);
     ASSERT_EQ(1u, data.getJitMethods().size());
     const Region::Ptr& region = data.getJitMethods().front()->regions().front();
     EXPECT_EQ(0xFFFFFFFFu, region->length());
     const IByteBuffer::Ptr bytes = region->getBytes();
     EXPECT_TRUE(!bytes || bytes->size() == 0) << bytes->size();
     EXPECT_TRUE(capture.assertions().empty());
+}
+
+// A region whose length claims 4 GiB holds a 64-byte code copy; a padding
+// update over nearly all of that length made a 4 GiB buffer of no-operations
+// although only the 48 bytes the copy holds can change. Found by fuzz_update
+// (direct byte updates: code, padding and unchanged over one range, then the
+// long padding).
+TEST(FuzzRegressions, PaddingOfAHugeRegionFillsOnlyTheCodeCopy) {
+    LogCapture capture;
+    Region region(1, 7, 0x300000000ull, 100, 0, 0x20000000, 0xFFFFFFFFu, bufferOf(std::vector<uint8_t>(64, 0xCC)));
+    const u64 start = region.startAddress();
+    const u64 before = peakRssKb();
+    ASSERT_EQ(meSuccess, region.addBytesUpdate(start + 8, 4, bufferOf({0x90, 0x90, 0x90, 0x90}),
+                                               quarvel_segment_code, "patch"));
+    ASSERT_EQ(meSuccess, region.addBytesUpdate(start + 8, 4, bufferOf({}), quarvel_segment_padding, "patch"));
+    ASSERT_EQ(meSuccess, region.addBytesUpdate(start + 8, 4, bufferOf({0xCC}), quarvel_segment_unchanged, "patch"));
+    ASSERT_EQ(meSuccess,
+              region.addBytesUpdate(start + 16, 0xF8000040u, bufferOf({}), quarvel_segment_padding, "patch"));
+    EXPECT_LT(peakRssKb(), before + kOneGiBInKb);
+
+    std::vector<uint8_t> expected(64, 0x90);
+    std::fill(expected.begin(), expected.begin() + 8, 0xCC);
+    std::fill(expected.begin() + 12, expected.begin() + 16, 0xCC);
+    const IByteBuffer::Ptr bytes = region.getBytes();
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(expected, std::vector<uint8_t>(bytes->data(), bytes->data() + bytes->size()));
+    EXPECT_EQ(2u, region.markup().size());
+    EXPECT_TRUE(capture.errors().empty()) << capture.dump();
 }
 
 } // namespace
