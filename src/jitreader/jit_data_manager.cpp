@@ -79,6 +79,9 @@ JitDataManager::~JitDataManager() = default;
 // Region domains
 
 SingleRegionDomain& JitDataManager::createSingleRegionDomain(u32 processId, u32 hostId) {
+    // The caller may change the domain: the flat copies are stale from here on.
+    m_domainIndexValid = false;
+    m_domainIndex.clear();
     return m_regionDomains[hostId][processId];
 }
 
@@ -691,21 +694,44 @@ quarvel_error_t JitDataManager::findRegion(u64 virtualAddress, u64 timestamp, u3
                                            Region::Ptr& region, JitMethod::Ptr& method) const {
     region.reset();
     method.reset();
-    const SingleRegionDomain* domain = getSingleRegionDomain(pid, hostId);
-    if (!domain || domain->empty()) {
-        QV_TRACE("Couldn't find a region domain for pid = " << pid);
-        return meNotFound;
-    }
-
     // The first range that ends above the address; it must start at or below it.
-    const auto range = virtualAddress == std::numeric_limits<u64>::max()
-                           ? domain->end()
-                           : domain->lower_bound(Range(virtualAddress, 1));
-    if (range == domain->end() || range->first.start > virtualAddress) {
-        QV_TRACE("Couldn't find a region for addr = " << virtualAddress);
-        return meNotFound;
+    Range foundRange;
+    const JitMethodContainer* found = nullptr;
+    if (m_domainIndexValid) {
+        const auto index = m_domainIndex.find(std::make_pair(hostId, pid));
+        if (index == m_domainIndex.end() || index->second.empty()) {
+            QV_TRACE("Couldn't find a region domain for pid = " << pid);
+            return meNotFound;
+        }
+        const DomainIndex& ranges = index->second;
+        const auto range = virtualAddress == std::numeric_limits<u64>::max()
+                               ? ranges.end()
+                               : std::partition_point(ranges.begin(), ranges.end(), [virtualAddress](const IndexedRange& e) {
+                                     return e.range.end() <= virtualAddress;
+                                 });
+        if (range == ranges.end() || range->range.start > virtualAddress) {
+            QV_TRACE("Couldn't find a region for addr = " << virtualAddress);
+            return meNotFound;
+        }
+        foundRange = range->range;
+        found = range->container;
+    } else {
+        const SingleRegionDomain* domain = getSingleRegionDomain(pid, hostId);
+        if (!domain || domain->empty()) {
+            QV_TRACE("Couldn't find a region domain for pid = " << pid);
+            return meNotFound;
+        }
+        const auto range = virtualAddress == std::numeric_limits<u64>::max()
+                               ? domain->end()
+                               : domain->lower_bound(Range(virtualAddress, 1));
+        if (range == domain->end() || range->first.start > virtualAddress) {
+            QV_TRACE("Couldn't find a region for addr = " << virtualAddress);
+            return meNotFound;
+        }
+        foundRange = range->first;
+        found = range->second.get();
     }
-    const JitMethodContainer& container = *range->second;
+    const JitMethodContainer& container = *found;
 
     // The region with the greatest load time not above the timestamp.
     auto entry = container.timeDomain.upper_bound(timestamp);
@@ -718,7 +744,7 @@ quarvel_error_t JitDataManager::findRegion(u64 virtualAddress, u64 timestamp, u3
     const u64 loadTime = candidate->loadTime();
     const u64 unloadTime = candidate->unloadTime();
     if (unloadTime > loadTime && unloadTime <= timestamp) {
-        QV_TRACE("The found range (" << ipRange(range->first) << ") with life time (" << loadTime << "-"
+        QV_TRACE("The found range (" << ipRange(foundRange) << ") with life time (" << loadTime << "-"
                                      << unloadTime << ") was out of memory when a sample with tsc = " << timestamp
                                      << " occurred");
         return meNotFound;
@@ -951,6 +977,19 @@ void JitDataManager::finalize() {
                          << ") code region " << ipRange(*region) << ". The inlines can't be resolved for this method.");
         }
     }
+    buildDomainIndex();
+}
+
+void JitDataManager::buildDomainIndex() {
+    m_domainIndex.clear();
+    for (const auto& host : m_regionDomains)
+        for (const auto& process : host.second) {
+            DomainIndex& index = m_domainIndex[std::make_pair(host.first, process.first)];
+            index.reserve(process.second.size());
+            for (const auto& entry : process.second)
+                index.push_back(IndexedRange{entry.first, entry.second.get()});
+        }
+    m_domainIndexValid = true;
 }
 
 } // namespace quarvel_3_13

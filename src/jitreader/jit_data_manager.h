@@ -116,6 +116,8 @@ private:
     quarvel_error_t normalizeInlineTree(const Region::Ptr& root) const;
     // The jit id converter, built once on first use.
     void buildJitIdConverter(u32 methodId, u32& indexOffset) const;
+    // Flat, sorted copies of the region domains, rebuilt by finalize().
+    void buildDomainIndex();
 
     typedef std::map<Range, RegionInfo, Range::Comparator> JitRvaDomain;
     typedef std::map<u32, std::map<u32, SingleRegionDomain>> RegionDomains;
@@ -131,6 +133,19 @@ private:
     mutable boost::mutex m_mutex;
     std::map<std::pair<std::string, u32>, ISymbol::Ptr> m_symbolTable;
     u32 m_collectorType = 0;
+
+    // Address lookups after finalize() binary-search a flat copy of each
+    // region domain (its ranges in order, with their containers) instead of
+    // walking a tree whose nodes lie scattered over everything a reading pass
+    // allocated. The maps stay the truth: handing out a domain for change
+    // drops the copies until the next finalize().
+    struct IndexedRange {
+        Range range;
+        const JitMethodContainer* container;
+    };
+    typedef std::vector<IndexedRange> DomainIndex;
+    std::map<std::pair<u32, u32>, DomainIndex> m_domainIndex; // by (host id, process id)
+    bool m_domainIndexValid = false;
 };
 
 } // namespace quarvel_3_13
