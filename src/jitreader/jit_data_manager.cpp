@@ -80,8 +80,7 @@ JitDataManager::~JitDataManager() = default;
 
 SingleRegionDomain& JitDataManager::createSingleRegionDomain(u32 processId, u32 hostId) {
     // The caller may change the domain: the flat copies are stale from here on.
-    m_domainIndexValid = false;
-    m_domainIndex.clear();
+    dropDomainIndex();
     return m_regionDomains[hostId][processId];
 }
 
@@ -208,6 +207,7 @@ bool JitDataManager::applyPatchedCopies(const JitMethod& rawMethod) {
 }
 
 quarvel_error_t JitDataManager::placeRegion(const Region::Ptr& region, const JitMethod::Ptr& method) {
+    dropDomainIndex();
     if (!m_jitRvaDomain.emplace(region->jitRvaRange(), RegionInfo{region, method}).second) {
         QV_ERROR("Couldn't add a region (addr=" << region->startAddress() << ", size=" << region->length()
                                                 << ", methodID=" << method->getRawMethodId()
@@ -784,6 +784,13 @@ quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestam
 const RegionInfo* JitDataManager::findJitRvaRegion(u64 jitRva) const {
     if (jitRva == kInvalidJitRva)
         return nullptr;
+    if (m_domainIndexValid) {
+        const auto found = std::partition_point(m_jitRvaIndex.begin(), m_jitRvaIndex.end(),
+                                                [jitRva](const IndexedJitRvaRange& e) { return e.range.end() <= jitRva; });
+        if (found == m_jitRvaIndex.end() || found->range.start > jitRva)
+            return nullptr;
+        return found->info;
+    }
     const auto found = m_jitRvaDomain.lower_bound(Range(jitRva, 1));
     if (found == m_jitRvaDomain.end() || found->first.start > jitRva)
         return nullptr;
@@ -980,8 +987,20 @@ void JitDataManager::finalize() {
     buildDomainIndex();
 }
 
+void JitDataManager::dropDomainIndex() {
+    if (!m_domainIndexValid)
+        return;
+    m_domainIndexValid = false;
+    m_domainIndex.clear();
+    std::vector<IndexedJitRvaRange>().swap(m_jitRvaIndex);
+}
+
 void JitDataManager::buildDomainIndex() {
     m_domainIndex.clear();
+    m_jitRvaIndex.clear();
+    m_jitRvaIndex.reserve(m_jitRvaDomain.size());
+    for (const auto& entry : m_jitRvaDomain)
+        m_jitRvaIndex.push_back(IndexedJitRvaRange{entry.first, &entry.second});
     for (const auto& host : m_regionDomains)
         for (const auto& process : host.second) {
             DomainIndex& index = m_domainIndex[std::make_pair(host.first, process.first)];

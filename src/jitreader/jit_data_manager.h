@@ -116,8 +116,10 @@ private:
     quarvel_error_t normalizeInlineTree(const Region::Ptr& root) const;
     // The jit id converter, built once on first use.
     void buildJitIdConverter(u32 methodId, u32& indexOffset) const;
-    // Flat, sorted copies of the region domains, rebuilt by finalize().
+    // Flat, sorted copies of the region domains and of the jit rva domain,
+    // rebuilt by finalize(); dropped by anything that may change those maps.
     void buildDomainIndex();
+    void dropDomainIndex();
 
     typedef std::map<Range, RegionInfo, Range::Comparator> JitRvaDomain;
     typedef std::map<u32, std::map<u32, SingleRegionDomain>> RegionDomains;
@@ -145,6 +147,12 @@ private:
     };
     typedef std::vector<IndexedRange> DomainIndex;
     std::map<std::pair<u32, u32>, DomainIndex> m_domainIndex; // by (host id, process id)
+    // The same for the jit rva domain: its ranges in order, with their entries.
+    struct IndexedJitRvaRange {
+        Range range;
+        const RegionInfo* info;
+    };
+    std::vector<IndexedJitRvaRange> m_jitRvaIndex;
     bool m_domainIndexValid = false;
 };
 

@@ -64,6 +64,27 @@ TEST(JitDataManagerIndex, AnswersAsTheMapsBeforeFinalize) {
     EXPECT_EQ(meNotFound, std::get<0>(before[7]));
 }
 
+TEST(JitDataManagerIndex, JitRvaLookupsAnswerAsTheMap) {
+    JitDataManager manager;
+    fill(manager);
+    const u64 rvas[] = {0, 0xFFFF, 0x10000, 0x100FF, 0x10100, 0x1027F, 0x10280, 0x102FF, 0x10300, 0x1050F,
+                        0x10510, std::numeric_limits<u64>::max()};
+    std::vector<const RegionInfo*> before;
+    for (u64 rva : rvas)
+        before.push_back(manager.findJitRvaRegion(rva));
+    manager.finalize();
+    for (size_t i = 0; i < sizeof rvas / sizeof rvas[0]; ++i)
+        EXPECT_EQ(before[i], manager.findJitRvaRegion(rvas[i])) << "jit rva " << rvas[i];
+    EXPECT_NE(nullptr, before[2]);
+    EXPECT_EQ(nullptr, before[6]);
+
+    // Registered after finalize: found before the next one.
+    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, makeMethod(9, 900, {{0x9000, 0x10, 0x20000}})));
+    JitMethod::Ptr method;
+    ASSERT_EQ(meSuccess, manager.resolveJitPoint(0x20008, method));
+    EXPECT_EQ(9u, method->getRawMethodId());
+}
+
 TEST(JitDataManagerIndex, RegistrationAfterFinalizeIsSeen) {
     JitDataManager manager;
     fill(manager);
