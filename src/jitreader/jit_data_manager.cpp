@@ -774,7 +774,7 @@ quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestam
         return meNotFound;
     }
     jitRva = region->startJitRva() + (virtualAddress - region->startAddress());
-    method = found;
+    method = std::move(found);
     QV_INFO("Resolved jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp << ") to jit rva = "
                                            << jitRva << " of method " << method->getRawMethodId() << ", name = "
                                            << method->getMethodName() << ", load time = " << method->getLoadTime());
