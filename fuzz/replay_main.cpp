@@ -84,6 +84,12 @@ int main(int argc, char** argv) {
     size_t replayed = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
+        struct stat st;
+        if (stat(arg.c_str(), &st) != 0) {
+            // A target without crash inputs has no regressions directory.
+            std::printf("no inputs at %s\n", arg.c_str());
+            continue;
+        }
         const std::vector<std::string> inputs = isDirectory(arg) ? filesOf(arg) : std::vector<std::string>{arg};
         for (const std::string& input : inputs) {
             if (!replay(input))

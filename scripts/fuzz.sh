@@ -3,7 +3,9 @@
 # from the committed corpus plus the seeds of the trace writer, then merges
 # what was found back into fuzz/corpus/<target>/ (minimised: only inputs that
 # add coverage are kept). Exits non-zero when any target crashed, leaked, ran
-# out of memory or timed out; the reproducer is kept under the work directory.
+# out of memory or timed out; the reproducer is kept under the work directory
+# (once fixed, it goes to fuzz/regressions/<target>/, which is replayed by
+# ctest and never trimmed).
 #
 #   scripts/fuzz.sh [SECONDS]
 #   FUZZ_TARGETS="fuzz_update fuzz_trace_file" scripts/fuzz.sh 60
@@ -18,7 +20,9 @@ work=${FUZZ_WORK:-${TMPDIR:-/tmp}/quarvel-fuzz-$$}
 merge=${FUZZ_MERGE:-1}
 # Bytes of committed corpus per target: past it the largest inputs go first
 # (the merge keeps the smallest input for each feature, so little is lost).
+# The whole-file target's inputs are the largest, so it gets more.
 budget=${FUZZ_CORPUS_BUDGET:-49152}
+budget_of() { [ "$1" = fuzz_trace_file ] && echo $((budget * 8 / 3)) || echo "$budget"; }
 all_targets="fuzz_record_framing fuzz_method_load fuzz_inline_load fuzz_update fuzz_runtime_info fuzz_trace_file fuzz_file_names"
 targets=${FUZZ_TARGETS:-$all_targets}
 # Small inputs keep the committed corpus small; sizes claimed by hostile
@@ -39,10 +43,12 @@ fi
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 
+bytes_in() { find "$@" -type f -printf '%s\n' | awk '{ s += $1 } END { print s + 0 }'; }
+
 run_one() { # target
   local t=$1 bin=$build/fuzz/$1
   mkdir -p "$work/$t" "fuzz/corpus/$t"
-  cp -n "fuzz/corpus/$t"/* "$work/seeds/$t"/* "$work/$t"/ 2>/dev/null || true
+  cp -n "fuzz/corpus/$t"/* "fuzz/regressions/$t"/* "$work/seeds/$t"/* "$work/$t"/ 2>/dev/null || true
   local status=0
   nice "$bin" "${fuzz_flags[@]}" -max_total_time="$seconds" -artifact_prefix="$work/artifacts/$t-" \
     "$work/$t" >"$work/$t.log" 2>&1 || status=$?
@@ -58,9 +64,9 @@ run_one() { # target
     # A fresh directory merged from old and new keeps only what adds coverage.
     rm -rf "$work/$t.merged" && mkdir -p "$work/$t.merged"
     nice "$bin" -merge=1 "${fuzz_flags[@]}" "$work/$t.merged" "fuzz/corpus/$t" "$work/$t" >"$work/$t.merge.log" 2>&1
-    local f
-    while [ "$(du -sb "$work/$t.merged" | cut -f1)" -gt "$budget" ]; do
-      f=$(ls -S "$work/$t.merged" | head -1)
+    local f limit; limit=$(budget_of "$t")
+    while [ "$(bytes_in "$work/$t.merged")" -gt "$limit" ]; do
+      f=$(set +o pipefail; ls -S "$work/$t.merged" | head -1)
       [ -n "$f" ] || break
       rm -f "$work/$t.merged/$f"
     done
@@ -84,6 +90,6 @@ while [ "$running" -gt 0 ]; do
   running=$((running - 1))
 done
 
-echo "corpus: $(( $(du -sb fuzz/corpus | cut -f1) / 1024 )) KB in $(find fuzz/corpus -type f | wc -l) files"
+echo "corpus: $(( $(bytes_in fuzz/corpus) / 1024 )) KB in $(find fuzz/corpus -type f | wc -l) files"
 [ "$failed" -eq 0 ] && rm -rf "$work"
 exit "$failed"
