@@ -42,7 +42,7 @@
 
 using namespace quarvel_3_13;
 using quarvel_bench::Corpus;
-using quarvel_bench::CorpusSpec;
+using quarvel_bench::CorpusShape;
 using quarvel_bench::Sample;
 
 namespace {
@@ -62,9 +62,9 @@ const Corpus& ingestCorpus(size_t methods) {
     static std::map<size_t, Corpus> corpora;
     auto found = corpora.find(methods);
     if (found == corpora.end()) {
-        CorpusSpec spec;
-        spec.methods = methods;
-        found = corpora.emplace(methods, quarvel_bench::loadCorpus(g_options.cacheDir, spec, false)).first;
+        CorpusShape shape;
+        shape.methods = methods;
+        found = corpora.emplace(methods, quarvel_bench::loadCorpus(g_options.cacheDir, shape, false)).first;
     }
     return found->second;
 }
@@ -218,11 +218,11 @@ std::once_flag g_fixtureOnce;
 
 void buildFixture() {
     std::unique_ptr<ResolveFixture> f(new ResolveFixture);
-    CorpusSpec spec;
-    spec.methods = g_options.resolveRegions; // never reached: the region limit ends it
-    spec.maxRegions = g_options.resolveRegions;
-    spec.seed = 0xfeed;
-    f->corpus = quarvel_bench::loadCorpus(g_options.cacheDir, spec, true);
+    CorpusShape shape;
+    shape.methods = g_options.resolveRegions; // never reached: the region limit ends it
+    shape.maxRegions = g_options.resolveRegions;
+    shape.seed = 0xfeed;
+    f->corpus = quarvel_bench::loadCorpus(g_options.cacheDir, shape, true);
 
     const char* paths[] = {f->corpus.path.c_str()};
     {

@@ -96,16 +96,16 @@ TraceMethodTail methodTail(Rng& rng, uint32_t classNo, uint32_t methodNo, uint32
     return tail;
 }
 
-std::string corpusTag(const CorpusSpec& spec) {
-    return "v" + std::to_string(kGeneratorVersion) + "-m" + std::to_string(spec.methods) + "-r" +
-           std::to_string(spec.maxRegions) + (spec.codeBytes ? "-bytes" : "-nobytes") + "-s" +
-           std::to_string(spec.seed);
+std::string corpusTag(const CorpusShape& shape) {
+    return "v" + std::to_string(kGeneratorVersion) + "-m" + std::to_string(shape.methods) + "-r" +
+           std::to_string(shape.maxRegions) + (shape.codeBytes ? "-bytes" : "-nobytes") + "-s" +
+           std::to_string(shape.seed);
 }
 
 // Runs the generator; writes the trace when writer is given. All random draws
 // happen whether or not the trace is written, so a dry run gives the same truth.
-void generate(const CorpusSpec& spec, JitTraceWriter* writer, Corpus& out) {
-    Rng rng(spec.seed);
+void generate(const CorpusShape& shape, JitTraceWriter* writer, Corpus& out) {
+    Rng rng(shape.seed);
     const std::vector<uint8_t>& pattern = codePattern();
     uint64_t bump[kHeaps];
     std::vector<uint32_t> live[kHeaps]; // live regions per heap, candidates for reuse
@@ -113,7 +113,7 @@ void generate(const CorpusSpec& spec, JitTraceWriter* writer, Corpus& out) {
         bump[k] = kHeapBase + k * kHeapStride;
 
     std::vector<RegionTruth>& regions = out.regions;
-    regions.reserve(spec.maxRegions ? spec.maxRegions : spec.methods * 2);
+    regions.reserve(shape.maxRegions ? shape.maxRegions : shape.methods * 2);
     uint64_t time = 1000000000ull;
     uint32_t inlineIds = kInlineIdBase;
 
@@ -129,16 +129,16 @@ void generate(const CorpusSpec& spec, JitTraceWriter* writer, Corpus& out) {
     }
     out.records = 3;
 
-    for (size_t i = 0; i < spec.methods; ++i) {
-        if (spec.maxRegions && regions.size() >= spec.maxRegions)
+    for (size_t i = 0; i < shape.methods; ++i) {
+        if (shape.maxRegions && regions.size() >= shape.maxRegions)
             break;
         time += rng.between(200, 2000);
         const uint32_t id = static_cast<uint32_t>(i + 1);
         const uint32_t total = static_cast<uint32_t>(rng.between(50, 2000));
         const uint64_t roll = rng.between(0, 99);
         unsigned count = roll < 60 ? 1 : roll < 90 ? 2 : 3;
-        if (spec.maxRegions)
-            count = static_cast<unsigned>(std::min<size_t>(count, spec.maxRegions - regions.size()));
+        if (shape.maxRegions)
+            count = static_cast<unsigned>(std::min<size_t>(count, shape.maxRegions - regions.size()));
         uint32_t sizes[3] = {total, 0, 0};
         if (count >= 2) {
             const uint32_t stubs = count == 3 ? static_cast<uint32_t>(rng.between(8, 24)) : 0;
@@ -177,7 +177,7 @@ void generate(const CorpusSpec& spec, JitTraceWriter* writer, Corpus& out) {
                 TraceCodeRegion region;
                 region.startAddress = start;
                 region.codeSize = size;
-                if (spec.codeBytes) {
+                if (shape.codeBytes) {
                     const size_t from = (start / 16 * 61) % (pattern.size() - size);
                     region.bytes.assign(pattern.begin() + from, pattern.begin() + from + size);
                 }
@@ -242,9 +242,9 @@ void generate(const CorpusSpec& spec, JitTraceWriter* writer, Corpus& out) {
 
 } // namespace
 
-Corpus loadCorpus(const std::string& cacheDir, const CorpusSpec& spec, bool withTruth) {
+Corpus loadCorpus(const std::string& cacheDir, const CorpusShape& shape, bool withTruth) {
     Corpus corpus;
-    const std::string dir = cacheDir + "/" + corpusTag(spec);
+    const std::string dir = cacheDir + "/" + corpusTag(shape);
     corpus.pid = kPid;
     corpus.hostName = kHost;
     corpus.fileName = std::string(kHost) + "." + std::to_string(kPid) + ".jit";
@@ -256,12 +256,12 @@ Corpus loadCorpus(const std::string& cacheDir, const CorpusSpec& spec, bool with
         JitTraceWriter writer;
         if (!writer.open(partial))
             throw std::runtime_error(writer.errorText());
-        generate(spec, &writer, corpus);
+        generate(shape, &writer, corpus);
         writer.close();
         if (std::rename(partial.c_str(), corpus.path.c_str()) != 0 || !fileExists(corpus.path, &corpus.fileBytes))
             throw std::runtime_error("cannot create " + corpus.path);
     } else {
-        generate(spec, nullptr, corpus);
+        generate(shape, nullptr, corpus);
     }
     if (!withTruth)
         std::vector<RegionTruth>().swap(corpus.regions);

@@ -8,7 +8,7 @@
 // inlined callees after some loads, and freed code cache blocks handed to
 // later methods (address reuse, so ranges carry a history).
 //
-// Everything derives from the seed: the same spec always gives the same file
+// Everything derives from the seed: the same shape always gives the same file
 // and the same ground truth, so a trace is generated once and cached.
 
 #include <cstddef>
@@ -18,7 +18,7 @@
 
 namespace quarvel_bench {
 
-struct CorpusSpec {
+struct CorpusShape {
     size_t methods = 0;     // method-load records to write
     size_t maxRegions = 0;  // stop earlier once this many code regions exist (0: no limit)
     bool codeBytes = true;  // write the code bytes of every region
@@ -50,9 +50,9 @@ struct Corpus {
     std::vector<RegionTruth> regions; // filled when asked for
 };
 
-// The trace of spec under cacheDir (generated on the first call, reused
+// The trace of shape under cacheDir (generated on the first call, reused
 // afterwards). withTruth also returns the region list.
-Corpus loadCorpus(const std::string& cacheDir, const CorpusSpec& spec, bool withTruth);
+Corpus loadCorpus(const std::string& cacheDir, const CorpusShape& shape, bool withTruth);
 
 // A sample that hits live code: address and time inside one region's life.
 struct Sample {
