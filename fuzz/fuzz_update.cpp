@@ -66,7 +66,9 @@ void applyByteUpdates(const JitDataManager& dataManager, quarvel_fuzz::InputCurs
         const auto segType = static_cast<quarvel_segment_type_t>(in.u8() % 5);
         const u64 address = region.startAddress() + in.u64();
         const u32 length = in.u32();
-        const size_t n = std::min<size_t>(in.u16(), in.restSize());
+        // Two statements: the count must be taken off the input before what is left is measured.
+        const size_t claimed = in.u16();
+        const size_t n = std::min<size_t>(claimed, in.restSize());
         IByteBuffer::Ptr content = IByteBuffer::create();
         content->assign(in.rest(), static_cast<unsigned>(n));
         for (size_t k = 0; k < n; ++k)
