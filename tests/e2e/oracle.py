@@ -266,8 +266,15 @@ def check_trace(checks, header, loads, nmethods, inlined):
         len(nmethods), sum(len(v) for v in by_range.values())))
     for n in missing[:10]:
         print("    missing: compile %s %s at %#x size %d" % (n.compile_id, show((n.cls, n.name, n.sig)), n.start, n.size))
-    checks.expect(nmethods and not missing, "every nmethod of the log is in the trace with the same address and size "
-                  "(%d of %d)" % (found, len(nmethods)))
+    # Code compiled while the JVM shuts down, after the agent's last event, is
+    # invisible to JVMTI: a missing nmethod counts only if something compiled
+    # no earlier than it did reach the trace.
+    last_found = max((n.stamp_ns for n in nmethods if by_range.get((n.start, n.size))), default=0)
+    unexplained = [n for n in missing if n.stamp_ns < last_found]
+    if len(missing) > len(unexplained):
+        print("    %d compiled at shutdown, after the agent's last event" % (len(missing) - len(unexplained)))
+    checks.expect(nmethods and not unexplained, "every nmethod of the log is in the trace with the same address and size "
+                  "(%d of %d)" % (found, len(nmethods) - (len(missing) - len(unexplained))))
     checks.expect(same_name == found, "... and names the same Java method (%d of %d)" % (same_name, found))
 
     # Inline records: parents written first, nested inside them, siblings apart.
