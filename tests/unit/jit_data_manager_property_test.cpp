@@ -20,23 +20,23 @@ const u64 kSpaceSize = 256;
 
 // One method-load record: a raw id (repeated ids are reloads of one method),
 // a load time and disjoint regions.
-struct RecordSpec {
+struct RecordShape {
     u32 rawId;
     u64 loadTime;
-    std::vector<RegionSpec> regions;
+    std::vector<RegionShape> regions;
 };
 
-std::vector<RecordSpec> randomRecords(std::mt19937& rng, size_t count) {
+std::vector<RecordShape> randomRecords(std::mt19937& rng, size_t count) {
     std::vector<u64> times(count);
     for (size_t i = 0; i < count; ++i)
         times[i] = 10 * (i + 1);
     std::shuffle(times.begin(), times.end(), rng); // out-of-order load times, never equal
 
-    std::vector<RecordSpec> records;
+    std::vector<RecordShape> records;
     u64 nextJitRva = 0x100000;
     u32 nextId = 1;
     for (size_t i = 0; i < count; ++i) {
-        RecordSpec record;
+        RecordShape record;
         const bool reload = !records.empty() && rng() % 6 == 0;
         record.rawId = reload ? records[rng() % records.size()].rawId : nextId++;
         record.loadTime = times[i];
@@ -45,7 +45,7 @@ std::vector<RecordSpec> randomRecords(std::mt19937& rng, size_t count) {
             const u64 start = kSpaceStart + rng() % kSpaceSize;
             const u32 length = static_cast<u32>(std::min<u64>(1 + rng() % 48, kSpaceStart + kSpaceSize - start));
             const Range range(start, length);
-            const bool clash = std::any_of(record.regions.begin(), record.regions.end(), [&](const RegionSpec& other) {
+            const bool clash = std::any_of(record.regions.begin(), record.regions.end(), [&](const RegionShape& other) {
                 return range.start < other.address + other.length && other.address < range.end();
             });
             if (clash)
@@ -71,10 +71,10 @@ public:
 
     ReferenceModel() : m_bytes(kSpaceSize) {}
 
-    void add(u32 rawId, u64 loadTime, const RegionSpec& spec) {
+    void add(u32 rawId, u64 loadTime, const RegionShape& shape) {
         const size_t index = m_regions.size();
-        m_regions.push_back({rawId, spec, loadTime, 0});
-        for (u64 a = spec.address; a < spec.address + spec.length; ++a) {
+        m_regions.push_back({rawId, shape, loadTime, 0});
+        for (u64 a = shape.address; a < shape.address + shape.length; ++a) {
             std::vector<size_t>& history = m_bytes[a - kSpaceStart];
             const size_t* previous = nullptr;
             for (const size_t& h : history)
@@ -83,7 +83,7 @@ public:
             if (previous && m_regions[*previous].unloadTime == 0)
                 m_regions[*previous].unloadTime = loadTime;
         }
-        for (u64 a = spec.address; a < spec.address + spec.length; ++a)
+        for (u64 a = shape.address; a < shape.address + shape.length; ++a)
             m_bytes[a - kSpaceStart].push_back(index);
     }
 
@@ -102,13 +102,13 @@ public:
         if (!best || (best->unloadTime > best->loadTime && best->unloadTime <= timestamp))
             return answer;
         answer.rawId = best->rawId;
-        answer.jitRva = best->spec.jitRva + (address - best->spec.address);
+        answer.jitRva = best->shape.jitRva + (address - best->shape.address);
         return answer;
     }
 
     u32 resolveJitRva(u64 jitRva) const {
         for (const Entry& e : m_regions)
-            if (e.spec.jitRva <= jitRva && jitRva - e.spec.jitRva < e.spec.length)
+            if (e.shape.jitRva <= jitRva && jitRva - e.shape.jitRva < e.shape.length)
                 return e.rawId;
         return 0;
     }
@@ -116,7 +116,7 @@ public:
 private:
     struct Entry {
         u32 rawId;
-        RegionSpec spec;
+        RegionShape shape;
         u64 loadTime;
         u64 unloadTime;
     };
@@ -143,7 +143,7 @@ struct Query {
     u64 timestamp;
 };
 
-std::vector<Query> randomQueries(std::mt19937& rng, const std::vector<RecordSpec>& records, size_t count) {
+std::vector<Query> randomQueries(std::mt19937& rng, const std::vector<RecordShape>& records, size_t count) {
     std::vector<Query> queries;
     const u64 maxTime = 10 * (records.size() + 2);
     for (size_t i = 0; i < count; ++i) {
@@ -176,14 +176,14 @@ TEST(JitDataManagerProperty, MatchesTheByteByByteModel) {
     for (unsigned seed = 1; seed <= 25; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         std::mt19937 rng(seed);
-        const std::vector<RecordSpec> records = randomRecords(rng, 40);
+        const std::vector<RecordShape> records = randomRecords(rng, 40);
         JitDataManager manager;
         ReferenceModel model;
-        for (const RecordSpec& record : records) {
+        for (const RecordShape& record : records) {
             ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(
                                      kPid, kHost, makeMethod(record.rawId, record.loadTime, record.regions)));
-            for (const RegionSpec& spec : record.regions)
-                model.add(record.rawId, record.loadTime, spec);
+            for (const RegionShape& shape : record.regions)
+                model.add(record.rawId, record.loadTime, shape);
             ASSERT_TRUE(domainMatchesCoverage(manager, model));
         }
         manager.finalize();
@@ -214,7 +214,7 @@ TEST(JitDataManagerProperty, MatchesTheByteByByteModel) {
 // ---------------------------------------------------------------------------
 
 struct Fixture {
-    std::vector<RecordSpec> records;
+    std::vector<RecordShape> records;
     std::vector<Query> queries;
     std::vector<std::pair<u64, u64>> translations; // (address, base jit rva)
 };
@@ -225,17 +225,17 @@ Fixture makeFixture() {
     f.records = randomRecords(rng, 200);
     f.queries = randomQueries(rng, f.records, 3000);
     for (size_t i = 0; i < 1000; ++i) {
-        const RecordSpec& record = f.records[rng() % f.records.size()];
+        const RecordShape& record = f.records[rng() % f.records.size()];
         if (record.regions.empty())
             continue;
-        const RegionSpec& region = record.regions[rng() % record.regions.size()];
+        const RegionShape& region = record.regions[rng() % record.regions.size()];
         f.translations.emplace_back(region.address + rng() % (region.length + 2), region.jitRva);
     }
     return f;
 }
 
 void fill(JitDataManager& manager, const Fixture& f) {
-    for (const RecordSpec& record : f.records)
+    for (const RecordShape& record : f.records)
         ASSERT_EQ(meSuccess,
                   manager.processMethodLoadRecord(kPid, kHost, makeMethod(record.rawId, record.loadTime, record.regions)));
     manager.finalize();

@@ -21,31 +21,31 @@ const u32 kPid = 100;
 const u32 kHost = 1;
 const char* const kModulePath = "/app/code.jit";
 
-struct RegionSpec {
+struct RegionShape {
     u64 address;
     u32 length;
     u64 jitRva;
 };
 
-inline Region::Ptr makeRegion(const RegionSpec& spec, u64 loadTime, u32 pid = kPid, u32 host = kHost,
+inline Region::Ptr makeRegion(const RegionShape& shape, u64 loadTime, u32 pid = kPid, u32 host = kHost,
                               unsigned char fill = 0xCC) {
     IByteBuffer::Ptr bytes = IByteBuffer::create();
-    const std::vector<unsigned char> data(spec.length, fill);
+    const std::vector<unsigned char> data(shape.length, fill);
     bytes->assign(data.data(), static_cast<unsigned>(data.size()));
-    return Region::Ptr(new Region(host, pid, spec.jitRva, loadTime, 0, spec.address, spec.length, bytes));
+    return Region::Ptr(new Region(host, pid, shape.jitRva, loadTime, 0, shape.address, shape.length, bytes));
 }
 
 // A method with its regions, module and ids (the id from the raw id, or from
 // the names when the raw id is 0).
-inline JitMethod::Ptr makeMethod(u32 rawId, u64 loadTime, const std::vector<RegionSpec>& regions,
+inline JitMethod::Ptr makeMethod(u32 rawId, u64 loadTime, const std::vector<RegionShape>& regions,
                                  const std::string& name = std::string(), u32 pid = kPid, u32 host = kHost) {
     JitMethod::Ptr method(new JitMethod());
     method->setRawMethodId(rawId);
     method->setLoadTime(loadTime);
     method->info()->setModule(IModule::Ptr(new Module(kModulePath, meSuccess, quarvel_arch_vx64)));
     method->info()->setMethodName(name.empty() ? "m" + std::to_string(rawId) : name);
-    for (const RegionSpec& spec : regions)
-        method->addCodeRegion(makeRegion(spec, loadTime, pid, host));
+    for (const RegionShape& shape : regions)
+        method->addCodeRegion(makeRegion(shape, loadTime, pid, host));
     if (!regions.empty())
         method->setStartJitRva(regions.front().jitRva);
     method->info()->setMethodId(Md5HashGenerator::getHashValue(rawId, method));
