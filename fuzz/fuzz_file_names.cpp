@@ -8,7 +8,7 @@
 
 #include "fuzz_support.h"
 
-#include "jit_files_manager.h"
+#include "ingest/jit_files_manager.h"
 
 #include <boost/filesystem/operations.hpp>
 

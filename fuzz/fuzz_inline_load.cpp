@@ -5,10 +5,10 @@
 
 #include "fuzz_support.h"
 
-#include "jit_data_manager.h"
-#include "jit_file_decoder.h"
-#include "md5_hash_generator.h"
-#include "record.h"
+#include "index/jit_data_manager.h"
+#include "format/jit_file_decoder.h"
+#include "model/md5_hash_generator.h"
+#include "format/record.h"
 
 using namespace quarvel_3_13;
 

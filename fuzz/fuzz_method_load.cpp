@@ -9,9 +9,9 @@
 
 #include "fuzz_support.h"
 
-#include "jit_data_manager.h"
-#include "jit_file_decoder.h"
-#include "record.h"
+#include "index/jit_data_manager.h"
+#include "format/jit_file_decoder.h"
+#include "format/record.h"
 
 #include <quarvel/jittrace_writer.h>
 

@@ -2,8 +2,8 @@
 
 #include "fuzz_support.h"
 
-#include "jit_file_decoder.h"
-#include "record.h"
+#include "format/jit_file_decoder.h"
+#include "format/record.h"
 
 #include <cstdlib>
 

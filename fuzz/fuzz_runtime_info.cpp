@@ -5,8 +5,8 @@
 
 #include "fuzz_support.h"
 
-#include "jit_file_decoder.h"
-#include "record.h"
+#include "format/jit_file_decoder.h"
+#include "format/record.h"
 
 using namespace quarvel_3_13;
 

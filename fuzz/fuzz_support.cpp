@@ -1,7 +1,7 @@
 #include "fuzz_support.h"
 
-#include "log.h"
-#include "method_dump.h"
+#include "support/log.h"
+#include "model/method_dump.h"
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loglevel.h>

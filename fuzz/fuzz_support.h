@@ -6,8 +6,8 @@
 // replay tests of a normal build (tests/fuzz_replay/), so nothing here may
 // depend on libFuzzer itself.
 
-#include "jit_data_manager.h"
-#include "jit_method.h"
+#include "index/jit_data_manager.h"
+#include "model/jit_method.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -8,8 +8,8 @@
 
 #include "fuzz_support.h"
 
-#include "jit_data_manager.h"
-#include "jit_files_manager.h"
+#include "index/jit_data_manager.h"
+#include "ingest/jit_files_manager.h"
 
 #include <boost/filesystem/operations.hpp>
 

@@ -1,7 +1,7 @@
 #include "log_capture.h"
 
-#include "assertion.h"
-#include "log.h"
+#include "support/assertion.h"
+#include "support/log.h"
 
 #include <log4cplus/logger.h>
 #include <log4cplus/spi/loggingevent.h>

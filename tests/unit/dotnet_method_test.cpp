@@ -1,5 +1,5 @@
-#include "dotnet_method.h"
-#include "module_evaluator.h"
+#include "model/dotnet_method.h"
+#include "model/module_evaluator.h"
 
 #include <gtest/gtest.h>
 

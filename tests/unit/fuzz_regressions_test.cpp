@@ -2,9 +2,9 @@
 // what it broke. The fuzz corpus replay (tests/fuzz_replay) keeps the raw
 // inputs; these say what must hold.
 
-#include "jit_data_manager.h"
-#include "jit_file_decoder.h"
-#include "jit_file_reader.h"
+#include "index/jit_data_manager.h"
+#include "format/jit_file_decoder.h"
+#include "ingest/jit_file_reader.h"
 #include "log_capture.h"
 #include "trace_builder.h"
 

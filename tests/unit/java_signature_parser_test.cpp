@@ -1,4 +1,4 @@
-#include "java_signature_parser.h"
+#include "model/java_signature_parser.h"
 
 #include <gtest/gtest.h>
 

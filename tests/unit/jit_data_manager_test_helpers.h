@@ -4,9 +4,9 @@
 // Methods and regions built directly in code, as the record decoders would
 // hand them to the data manager.
 
-#include "jit_data_manager.h"
-#include "md5_hash_generator.h"
-#include "module.h"
+#include "index/jit_data_manager.h"
+#include "model/md5_hash_generator.h"
+#include "model/module.h"
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,10 @@
 // The reading pass: which records reach the data manager, where a file's
 // pass ends, the 64-bit module rename, and the file set's two pass forms.
 
-#include "jit_data_manager.h"
-#include "jit_file_decoder.h"
-#include "jit_file_reader.h"
-#include "jit_files_manager.h"
+#include "index/jit_data_manager.h"
+#include "format/jit_file_decoder.h"
+#include "ingest/jit_file_reader.h"
+#include "ingest/jit_files_manager.h"
 #include "log_capture.h"
 #include "trace_builder.h"
 

@@ -1,7 +1,7 @@
 // The jit file set: file names, grouping by host and process, jit rva
 // ranges, the pid array, and which paths initialisation accepts.
 
-#include "jit_files_manager.h"
+#include "ingest/jit_files_manager.h"
 #include "log_capture.h"
 #include "trace_builder.h"
 

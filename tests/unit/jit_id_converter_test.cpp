@@ -1,4 +1,4 @@
-#include "jit_id_converter.h"
+#include "index/jit_id_converter.h"
 
 #include <gtest/gtest.h>
 

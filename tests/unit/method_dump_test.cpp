@@ -1,6 +1,6 @@
-#include "jit_method.h"
-#include "method_dump.h"
-#include "module.h"
+#include "model/jit_method.h"
+#include "model/method_dump.h"
+#include "model/module.h"
 
 #include <gtest/gtest.h>
 

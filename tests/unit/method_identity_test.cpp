@@ -1,10 +1,10 @@
 // Ranges as map keys, method ids, names, modules, source files and locations.
 
-#include "base_method_info.h"
-#include "jit_method.h"
-#include "md5_hash_generator.h"
-#include "module.h"
-#include "source_location.h"
+#include "model/base_method_info.h"
+#include "model/jit_method.h"
+#include "model/md5_hash_generator.h"
+#include "model/module.h"
+#include "model/source_location.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // Reference counting, byte buffers, converters, exceptions and sequences.
 
-#include "byte_buffer_impl.h"
+#include "support/byte_buffer_impl.h"
 
 #include <quarvel/jitreader.h>
 

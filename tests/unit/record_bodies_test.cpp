@@ -3,10 +3,10 @@
 // written with the trace writer into a temporary file and read back through
 // the record reader.
 
-#include "jit_file_decoder.h"
-#include "md5_hash_generator.h"
-#include "module.h"
-#include "usage_statistics.h"
+#include "format/jit_file_decoder.h"
+#include "model/md5_hash_generator.h"
+#include "model/module.h"
+#include "support/usage_statistics.h"
 
 #include "log_capture.h"
 #include "trace_builder.h"

@@ -1,7 +1,7 @@
 // Record framing: every status and message of getNextRecord, and what a file
 // cut at any byte gives back.
 
-#include "jit_file_decoder.h"
+#include "format/jit_file_decoder.h"
 #include "log_capture.h"
 #include "trace_builder.h"
 

@@ -1,8 +1,8 @@
 // Inline children of a region, jit rva normalisation and byte updates.
 
-#include "jit_method.h"
+#include "model/jit_method.h"
 #include "log_capture.h"
-#include "region.h"
+#include "model/region.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,9 @@
 // The symbol resolver's .NET completion and assembly reader lookup, which
 // traces alone cannot reach (no decoder sets a metadata token).
 
-#include "dotnet_method.h"
+#include "model/dotnet_method.h"
 #include "log_capture.h"
-#include "symbol_resolver.h"
+#include "api/symbol_resolver.h"
 #include "trace_builder.h"
 
 #include <gtest/gtest.h>

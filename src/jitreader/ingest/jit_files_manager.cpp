@@ -1,0 +1,448 @@
+#include "ingest/jit_files_manager.h"
+
+#include "index/jit_data_manager.h"
+#include "format/jit_file_decoder.h"
+#include "support/log.h"
+
+#include <boost/filesystem/operations.hpp>
+
+#include <limits>
+
+namespace quarvel_3_13 {
+
+namespace fs = boost::filesystem;
+
+struct JitFilesManager::PendingFile {
+    fs::path path;
+    std::string fileName;
+    std::string hostName;
+    unsigned int pid = 0;
+    u64 size = 0;
+};
+
+namespace {
+
+// A non-empty run of decimal digits that fits 32 bits.
+bool parsePid(const std::string& text, unsigned int& pid) {
+    if (text.empty() || text.size() > 10)
+        return false;
+    u64 value = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9')
+            return false;
+        value = value * 10 + static_cast<u64>(c - '0');
+    }
+    if (value > std::numeric_limits<unsigned int>::max())
+        return false;
+    pid = static_cast<unsigned int>(value);
+    return true;
+}
+
+} // namespace
+
+JitFilesManager::JitFilesManager() { m_hostNames.emplace_back(); }
+
+JitFilesManager::~JitFilesManager() = default;
+
+quarvel_error_t JitFilesManager::parseJitFileName(const std::string& fileName, unsigned int& pid,
+                                                  std::string& hostName) const {
+    if (fileName.empty())
+        return meNotFound;
+    // The last "."-token is the extension, the one before it carries the pid.
+    const size_t extDot = fileName.rfind('.');
+    if (extDot == std::string::npos || extDot == 0 || extDot + 1 == fileName.size())
+        return meNotFound;
+    const size_t pidDot = fileName.rfind('.', extDot - 1);
+    const size_t pidStart = pidDot == std::string::npos ? 0 : pidDot + 1;
+    const std::string pidToken = fileName.substr(pidStart, extDot - pidStart);
+
+    unsigned int parsedPid = 0;
+    std::string host;
+    if (pidDot != std::string::npos && parsePid(pidToken, parsedPid)) {
+        // "<host>.<pid>.<ext>": the host keeps its own dots and dashes.
+        host = fileName.substr(0, pidDot);
+    } else {
+        // "<host>-<pid>.<ext>": the pid follows the token's last dash.
+        const size_t dash = pidToken.rfind('-');
+        if (dash == std::string::npos || dash == 0 || !parsePid(pidToken.substr(dash + 1), parsedPid))
+            return meNotFound;
+        host = fileName.substr(0, pidStart + dash);
+    }
+    if (host.empty())
+        return meNotFound;
+    pid = parsedPid;
+    hostName = host;
+    return meSuccess;
+}
+
+quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicitPath,
+                                             std::vector<PendingFile>& pending) const {
+    PendingFile file;
+    file.path = path;
+    file.fileName = path.filename().string();
+    if (parseJitFileName(file.fileName, file.pid, file.hostName) != meSuccess) {
+        if (explicitPath) {
+            QV_ERROR("Jit file name " << path.string()
+                                      << " does not have the form <host>.<pid>.<ext> or <host>-<pid>.<ext>");
+            return meNotFound;
+        }
+        QV_INFO("Skipped " << path.string() << ": not a jit file name (<host>.<pid>.<ext> or <host>-<pid>.<ext>)");
+        return meSuccess;
+    }
+    boost::system::error_code ec;
+    file.size = fs::file_size(path, ec);
+    if (ec) {
+        if (explicitPath) {
+            QV_ERROR("Couldn't read the size of jit file " << path.string() << ": " << ec.message());
+            return meFileOpenError;
+        }
+        QV_INFO("Skipped " << path.string() << ": couldn't read its size: " << ec.message());
+        return meSuccess;
+    }
+    pending.push_back(file);
+    return meSuccess;
+}
+
+quarvel_error_t JitFilesManager::collectPath(const char* text, std::vector<PendingFile>& pending) const {
+    if (!text || !*text) {
+        QV_ERROR("An empty jit file path was given");
+        return meJitFileNotFound;
+    }
+    const fs::path path(text);
+    boost::system::error_code ec;
+    const fs::file_status status = fs::status(path, ec);
+    if (status.type() == fs::file_not_found || (ec && status.type() == fs::status_error)) {
+        QV_ERROR("Jit file path " << path.string() << " does not exist"
+                                  << (ec && status.type() == fs::status_error ? ": " + ec.message() : std::string()));
+        return meJitFileNotFound;
+    }
+    if (fs::is_regular_file(status))
+        return collectFile(path, true, pending);
+    if (!fs::is_directory(status)) {
+        QV_ERROR("Jit file path " << path.string() << " is neither a regular file nor a directory");
+        return meFileOpenError;
+    }
+
+    // Entries in ascending name order, each name once.
+    std::map<std::string, fs::path> entries;
+    fs::directory_iterator it(path, ec);
+    if (ec) {
+        QV_ERROR("Couldn't list jit file directory " << path.string() << ": " << ec.message());
+        return meFileOpenError;
+    }
+    for (; it != fs::directory_iterator(); it.increment(ec)) {
+        if (ec)
+            break;
+        entries.emplace(it->path().filename().string(), it->path());
+    }
+    if (ec) {
+        QV_ERROR("Couldn't list jit file directory " << path.string() << ": " << ec.message());
+        return meFileOpenError;
+    }
+    for (const auto& entry : entries) {
+        // Links, devices and subdirectories are passed over: a trace is read only through its real path.
+        const fs::file_status entryStatus = fs::symlink_status(entry.second, ec);
+        if (ec || !fs::is_regular_file(entryStatus)) {
+            QV_INFO("Skipped " << entry.second.string() << ": not a regular file");
+            continue;
+        }
+        const quarvel_error_t ret = collectFile(entry.second, false, pending);
+        if (ret != meSuccess)
+            return ret;
+    }
+    return meSuccess;
+}
+
+void JitFilesManager::addPending(const std::vector<PendingFile>& pending, target_arch_t arch) {
+    m_targetArch = arch;
+    for (const PendingFile& file : pending) {
+        u64 next = m_nextJitRva;
+        JitFileInfo info;
+        info.path = file.path;
+        info.fileName = file.fileName;
+        info.jitRvaBase = next;
+        info.size = file.size;
+        // Sizes were read while collecting; file them without touching the file system again.
+        unsigned int hostId = getHostID(file.hostName);
+        if (hostId == 0) {
+            m_hostNames.push_back(file.hostName);
+            hostId = static_cast<unsigned int>(m_hostNames.size() - 1);
+            m_hostIds.emplace(file.hostName, hostId);
+        }
+        ProcessJitInfo& process = m_processes[hostId][file.pid];
+        process.files.push_back(info);
+        // A process that gained files has something to read again.
+        process.read = false;
+        m_wholeSetRead = false;
+        m_nextJitRva = next + file.size;
+    }
+}
+
+quarvel_error_t JitFilesManager::initialize(generic_iterator_t<const char*>& paths, target_arch_t arch) {
+    std::vector<PendingFile> pending;
+    for (generic_iterator_t<const char*> it(paths); !it.atEnd(); it.advance()) {
+        const quarvel_error_t ret = collectPath(it.current(), pending);
+        if (ret != meSuccess)
+            return ret;
+    }
+    addPending(pending, arch);
+    return meSuccess;
+}
+
+quarvel_error_t JitFilesManager::initialize(generic_iterator_t<JitFileDescriptor>& descriptors, target_arch_t arch) {
+    std::vector<PendingFile> pending;
+    for (generic_iterator_t<JitFileDescriptor> it(descriptors); !it.atEnd(); it.advance()) {
+        const JitFileDescriptor descriptor = it.current();
+        if (!descriptor.path || !*descriptor.path) {
+            QV_ERROR("A jit file descriptor without a path was given");
+            return meJitFileNotFound;
+        }
+        const fs::path path(descriptor.path);
+        boost::system::error_code ec;
+        const fs::file_status status = fs::status(path, ec);
+        if (!fs::exists(status)) {
+            QV_ERROR("Jit file path " << path.string() << " does not exist");
+            return meJitFileNotFound;
+        }
+        if (!fs::is_regular_file(status)) {
+            QV_ERROR("Jit file path " << path.string() << " is not a regular file");
+            return meFileOpenError;
+        }
+        PendingFile file;
+        file.path = path;
+        file.fileName = path.filename().string();
+        file.pid = descriptor.pid;
+        file.hostName = descriptor.hostName ? descriptor.hostName : "";
+        file.size = fs::file_size(path, ec);
+        if (ec) {
+            QV_ERROR("Couldn't read the size of jit file " << path.string() << ": " << ec.message());
+            return meFileOpenError;
+        }
+        pending.push_back(file);
+    }
+    addPending(pending, arch);
+    return meSuccess;
+}
+
+quarvel_error_t JitFilesManager::addJitFileInfo(const fs::path& path, const std::string& fileName, u64& nextJitRva,
+                                                const std::string& hostName, unsigned int pid) {
+    boost::system::error_code ec;
+    const u64 size = fs::file_size(path, ec);
+    if (ec) {
+        QV_ERROR("Couldn't read the size of jit file " << path.string() << ": " << ec.message());
+        return meFileOpenError;
+    }
+    unsigned int hostId = getHostID(hostName);
+    if (hostId == 0) {
+        m_hostNames.push_back(hostName);
+        hostId = static_cast<unsigned int>(m_hostNames.size() - 1);
+        m_hostIds.emplace(hostName, hostId);
+    }
+    ProcessJitInfo& process = m_processes[hostId][pid];
+    JitFileInfo info;
+    info.path = path;
+    info.fileName = fileName;
+    info.jitRvaBase = nextJitRva;
+    info.size = size;
+    nextJitRva += size;
+    process.files.push_back(info);
+    process.read = false;
+    m_wholeSetRead = false;
+    if (nextJitRva > m_nextJitRva)
+        m_nextJitRva = nextJitRva;
+    return meSuccess;
+}
+
+quarvel_error_t JitFilesManager::addJitFileInfo(const fs::path& path, const std::string& fileName, u64& nextJitRva) {
+    unsigned int pid = 0;
+    std::string host;
+    const quarvel_error_t ret = parseJitFileName(fileName, pid, host);
+    if (ret != meSuccess)
+        return ret;
+    return addJitFileInfo(path, fileName, nextJitRva, host, pid);
+}
+
+unsigned int JitFilesManager::getHostID(const std::string& name) const {
+    const auto it = m_hostIds.find(name);
+    return it == m_hostIds.end() ? 0 : it->second;
+}
+
+const char* JitFilesManager::getHostName(unsigned int id) const {
+    if (id == 0 || id >= m_hostNames.size())
+        return nullptr;
+    return m_hostNames[id].c_str();
+}
+
+generic_iterator_t<unsigned> JitFilesManager::getJitPidArray() const {
+    // The lock is taken on every call (it is cheap): the array pointer is
+    // never read while another thread publishes it.
+    boost::unique_lock<boost::mutex> lock(m_pidArrayMutex);
+    if (!m_pidArray || m_pidArray->empty()) {
+        auto pids = std::make_shared<std::vector<unsigned>>();
+        for (const auto& host : m_processes)
+            for (const auto& process : host.second)
+                pids->push_back(process.first);
+        m_pidArray = pids;
+    }
+    const std::shared_ptr<const std::vector<unsigned>> held = m_pidArray;
+    return generic_iterator_t<unsigned>(held->begin(), held->end(), held);
+}
+
+ProcessJitInfo* JitFilesManager::getProcessJitInfo(unsigned int pid, unsigned int hostId) {
+    const auto host = m_processes.find(hostId);
+    if (host == m_processes.end())
+        return nullptr;
+    const auto process = host->second.find(pid);
+    return process == host->second.end() ? nullptr : &process->second;
+}
+
+const ProcessJitInfo* JitFilesManager::getProcessJitInfo(unsigned int pid, unsigned int hostId) const {
+    return const_cast<JitFilesManager*>(this)->getProcessJitInfo(pid, hostId);
+}
+
+quarvel_error_t JitFilesManager::getJitFileRange(const char* fileName, u64& base, u64& limit) const {
+    if (!fileName)
+        return meJitFileNotFound;
+    const std::string name = fs::path(fileName).filename().string();
+    const JitFileInfo* match = nullptr;
+    unsigned int pid = 0;
+    std::string host;
+    if (parseJitFileName(name, pid, host) == meSuccess) {
+        if (const ProcessJitInfo* process = getProcessJitInfo(pid, getHostID(host))) {
+            for (const JitFileInfo& file : process->files)
+                if (file.fileName == name) {
+                    match = &file;
+                    break;
+                }
+        }
+    }
+    if (!match) {
+        // Files given by descriptors are filed under the descriptor's pid and
+        // host, which the name need not show: look through every file.
+        for (const auto& hostEntry : m_processes) {
+            for (const auto& process : hostEntry.second) {
+                for (const JitFileInfo& file : process.second.files)
+                    if (file.fileName == name) {
+                        match = &file;
+                        break;
+                    }
+                if (match)
+                    break;
+            }
+            if (match)
+                break;
+        }
+    }
+    if (!match)
+        return meJitFileNotFound;
+    base = match->jitRvaBase;
+    limit = match->jitRvaBase + match->size;
+    return meSuccess;
+}
+
+quarvel_error_t JitFilesManager::processState(unsigned int pid, unsigned int hostId) const {
+    const ProcessJitInfo* process = getProcessJitInfo(pid, hostId);
+    if (!process)
+        return meNotFound;
+    return process->read.load() ? meSuccess : meEndOfData;
+}
+
+size_t JitFilesManager::fileCount() const {
+    size_t n = 0;
+    for (const auto& host : m_processes)
+        for (const auto& process : host.second)
+            n += process.second.files.size();
+    return n;
+}
+
+JitReadStats JitFilesManager::readStats() const {
+    boost::unique_lock<boost::mutex> lock(m_readMutex);
+    return m_stats;
+}
+
+quarvel_error_t JitFilesManager::readProcessFiles(ProcessJitInfo& process, unsigned int pid, unsigned int hostId,
+                                                  decoding_mode_t mode, JitDataManager& dataManager,
+                                                  bool logFailures) {
+    JitFileReader reader(&m_stats);
+    quarvel_error_t result = meSuccess;
+    for (JitFileInfo& file : process.files) {
+        if (file.read)
+            continue;
+        if (file.path.empty()) {
+            if (!logFailures)
+                return meInvalidPointer;
+            QV_ERROR("Skip reading jit file because path is empty");
+            continue;
+        }
+        quarvel_error_t status;
+        try {
+            JitFileDecoder decoder(file.path.string(), pid, hostId, file.jitRvaBase, mode);
+            status = reader.readJitFile(decoder, m_targetArch, dataManager);
+        } catch (const std::exception& e) {
+            // Nothing leaves the library; what the file gave before stays registered.
+            QV_ERROR("Stopped reading jit file " << file.path.string() << ": " << e.what());
+            status = meBadRecord;
+        }
+        if (status == meSuccess) {
+            file.read = true;
+            continue;
+        }
+        if (logFailures)
+            QV_ERROR("Could not read jit file " << file.path.string());
+        if (status == meFileOpenError) {
+            // Nothing of it was registered: a later pass may try again.
+            if (!logFailures)
+                QV_ERROR("Could not open jit file " << file.path.string());
+            if (result == meSuccess)
+                result = status;
+            if (!logFailures)
+                return status;
+            continue;
+        }
+        // The file ended at a damaged or refused record; what came before is
+        // registered, so the file must not be read a second time.
+        file.read = true;
+    }
+    return result;
+}
+
+quarvel_error_t JitFilesManager::readJitFiles(unsigned int pid, unsigned int hostId, decoding_mode_t mode,
+                                              JitDataManager& dataManager) {
+    ProcessJitInfo* process = getProcessJitInfo(pid, hostId);
+    if (!process)
+        return meNotFound;
+    if (process->read.load())
+        return meSuccess;
+    boost::unique_lock<boost::mutex> lock(m_readMutex);
+    if (process->read.load())
+        return meSuccess;
+    const quarvel_error_t status = readProcessFiles(*process, pid, hostId, mode, dataManager, false);
+    // Queries must see the normalised inline jit rvas of what was read, even after a failure.
+    dataManager.finalize();
+    if (status != meSuccess)
+        return status;
+    process->read = true;
+    return meSuccess;
+}
+
+quarvel_error_t JitFilesManager::readJitFiles(decoding_mode_t mode, JitDataManager& dataManager) {
+    if (m_wholeSetRead.load())
+        return meSuccess;
+    boost::unique_lock<boost::mutex> lock(m_readMutex);
+    if (m_wholeSetRead.load())
+        return meSuccess;
+    for (auto& host : m_processes) {
+        for (auto& entry : host.second) {
+            ProcessJitInfo& process = entry.second;
+            if (process.read.load())
+                continue;
+            if (readProcessFiles(process, entry.first, host.first, mode, dataManager, true) == meSuccess)
+                process.read = true;
+        }
+    }
+    dataManager.finalize();
+    m_wholeSetRead = true;
+    return meSuccess;
+}
+
+} // namespace quarvel_3_13

@@ -1,0 +1,55 @@
+#ifndef QUARVEL_SRC_DOTNET_METHOD_H
+#define QUARVEL_SRC_DOTNET_METHOD_H
+
+#include "model/clr_symreader.h"
+#include "model/source_file.h"
+
+#include <quarvel/base_object.h>
+#include <quarvel/dotnet.h>
+#include <quarvel/types.h>
+
+#include <ostream>
+#include <string>
+
+namespace quarvel_3_13 {
+
+// Joins a .NET metadata token to the portable PDB reader of its assembly.
+// Names come from the assembly reader, not from here: the name accessors
+// answer empty strings.
+class DotNetMethod : public BaseObject {
+public:
+    typedef boost::intrusive_ptr<DotNetMethod> Ptr;
+
+    explicit DotNetMethod(u32 token) : m_token(token) {}
+
+    u32 token() const { return m_token; }
+    // The MethodDef row: the token without its table byte.
+    u32 rowId() const { return m_token & 0xFFFFFFu; }
+
+    const CoreCLRSymbolReader::Ptr& symbolReader() const { return m_symbolReader; }
+    void setSymbolReader(const CoreCLRSymbolReader::Ptr& reader) { m_symbolReader = reader; }
+
+    // meNotFound without a PDB reader or when the reader knows no file.
+    quarvel_error_t getSourceFileInfo(SourceFile& out) const;
+    // 0 without a PDB reader or when the reader knows no line.
+    u32 getSourceLineByILOffset(u32 ilOffset) const;
+    // The managed-to-source table is never delivered through this record: always meNotFound.
+    quarvel_error_t getILToSourceMapping(quarvel_line_number_entry* entries, unsigned* count) const;
+
+    std::string getClassName() const { return std::string(); }
+    std::string getMethodName() const { return std::string(); }
+    std::string getMethodSignature() const { return std::string(); }
+    std::string getClassNameByToken(u32 /*token*/) const { return std::string(); }
+    std::string getOriginalMethodNameByToken(u32 /*token*/) const { return std::string(); }
+    std::string getOriginalClassNameByToken(u32 /*token*/) const { return std::string(); }
+
+private:
+    u32 m_token;
+    CoreCLRSymbolReader::Ptr m_symbolReader;
+};
+
+std::ostream& operator<<(std::ostream& os, const DotNetMethod& method);
+
+} // namespace quarvel_3_13
+
+#endif

@@ -1,0 +1,162 @@
+#include "model/java_signature_parser.h"
+
+#include <stdexcept>
+
+namespace quarvel_3_13 {
+
+namespace {
+
+// Nesting of arrays and type arguments is limited so that a hostile name
+// ("[[[[..." or "La<La<La<...") cannot exhaust the stack. The class file
+// format allows at most 255 array dimensions; real generics nest far less.
+const unsigned kMaxDepth = 256;
+
+void unmangleType(const std::string& sig, uint32_t& pos, std::string& out, unsigned depth);
+
+void unmangleClassName(const std::string& sig, uint32_t& pos, std::string& out, unsigned depth) {
+    // at() throws std::out_of_range past the end: the caller keeps what was read.
+    while (sig.at(pos) != ';') {
+        const char c = sig.at(pos);
+        if (c == '/') {
+            out += '.';
+        } else if (c == '<') {
+            out += '<';
+            const uint32_t open = pos;
+            for (;;) {
+                ++pos;
+                if (sig.at(pos) == '>')
+                    break;
+                if (pos - 1 != open)
+                    out += ',';
+                unmangleType(sig, pos, out, depth + 1);
+            }
+            // pos is on '>', which the next round appends.
+            continue;
+        } else {
+            out += c;
+        }
+        ++pos;
+    }
+}
+
+// Appends the type after a one-character prefix (+, -, [, L, ...).
+void unmangleNested(const std::string& sig, uint32_t& pos, std::string& out, unsigned depth) {
+    ++pos;
+    unmangleType(sig, pos, out, depth + 1);
+}
+
+void unmangleType(const std::string& sig, uint32_t& pos, std::string& out, unsigned depth) {
+    if (pos >= sig.size() || depth > kMaxDepth)
+        return;
+    switch (sig[pos]) {
+    case 'B': out += "byte"; break;
+    case 'C': out += "char"; break;
+    case 'D': out += "double"; break;
+    case 'F': out += "float"; break;
+    case 'I': out += "int"; break;
+    case 'J': out += "long"; break;
+    case 'S': out += "short"; break;
+    case 'V': out += "void"; break;
+    case 'Z': out += "boolean"; break;
+    case 'L':
+    case 'T':
+        ++pos;
+        try {
+            unmangleClassName(sig, pos, out, depth);
+        } catch (const std::out_of_range&) {
+            // A truncated descriptor: keep the text read so far.
+        }
+        break;
+    case '[':
+        unmangleNested(sig, pos, out, depth);
+        out += "[]";
+        break;
+    case '*': out += '?'; break;
+    case '+':
+        out += "? extends ";
+        unmangleNested(sig, pos, out, depth);
+        break;
+    case '-':
+        out += "? super ";
+        unmangleNested(sig, pos, out, depth);
+        break;
+    case ':': {
+        // A bound of a type parameter: "T::Ljava/lang/Runnable;" or ";:Lx;" (an extra interface bound).
+        const uint32_t colon = pos;
+        ++pos;
+        if (pos < sig.size() && sig[pos] == ':') {
+            out += " extends ";
+            unmangleNested(sig, pos, out, depth);
+        } else {
+            if (colon > 0 && sig[colon - 1] == ';')
+                out += " & ";
+            unmangleType(sig, pos, out, depth + 1);
+        }
+        break;
+    }
+    default:
+        // Unknown letters contribute nothing.
+        break;
+    }
+}
+
+} // namespace
+
+bool JavaSignatureParser::isParsedName(const std::string& name) {
+    static const char* const kReadableMarks[] = {",",     ".",      "[]",      "(byte",  "(char",    "(double",
+                                                 "(float", "(int", "(long", "(short", "(boolean", "(void"};
+    for (const char* mark : kReadableMarks)
+        if (name.find(mark) != std::string::npos)
+            return true;
+    return false;
+}
+
+void JavaSignatureParser::unmangle(const std::string& signature, uint32_t& pos, std::string& out) {
+    unmangleType(signature, pos, out, 0);
+}
+
+void JavaSignatureParser::unmangleName(const std::string& signature, uint32_t& pos, std::string& out) {
+    unmangleClassName(signature, pos, out, 0);
+}
+
+std::string JavaSignatureParser::parseClassName(const std::string& name) {
+    if (name.empty())
+        return std::string();
+    if (name.find('.') != std::string::npos)
+        return name;
+    // Both tests must fail to keep the name: "Lfoo" and "foo;" are unmangled too.
+    if (name.front() != 'L' && name.back() != ';')
+        return name;
+    std::string out;
+    uint32_t pos = 0;
+    unmangle(name, pos, out);
+    return out;
+}
+
+std::string JavaSignatureParser::parseMethodName(const std::string& name) {
+    if (name.empty() || isParsedName(name))
+        return name;
+    const size_t open = name.find('(');
+    if (open == std::string::npos)
+        return name;
+    const size_t close = name.find(')', open);
+    if (close == std::string::npos || close > UINT32_MAX)
+        return name;
+
+    std::string out = name.substr(0, open + 1);
+    bool first = true;
+    for (uint32_t pos = static_cast<uint32_t>(open + 1); pos < close; ++pos) {
+        std::string parameter;
+        unmangle(name, pos, parameter);
+        if (parameter.empty())
+            continue;
+        if (!first)
+            out += ", ";
+        out += parameter;
+        first = false;
+    }
+    out += ')';
+    return out;
+}
+
+} // namespace quarvel_3_13

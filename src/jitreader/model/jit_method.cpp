@@ -1,0 +1,263 @@
+#include "model/jit_method.h"
+
+#include "support/assertion.h"
+#include "support/log.h"
+#include "model/source_location.h"
+
+#include <sstream>
+#include <utility>
+
+namespace quarvel_3_13 {
+
+namespace {
+
+// An item with start s and length n contains rva when s <= rva < s + n.
+bool holds(u64 start, u64 length, u64 rva) { return start <= rva && rva - start < length; }
+
+const Region* findRegionOf(const std::vector<Region::Ptr>& regions, u64 jitRva) {
+    for (const Region::Ptr& region : regions)
+        if (holds(region->startJitRva(), region->length(), jitRva))
+            return region.get();
+    return nullptr;
+}
+
+} // namespace
+
+JitMethod::JitMethod() : m_info(new BaseMethodInfo()) {}
+
+JitMethod::~JitMethod() = default;
+
+JitMethod::Ptr JitMethod::clone() const {
+    Ptr copy(new JitMethod());
+    copy->m_info = m_info;
+    copy->m_startJitRva = m_startJitRva;
+    copy->m_rawMethodId = m_rawMethodId;
+    copy->m_rawParentId = m_rawParentId;
+    copy->m_loadTime = m_loadTime;
+    copy->m_unloadTime = m_unloadTime;
+    copy->m_regions = m_regions;
+    copy->m_inlineAttached = m_inlineAttached;
+    copy->m_lineInfo = m_lineInfo;
+    return copy;
+}
+
+generic_iterator_t<ICodeRegion::Ptr> JitMethod::getRegions() const {
+    // The iterator keeps this method (and so its region vector) alive.
+    const Ptr self(const_cast<JitMethod*>(this));
+    std::shared_ptr<const void> keep(this, [self](const void*) {});
+    return generic_iterator_t<ICodeRegion::Ptr>(m_regions.begin(), m_regions.end(), keep);
+}
+
+quarvel_error_t JitMethod::getVirtualAddress(u64 jitRva, u64* virtualAddress) const {
+    const Region* region = findRegionOf(m_regions, jitRva);
+    if (!region)
+        return meNotFound;
+    if (!virtualAddress)
+        return meInvalidPointer;
+    *virtualAddress = region->startAddress() + (jitRva - region->startJitRva());
+    return meSuccess;
+}
+
+quarvel_error_t JitMethod::getPid(u64 jitRva, unsigned& pid) const {
+    const Region* region = findRegionOf(m_regions, jitRva);
+    if (!region)
+        return meNotFound;
+    pid = region->processId();
+    return meSuccess;
+}
+
+quarvel_error_t JitMethod::getLineNumberInfo(quarvel_line_info_type type, quarvel_line_number_entry* entries,
+                                             unsigned* count, u64 jitRva) const {
+    if (!entries && !count)
+        return meInvalidPointer;
+    if (m_lineInfo.empty())
+        return meNotFound;
+
+    LineInfoHolder& first = m_lineInfo.begin()->second;
+    if (jitRva != 0) {
+        auto found = m_lineInfo.find(Range(jitRva, 1));
+        if (found == m_lineInfo.end())
+            return meNotFound;
+        // The selected range's tables are kept in the first holder: after this
+        // query the first code range reports them.
+        if (&found->second != &first)
+            first = found->second;
+    }
+    if (type > quarvel_line_info_native_to_source)
+        return meNotFound;
+    if (!count)
+        return meInvalidPointer;
+
+    const LineTable& table = first.tables[type];
+    const unsigned n = static_cast<unsigned>(table.size());
+    if (!entries) {
+        *count = n;
+        return meSuccess;
+    }
+    if (*count < n)
+        return meInsufficientBuffer;
+    std::copy(table.begin(), table.end(), entries);
+    *count = n;
+    return meSuccess;
+}
+
+quarvel_error_t JitMethod::getSourceRange(quarvel_line_number_entry* first, quarvel_line_number_entry* last,
+                                          u64 /*jitRva*/) const {
+    if (!first || !last || m_lineInfo.empty())
+        return meNotFound;
+    u32 minLine = 0;
+    u32 maxLine = 0;
+    for (const auto& entry : m_lineInfo) {
+        const LineTable& table = entry.second.tables[quarvel_line_info_native_to_source];
+        if (table.empty())
+            continue;
+        // Entry 0 of a later table seeds nothing once min and max are set.
+        if (minLine == 0 || maxLine == 0)
+            minLine = maxLine = table[0].value;
+        for (size_t i = 1; i < table.size(); ++i) {
+            minLine = std::min(minLine, table[i].value);
+            maxLine = std::max(maxLine, table[i].value);
+        }
+    }
+    if (minLine == 0 || maxLine == 0)
+        return meNotFound;
+    *first = quarvel_line_number_entry{0, 0, minLine};
+    *last = quarvel_line_number_entry{0, 0, maxLine};
+    return meSuccess;
+}
+
+ISourceLocation::Ptr JitMethod::getSourceLocation(u64 jitRva) const {
+    auto found = m_lineInfo.find(Range(jitRva, 1));
+    if (found == m_lineInfo.end() || found->second.empty())
+        return ISourceLocation::Ptr();
+    const u64 off = jitRva - found->first.start;
+    const LineInfoHolder& holder = found->second;
+    const LineTable& nativeToManaged = holder.tables[quarvel_line_info_native_to_managed];
+    const LineTable& managedToSource = holder.tables[quarvel_line_info_managed_to_source];
+    const LineTable& nativeToSource = holder.tables[quarvel_line_info_native_to_source];
+
+    u32 line = 0;
+    bool found_line = false;
+    if (!nativeToManaged.empty() && !managedToSource.empty()) {
+        u32 il = 0;
+        bool haveIl = false;
+        for (const auto& e : nativeToManaged)
+            if (e.startOffset <= off && off < e.endOffset) {
+                il = e.value;
+                haveIl = true;
+                break;
+            }
+        if (!haveIl || il == 0xFFFFFFFFu)
+            return ISourceLocation::Ptr();
+        for (const auto& e : managedToSource)
+            if (e.startOffset == il || (e.startOffset <= il && il < e.endOffset)) {
+                line = e.value;
+                found_line = true;
+                break;
+            }
+    } else {
+        for (const auto& e : nativeToSource)
+            if (e.startOffset == off || (e.startOffset <= off && off < e.endOffset)) {
+                line = e.value;
+                found_line = true;
+                break;
+            }
+    }
+    if (!found_line)
+        return ISourceLocation::Ptr();
+    return ISourceLocation::Ptr(new SourceLocation(line, m_info->sourceFile()));
+}
+
+bool JitMethod::addLineNumberInfo(quarvel_line_info_type type, LineTable entries, const Range& range) {
+    if (type > quarvel_line_info_native_to_source)
+        return false;
+    auto found = m_lineInfo.find(range);
+    if (found == m_lineInfo.end()) {
+        LineInfoHolder holder;
+        holder.tables[type] = std::move(entries);
+        if (!m_lineInfo.emplace(range, std::move(holder)).second) {
+            QV_ERROR("Couldn't add line number info for this"
+                     << " code region of already registered method " << describe());
+            return false;
+        }
+        return true;
+    }
+    LineTable& table = found->second.tables[type];
+    if (table.empty()) {
+        table = std::move(entries);
+        return true;
+    }
+    QV_ERROR("Couldn't overwrite existing line number"
+             << " info for this code region of already registered method " << describe());
+    return false;
+}
+
+bool JitMethod::addLineNumberInfo(const LineInfoMap& map) {
+    for (const auto& entry : map)
+        for (quarvel_line_info_type type :
+             {quarvel_line_info_native_to_managed, quarvel_line_info_managed_to_source, quarvel_line_info_native_to_source})
+            if (!entry.second.tables[type].empty() && !addLineNumberInfo(type, entry.second.tables[type], entry.first))
+                return false;
+    return true;
+}
+
+void JitMethod::normalizeLineNumberInfoJitRvaRanges(jit_rva_t newStart) {
+    if (m_lineInfo.empty())
+        return;
+    LineInfoMap normalized;
+    // The tables move to their new keys; the old map is dropped below.
+    for (auto& entry : m_lineInfo) {
+        const bool ret =
+            normalized.emplace(Range(entry.first.start + newStart, entry.first.length), std::move(entry.second)).second;
+        QV_CHECK(ret, continue);
+    }
+    m_lineInfo.swap(normalized);
+}
+
+bool JitMethod::validateSymbolicInfo() const {
+    if (m_regions.empty() || m_lineInfo.empty())
+        return true;
+    const Region& region = *m_regions.front();
+    const LineTable& table = m_lineInfo.begin()->second.tables[quarvel_line_info_native_to_source];
+    for (const auto& e : table) {
+        if (e.endOffset > region.length()) {
+            QV_ERROR("Detected line number (start offset = " << e.startOffset << ", end offset = " << e.endOffset
+                                                              << ", src line = " << e.value
+                                                              << ") that does not match to code range (ip range = "
+                                                              << region.startAddress() << "-" << region.endAddress()
+                                                              << ")");
+            return false;
+        }
+    }
+    return true;
+}
+
+void JitMethod::compareSymbolicInfoTo(const Ptr& jitMethod) const {
+    QV_CHECK(jitMethod, return);
+    const std::string& registered = m_info->sourceFile().name();
+    const std::string& supplied = jitMethod->info()->sourceFile().name();
+    if (registered.empty()) {
+        QV_TRACE("Registred method has a null source file " << describe()
+                                                            << ". Mapping to source file is not available.");
+    } else if (supplied.empty()) {
+        QV_TRACE("Supplied a null source file for " << jitMethod->describe()
+                                                    << ". Line number table will be associated"
+                                                    << " with the source file of the first code region (src name = "
+                                                    << registered << ")");
+    } else if (supplied != registered) {
+        QV_TRACE("Supplied source file for " << jitMethod->describe()
+                                             << " is differ from source file of the first code region (src name = "
+                                             << registered << "). Map to source file will be incorrect.");
+    }
+}
+
+void JitMethod::markAsUnloaded(u64 /*time*/) {}
+
+std::string JitMethod::describe() const {
+    std::ostringstream os;
+    os << "(method id = " << m_rawMethodId << ", name = " << m_info->methodName() << ", load time = " << m_loadTime
+       << ")";
+    return os.str();
+}
+
+} // namespace quarvel_3_13

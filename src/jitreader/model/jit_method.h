@@ -1,0 +1,126 @@
+#ifndef QUARVEL_SRC_JIT_METHOD_H
+#define QUARVEL_SRC_JIT_METHOD_H
+
+#include "model/base_method_info.h"
+#include "model/range.h"
+#include "model/region.h"
+
+#include <quarvel/symbol.h>
+
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace quarvel_3_13 {
+
+// One jitted method: its descriptive record (shared with clones), raw ids,
+// times, code regions and line tables.
+class JitMethod : public ISymbol {
+public:
+    typedef boost::intrusive_ptr<JitMethod> Ptr;
+    typedef std::vector<quarvel_line_number_entry> LineTable;
+
+    // One table per quarvel_line_info_type; offsets relative to the start of
+    // the code range that keys the holder.
+    struct LineInfoHolder {
+        LineTable tables[3];
+        bool empty() const { return tables[0].empty() && tables[1].empty() && tables[2].empty(); }
+    };
+    // Keys are offsets until the method's jit rva is settled, jit rvas after.
+    typedef std::map<Range, LineInfoHolder, Range::Comparator> LineInfoMap;
+
+    struct ManagedRuntimeInfo {
+        u32 runtimeType = 0;
+        std::string version;
+        std::string name;
+    };
+
+    JitMethod();
+    ~JitMethod() override;
+
+    // Shares the descriptive record and the regions; copies the line map.
+    Ptr clone() const;
+
+    // ISymbol
+    unsigned getMethodToken() const override { return m_info->methodToken(); }
+    const char* getMethodName() const override { return m_info->methodName().c_str(); }
+    const char* getQualifiedMethodName() const override { return m_info->qualifiedMethodName().c_str(); }
+    const char* getClassName() const override { return m_info->className().c_str(); }
+    IModule::Ptr getModule() const override { return m_info->module(); }
+    ISourceFile::Ptr getSourceFile() const override { return m_info->getSourceFile(); }
+    generic_iterator_t<ICodeRegion::Ptr> getRegions() const override;
+    quarvel_error_t getVirtualAddress(u64 jitRva, u64* virtualAddress) const override;
+    quarvel_error_t getPid(u64 jitRva, unsigned& pid) const override;
+    u64 getLoadTime() const override { return m_loadTime; }
+    u64 getUnloadTime() const override { return m_unloadTime; }
+    quarvel_error_t getLineNumberInfo(quarvel_line_info_type type, quarvel_line_number_entry* entries,
+                                      unsigned* count, u64 jitRva) const override;
+    quarvel_error_t getSourceRange(quarvel_line_number_entry* first, quarvel_line_number_entry* last,
+                                   u64 jitRva) const override;
+    ISourceLocation::Ptr getSourceLocation(u64 jitRva) const override;
+    u64 getStartJitRva() const override { return m_startJitRva; }
+    unsigned getMethodID() const override { return m_rawMethodId; }
+
+    // Descriptive record.
+    const BaseMethodInfo::Ptr& info() const { return m_info; }
+    const BaseMethodId& getMethodId() const { return m_info->getMethodId(); }
+    const BaseMethodId& getParentId() const { return m_info->getParentId(); }
+
+    u32 getRawMethodId() const { return m_rawMethodId; }
+    u32 getRawParentId() const { return m_rawParentId; }
+    void setRawMethodId(u32 id) { m_rawMethodId = id; }
+    void setRawParentId(u32 id) { m_rawParentId = id; }
+    void setStartJitRva(jit_rva_t rva) { m_startJitRva = rva; }
+    void setLoadTime(u64 time) { m_loadTime = time; }
+    void setUnloadTime(u64 time) { m_unloadTime = time; }
+
+    // Regions.
+    void addCodeRegion(const Region::Ptr& region) { m_regions.push_back(region); }
+    size_t regionCount() const { return m_regions.size(); }
+    const std::vector<Region::Ptr>& regions() const { return m_regions; }
+
+    bool isInlineAttached() const { return m_inlineAttached; }
+    void setInlineAttached(bool attached) { m_inlineAttached = attached; }
+
+    // Line tables.
+    // Takes entries by value: a caller that is done with its table moves it in.
+    bool addLineNumberInfo(quarvel_line_info_type type, LineTable entries, const Range& range);
+    bool addLineNumberInfo(const LineInfoMap& map);
+    const LineInfoMap& getLineNumberInfo() const { return m_lineInfo; }
+    void normalizeLineNumberInfoJitRvaRanges(jit_rva_t newStart);
+    bool validateSymbolicInfo() const;
+    void compareSymbolicInfoTo(const Ptr& jitMethod) const;
+
+    // Unloading is tracked per region; kept for callers of the old interface.
+    void markAsUnloaded(u64 time);
+
+    ManagedRuntimeInfo& runtimeInfo() { return m_runtimeInfo; }
+    const ManagedRuntimeInfo& runtimeInfo() const { return m_runtimeInfo; }
+
+    // "Code region #i ..." per region, addresses in hexadecimal.
+    std::string dumpRegions() const;
+
+    // "(method id = <raw id>, name = <name>, load time = <time>)", used in log lines.
+    std::string describe() const;
+
+private:
+    BaseMethodInfo::Ptr m_info;
+    jit_rva_t m_startJitRva = 0;
+    u32 m_rawMethodId = 0;
+    u32 m_rawParentId = 0;
+    u64 m_loadTime = 0;
+    u64 m_unloadTime = 0;
+    std::vector<Region::Ptr> m_regions;
+    bool m_inlineAttached = false;
+    // A query with a non-zero jit rva copies tables into the first holder.
+    mutable LineInfoMap m_lineInfo;
+    ManagedRuntimeInfo m_runtimeInfo;
+};
+
+// The full diagnostic dump of a method, with disassembly.
+std::ostream& operator<<(std::ostream& os, JitMethod& method);
+
+} // namespace quarvel_3_13
+
+#endif

@@ -1,0 +1,108 @@
+#ifndef QUARVEL_SRC_REGION_H
+#define QUARVEL_SRC_REGION_H
+
+#include "model/range.h"
+
+#include <quarvel/symbol.h>
+
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace quarvel_3_13 {
+
+class JitMethod;
+
+// One contiguous piece of jitted code of one method in one process, with the
+// methods inlined into it (child regions paired with their methods) and the
+// byte ranges that method updates rewrote.
+class Region : public ICodeRegion {
+public:
+    typedef boost::intrusive_ptr<Region> Ptr;
+    typedef boost::intrusive_ptr<JitMethod> MethodPtr;
+
+    struct RangeProps {
+        quarvel_segment_type_t segType;
+        std::string text;
+    };
+    typedef std::map<Range, RangeProps, Range::Comparator> Markup;
+
+    Region(u32 hostId, u32 processId, jit_rva_t startJitRva, u64 loadTime, u64 unloadTime,
+           address_t startVirtualAddress, u32 length, IByteBuffer::Ptr content);
+    // Shares children, their methods and the content buffer with the source.
+    Region(const Region& other);
+    ~Region() override;
+
+    // ICodeRegion
+    u64 getStartJitRva() const override { return m_startJitRva; }
+    u64 getLoadTime() const override { return m_loadTime; }
+    u64 getUnloadTime() const override { return m_unloadTime; }
+    u64 getStartVirtualAddress() const override { return m_startVirtualAddress; }
+    unsigned getLength() const override { return m_length; }
+    unsigned getProcessId() const override { return m_processId; }
+    unsigned getHostID() const override { return m_hostId; }
+    IByteBuffer::Ptr getBytes() const override { return m_content; }
+    boost::intrusive_ptr<ISymbol> getInlinedSymbol(u64 jitRva) const override;
+    ICodeRegion::Ptr getInlinedCodeRegion(u64 jitRva) const override;
+
+    // Internal accessors.
+    u32 hostId() const { return m_hostId; }
+    u32 processId() const { return m_processId; }
+    jit_rva_t startJitRva() const { return m_startJitRva; }
+    u64 loadTime() const { return m_loadTime; }
+    u64 unloadTime() const { return m_unloadTime; }
+    address_t startAddress() const { return m_startVirtualAddress; }
+    address_t endAddress() const { return m_startVirtualAddress + m_length; }
+    u32 length() const { return m_length; }
+    Range addressRange() const { return Range(m_startVirtualAddress, m_length); }
+    Range jitRvaRange() const { return Range(m_startJitRva, m_length); }
+    const IByteBuffer::Ptr& content() const { return m_content; }
+    const Markup& markup() const { return m_markup; }
+
+    void setStartJitRva(jit_rva_t rva) { m_startJitRva = rva; }
+    void setUnloadTime(u64 time) { m_unloadTime = time; }
+    void setContent(const IByteBuffer::Ptr& content) { m_content = content; }
+    // Takes the code bytes and update markup of a patched copy of this region.
+    void takeBytesFrom(const Region& patched) {
+        m_content = patched.m_content;
+        m_markup = patched.m_markup;
+    }
+
+    // Inline tree. Children are searched by jit rva, in attachment order.
+    void addChildRegion(const Ptr& child, const MethodPtr& method);
+    int getInlineIndex(u64 jitRva) const;
+    Ptr getInlinedRegion(u64 jitRva) const;
+    MethodPtr getInlinedMethod(u64 jitRva) const;
+    generic_iterator_t<ICodeRegion::Ptr> getInlinedRegions() const;
+    const std::vector<Ptr>& inlinedRegions() const { return m_inlinedRegions; }
+    const std::vector<MethodPtr>& inlinedMethods() const { return m_inlinedMethods; }
+
+    // Gives each direct child (and its method and line tables) the jit rvas of
+    // its addresses, relative to this region's settled jit rva.
+    quarvel_error_t normalizeInlineJitRvaRanges(jit_rva_t parentJitRva, address_t parentStart);
+
+    // Rewrites [codeAddr, codeAddr + codeLen) of the code copy and records the range.
+    quarvel_error_t addBytesUpdate(address_t codeAddr, u32 codeLen, const IByteBuffer::Ptr& content,
+                                   quarvel_segment_type_t segType, const std::string& text);
+
+    // The inline tree below this region, one line per child, indented.
+    void dumpInlines(std::ostringstream& os, u32 indent) const;
+
+private:
+    u32 m_hostId;
+    u32 m_processId;
+    jit_rva_t m_startJitRva;
+    u64 m_loadTime;
+    u64 m_unloadTime;
+    address_t m_startVirtualAddress;
+    u32 m_length;
+    IByteBuffer::Ptr m_content;
+    std::vector<Ptr> m_inlinedRegions;
+    std::vector<MethodPtr> m_inlinedMethods;
+    Markup m_markup;
+};
+
+} // namespace quarvel_3_13
+
+#endif
