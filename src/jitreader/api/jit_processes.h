@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_JIT_PROCESSES_H
-#define QUARVEL_SRC_JIT_PROCESSES_H
+#ifndef QUARVEL_API_JIT_PROCESSES_H
+#define QUARVEL_API_JIT_PROCESSES_H
 
 #include "ingest/jit_files_manager.h"
 

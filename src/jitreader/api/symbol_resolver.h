@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_SYMBOL_RESOLVER_H
-#define QUARVEL_SRC_SYMBOL_RESOLVER_H
+#ifndef QUARVEL_API_SYMBOL_RESOLVER_H
+#define QUARVEL_API_SYMBOL_RESOLVER_H
 
 #include "index/jit_data_manager.h"
 #include "ingest/jit_files_manager.h"

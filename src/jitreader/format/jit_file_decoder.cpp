@@ -171,7 +171,7 @@ quarvel_error_t JitFileDecoder::getNextRecord(Record& record) {
 } // namespace quarvel_3_13
 
 // ---------------------------------------------------------------------------
-// Record bodies. Every read goes through BodyReader; a body that is shorter
+// Record bodies. Every read goes through ByteCursor; a body that is shorter
 // than its counts, or carries an invalid value, is refused with one ERROR line
 // that names the file, the record offset, the field and its offset in the body.
 
@@ -192,7 +192,7 @@ std::ostream& operator<<(std::ostream& os, const RecordAt& at) {
 }
 
 // A body that ended before the field the reader was after.
-bool refuseShortBody(const std::string& path, const Record& record, const BodyReader& reader, const char* what) {
+bool refuseShortBody(const std::string& path, const Record& record, const ByteCursor& reader, const char* what) {
     QV_ERROR("Couldn't decode the " << what << " record: " << reader.error() << recordAt(path, record));
     return false;
 }
@@ -235,13 +235,13 @@ const quarvel_line_info_type kTableTypes[3] = {quarvel_line_info_managed_to_sour
                                                quarvel_line_info_native_to_managed,
                                                quarvel_line_info_native_to_source};
 
-bool readModule(BodyReader& r, MethodTail& tail) {
+bool readModule(ByteCursor& r, MethodTail& tail) {
     r.countedString(tail.moduleName, "module name");
     r.u16(tail.arch, "module architecture");
     return r.ok();
 }
 
-bool readSymbolic(BodyReader& r, MethodTail& tail) {
+bool readSymbolic(ByteCursor& r, MethodTail& tail) {
     static const char* const kTableNames[3] = {"managed-to-source table", "native-to-managed table",
                                                "native-to-source table"};
     const size_t kEntrySize = 12;
@@ -359,7 +359,7 @@ bool JitFileDecoder::decodeMethodLoad(const Record& record, JitMethod::Ptr& meth
     const bool old = version == LoadVersion::V0 || version == LoadVersion::V1;
     const char* const what = "method load";
 
-    BodyReader r(record.data);
+    ByteCursor r(record.data);
     u32 hashKey = 0;
     u32 rawId = 0;
     uint8_t inlined = 0;
@@ -468,7 +468,7 @@ bool JitFileDecoder::decodeMethodInlineLoadRecord(const Record& record, JitMetho
     QV_CHECK(method, return false);
     const char* const what = "inline method load";
 
-    BodyReader r(record.data);
+    ByteCursor r(record.data);
     u32 rawId = 0;
     u32 rawParentId = 0;
     r.u32(rawId, "raw method id");
@@ -548,7 +548,7 @@ bool JitFileDecoder::decodeMethodUpdateRecordV2(const Record& record, JitMethod:
     QV_CHECK(method, return false);
     const char* const what = "method update";
 
-    BodyReader r(record.data);
+    ByteCursor r(record.data);
     u32 rawId = 0;
     if (!r.u32(rawId, "raw method id"))
         return refuseShortBody(m_path, record, r, what);
@@ -640,7 +640,7 @@ bool JitFileDecoder::decodeMethodUpdateRecordV2(const Record& record, JitMethod:
 bool JitFileDecoder::decodeManagedRuntimeInfo(const Record& record, JitMethod::Ptr& method) const {
     QV_CHECK(record.type == QUARVEL3_TRACE_JITTRACE(ManagedRuntimeInfo), return false);
     QV_CHECK(method, return false);
-    BodyReader r(record.data);
+    ByteCursor r(record.data);
     JitMethod::ManagedRuntimeInfo info;
     r.u32(info.runtimeType, "runtime type");
     r.countedString(info.version, "runtime version");

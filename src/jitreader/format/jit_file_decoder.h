@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_JIT_FILE_DECODER_H
-#define QUARVEL_SRC_JIT_FILE_DECODER_H
+#ifndef QUARVEL_FORMAT_JIT_FILE_DECODER_H
+#define QUARVEL_FORMAT_JIT_FILE_DECODER_H
 
 #include "model/jit_method.h"
 #include "format/record.h"

@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_RECORD_H
-#define QUARVEL_SRC_RECORD_H
+#ifndef QUARVEL_FORMAT_RECORD_H
+#define QUARVEL_FORMAT_RECORD_H
 
 #include <quarvel/jittrace_format.h>
 #include <quarvel/types.h>

@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_JIT_DATA_MANAGER_H
-#define QUARVEL_SRC_JIT_DATA_MANAGER_H
+#ifndef QUARVEL_INDEX_JIT_DATA_MANAGER_H
+#define QUARVEL_INDEX_JIT_DATA_MANAGER_H
 
 #include "model/base_method_id.h"
 #include "format/jit_file_decoder.h"

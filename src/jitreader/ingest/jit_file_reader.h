@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_JIT_FILE_READER_H
-#define QUARVEL_SRC_JIT_FILE_READER_H
+#ifndef QUARVEL_INGEST_JIT_FILE_READER_H
+#define QUARVEL_INGEST_JIT_FILE_READER_H
 
 #include "model/jit_method.h"
 

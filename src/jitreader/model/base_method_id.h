@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_BASE_METHOD_ID_H
-#define QUARVEL_SRC_BASE_METHOD_ID_H
+#ifndef QUARVEL_MODEL_BASE_METHOD_ID_H
+#define QUARVEL_MODEL_BASE_METHOD_ID_H
 
 #include <quarvel/types.h>
 

@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_BASE_METHOD_INFO_H
-#define QUARVEL_SRC_BASE_METHOD_INFO_H
+#ifndef QUARVEL_MODEL_BASE_METHOD_INFO_H
+#define QUARVEL_MODEL_BASE_METHOD_INFO_H
 
 #include "model/base_method_id.h"
 #include "model/source_file.h"

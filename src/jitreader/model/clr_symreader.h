@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_CLR_SYMREADER_H
-#define QUARVEL_SRC_CLR_SYMREADER_H
+#ifndef QUARVEL_MODEL_CLR_SYMREADER_H
+#define QUARVEL_MODEL_CLR_SYMREADER_H
 
 #include <quarvel/types.h>
 

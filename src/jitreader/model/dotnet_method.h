@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_DOTNET_METHOD_H
-#define QUARVEL_SRC_DOTNET_METHOD_H
+#ifndef QUARVEL_MODEL_DOTNET_METHOD_H
+#define QUARVEL_MODEL_DOTNET_METHOD_H
 
 #include "model/clr_symreader.h"
 #include "model/source_file.h"

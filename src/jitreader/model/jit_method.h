@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_JIT_METHOD_H
-#define QUARVEL_SRC_JIT_METHOD_H
+#ifndef QUARVEL_MODEL_JIT_METHOD_H
+#define QUARVEL_MODEL_JIT_METHOD_H
 
 #include "model/base_method_info.h"
 #include "model/range.h"

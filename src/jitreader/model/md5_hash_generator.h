@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_MD5_HASH_GENERATOR_H
-#define QUARVEL_SRC_MD5_HASH_GENERATOR_H
+#ifndef QUARVEL_MODEL_MD5_HASH_GENERATOR_H
+#define QUARVEL_MODEL_MD5_HASH_GENERATOR_H
 
 #include "model/base_method_id.h"
 #include "model/jit_method.h"

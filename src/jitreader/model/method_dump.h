@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_METHOD_DUMP_H
-#define QUARVEL_SRC_METHOD_DUMP_H
+#ifndef QUARVEL_MODEL_METHOD_DUMP_H
+#define QUARVEL_MODEL_METHOD_DUMP_H
 
 // Text dumps of jitted code for diagnostics. The method dump itself is
 // operator<<(std::ostream&, JitMethod&), declared in jit_method.h.

@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_MODULE_H
-#define QUARVEL_SRC_MODULE_H
+#ifndef QUARVEL_MODEL_MODULE_H
+#define QUARVEL_MODEL_MODULE_H
 
 #include <quarvel/symbol.h>
 

@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_RANGE_H
-#define QUARVEL_SRC_RANGE_H
+#ifndef QUARVEL_MODEL_RANGE_H
+#define QUARVEL_MODEL_RANGE_H
 
 #include <quarvel/types.h>
 

@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_REGION_H
-#define QUARVEL_SRC_REGION_H
+#ifndef QUARVEL_MODEL_REGION_H
+#define QUARVEL_MODEL_REGION_H
 
 #include "model/range.h"
 

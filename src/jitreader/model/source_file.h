@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_SOURCE_FILE_H
-#define QUARVEL_SRC_SOURCE_FILE_H
+#ifndef QUARVEL_MODEL_SOURCE_FILE_H
+#define QUARVEL_MODEL_SOURCE_FILE_H
 
 #include <quarvel/symbol.h>
 

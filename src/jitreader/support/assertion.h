@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_ASSERTION_H
-#define QUARVEL_SRC_ASSERTION_H
+#ifndef QUARVEL_SUPPORT_ASSERTION_H
+#define QUARVEL_SUPPORT_ASSERTION_H
 
 // Preconditions that file content can reach are checked, not assumed: a
 // failed check hands the condition's text to the assertion handler (by

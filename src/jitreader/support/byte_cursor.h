@@ -1,15 +1,17 @@
-#ifndef QUARVEL_SRC_BODY_READER_H
-#define QUARVEL_SRC_BODY_READER_H
+#ifndef QUARVEL_SUPPORT_BYTE_CURSOR_H
+#define QUARVEL_SUPPORT_BYTE_CURSOR_H
 
-// The one way record bodies are read: a cursor over the body's bytes whose
-// failure is sticky. After a failed read the offset stops moving, every later
-// read fails too, and error() names the field, the offset and what was short:
+// The one way the library reads bytes that came from a file: a cursor over a
+// span whose failure is sticky. After a failed read the offset stops moving,
+// every later read fails too, and error() names the field, the offset and
+// what was short, so a run of reads is checked once at its end:
 //
-//     BodyReader r(record.data);
-//     r.u32(id, "method id"); r.u64(loadTime, "load time");
-//     if (!r) { log r.error(); refuse; }
-
-#include <quarvel/types.h>
+//     ByteCursor c(record.data);
+//     c.u32(id, "method id"); c.u64(loadTime, "load time");
+//     if (!c) return refuse(c.error());
+//
+// Offsets in messages are absolute: a cursor made with a base offset (or cut
+// from another with sub()) reports where the byte lies in the file.
 
 #include <cstddef>
 #include <cstdint>
@@ -19,17 +21,28 @@
 
 namespace quarvel_3_13 {
 
-class BodyReader {
+class ByteCursor {
 public:
-    BodyReader(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
-    explicit BodyReader(const std::vector<uint8_t>& body) : BodyReader(body.data(), body.size()) {}
+    enum class Order { little, big };
+
+    ByteCursor(const uint8_t* data, size_t size, Order order = Order::little, uint64_t baseOffset = 0)
+        : m_data(data), m_size(size), m_order(order), m_base(baseOffset) {}
+    explicit ByteCursor(const std::vector<uint8_t>& bytes, Order order = Order::little, uint64_t baseOffset = 0)
+        : ByteCursor(bytes.data(), bytes.size(), order, baseOffset) {}
 
     bool u8(uint8_t& value, const char* field) { return fixed(value, field); }
     bool u16(uint16_t& value, const char* field) { return fixed(value, field); }
     bool u32(uint32_t& value, const char* field) { return fixed(value, field); }
     bool u64(uint64_t& value, const char* field) { return fixed(value, field); }
+    bool i32(int32_t& value, const char* field) {
+        uint32_t raw = 0;
+        if (!u32(raw, field))
+            return false;
+        std::memcpy(&value, &raw, sizeof value);
+        return true;
+    }
 
-    // Points `bytes` at the next n bytes of the body (no copy).
+    // Points `bytes` at the next n bytes (no copy).
     bool bytes(size_t n, const uint8_t*& bytes, const char* field) {
         if (!take(n, field))
             return false;
@@ -37,6 +50,19 @@ public:
         return true;
     }
     bool skip(size_t n, const char* field) { return take(n, field); }
+
+    // Moves to an offset of this cursor's span (0..size()).
+    bool seek(size_t offset, const char* field) {
+        if (!m_error.empty())
+            return false;
+        if (offset > m_size) {
+            m_error = "offset " + std::to_string(m_base + offset) + " of " + field + " lies past the end of the data (" +
+                      std::to_string(m_base + m_size) + ")";
+            return false;
+        }
+        m_offset = offset;
+        return true;
+    }
 
     // A u16 length followed by that many bytes; the text ends at the first zero byte.
     bool countedString(std::string& value, const char* field) {
@@ -48,6 +74,33 @@ public:
         return true;
     }
 
+    // Text up to a zero byte, which is consumed; fails when no zero byte follows.
+    bool cString(std::string& value, const char* field) {
+        if (!m_error.empty())
+            return false;
+        const void* zero = std::memchr(m_data + m_offset, 0, m_size - m_offset);
+        if (!zero) {
+            m_error = "unterminated " + std::string(field) + " at offset " + std::to_string(m_base + m_offset);
+            return false;
+        }
+        const size_t n = static_cast<size_t>(static_cast<const uint8_t*>(zero) - (m_data + m_offset));
+        value.assign(reinterpret_cast<const char*>(m_data + m_offset), n);
+        m_offset += n + 1;
+        return true;
+    }
+
+    // A cursor over the next n bytes, which this one steps over. On failure
+    // the returned cursor is empty and failed too.
+    ByteCursor sub(size_t n, const char* field) {
+        const size_t at = m_offset;
+        if (!take(n, field)) {
+            ByteCursor failed(m_data, 0, m_order, m_base + at);
+            failed.fail(m_error);
+            return failed;
+        }
+        return ByteCursor(m_data + at, n, m_order, m_base + at);
+    }
+
     // The text of n bytes, cut at the first zero byte, never read past n.
     static std::string makeCountedString(const uint8_t* p, size_t n) {
         const void* zero = n ? std::memchr(p, 0, n) : nullptr;
@@ -55,16 +108,21 @@ public:
         return std::string(reinterpret_cast<const char*>(p), len);
     }
 
+    const uint8_t* data() const { return m_data; }
     size_t offset() const { return m_offset; }
+    // Where the next byte lies in the file.
+    uint64_t fileOffset() const { return m_base + m_offset; }
     size_t size() const { return m_size; }
     size_t remaining() const { return m_size - m_offset; }
     bool atEnd() const { return m_offset == m_size; }
+    Order order() const { return m_order; }
+    void setOrder(Order order) { m_order = order; }
     bool ok() const { return m_error.empty(); }
     explicit operator bool() const { return ok(); }
-    // "unexpected end of body at offset 14 while reading method name: 2 bytes needed, 1 left"
+    // "unexpected end of data at offset 14 while reading method name: 2 bytes needed, 1 left"
     const std::string& error() const { return m_error; }
 
-    // Fails the cursor with a message of the caller's (e.g. a bad count).
+    // Fails the cursor with a message of the caller's (a bad count, a bad value).
     void fail(const std::string& message) {
         if (m_error.empty())
             m_error = message;
@@ -75,10 +133,13 @@ private:
     bool fixed(T& value, const char* field) {
         if (!take(sizeof(T), field))
             return false;
+        // Assembled byte by byte: no alignment or host-order assumption.
+        const uint8_t* p = m_data + m_offset - sizeof(T);
         T v = 0;
-        // Little-endian on the wire, assembled byte by byte: no alignment or host-order assumption.
-        for (size_t i = 0; i < sizeof(T); ++i)
-            v |= static_cast<T>(static_cast<T>(m_data[m_offset - sizeof(T) + i]) << (8 * i));
+        for (size_t i = 0; i < sizeof(T); ++i) {
+            const size_t shift = m_order == Order::little ? i : sizeof(T) - 1 - i;
+            v |= static_cast<T>(static_cast<T>(p[i]) << (8 * shift));
+        }
         value = v;
         return true;
     }
@@ -86,10 +147,11 @@ private:
     bool take(size_t n, const char* field) {
         if (!m_error.empty())
             return false;
-        // Written as a subtraction so that a huge n cannot overflow the sum.
+        // A subtraction, so that a huge n cannot overflow the sum.
         if (n > m_size - m_offset) {
-            m_error = "unexpected end of body at offset " + std::to_string(m_offset) + " while reading " + field +
-                      ": " + std::to_string(n) + " bytes needed, " + std::to_string(m_size - m_offset) + " left";
+            m_error = "unexpected end of data at offset " + std::to_string(m_base + m_offset) + " while reading " +
+                      field + ": " + std::to_string(n) + " bytes needed, " + std::to_string(m_size - m_offset) +
+                      " left";
             return false;
         }
         m_offset += n;
@@ -98,6 +160,8 @@ private:
 
     const uint8_t* m_data;
     size_t m_size;
+    Order m_order;
+    uint64_t m_base;
     size_t m_offset = 0;
     std::string m_error;
 };

@@ -1,5 +1,5 @@
-#ifndef QUARVEL_SRC_LOG_H
-#define QUARVEL_SRC_LOG_H
+#ifndef QUARVEL_SUPPORT_LOG_H
+#define QUARVEL_SUPPORT_LOG_H
 
 // The library's one logger, "quarvel.jitreader". It is configured once,
 // lazily: level from QUARVEL_LOG (TRACE, DEBUG, INFO, WARN, ERROR, OFF;

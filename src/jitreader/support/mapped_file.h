@@ -1,0 +1,40 @@
+#ifndef QUARVEL_SUPPORT_MAPPED_FILE_H
+#define QUARVEL_SUPPORT_MAPPED_FILE_H
+
+// A whole file, read-only, mapped into memory for one reading pass: readers
+// of whole-file formats walk it with a ByteCursor. Regular files only; a
+// symbolic link is refused (traces are read through their real path).
+
+#include "support/result.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace quarvel_3_13 {
+
+class MappedFile {
+public:
+    // meFileOpenError (with the system's reason) when the file cannot be read.
+    static Expected<std::shared_ptr<const MappedFile>> open(const std::string& path);
+
+    ~MappedFile();
+    MappedFile(const MappedFile&) = delete;
+    MappedFile& operator=(const MappedFile&) = delete;
+
+    const uint8_t* data() const { return m_data; }
+    size_t size() const { return m_size; }
+    const std::string& path() const { return m_path; }
+
+private:
+    MappedFile(std::string path, const uint8_t* data, size_t size) : m_path(std::move(path)), m_data(data), m_size(size) {}
+
+    std::string m_path;
+    const uint8_t* m_data;
+    size_t m_size;
+};
+
+} // namespace quarvel_3_13
+
+#endif
