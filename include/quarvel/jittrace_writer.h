@@ -61,6 +61,8 @@ typedef struct quarvel_trace_method_tail {
     quarvel_trace_line_table managed_to_source; /* IL offset range -> source line */
     quarvel_trace_line_table native_to_managed; /* code offset range -> IL offset */
     quarvel_trace_line_table native_to_source;  /* code offset range -> source line */
+    uint32_t metadata_token;   /* .NET MethodDef token; 0 for other runtimes.
+                                  Written by version 3 loads and inline loads only. */
 } quarvel_trace_method_tail;
 
 /* A method load (versions 0 to 3) or a method update (the version 3 layout). */
@@ -158,6 +160,11 @@ struct TraceMethodTail {
     std::string checksum;
     uint16_t language = 0;
     TraceLineTables lines;
+    // .NET: the MethodDef token of the method in the module's metadata; the
+    // symbol resolver takes names and lines from the assembly and its PDB.
+    // Written (when non-zero) after the line tables of version 3 loads and of
+    // inline loads; older layouts have no room for it.
+    uint32_t metadataToken = 0;
 };
 
 // A method load (versions 0 to 3) or a method update (the version 3 layout).

@@ -227,6 +227,7 @@ struct MethodTail {
     uint16_t checksumType = 0;
     std::string checksum;
     uint16_t language = 0;
+    uint32_t metadataToken = 0;
     // In file order: managed-to-source, native-to-managed, native-to-source.
     JitMethod::LineTable tables[3];
 };
@@ -433,8 +434,11 @@ bool JitFileDecoder::decodeMethodLoad(const Record& record, JitMethod::Ptr& meth
     const bool symbolic = !(old && (m_mode & dmSkipSymbolic));
     if (symbolic && !readSymbolic(r, tail))
         return refuseShortBody(m_path, record, r, what);
+    if (version == LoadVersion::V3 && r.remaining() >= 4)
+        r.u32(tail.metadataToken, "metadata token");
 
     BaseMethodInfo& info = *method->info();
+    info.setMethodToken(tail.metadataToken);
     if (old)
         info.setModule(IModule::Ptr(new Module(tail.moduleName, meNotFound, static_cast<quarvel_arch>(tail.arch))));
     if (symbolic) {
@@ -522,6 +526,8 @@ bool JitFileDecoder::decodeMethodInlineLoadRecord(const Record& record, JitMetho
     MethodTail tail;
     if (!readModule(r, tail) || !readSymbolic(r, tail))
         return refuseShortBody(m_path, record, r, what);
+    if (r.remaining() >= 4)
+        r.u32(tail.metadataToken, "metadata token");
 
     IByteBuffer::Ptr content;
     if ((m_mode & dmCodeBytes) && byteCount) {
@@ -531,6 +537,7 @@ bool JitFileDecoder::decodeMethodInlineLoadRecord(const Record& record, JitMetho
     method->addCodeRegion(Region::Ptr(new Region(m_hostId, m_pid, 0, loadTime, 0, start, size, content)));
 
     BaseMethodInfo& info = *method->info();
+    info.setMethodToken(tail.metadataToken);
     applyNames(info, tail);
     setSourceFile(info, tail);
     setModuleAfterSource(info, tail);

@@ -39,7 +39,7 @@ public:
             u32(t[i].value);
         }
     }
-    void tail(const TraceMethodTail& t) {
+    void tail(const TraceMethodTail& t, bool withToken) {
         counted(t.moduleName);
         u16(t.moduleArch);
         counted(t.methodName);
@@ -51,6 +51,9 @@ public:
         table(t.lines.managedToSource);
         table(t.lines.nativeToManaged);
         table(t.lines.nativeToSource);
+        // An optional trailing field: readers take it when four bytes remain.
+        if (withToken && t.metadataToken)
+            u32(t.metadataToken);
     }
     std::vector<uint8_t> take() { return std::move(m_bytes); }
 
@@ -77,7 +80,7 @@ std::vector<uint8_t> encodeMethodLoad(const TraceMethodLoad& load, int version) 
     e.u16(static_cast<uint16_t>(std::min<size_t>(load.regions.size(), 0xFFFF)));
     for (size_t i = 0; i < load.regions.size() && i < 0xFFFF; ++i)
         e.region(load.regions[i]);
-    e.tail(load.tail);
+    e.tail(load.tail, version >= 3);
     return e.take();
 }
 
@@ -88,7 +91,7 @@ std::vector<uint8_t> encodeInlineLoad(const TraceInlineLoad& load) {
     e.u64(load.loadTime);
     e.u16(1);
     e.region(load.region);
-    e.tail(load.tail);
+    e.tail(load.tail, true);
     return e.take();
 }
 

@@ -58,6 +58,7 @@ struct Converter {
         out.moduleArch = t.module_arch;
         out.checksumType = t.checksum_type;
         out.language = t.language;
+        out.metadataToken = t.metadata_token;
         return text(t.module_name, "module_name", out.moduleName) && text(t.method_name, "method_name", out.methodName) &&
                text(t.class_name, "class_name", out.className) && text(t.source_file, "source_file", out.sourceFile) &&
                text(t.checksum, "checksum", out.checksum) &&
