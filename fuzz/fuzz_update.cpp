@@ -29,6 +29,19 @@ using namespace quarvel_3_13;
 
 namespace {
 
+// The decoder finds the region an update patches in the data manager.
+class RegionSearch : public JitFileDecoder::SearchRegionCallback {
+public:
+    explicit RegionSearch(const JitDataManager& data) : m_data(data) {}
+    quarvel_error_t findRegion(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, Region::Ptr& region,
+                               JitMethod::Ptr& method) const override {
+        return m_data.findRegion(virtualAddress, timestamp, pid, hostId, region, method);
+    }
+
+private:
+    const JitDataManager& m_data;
+};
+
 const u32 kPid = 7;
 const u32 kHost = 1;
 
@@ -111,7 +124,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     record.data = in.restBytes();
 
     JitFileDecoder decoder(quarvel_fuzz::scratchDir() + "/absent.jit", kPid, kHost, 0x500000000ull, mode);
-    decoder.setSearchRegionCallback(&dataManager);
+    const RegionSearch regionSearch(dataManager);
+    decoder.setSearchRegionCallback(&regionSearch);
     JitMethod::Ptr method(new JitMethod());
     bool decoded = false;
     if (layoutV3) {

@@ -121,10 +121,10 @@ TEST(JitDataManagerInline, Scenarios) {
                 EXPECT_EQ(step.expected, manager.processMethodInlineLoadRecord(
                                              kPid, kHost,
                                              makeInlineMethod(step.id, step.parentId, 100, step.address, step.length,
-                                                              name)));
+                                                              name)).code());
             } else {
                 parent = makeParent(step.id);
-                EXPECT_EQ(step.expected, manager.processMethodLoadRecord(kPid, kHost, parent));
+                EXPECT_EQ(step.expected, manager.processMethodLoadRecord(kPid, kHost, parent).code());
             }
         }
         manager.finalize();
@@ -172,8 +172,8 @@ TEST(JitDataManagerInline, ContentReachablePreconditionsAreRefusedWithTheirCondi
         LogCapture capture;
         JitDataManager manager;
         manager.setCollectorType(c.collector);
-        ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, makeParent()));
-        EXPECT_EQ(meNotFound, manager.processMethodInlineLoadRecord(kPid, kHost, c.method));
+        ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, makeParent()).code());
+        EXPECT_EQ(meNotFound, manager.processMethodInlineLoadRecord(kPid, kHost, c.method).code());
         if (c.assertion) {
             EXPECT_EQ(std::vector<std::string>{c.assertion}, capture.assertions());
         } else {
@@ -199,10 +199,10 @@ TEST(JitDataManagerInline, ThreeLevelChainIsResolvedThroughThePublicInterfaces) 
     const JitMethod::Ptr i3 = makeInlineMethod(12, 11, 100, 0x1030, 0x10, "level3");
     addNativeToSource(i3, 0x10, {{0, 0x8, 300}, {0x8, 0x10, 301}});
 
-    ASSERT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, i3));
-    ASSERT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, i2));
-    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, parent));
-    ASSERT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, i1));
+    ASSERT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, i3).code());
+    ASSERT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, i2).code());
+    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, parent).code());
+    ASSERT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, i1).code());
     EXPECT_TRUE(i1->isInlineAttached() && i2->isInlineAttached() && i3->isInlineAttached());
 
     auto check = [&](const char* pass) {
@@ -249,11 +249,11 @@ TEST(JitDataManagerInline, ThreeLevelChainIsResolvedThroughThePublicInterfaces) 
     // without shifting the tables of those settled before.
     const JitMethod::Ptr i4 = makeInlineMethod(13, 12, 100, 0x1032, 0x4, "level4");
     addNativeToSource(i4, 0x4, {{0, 0x4, 400}});
-    ASSERT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, i4));
+    ASSERT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, i4).code());
     // A late sibling of a settled inline: only the newcomer is settled.
     const JitMethod::Ptr i5 = makeInlineMethod(14, 1, 100, 0x1090, 0x10, "late sibling");
     addNativeToSource(i5, 0x10, {{0, 0x10, 500}});
-    ASSERT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, i5));
+    ASSERT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, i5).code());
     manager.finalize();
     EXPECT_EQ(kParentJitRva + 0x90, i5->getStartJitRva());
     EXPECT_EQ(500u, lineAt(i5, kParentJitRva + 0x9F));
@@ -271,14 +271,14 @@ TEST(JitDataManagerInline, InlinesAttachOnlyToLiveRegionsOfTheParent) {
     // Method 1 is loaded at 0x1000, then its range is reused by method 2 and it
     // is reloaded at 0x2000: only the reload is live.
     const JitMethod::Ptr first = makeMethod(1, 100, {{0x1000, 0x100, 0x10000}});
-    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, first));
-    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, makeMethod(2, 200, {{0x1000, 0x100, 0x20000}})));
-    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, makeMethod(1, 300, {{0x2000, 0x100, 0x30000}})));
+    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, first).code());
+    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, makeMethod(2, 200, {{0x1000, 0x100, 0x20000}})).code());
+    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, makeMethod(1, 300, {{0x2000, 0x100, 0x30000}})).code());
     const JitMethod::Ptr oldPlace = makeInlineMethod(10, 1, 300, 0x1010, 0x10);
-    EXPECT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, oldPlace));
+    EXPECT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, oldPlace).code());
     EXPECT_FALSE(oldPlace->isInlineAttached());
     const JitMethod::Ptr newPlace = makeInlineMethod(11, 1, 300, 0x2010, 0x10);
-    EXPECT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, newPlace));
+    EXPECT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, newPlace).code());
     EXPECT_TRUE(newPlace->isInlineAttached());
     EXPECT_EQ(1u, first->regions()[1]->inlinedRegions().size());
     EXPECT_TRUE(first->regions()[0]->inlinedRegions().empty());
@@ -331,12 +331,12 @@ TEST(JitDataManagerUpdate, Scenarios) {
         const JitMethod::Ptr method = makeMethod(1, 100, {{0x1000, 8, 0x10000}});
         const std::vector<unsigned char> fill(8, 0x11);
         method->regions().front()->content()->assign(fill.data(), 8);
-        ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, method));
+        ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, method).code());
 
         JitMethod::Ptr update(new JitMethod());
         update->setRawMethodId(c.methodId);
         update->addCodeRegion(makeRegion({c.address, c.length, 0}, c.loadTime, kPid, kHost, 0xEE));
-        EXPECT_EQ(c.expected, manager.processMethodUpdateRecord(kPid, kHost, update));
+        EXPECT_EQ(c.expected, manager.processMethodUpdateRecord(kPid, kHost, update).code());
         const IByteBuffer::Ptr bytes = method->regions().front()->getBytes();
         EXPECT_EQ(c.expectedBytes, std::vector<unsigned char>(bytes->data(), bytes->data() + bytes->size()));
         if (c.error) {
@@ -356,20 +356,20 @@ TEST(JitDataManagerUpdate, MultipleRangesAndShortOrMissingCodeCopies) {
     const unsigned char shortCopy[3] = {1, 2, 3};
     method->regions()[0]->content()->assign(shortCopy, 3);
     method->regions()[1]->setContent(IByteBuffer::Ptr());
-    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, method));
+    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, method).code());
 
     JitMethod::Ptr twoRanges(new JitMethod());
     twoRanges->setRawMethodId(1);
     twoRanges->addCodeRegion(makeRegion({0x1000, 2, 0}, 150));
     twoRanges->addCodeRegion(makeRegion({0x1002, 2, 0}, 150));
-    EXPECT_EQ(meNotFound, manager.processMethodUpdateRecord(kPid, kHost, twoRanges));
+    EXPECT_EQ(meNotFound, manager.processMethodUpdateRecord(kPid, kHost, twoRanges).code());
     EXPECT_TRUE(capture.contains("Couldn't accept update (method id = 1) because it has multiple code ranges"));
 
     // A code copy shorter than the region keeps its size; the patch is clipped.
     JitMethod::Ptr patch(new JitMethod());
     patch->setRawMethodId(1);
     patch->addCodeRegion(makeRegion({0x1001, 6, 0}, 150, kPid, kHost, 0xEE));
-    ASSERT_EQ(meSuccess, manager.processMethodUpdateRecord(kPid, kHost, patch));
+    ASSERT_EQ(meSuccess, manager.processMethodUpdateRecord(kPid, kHost, patch).code());
     IByteBuffer::Ptr bytes = method->regions()[0]->getBytes();
     EXPECT_EQ((std::vector<unsigned char>{1, 0xEE, 0xEE}),
               std::vector<unsigned char>(bytes->data(), bytes->data() + bytes->size()));
@@ -378,7 +378,7 @@ TEST(JitDataManagerUpdate, MultipleRangesAndShortOrMissingCodeCopies) {
     JitMethod::Ptr second(new JitMethod());
     second->setRawMethodId(1);
     second->addCodeRegion(makeRegion({0x2006, 2, 0}, 150, kPid, kHost, 0xEE));
-    ASSERT_EQ(meSuccess, manager.processMethodUpdateRecord(kPid, kHost, second));
+    ASSERT_EQ(meSuccess, manager.processMethodUpdateRecord(kPid, kHost, second).code());
     bytes = method->regions()[1]->getBytes();
     EXPECT_TRUE(!bytes || bytes->size() == 0);
     EXPECT_TRUE(capture.assertions().empty());

@@ -1,12 +1,13 @@
-// The data manager against a naive byte-by-byte model of the same rules, and
-// the same answers from many threads.
+// The data manager against a naive byte-by-byte model of the same rules, on
+// random histories with loads in and out of time order and unloads, and on
+// the shapes that once made splitting explode; and the same answers from many
+// threads.
 
 #include "jit_data_manager_test_helpers.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <limits>
 #include <random>
 #include <thread>
@@ -17,50 +18,81 @@ namespace {
 
 const u64 kSpaceStart = 0x1000;
 const u64 kSpaceSize = 256;
+const u64 kNoAnswer = std::numeric_limits<u64>::max();
 
-// One method-load record: a raw id (repeated ids are reloads of one method),
-// a load time and disjoint regions.
-struct RecordShape {
-    u32 rawId;
-    u64 loadTime;
+// One step of a history: a method load (a raw id, repeated ids are reloads
+// of one method; a load time; disjoint regions), or an unload of a range.
+struct Event {
+    bool unload = false;
+    u32 rawId = 0;
+    u64 time = 0;
     std::vector<RegionShape> regions;
+    u64 start = 0; // unload
+    u32 length = 0;
 };
 
-std::vector<RecordShape> randomRecords(std::mt19937& rng, size_t count) {
+enum class Shape {
+    random,
+    staggered, // load i covers [4i, 4i + 48): each overlaps the next eleven
+    hotArea    // one area reloaded with bounds that alternate by 8 bytes
+};
+
+std::vector<Event> makeHistory(std::mt19937& rng, size_t count, Shape shape, bool inTimeOrder, bool withUnloads) {
     std::vector<u64> times(count);
     for (size_t i = 0; i < count; ++i)
         times[i] = 10 * (i + 1);
-    std::shuffle(times.begin(), times.end(), rng); // out-of-order load times, never equal
+    if (!inTimeOrder)
+        std::shuffle(times.begin(), times.end(), rng); // never equal
 
-    std::vector<RecordShape> records;
+    std::vector<Event> events;
     u64 nextJitRva = 0x100000;
     u32 nextId = 1;
     for (size_t i = 0; i < count; ++i) {
-        RecordShape record;
-        const bool reload = !records.empty() && rng() % 6 == 0;
-        record.rawId = reload ? records[rng() % records.size()].rawId : nextId++;
-        record.loadTime = times[i];
-        const size_t regionCount = 1 + rng() % 3;
-        for (size_t r = 0; r < regionCount; ++r) {
-            const u64 start = kSpaceStart + rng() % kSpaceSize;
-            const u32 length = static_cast<u32>(std::min<u64>(1 + rng() % 48, kSpaceStart + kSpaceSize - start));
-            const Range range(start, length);
-            const bool clash = std::any_of(record.regions.begin(), record.regions.end(), [&](const RegionShape& other) {
-                return range.start < other.address + other.length && other.address < range.end();
-            });
-            if (clash)
-                continue;
-            record.regions.push_back({start, length, nextJitRva});
-            nextJitRva += length + rng() % 16;
+        Event e;
+        e.time = times[i];
+        if (withUnloads && rng() % 6 == 0) {
+            e.unload = true;
+            e.start = kSpaceStart + rng() % kSpaceSize;
+            e.length = static_cast<u32>(1 + rng() % 64);
+            events.push_back(e);
+            continue;
         }
-        records.push_back(record);
+        const bool reload = !events.empty() && events.back().rawId && rng() % 6 == 0;
+        e.rawId = reload ? events[rng() % events.size()].rawId : 0;
+        if (e.rawId == 0)
+            e.rawId = nextId++;
+        std::vector<Range> ranges;
+        switch (shape) {
+        case Shape::staggered:
+            ranges.push_back(Range(kSpaceStart + 4 * (i % 52), 48));
+            break;
+        case Shape::hotArea:
+            ranges.push_back(Range(kSpaceStart + 64 + 8 * (i % 2), 96));
+            break;
+        case Shape::random:
+            for (size_t r = 0, n = 1 + rng() % 3; r < n; ++r) {
+                const u64 start = kSpaceStart + rng() % kSpaceSize;
+                const Range range(start, static_cast<u32>(std::min<u64>(1 + rng() % 48, kSpaceStart + kSpaceSize - start)));
+                if (std::none_of(ranges.begin(), ranges.end(), [&](const Range& other) {
+                        return range.start < other.end() && other.start < range.end();
+                    }))
+                    ranges.push_back(range);
+            }
+            break;
+        }
+        for (const Range& range : ranges) {
+            e.regions.push_back({range.start, range.length, nextJitRva});
+            nextJitRva += range.length + rng() % 16;
+        }
+        events.push_back(e);
     }
-    return records;
+    return events;
 }
 
-// The rules, byte by byte: a new region ends the life of every region
-// registered before it that has the greatest load time below its own on some
-// byte it covers, when that region is still live.
+// The rules, byte by byte. A new region ends the life of the region registered
+// before it that has the greatest load time below its own, on every byte it
+// covers, when that one is still live. An unload ends the life of every live
+// region over its range loaded before it.
 class ReferenceModel {
 public:
     struct Answer {
@@ -71,20 +103,16 @@ public:
 
     ReferenceModel() : m_bytes(kSpaceSize) {}
 
-    void add(u32 rawId, u64 loadTime, const RegionShape& shape) {
-        const size_t index = m_regions.size();
-        m_regions.push_back({rawId, shape, loadTime, 0});
-        for (u64 a = shape.address; a < shape.address + shape.length; ++a) {
-            std::vector<size_t>& history = m_bytes[a - kSpaceStart];
-            const size_t* previous = nullptr;
-            for (const size_t& h : history)
-                if (m_regions[h].loadTime < loadTime && (!previous || m_regions[h].loadTime > m_regions[*previous].loadTime))
-                    previous = &h;
-            if (previous && m_regions[*previous].unloadTime == 0)
-                m_regions[*previous].unloadTime = loadTime;
+    void apply(const Event& e) {
+        if (e.unload) {
+            for (Entry& r : m_regions)
+                if (r.shape.address < e.start + e.length && e.start < r.shape.address + r.shape.length &&
+                    r.unloadTime == 0 && r.loadTime < e.time)
+                    r.unloadTime = e.time;
+            return;
         }
-        for (u64 a = shape.address; a < shape.address + shape.length; ++a)
-            m_bytes[a - kSpaceStart].push_back(index);
+        for (const RegionShape& shape : e.regions)
+            add(e.rawId, e.time, shape);
     }
 
     bool covered(u64 address) const {
@@ -106,11 +134,40 @@ public:
         return answer;
     }
 
+    // At the first address of [start, end) that ever held code, the start
+    // jit rva of the first region loaded there strictly after timestamp.
+    u64 loadedAfter(u64 start, u64 end, u64 timestamp) const {
+        u64 a = start;
+        while (a < end && !covered(a))
+            ++a;
+        if (a == end)
+            return kNoAnswer;
+        const Entry* best = nullptr;
+        for (size_t h : m_bytes[a - kSpaceStart])
+            if (m_regions[h].loadTime > timestamp && (!best || m_regions[h].loadTime < best->loadTime))
+                best = &m_regions[h];
+        return best ? best->shape.jitRva : kNoAnswer;
+    }
+
     u32 resolveJitRva(u64 jitRva) const {
         for (const Entry& e : m_regions)
             if (e.shape.jitRva <= jitRva && jitRva - e.shape.jitRva < e.shape.length)
                 return e.rawId;
         return 0;
+    }
+
+    // Every region's life as the manager must have recorded it.
+    ::testing::AssertionResult sameLives(const JitDataManager& manager) const {
+        for (const Entry& e : m_regions) {
+            const RegionInfo* info = manager.findJitRvaRegion(e.shape.jitRva);
+            if (!info)
+                return ::testing::AssertionFailure() << "region at jit rva " << e.shape.jitRva << " is missing";
+            if (info->region->unloadTime() != e.unloadTime)
+                return ::testing::AssertionFailure()
+                       << "region " << e.shape.address << "+" << e.shape.length << " loaded at " << e.loadTime
+                       << ": unload time " << info->region->unloadTime() << ", expected " << e.unloadTime;
+        }
+        return ::testing::AssertionSuccess();
     }
 
 private:
@@ -120,93 +177,129 @@ private:
         u64 loadTime;
         u64 unloadTime;
     };
+
+    void add(u32 rawId, u64 loadTime, const RegionShape& shape) {
+        const size_t index = m_regions.size();
+        m_regions.push_back({rawId, shape, loadTime, 0});
+        for (u64 a = shape.address; a < shape.address + shape.length; ++a) {
+            const size_t* previous = nullptr;
+            for (const size_t& h : m_bytes[a - kSpaceStart])
+                if (m_regions[h].loadTime < loadTime &&
+                    (!previous || m_regions[h].loadTime > m_regions[*previous].loadTime))
+                    previous = &h;
+            if (previous && m_regions[*previous].unloadTime == 0)
+                m_regions[*previous].unloadTime = loadTime;
+        }
+        for (u64 a = shape.address; a < shape.address + shape.length; ++a)
+            m_bytes[a - kSpaceStart].push_back(index);
+    }
+
     std::vector<Entry> m_regions;
     std::vector<std::vector<size_t>> m_bytes;
 };
 
-::testing::AssertionResult domainMatchesCoverage(const JitDataManager& manager, const ReferenceModel& model) {
-    const SingleRegionDomain* domain = manager.getSingleRegionDomain(kPid, kHost);
-    ::testing::AssertionResult disjoint = domainIsDisjoint(domain);
-    if (!disjoint)
-        return disjoint;
+void apply(JitDataManager& manager, const Event& e) {
+    if (e.unload)
+        ASSERT_TRUE(manager.processCodeUnload(kPid, kHost, e.start, e.length, e.time).ok());
+    else
+        ASSERT_TRUE(manager.processMethodLoadRecord(kPid, kHost, makeMethod(e.rawId, e.time, e.regions)).ok());
+}
+
+::testing::AssertionResult sameCoverage(const JitDataManager& manager, const ReferenceModel& model) {
     for (u64 a = kSpaceStart - 1; a <= kSpaceStart + kSpaceSize; ++a) {
-        const bool stored = domain && domain->find(Range(a, 1)) != domain->end();
+        ICodeRegion::Ptr region;
+        // Every load time is above 0: whatever holds code was loaded after it.
+        const bool stored = manager.findOverlappedRegion(a, a + 1, 0, kPid, kHost, region) == meSuccess;
         if (stored != model.covered(a))
-            return ::testing::AssertionFailure() << "address " << a << " is " << (stored ? "" : "not ")
-                                                 << "in the domain";
+            return ::testing::AssertionFailure() << "address " << a << " is " << (stored ? "" : "not ") << "covered";
     }
     return ::testing::AssertionSuccess();
 }
 
-struct Query {
-    u64 address;
-    u64 timestamp;
-};
-
-std::vector<Query> randomQueries(std::mt19937& rng, const std::vector<RecordShape>& records, size_t count) {
-    std::vector<Query> queries;
-    const u64 maxTime = 10 * (records.size() + 2);
-    for (size_t i = 0; i < count; ++i) {
-        Query q;
-        q.address = kSpaceStart - 8 + rng() % (kSpaceSize + 16);
-        switch (rng() % 3) {
-        case 0: // exactly at a load time, or just around it
-            q.timestamp = records[rng() % records.size()].loadTime + (rng() % 3) - 1;
-            break;
-        default:
-            q.timestamp = rng() % maxTime;
-        }
-        queries.push_back(q);
-    }
-    return queries;
-}
-
-ReferenceModel::Answer resolveWith(const JitDataManager& manager, const Query& q) {
+ReferenceModel::Answer resolveWith(const JitDataManager& manager, u64 address, u64 timestamp) {
     ReferenceModel::Answer answer;
     JitMethod::Ptr method;
     u64 jitRva = 0;
-    if (manager.resolveJitPoint(q.address, q.timestamp, kPid, kHost, method, jitRva) == meSuccess) {
+    if (manager.resolveJitPoint(address, timestamp, kPid, kHost, method, jitRva) == meSuccess) {
         answer.rawId = method->getRawMethodId();
         answer.jitRva = jitRva;
     }
     return answer;
 }
 
+// Random samples, in and around the space, at times around the loads.
+::testing::AssertionResult sameAnswers(const JitDataManager& manager, const ReferenceModel& model, std::mt19937& rng,
+                                       size_t events, size_t& hits) {
+    const u64 maxTime = 10 * (events + 2);
+    for (int i = 0; i < 1500; ++i) {
+        const u64 address = kSpaceStart - 8 + rng() % (kSpaceSize + 16);
+        const u64 timestamp = rng() % 3 ? rng() % maxTime : 10 * (1 + rng() % events) + rng() % 3 - 1;
+        const ReferenceModel::Answer expected = model.resolve(address, timestamp);
+        const ReferenceModel::Answer actual = resolveWith(manager, address, timestamp);
+        if (!(expected == actual))
+            return ::testing::AssertionFailure() << "address " << address << ", tsc " << timestamp << ": expected "
+                                                 << expected.rawId << "/" << expected.jitRva << ", got "
+                                                 << actual.rawId << "/" << actual.jitRva;
+        hits += expected.rawId != 0;
+
+        const u64 end = address + rng() % 24;
+        ICodeRegion::Ptr region;
+        const u64 after = manager.findOverlappedRegion(address, end, timestamp, kPid, kHost, region) == meSuccess
+                              ? region->getStartJitRva()
+                              : kNoAnswer;
+        const u64 expectedAfter = model.loadedAfter(address, std::max(end, address + 1), timestamp);
+        if (after != expectedAfter)
+            return ::testing::AssertionFailure() << "overlapped region " << address << "-" << end << " after tsc "
+                                                 << timestamp << ": expected " << expectedAfter << ", got " << after;
+    }
+    for (u64 jitRva = 0x100000 - 4; jitRva < 0x100000 + 80 * 3 * 64; jitRva += 1 + rng() % 7) {
+        JitMethod::Ptr method;
+        const u32 expected = model.resolveJitRva(jitRva);
+        const u32 actual = manager.resolveJitPoint(jitRva, method) == meSuccess ? method->getRawMethodId() : 0;
+        if (expected != actual)
+            return ::testing::AssertionFailure() << "jit rva " << jitRva << ": expected " << expected << ", got "
+                                                 << actual;
+    }
+    return ::testing::AssertionSuccess();
+}
+
 TEST(JitDataManagerProperty, MatchesTheByteByByteModel) {
-    for (unsigned seed = 1; seed <= 25; ++seed) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        std::mt19937 rng(seed);
-        const std::vector<RecordShape> records = randomRecords(rng, 40);
-        JitDataManager manager;
-        ReferenceModel model;
-        for (const RecordShape& record : records) {
-            ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(
-                                     kPid, kHost, makeMethod(record.rawId, record.loadTime, record.regions)));
-            for (const RegionShape& shape : record.regions)
-                model.add(record.rawId, record.loadTime, shape);
-            ASSERT_TRUE(domainMatchesCoverage(manager, model));
-        }
-        manager.finalize();
-
-        size_t found = 0;
-        for (const Query& q : randomQueries(rng, records, 2000)) {
-            const ReferenceModel::Answer expected = model.resolve(q.address, q.timestamp);
-            const ReferenceModel::Answer actual = resolveWith(manager, q);
-            ASSERT_TRUE(expected == actual) << "address " << q.address << ", tsc " << q.timestamp << ": expected "
-                                            << expected.rawId << "/" << expected.jitRva << ", got " << actual.rawId
-                                            << "/" << actual.jitRva;
-            found += expected.rawId != 0;
-        }
-        EXPECT_GT(found, 100u); // the samples do reach code, not only gaps
-
-        for (u64 jitRva = 0x100000 - 4; jitRva < 0x100000 + 40 * 3 * 64; jitRva += 1 + rng() % 7) {
-            JitMethod::Ptr method;
-            const quarvel_error_t ret = manager.resolveJitPoint(jitRva, method);
-            const u32 expected = model.resolveJitRva(jitRva);
-            ASSERT_EQ(expected ? meSuccess : meNotFound, ret) << jitRva;
-            if (expected) {
-                ASSERT_EQ(expected, method->getRawMethodId()) << jitRva;
+    struct Variant {
+        const char* name;
+        Shape shape;
+        bool inTimeOrder;
+        bool withUnloads;
+    };
+    const Variant variants[] = {
+        {"random", Shape::random, false, false},        {"random with unloads", Shape::random, false, true},
+        {"random in time order", Shape::random, true, true}, {"staggered", Shape::staggered, true, false},
+        {"staggered out of order", Shape::staggered, false, true}, {"hot area", Shape::hotArea, true, true},
+        {"hot area out of order", Shape::hotArea, false, false},
+    };
+    for (const Variant& variant : variants) {
+        for (unsigned seed = 1; seed <= 12; ++seed) {
+            SCOPED_TRACE(std::string(variant.name) + ", seed " + std::to_string(seed));
+            std::mt19937 rng(seed);
+            const std::vector<Event> events = makeHistory(rng, 60, variant.shape, variant.inTimeOrder, variant.withUnloads);
+            JitDataManager manager;
+            ReferenceModel model;
+            size_t hits = 0;
+            for (size_t i = 0; i < events.size(); ++i) {
+                apply(manager, events[i]);
+                model.apply(events[i]);
+                ASSERT_TRUE(model.sameLives(manager)) << "after event " << i;
+                ASSERT_TRUE(sameCoverage(manager, model)) << "after event " << i;
+                if (i == events.size() / 2) {
+                    // Queries before and after a finalisation, then more reading.
+                    ASSERT_TRUE(sameAnswers(manager, model, rng, events.size(), hits));
+                    manager.finalize();
+                    ASSERT_TRUE(sameAnswers(manager, model, rng, events.size(), hits));
+                }
             }
+            ASSERT_TRUE(sameAnswers(manager, model, rng, events.size(), hits));
+            manager.finalize();
+            ASSERT_TRUE(sameAnswers(manager, model, rng, events.size(), hits));
+            EXPECT_GT(hits, 200u); // the samples do reach code, not only gaps
         }
     }
 }
@@ -214,30 +307,28 @@ TEST(JitDataManagerProperty, MatchesTheByteByByteModel) {
 // ---------------------------------------------------------------------------
 
 struct Fixture {
-    std::vector<RecordShape> records;
-    std::vector<Query> queries;
+    std::vector<Event> events;
+    std::vector<std::pair<u64, u64>> queries;      // (address, timestamp)
     std::vector<std::pair<u64, u64>> translations; // (address, base jit rva)
 };
 
 Fixture makeFixture() {
     std::mt19937 rng(20240601);
     Fixture f;
-    f.records = randomRecords(rng, 200);
-    f.queries = randomQueries(rng, f.records, 3000);
+    f.events = makeHistory(rng, 200, Shape::random, false, false);
+    for (size_t i = 0; i < 3000; ++i)
+        f.queries.emplace_back(kSpaceStart - 8 + rng() % (kSpaceSize + 16), rng() % (10 * 202));
     for (size_t i = 0; i < 1000; ++i) {
-        const RecordShape& record = f.records[rng() % f.records.size()];
-        if (record.regions.empty())
-            continue;
-        const RegionShape& region = record.regions[rng() % record.regions.size()];
+        const Event& e = f.events[rng() % f.events.size()];
+        const RegionShape& region = e.regions[rng() % e.regions.size()];
         f.translations.emplace_back(region.address + rng() % (region.length + 2), region.jitRva);
     }
     return f;
 }
 
 void fill(JitDataManager& manager, const Fixture& f) {
-    for (const RecordShape& record : f.records)
-        ASSERT_EQ(meSuccess,
-                  manager.processMethodLoadRecord(kPid, kHost, makeMethod(record.rawId, record.loadTime, record.regions)));
+    for (const Event& e : f.events)
+        apply(manager, e);
     manager.finalize();
 }
 
@@ -257,12 +348,11 @@ Answers answer(const JitDataManager& manager, const Fixture& f, size_t rotation)
     a.jitRvaOwners.resize(nq);
     for (size_t k = 0; k < nq; ++k) {
         const size_t i = (k + rotation) % nq;
-        a.points[i] = resolveWith(manager, f.queries[i]);
+        a.points[i] = resolveWith(manager, f.queries[i].first, f.queries[i].second);
         JitMethod::Ptr method;
-        a.jitRvaOwners[i] =
-            a.points[i].rawId && manager.resolveJitPoint(a.points[i].jitRva, method) == meSuccess
-                ? method->getRawMethodId()
-                : 0;
+        a.jitRvaOwners[i] = a.points[i].rawId && manager.resolveJitPoint(a.points[i].jitRva, method) == meSuccess
+                                ? method->getRawMethodId()
+                                : 0;
     }
     const size_t nt = f.translations.size();
     a.translated.resize(nt);
@@ -273,7 +363,7 @@ Answers answer(const JitDataManager& manager, const Fixture& f, size_t rotation)
         a.translated[i] = manager.translateToJitRva(0, f.translations[i].first, f.translations[i].second,
                                                     std::numeric_limits<u64>::max(), jitRva) == meSuccess
                               ? jitRva
-                              : std::numeric_limits<u64>::max();
+                              : kNoAnswer;
     }
     return a;
 }
@@ -284,7 +374,7 @@ TEST(JitDataManagerConcurrent, ManyThreadsGiveTheAnswersOfOne) {
     fill(reference, f);
     const Answers expected = answer(reference, f, 0);
     ASSERT_GT(std::count_if(expected.translated.begin(), expected.translated.end(),
-                            [](u64 v) { return v != std::numeric_limits<u64>::max(); }),
+                            [](u64 v) { return v != kNoAnswer; }),
               100);
 
     // A fresh manager: the threads race to build the jit id converter.

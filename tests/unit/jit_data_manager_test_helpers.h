@@ -38,11 +38,12 @@ inline Region::Ptr makeRegion(const RegionShape& shape, u64 loadTime, u32 pid = 
 // A method with its regions, module and ids (the id from the raw id, or from
 // the names when the raw id is 0).
 inline JitMethod::Ptr makeMethod(u32 rawId, u64 loadTime, const std::vector<RegionShape>& regions,
-                                 const std::string& name = std::string(), u32 pid = kPid, u32 host = kHost) {
+                                 const std::string& name = std::string(), u32 pid = kPid, u32 host = kHost,
+                                 const std::string& modulePath = kModulePath) {
     JitMethod::Ptr method(new JitMethod());
     method->setRawMethodId(rawId);
     method->setLoadTime(loadTime);
-    method->info()->setModule(IModule::Ptr(new Module(kModulePath, meSuccess, quarvel_arch_vx64)));
+    method->info()->setModule(IModule::Ptr(new Module(modulePath, meSuccess, quarvel_arch_vx64)));
     method->info()->setMethodName(name.empty() ? "m" + std::to_string(rawId) : name);
     for (const RegionShape& shape : regions)
         method->addCodeRegion(makeRegion(shape, loadTime, pid, host));
@@ -73,24 +74,13 @@ inline unsigned lineAt(const JitMethod::Ptr& method, u64 jitRva) {
     return location ? location->getLine() : 0;
 }
 
-// The domain's ranges are non-empty and never overlap.
-inline ::testing::AssertionResult domainIsDisjoint(const SingleRegionDomain* domain) {
-    if (!domain)
-        return ::testing::AssertionSuccess();
-    u64 previousEnd = 0;
-    bool first = true;
-    for (const auto& entry : *domain) {
-        if (entry.first.length == 0)
-            return ::testing::AssertionFailure() << "empty range at " << entry.first.start;
-        if (!first && entry.first.start < previousEnd)
-            return ::testing::AssertionFailure() << "range " << entry.first.start << "-" << entry.first.end()
-                                                 << " overlaps the previous one ending at " << previousEnd;
-        if (!entry.second || entry.second->timeDomain.empty())
-            return ::testing::AssertionFailure() << "range " << entry.first.start << " has no history";
-        previousEnd = entry.first.end();
-        first = false;
-    }
-    return ::testing::AssertionSuccess();
+// The raw id of the method that holds address at timestamp, 0 when none.
+inline u32 ownerAt(const JitDataManager& manager, u64 address, u64 timestamp, u32 pid = kPid, u32 host = kHost) {
+    JitMethod::Ptr method;
+    u64 jitRva = 0;
+    return manager.resolveJitPoint(address, timestamp, pid, host, method, jitRva) == meSuccess
+               ? method->getRawMethodId()
+               : 0;
 }
 
 } // namespace dmtest

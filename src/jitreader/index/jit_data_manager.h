@@ -1,75 +1,78 @@
 #ifndef QUARVEL_INDEX_JIT_DATA_MANAGER_H
 #define QUARVEL_INDEX_JIT_DATA_MANAGER_H
 
-#include "model/base_method_id.h"
-#include "format/jit_file_decoder.h"
+#include "index/address_history.h"
+#include "index/address_lookup.h"
+#include "index/frozen_address_index.h"
+#include "index/inline_attacher.h"
 #include "index/jit_id_converter.h"
+#include "index/jit_rva_index.h"
+#include "index/method_registry.h"
 #include "model/jit_method.h"
-#include "model/range.h"
 #include "model/region.h"
+#include "support/result.h"
 
 #include <quarvel/symbol.h>
 #include <quarvel/types.h>
 
-#include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 
 #include <atomic>
-#include <map>
-#include <string>
+#include <memory>
 #include <utility>
 #include <vector>
 
 namespace quarvel_3_13 {
 
-// A registered region and the method that owns it.
-struct RegionInfo {
-    Region::Ptr region;
-    JitMethod::Ptr method;
-};
-
-// The history of one disjoint address range: every region that occupied it,
-// by load time, and their methods, by start jit rva.
-struct JitMethodContainer {
-    typedef std::map<u64, Region::Ptr> SingleTimeDomain;
-    typedef std::map<u64, JitMethod::Ptr> SingleRegionIdDomain;
-    SingleTimeDomain timeDomain;
-    SingleRegionIdDomain regionIdDomain;
-};
-typedef boost::shared_ptr<JitMethodContainer> JitMethodContainerPtr;
-
-// Disjoint address ranges of one address space (host id, process id).
-typedef std::map<Range, JitMethodContainerPtr, Range::Comparator> SingleRegionDomain;
-
-typedef std::map<BaseMethodId, JitMethod::Ptr, BaseMethodId::Comparator> JitMethodMap;
-typedef std::vector<JitMethod::Ptr> JitMethodStorage;
-
-// The registry that merges decoded methods into per-process region domains
-// over time, attaches inlines, applies updates and answers queries. Filled by
-// one thread during the reading pass; after finalize() every query is const
-// and safe from many threads.
-class JitDataManager : public JitFileDecoder::SearchRegionCallback {
+// The registry that merges decoded methods into per-process address
+// histories over time, attaches inlines, applies updates and answers
+// queries. Filled by one thread during a reading pass; after finalize()
+// every query is const and safe from many threads.
+//
+// Reading N records costs O(N log N) time and O(N) memory whatever their
+// shape; a query costs O(log N). See docs/index.md.
+class JitDataManager {
 public:
     JitDataManager();
-    ~JitDataManager() override;
+    ~JitDataManager();
     JitDataManager(const JitDataManager&) = delete;
     JitDataManager& operator=(const JitDataManager&) = delete;
 
-    // Registration (reading pass).
-    quarvel_error_t processMethodLoadRecord(u32 processId, u32 hostId, const JitMethod::Ptr& rawMethod);
-    quarvel_error_t processMethodInlineLoadRecord(u32 processId, u32 hostId, const JitMethod::Ptr& rawMethod);
-    quarvel_error_t processMethodUpdateRecord(u32 processId, u32 hostId, const JitMethod::Ptr& updateMethod);
+    // ---- Registration (reading pass) --------------------------------------
+    // Refusals carry the code of the refused operation (14 for a method
+    // load, 4 for inlines, updates and a load time clash) and the logged text;
+    // kind badInput when the file's content is at fault. A refused record
+    // leaves nothing behind: its method is not listed, none of its regions
+    // answers a query, no other region's life was ended by it.
+
+    // A method load. Its regions are placed in the address space each
+    // carries; a load ends the life of the regions it overwrites. A method
+    // without regions is registered all the same (names, line tables; no
+    // addresses). A method id seen before adds the new regions to the
+    // method registered first.
+    Status processMethodLoadRecord(u32 processId, u32 hostId, const JitMethod::Ptr& rawMethod);
+    Status processMethodInlineLoadRecord(u32 processId, u32 hostId, const JitMethod::Ptr& rawMethod);
+    Status processMethodUpdateRecord(u32 processId, u32 hostId, const JitMethod::Ptr& updateMethod);
+    // Code unloaded by the runtime (a .NET MethodUnload event, for instance):
+    // ends at `time` the life of every live region of the address space that
+    // overlaps [startAddress, startAddress + length) and was loaded before
+    // `time`. A region whose life ended already keeps its unload time. An
+    // unload that meets no live region is not an error. Samples taken at or
+    // after `time` then miss that code.
+    Status processCodeUnload(u32 pid, u32 hostId, u64 startAddress, u32 length, u64 time);
 
     // Collector type of the file being read (ctJitProfiler identifies inline parents by id).
     u32 getCollectorType() const { return m_collectorType; }
     void setCollectorType(u32 type) { m_collectorType = type; }
 
-    // After the last file of a pass: gives every inline region its jit rvas.
+    // After a reading pass: settles the jit rvas of inlines attached since
+    // the last one and builds the query index of every address space that
+    // changed. It costs what the pass read, not what the manager holds.
     void finalize();
 
-    // Queries.
+    // ---- Queries (meSuccess, or 4 when nothing is found) -------------------
     quarvel_error_t findRegion(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, Region::Ptr& region,
-                               JitMethod::Ptr& method) const override;
+                               JitMethod::Ptr& method) const;
     quarvel_error_t resolveJitPoint(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, JitMethod::Ptr& method,
                                     u64& jitRva) const;
     quarvel_error_t resolveJitPoint(u64 jitRva, JitMethod::Ptr& method) const;
@@ -78,82 +81,63 @@ public:
     quarvel_error_t getCalleeTarget(u64 callerJitRva, u64 targetAddress, u64& calleeJitRva) const;
     quarvel_error_t translateToJitRva(u32 methodId, u64 address, u64 baseJitRva, u64 jitRvaLimit,
                                       u64& jitRva) const;
+    // The method that (module path, raw method id) names, the module path
+    // being the one the method reports now (after any rename by the reading
+    // pass). When methods of several address spaces share the pair, the one
+    // of the lowest host id, then the lowest process id; within one address
+    // space the first registered. Not const: the table is built on first use.
     quarvel_error_t findMethod(const char* moduleName, u32 methodId, ISymbol::Ptr& symbol);
-    const JitMethodStorage& getJitMethods() const { return m_allMethods; }
-
-    // Region domains.
-    SingleRegionDomain& createSingleRegionDomain(u32 processId, u32 hostId);
-    const SingleRegionDomain* getSingleRegionDomain(u32 processId, u32 hostId) const;
-
+    // Every registered method, in registration order.
+    const JitMethodStorage& getJitMethods() const { return m_methods.all(); }
     // The region that holds jitRva in the jit rva domain, if any.
     const RegionInfo* findJitRvaRegion(u64 jitRva) const;
 
-    // Steps of registration, exposed for tests.
-    quarvel_error_t splitRegions(const Region::Ptr& region, const JitMethod::Ptr& method,
-                                 SingleRegionDomain::iterator first, SingleRegionDomain::iterator last,
-                                 SingleRegionDomain& domain, SingleRegionDomain& splittedRegions) const;
-    quarvel_error_t addSplittedRegion(const Range& range, const JitMethodContainerPtr& container,
-                                      SingleRegionDomain& splittedRegions) const;
-    quarvel_error_t modifyRegionAssosiatedData(const JitMethod::Ptr& method, const Region::Ptr& region,
-                                               JitMethodContainer& container) const;
+    // Sizes of the structures, for tests that hold the storage to its bounds.
+    struct IndexStats {
+        size_t regions = 0;       // placed regions, all address spaces
+        size_t topIntervals = 0;  // latest-region intervals
+        size_t belowLinks = 0;    // history links between regions
+        size_t pieces = 0;        // pieces of the finalized query indexes
+        size_t pieceEntries = 0;  // region entries of the finalized query indexes
+        size_t jitRvaRuns = 0;
+        size_t indexedRegions = 0; // regions indexed by every finalize() so far
+    };
+    IndexStats indexStats() const;
 
 private:
-    // True when every region of rawMethod is a patched copy of a registered
-    // region of the same method; their bytes then replace the stored ones.
-    bool applyPatchedCopies(const JitMethod& rawMethod);
-    // Inline attachment.
-    quarvel_error_t findParentMethod(const BaseMethodId& parentId, JitMethod::Ptr& method) const;
-    quarvel_error_t findInlineMethod(const BaseMethodId& parentId, JitMethod::Ptr& method) const;
-    quarvel_error_t cacheParentMethod(const JitMethod::Ptr& method);
-    quarvel_error_t cacheInlineMethod(const JitMethod::Ptr& inlineMethod);
-    quarvel_error_t addInlineMethod(const JitMethod::Ptr& inlineMethod, Region::Ptr& parentRegion,
-                                    const JitMethod::Ptr& parentMethod);
-    quarvel_error_t addCachedInlineMethods(const JitMethod::Ptr& parentMethod);
+    struct AddressSpace {
+        u32 pid = 0;
+        u32 hostId = 0;
+        AddressHistory history;
+        FrozenAddressIndex frozen;
+        bool frozenCurrent = false; // the frozen index answers for the history
+        bool changed = false;       // listed in m_changedSpaces
+    };
 
-    // Registration of one region of a method-load record.
-    quarvel_error_t placeRegion(const Region::Ptr& region, const JitMethod::Ptr& method);
-    // Gives every level of a region's inline tree its jit rvas.
-    quarvel_error_t normalizeInlineTree(const Region::Ptr& root) const;
-    // The jit id converter, built once on first use.
+    const AddressSpace* space(u32 pid, u32 hostId) const;
+    AddressSpace& spaceFor(u32 pid, u32 hostId);
+    void markChanged(AddressSpace& space);
+    // The lookup of findRegion, without logging.
+    AddressLookup lookup(u64 address, u64 timestamp, u32 pid, u32 hostId) const;
+    // Logs why lookup found nothing, as findRegion does.
+    static void traceMiss(const AddressLookup& miss, u32 pid, u64 address, u64 timestamp);
+
+    Status checkRegions(const JitMethod& rawMethod) const;
+    Status registerRegions(u32 processId, u32 hostId, const JitMethod::Ptr& rawMethod);
     void buildJitIdConverter(u32 methodId, u32& indexOffset) const;
-    // Flat, sorted copies of the region domains and of the jit rva domain,
-    // rebuilt by finalize(); dropped by anything that may change those maps.
-    void buildDomainIndex();
-    void dropDomainIndex();
 
-    typedef std::map<Range, RegionInfo, Range::Comparator> JitRvaDomain;
-    typedef std::map<u32, std::map<u32, SingleRegionDomain>> RegionDomains;
+    MethodRegistry m_methods;
+    JitRvaIndex m_jitRvas;
+    InlineAttacher m_inlines;
+    std::vector<std::pair<u64, std::unique_ptr<AddressSpace>>> m_spaces; // by (host id << 32 | pid)
+    std::vector<AddressSpace*> m_changedSpaces;
+    std::vector<AddressHistory::Piece> m_pieces; // scratch of registration
+    size_t m_indexedRegions = 0;
+    u32 m_collectorType = 0;
 
-    JitRvaDomain m_jitRvaDomain;
-    JitMethodMap m_methods;
-    JitMethodMap m_inlineParents;   // inlines that can act as parents of nested inlines
-    std::multimap<BaseMethodId, JitMethod::Ptr, BaseMethodId::Comparator> m_waitingInlines; // by parent id
-    RegionDomains m_regionDomains;
-    JitMethodStorage m_allMethods;
     mutable JitIdConverter m_jitIdConverter;
     mutable std::atomic<bool> m_jitIdConverterBuilt{false}; // set under m_mutex once the converter is complete
     mutable boost::mutex m_mutex;
-    std::map<std::pair<std::string, u32>, ISymbol::Ptr> m_symbolTable;
-    u32 m_collectorType = 0;
-
-    // Address lookups after finalize() binary-search a flat copy of each
-    // region domain (its ranges in order, with their containers) instead of
-    // walking a tree whose nodes lie scattered over everything a reading pass
-    // allocated. The maps stay the truth: handing out a domain for change
-    // drops the copies until the next finalize().
-    struct IndexedRange {
-        Range range;
-        const JitMethodContainer* container;
-    };
-    typedef std::vector<IndexedRange> DomainIndex;
-    std::map<std::pair<u32, u32>, DomainIndex> m_domainIndex; // by (host id, process id)
-    // The same for the jit rva domain: its ranges in order, with their entries.
-    struct IndexedJitRvaRange {
-        Range range;
-        const RegionInfo* info;
-    };
-    std::vector<IndexedJitRvaRange> m_jitRvaIndex;
-    bool m_domainIndexValid = false;
 };
 
 } // namespace quarvel_3_13

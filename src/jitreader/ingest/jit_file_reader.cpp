@@ -32,6 +32,23 @@ JitReadStats& JitReadStats::operator+=(const JitReadStats& other) {
     return *this;
 }
 
+namespace {
+
+// The decoder finds the region an update record patches in the data manager.
+class RegionSearch : public JitFileDecoder::SearchRegionCallback {
+public:
+    explicit RegionSearch(const JitDataManager& data) : m_data(data) {}
+    quarvel_error_t findRegion(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, Region::Ptr& region,
+                               JitMethod::Ptr& method) const override {
+        return m_data.findRegion(virtualAddress, timestamp, pid, hostId, region, method);
+    }
+
+private:
+    const JitDataManager& m_data;
+};
+
+} // namespace
+
 bool JitFileReader::filteredOut(u32 type, target_arch_t arch) {
     const bool firstVariant = type == 0 || type == 1 || type == 4 || type == 6 || type == 8;
     const bool secondVariant = type == 2 || type == 3 || type == 5 || type == 7 || type == 9;
@@ -48,7 +65,8 @@ quarvel_error_t JitFileReader::readJitFile(JitFileDecoder& decoder, target_arch_
     stats.files = 1;
 
     dataManager.setCollectorType(ctUnknown);
-    decoder.setSearchRegionCallback(&dataManager);
+    const RegionSearch regionSearch(dataManager);
+    decoder.setSearchRegionCallback(&regionSearch);
     JitMethodStorage methods;
     const u32 pid = decoder.pid();
     const u32 hostId = decoder.hostId();
@@ -134,9 +152,9 @@ quarvel_error_t JitFileReader::readJitFile(JitFileDecoder& decoder, target_arch_
                 break;
             }
             if (inlineFlag == 1) {
-                status = dataManager.processMethodInlineLoadRecord(pid, hostId, method);
+                status = dataManager.processMethodInlineLoadRecord(pid, hostId, method).code();
             } else {
-                status = dataManager.processMethodLoadRecord(pid, hostId, method);
+                status = dataManager.processMethodLoadRecord(pid, hostId, method).code();
                 methods.push_back(method);
             }
             if (status != meSuccess) {
@@ -160,7 +178,7 @@ quarvel_error_t JitFileReader::readJitFile(JitFileDecoder& decoder, target_arch_
                 ++stats.ignoredUpdates;
                 break;
             }
-            if (dataManager.processMethodUpdateRecord(pid, hostId, method) != meSuccess)
+            if (!dataManager.processMethodUpdateRecord(pid, hostId, method).ok())
                 ++stats.refusedByDataManager;
             break;
         }
@@ -171,7 +189,7 @@ quarvel_error_t JitFileReader::readJitFile(JitFileDecoder& decoder, target_arch_
                 ++stats.refusedBodies;
                 break;
             }
-            status = dataManager.processMethodInlineLoadRecord(pid, hostId, method);
+            status = dataManager.processMethodInlineLoadRecord(pid, hostId, method).code();
             if (status != meSuccess) {
                 ++stats.refusedByDataManager;
                 QV_ERROR("Stopped reading jit file " << decoder.path() << " at offset " << record.offset
@@ -189,7 +207,7 @@ quarvel_error_t JitFileReader::readJitFile(JitFileDecoder& decoder, target_arch_
                 break;
             }
             // The patched copy is registered like a new load; a refusal never ends the pass.
-            if (dataManager.processMethodLoadRecord(pid, hostId, method) != meSuccess) {
+            if (!dataManager.processMethodLoadRecord(pid, hostId, method).ok()) {
                 QV_ERROR("Failed to process a UPDATE_V2 record");
                 ++stats.refusedByDataManager;
             }

@@ -1,0 +1,294 @@
+#include "index/address_history.h"
+
+#include "index/refusal.h"
+#include "support/log.h"
+
+#include <algorithm>
+
+namespace quarvel_3_13 {
+
+using index::IpRange;
+using index::ipSpan;
+
+namespace {
+
+void addPiece(std::vector<AddressHistory::Piece>& pieces, u64 start, u64 end, u32 above, u32 below) {
+    if (!pieces.empty()) {
+        AddressHistory::Piece& last = pieces.back();
+        if (last.end == start && last.above == above && last.below == below) {
+            last.end = end;
+            return;
+        }
+    }
+    pieces.push_back(AddressHistory::Piece{start, end, above, below});
+}
+
+} // namespace
+
+u32 AddressHistory::below(u32 slot, u64 address) const {
+    const Slot& s = m_slots[slot];
+    if (s.linkCount == 0)
+        return kNone;
+    const Link* first = m_links.data() + s.linksAt;
+    const Link* last = first + s.linkCount;
+    const Link* link = std::upper_bound(first, last, address, [](u64 a, const Link& l) { return a < l.from; });
+    return link == first ? kNone : (link - 1)->slot;
+}
+
+bool AddressHistory::plan(u64 start, u64 end, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash) const {
+    pieces.clear();
+    clash = kNone;
+    u64 cursor = start;
+    bool ok = true;
+    m_top.forEachOverlapping(start, end, [&](const TopMap::Interval& top) {
+        if (!ok)
+            return;
+        const u64 lo = std::max(top.start, start);
+        const u64 hi = std::min(top.end, end);
+        if (cursor < lo)
+            addPiece(pieces, cursor, lo, kNone, kNone);
+        if (loadTime(top.slot) < newLoadTime)
+            addPiece(pieces, lo, hi, kNone, top.slot); // the common case: loaded after what is there
+        else
+            descend(lo, hi, top.slot, newLoadTime, pieces, clash, ok);
+        cursor = hi;
+    });
+    if (ok && cursor < end)
+        addPiece(pieces, cursor, end, kNone, kNone);
+    return ok;
+}
+
+// [start, end) lies under `top`. Walks down the history there to where
+// loadTime falls, stretch by stretch, in address order.
+void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::vector<Piece>& pieces,
+                             u32& clash, bool& ok) const {
+    struct Step {
+        u64 start;
+        u64 end;
+        u32 slot;
+        u32 above;
+    };
+    std::vector<Step> todo(1, Step{start, end, top, kNone});
+    while (!todo.empty()) {
+        const Step step = todo.back();
+        todo.pop_back();
+        if (step.slot == kNone) {
+            addPiece(pieces, step.start, step.end, step.above, kNone);
+            continue;
+        }
+        const u64 time = loadTime(step.slot);
+        if (time < newLoadTime) {
+            addPiece(pieces, step.start, step.end, step.above, step.slot);
+            continue;
+        }
+        if (time == newLoadTime) {
+            clash = step.slot;
+            ok = false;
+            return;
+        }
+        // Loaded later than the new region: look below it, stretch by stretch.
+        const Slot& s = m_slots[step.slot];
+        if (s.linkCount == 0) {
+            addPiece(pieces, step.start, step.end, step.slot, kNone);
+            continue;
+        }
+        const Link* first = m_links.data() + s.linksAt;
+        const Link* last = first + s.linkCount;
+        const u64 ownerEnd = s.region->endAddress();
+        const Link* link =
+            std::upper_bound(first, last, step.start, [](u64 a, const Link& l) { return a < l.from; }) - 1;
+        const size_t mark = todo.size();
+        for (; link != last && link->from < step.end; ++link) {
+            const u64 to = link + 1 != last ? (link + 1)->from : ownerEnd;
+            const u64 lo = std::max(link->from, step.start);
+            const u64 hi = std::min(to, step.end);
+            if (lo < hi)
+                todo.push_back(Step{lo, hi, link->slot, step.slot});
+        }
+        // Popped in address order.
+        std::reverse(todo.begin() + static_cast<std::ptrdiff_t>(mark), todo.end());
+    }
+}
+
+u32 AddressHistory::place(Region& region, JitMethod& method, const std::vector<Piece>& pieces) {
+    const u32 self = static_cast<u32>(m_slots.size());
+    Slot slot{&region, &method, 0, 0};
+    const bool anyBelow =
+        std::any_of(pieces.begin(), pieces.end(), [](const Piece& p) { return p.below != kNone; });
+    if (anyBelow) {
+        slot.linksAt = static_cast<u32>(m_links.size());
+        for (const Piece& p : pieces) {
+            if (slot.linkCount && m_links.back().slot == p.below)
+                continue;
+            m_links.push_back(Link{p.start, p.below});
+            ++slot.linkCount;
+        }
+    }
+    m_slots.push_back(slot);
+
+    bool shadowed = false;
+    for (size_t i = 0; i < pieces.size();) {
+        const Piece& p = pieces[i];
+        if (p.above == kNone) {
+            // The latest region here from now on; runs of pieces go in at once.
+            size_t j = i + 1;
+            while (j < pieces.size() && pieces[j].above == kNone && pieces[j].start == pieces[j - 1].end)
+                ++j;
+            m_top.assign(p.start, pieces[j - 1].end, self);
+            i = j;
+            continue;
+        }
+        shadowed = true;
+        ++i;
+    }
+    if (shadowed) {
+        // Slid under later loads: each of them now has the new region directly below.
+        std::vector<u32> owners;
+        for (const Piece& p : pieces)
+            if (p.above != kNone)
+                owners.push_back(p.above);
+        std::sort(owners.begin(), owners.end());
+        owners.erase(std::unique(owners.begin(), owners.end()), owners.end());
+        for (u32 owner : owners)
+            relink(owner, pieces, self);
+        m_shadowed.push_back(self);
+    }
+
+    // The regions directly below end their life where the new one is loaded.
+    for (const Piece& p : pieces) {
+        if (p.below == kNone)
+            continue;
+        Region& previous = *m_slots[p.below].region;
+        if (previous.unloadTime() == 0) {
+            previous.setUnloadTime(region.loadTime());
+            QV_INFO("Set unload time = " << region.loadTime() << " for region ("
+                                         << ipSpan(previous.startAddress(), previous.endAddress()) << ")");
+        }
+        QV_INFO("Unloaded code region (ip range = " << ipSpan(p.start, p.end) << ") from method "
+                                                    << method.getRawMethodId() << ", name = "
+                                                    << method.getMethodName() << ", load time = "
+                                                    << method.getLoadTime());
+    }
+    return self;
+}
+
+void AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slot) {
+    Slot& s = m_slots[owner];
+    const u64 ownerStart = s.region->startAddress();
+    const u64 ownerEnd = s.region->endAddress();
+    // The owner's links as stretches, with the new region's stretches cut in.
+    std::vector<Link> old;
+    if (s.linkCount)
+        old.assign(m_links.begin() + s.linksAt, m_links.begin() + s.linksAt + s.linkCount);
+    else
+        old.push_back(Link{ownerStart, kNone});
+    std::vector<Link> merged;
+    auto add = [&merged](u64 from, u32 below) {
+        if (merged.empty() || merged.back().slot != below)
+            merged.push_back(Link{from, below});
+    };
+    size_t k = 0;
+    for (size_t i = 0; i < old.size(); ++i) {
+        const u64 from = old[i].from;
+        const u64 to = i + 1 < old.size() ? old[i + 1].from : ownerEnd;
+        u64 at = from;
+        for (; k < pieces.size() && pieces[k].start < to; ++k) {
+            const Piece& p = pieces[k];
+            if (p.above != owner || p.end <= at)
+                continue;
+            if (p.start > at)
+                add(at, old[i].slot);
+            add(std::max(p.start, at), slot);
+            at = std::min(p.end, to);
+            if (p.end > to)
+                break; // the piece goes on into the next stretch
+        }
+        if (at < to)
+            add(at, old[i].slot);
+    }
+    m_staleLinks += s.linkCount;
+    s.linksAt = static_cast<u32>(m_links.size());
+    s.linkCount = static_cast<u32>(merged.size());
+    m_links.insert(m_links.end(), merged.begin(), merged.end());
+}
+
+AddressLookup AddressHistory::find(u64 address, u64 timestamp) const {
+    AddressLookup result;
+    TopMap::Interval top;
+    if (!m_top.find(address, top))
+        return result;
+    u32 slot = top.slot;
+    while (loadTime(slot) > timestamp) {
+        slot = below(slot, address);
+        if (slot == kNone) {
+            result.outcome = AddressLookup::tooEarly;
+            return result;
+        }
+    }
+    const Slot& s = m_slots[slot];
+    result.region = s.region;
+    result.method = s.method;
+    result.rangeStart = s.region->startAddress();
+    result.rangeEnd = s.region->endAddress();
+    result.jitRvaBias = s.region->startJitRva() - s.region->startAddress();
+    const u64 load = s.region->loadTime();
+    const u64 unload = s.region->unloadTime();
+    result.outcome = unload > load && unload <= timestamp ? AddressLookup::unloaded : AddressLookup::found;
+    return result;
+}
+
+AddressLookup AddressHistory::findLoadedAfter(u64 start, u64 end, u64 timestamp) const {
+    AddressLookup result;
+    TopMap::Interval top;
+    if (!m_top.firstEndingAfter(start, top) || top.start >= end)
+        return result;
+    const u64 at = std::max(start, top.start);
+    u32 best = kNone;
+    for (u32 slot = top.slot; slot != kNone && loadTime(slot) > timestamp; slot = below(slot, at))
+        best = slot;
+    if (best == kNone) {
+        result.outcome = AddressLookup::tooEarly;
+        return result;
+    }
+    result.outcome = AddressLookup::found;
+    result.region = m_slots[best].region;
+    result.method = m_slots[best].method;
+    result.rangeStart = result.region->startAddress();
+    result.rangeEnd = result.region->endAddress();
+    result.jitRvaBias = result.region->startJitRva() - result.region->startAddress();
+    return result;
+}
+
+bool AddressHistory::endLife(u32 slot, u64 time) {
+    Region& region = *m_slots[slot].region;
+    if (region.unloadTime() != 0 || region.loadTime() >= time)
+        return false;
+    region.setUnloadTime(time);
+    QV_INFO("Set unload time = " << time << " for region (" << ipSpan(region.startAddress(), region.endAddress())
+                                 << ")");
+    return true;
+}
+
+size_t AddressHistory::unload(u64 start, u64 end, u64 time) {
+    size_t ended = 0;
+    std::vector<u32> tops;
+    m_top.forEachOverlapping(start, end, [&tops](const TopMap::Interval& top) { tops.push_back(top.slot); });
+    for (u32 slot : tops)
+        ended += endLife(slot, time);
+    // A live region that is not on top anywhere in the range was placed
+    // below a later load: it is among the shadowed ones.
+    for (size_t i = 0; i < m_shadowed.size();) {
+        const Region& region = *m_slots[m_shadowed[i]].region;
+        if (region.startAddress() < end && start < region.endAddress())
+            ended += endLife(m_shadowed[i], time);
+        if (region.unloadTime() != 0) {
+            m_shadowed[i] = m_shadowed.back();
+            m_shadowed.pop_back();
+            continue;
+        }
+        ++i;
+    }
+    return ended;
+}
+
+} // namespace quarvel_3_13

@@ -1,0 +1,64 @@
+#ifndef QUARVEL_INDEX_FROZEN_ADDRESS_INDEX_H
+#define QUARVEL_INDEX_FROZEN_ADDRESS_INDEX_H
+
+#include "index/address_history.h"
+#include "index/address_lookup.h"
+
+#include <quarvel/types.h>
+
+#include <vector>
+
+namespace quarvel_3_13 {
+
+// The query side of one address space, built once its regions are all read:
+// flat arrays searched without allocating and without touching the model
+// objects until the answer is known.
+//
+// The addresses are cut at every region's start and end into pieces, each
+// held by the same regions over its whole length. A piece keeps the region
+// loaded last over it inline (most samples end there), and the older ones in
+// load-time order. A region that spans many pieces is stored once per node
+// of a segment tree over the pieces rather than once per piece, so that
+// overlapping loads cost O(n log n) entries, never O(n^2): a lookup then
+// also takes the best entry of the piece's ancestors.
+class FrozenAddressIndex {
+public:
+    void build(const std::vector<AddressHistory::Slot>& slots);
+    void clear();
+
+    // As AddressHistory::find / findLoadedAfter, with rangeStart/rangeEnd
+    // naming the piece.
+    AddressLookup find(u64 address, u64 timestamp) const;
+    AddressLookup findLoadedAfter(u64 start, u64 end, u64 timestamp) const;
+    size_t pieceCount() const { return m_starts.size(); }
+    size_t entryCount() const;
+
+private:
+    struct Entry {
+        u64 loadTime = 0;
+        u64 unloadTime = 0;
+        u64 jitRvaBias = 0; // start jit rva - start address
+        Region* region = nullptr;
+        JitMethod* method = nullptr;
+    };
+    struct Piece {
+        u64 end = 0;
+        Entry top;          // the region loaded last over the piece (none: only ancestors hold it)
+        u32 olderAt = 0;    // the piece's older regions in m_entries, by load time
+        u32 olderCount = 0;
+        bool inherits = false; // tree nodes above the piece hold regions too
+    };
+
+    size_t pieceOf(u64 address) const; // m_starts.size() when none holds it
+    const Entry* latestAtOrBefore(size_t piece, u64 timestamp) const;
+    const Entry* firstAfter(size_t piece, u64 timestamp) const;
+
+    std::vector<u64> m_starts; // piece starts, ascending
+    std::vector<Piece> m_pieces;
+    std::vector<Entry> m_entries;  // older regions of pieces, then the lists of inner tree nodes
+    std::vector<u32> m_nodeFirst;  // inner node i (1 <= i < pieces) lists m_entries[m_nodeFirst[i], m_nodeFirst[i + 1])
+};
+
+} // namespace quarvel_3_13
+
+#endif

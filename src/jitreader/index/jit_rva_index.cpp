@@ -1,0 +1,79 @@
+#include "index/jit_rva_index.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace quarvel_3_13 {
+
+namespace {
+
+typedef std::vector<RegionInfo> Run;
+
+// The first entry of run that ends above jitRva.
+Run::const_iterator firstEndingAbove(const Run& run, u64 jitRva) {
+    auto it = std::upper_bound(run.begin(), run.end(), jitRva,
+                               [](u64 rva, const RegionInfo& e) { return rva < e.startJitRva; });
+    if (it != run.begin() && std::prev(it)->endJitRva() > jitRva)
+        --it;
+    return it;
+}
+
+bool byStart(const RegionInfo& a, const RegionInfo& b) { return a.startJitRva < b.startJitRva; }
+
+} // namespace
+
+const RegionInfo* JitRvaIndex::find(u64 jitRva) const {
+    for (const Run& run : m_runs) {
+        auto it = std::upper_bound(run.begin(), run.end(), jitRva,
+                                   [](u64 rva, const RegionInfo& e) { return rva < e.startJitRva; });
+        if (it != run.begin() && std::prev(it)->contains(jitRva))
+            return &*std::prev(it);
+    }
+    return nullptr;
+}
+
+const RegionInfo* JitRvaIndex::findOverlap(u64 start, u32 length) const {
+    const u64 end = start + length;
+    for (const Run& run : m_runs) {
+        auto it = firstEndingAbove(run, start);
+        if (it != run.end() && it->startJitRva < end)
+            return &*it;
+    }
+    return nullptr;
+}
+
+void JitRvaIndex::add(const RegionInfo& info) {
+    if (m_runs.empty() || m_runs.back().back().endJitRva() > info.startJitRva) {
+        if (!m_runs.empty())
+            sealLastRun();
+        m_runs.emplace_back();
+    }
+    m_runs.back().push_back(info);
+    ++m_size;
+}
+
+// Merges the last run into the one before it while it is at least half as
+// large: sizes then halve from run to run, so there are O(log n) of them.
+void JitRvaIndex::sealLastRun() {
+    while (m_runs.size() >= 2 && m_runs.back().size() * 2 >= m_runs[m_runs.size() - 2].size()) {
+        Run& lower = m_runs[m_runs.size() - 2];
+        Run& upper = m_runs.back();
+        Run merged;
+        merged.reserve(lower.size() + upper.size());
+        std::merge(lower.begin(), lower.end(), upper.begin(), upper.end(), std::back_inserter(merged), byStart);
+        m_runs.pop_back();
+        m_runs.back().swap(merged);
+    }
+}
+
+std::vector<const RegionInfo*> JitRvaIndex::ordered() const {
+    std::vector<const RegionInfo*> all;
+    all.reserve(m_size);
+    for (const Run& run : m_runs)
+        for (const RegionInfo& info : run)
+            all.push_back(&info);
+    std::sort(all.begin(), all.end(), [](const RegionInfo* a, const RegionInfo* b) { return byStart(*a, *b); });
+    return all;
+}
+
+} // namespace quarvel_3_13

@@ -1,0 +1,67 @@
+#ifndef QUARVEL_INDEX_METHOD_REGISTRY_H
+#define QUARVEL_INDEX_METHOD_REGISTRY_H
+
+#include "model/base_method_id.h"
+#include "model/jit_method.h"
+
+#include <quarvel/symbol.h>
+#include <quarvel/types.h>
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace quarvel_3_13 {
+
+typedef std::vector<JitMethod::Ptr> JitMethodStorage;
+
+// The registered methods: in registration order, by 128-bit id (an open
+// hash of indices, 16 bytes a slot), and by (module path, raw id) for symbol
+// searches. Methods of one module share one module object.
+class MethodRegistry {
+public:
+    static const u32 kNone = 0xFFFFFFFFu;
+
+    // Index of the method registered under id, or kNone.
+    u32 find(const BaseMethodId& id) const;
+    // Registers a method whose id is new, read from the address space (hostId, pid).
+    void add(const JitMethod::Ptr& method, u32 pid, u32 hostId);
+
+    const JitMethodStorage& all() const { return m_methods; }
+    const JitMethod::Ptr& at(u32 index) const { return m_methods[index]; }
+    size_t size() const { return m_methods.size(); }
+
+    // Gives the method the shared module object equal to its own.
+    void internModule(JitMethod& method);
+    // Interns again the modules of methods registered since the last call
+    // (the reading pass may rename them after registration).
+    void internNewModules();
+
+    // The method that module path (as the method reports it now) and raw id
+    // name. When several address spaces hold the pair, the one of the lowest
+    // (host id, process id); within one space, the first registered.
+    JitMethod* findByModule(const std::string& modulePath, u32 rawId);
+
+private:
+    struct IdSlot {
+        u64 part0;
+        u32 index; // kNone: empty
+    };
+    void grow();
+
+    JitMethodStorage m_methods;
+    std::vector<u64> m_spaces; // (host id << 32 | pid) per method
+    std::vector<IdSlot> m_ids; // power-of-two size, at most half full
+    std::unordered_map<std::string, IModule::Ptr> m_modules;
+    IModule::Ptr m_lastModule; // most records name the module of the record before
+    size_t m_modulesInterned = 0;
+
+    // (module path, raw id) -> method index, filled up to m_symbolsIndexed.
+    std::unordered_map<std::string, u32> m_paths;
+    std::unordered_map<u64, u32> m_symbols;
+    size_t m_symbolsIndexed = 0;
+};
+
+} // namespace quarvel_3_13
+
+#endif
