@@ -10,7 +10,12 @@
 //   --ingest-once=loader|resolver
 //                            one ingest of the first size in this process, no
 //                            benchmark run: for profilers (perf, callgrind)
+//   --staggered=N,...        loads of the staggered-overlap traces (default 800,1600,3200,6400)
+//   --hot-area=N,...         loads of the alternating hot-area traces (default 5000,10000,20000)
+//   --processes=P,...        processes the many-process traces spread their loads over (default 1,100,1000)
+//   --process-methods=N      loads of each many-process trace (default 200000)
 
+#include "shape_traces.h"
 #include "trace_corpus.h"
 
 #include <quarvel/jitreader.h>
@@ -25,6 +30,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iomanip>
 #include <iostream>
 #include <map>
@@ -44,6 +50,7 @@ using namespace quarvel_3_13;
 using quarvel_bench::Corpus;
 using quarvel_bench::CorpusShape;
 using quarvel_bench::Sample;
+using quarvel_bench::ShapeTrace;
 
 namespace {
 
@@ -51,6 +58,10 @@ struct Options {
     std::string cacheDir = "bench-cache";
     std::vector<size_t> sizes{10000, 100000, 1000000};
     size_t resolveRegions = 1000000;
+    std::vector<size_t> staggered{800, 1600, 3200, 6400};
+    std::vector<size_t> hotArea{5000, 10000, 20000};
+    std::vector<size_t> processes{1, 100, 1000};
+    size_t processMethods = 200000;
 };
 
 Options g_options;
@@ -129,7 +140,9 @@ IngestResult ingestOnce(IngestKind kind, const Corpus& corpus) {
     return result;
 }
 
-IngestResult ingestInChild(IngestKind kind, const Corpus& corpus) {
+// Runs work in a fresh child process: its CPU time, wall time and the rise of
+// its resident high-water mark belong to that one run.
+IngestResult runInChild(const std::function<IngestResult()>& work) {
     int fds[2];
     if (::pipe(fds) != 0)
         return IngestResult{};
@@ -142,7 +155,7 @@ IngestResult ingestInChild(IngestKind kind, const Corpus& corpus) {
             std::fclose(f);
         }
         const long baseline = statusKb("VmRSS:");
-        IngestResult r = ingestOnce(kind, corpus);
+        IngestResult r = work();
         r.baselineKb = baseline;
         r.peakKb = statusKb("VmHWM:");
         const ssize_t written = ::write(fds[1], &r, sizeof r);
@@ -158,6 +171,10 @@ IngestResult ingestInChild(IngestKind kind, const Corpus& corpus) {
     if (got != static_cast<ssize_t>(sizeof r))
         return IngestResult{};
     return r;
+}
+
+IngestResult ingestInChild(IngestKind kind, const Corpus& corpus) {
+    return runInChild([&] { return ingestOnce(kind, corpus); });
 }
 
 void BM_Ingest(benchmark::State& state, IngestKind kind, size_t methods) {
@@ -186,6 +203,75 @@ void BM_Ingest(benchmark::State& state, IngestKind kind, size_t methods) {
     state.counters["mb_per_s"] = double(corpus.fileBytes) / 1e6 / perRun; // per CPU second
     state.counters["peak_mb"] = peakKb * 1024 / 1e6;
     state.counters["peak_b_per_method"] = peakKb * 1024 / double(corpus.methodLoads);
+}
+
+// ---------------------------------------------------------------------------
+// Shapes: traces that stress the address history. A loader is created over
+// the files and asked one sample per process, which reads that process (and
+// finalises) lazily, as a profiler's first samples would.
+
+enum class ShapeKind { Staggered, HotArea, Processes };
+
+const char* shapeName(ShapeKind kind) {
+    return kind == ShapeKind::Staggered ? "staggered" : kind == ShapeKind::HotArea ? "hot_area" : "processes";
+}
+
+const ShapeTrace& shapeTrace(ShapeKind kind, size_t n) {
+    static std::map<std::pair<int, size_t>, ShapeTrace> traces;
+    const auto key = std::make_pair(static_cast<int>(kind), n);
+    auto found = traces.find(key);
+    if (found == traces.end()) {
+        ShapeTrace trace = kind == ShapeKind::Staggered ? quarvel_bench::staggeredTrace(g_options.cacheDir, n)
+                           : kind == ShapeKind::HotArea
+                               ? quarvel_bench::hotAreaTrace(g_options.cacheDir, n)
+                               : quarvel_bench::processesTrace(g_options.cacheDir, g_options.processMethods, n);
+        found = traces.emplace(key, std::move(trace)).first;
+    }
+    return found->second;
+}
+
+IngestResult readShapeOnce(const ShapeTrace& trace) {
+    IngestResult result;
+    std::vector<const char*> paths;
+    for (const std::string& path : trace.paths)
+        paths.push_back(path.c_str());
+    const double cpuStart = cpuSeconds();
+    const auto start = std::chrono::steady_clock::now();
+    generic_iterator_t<const char*> files(paths.begin(), paths.end());
+    IJitLoader::Ptr loader = IJitLoader::create(files);
+    unsigned hostId = 0;
+    result.ok = loader && loader->getHostIdByName(trace.hostName.c_str(), &hostId) == meSuccess;
+    for (size_t p = 0; result.ok && p < trace.pids.size(); ++p) {
+        u64 jitRva = 0;
+        IModule::Ptr module;
+        result.ok = loader->resolveJitPoint(trace.probeTime[p], trace.probeAddress[p], trace.pids[p], hostId, &jitRva,
+                                            module) == meSuccess;
+    }
+    result.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    result.seconds = cpuSeconds() - cpuStart;
+    loader.detach();
+    return result;
+}
+
+void BM_Shape(benchmark::State& state, ShapeKind kind, size_t n) {
+    const ShapeTrace& trace = shapeTrace(kind, n);
+    double seconds = 0;
+    double peakKb = 0;
+    for (auto _ : state) {
+        const IngestResult r = runInChild([&] { return readShapeOnce(trace); });
+        if (!r.ok) {
+            state.SkipWithError("the read failed or a probe query missed");
+            return;
+        }
+        state.SetIterationTime(r.seconds);
+        seconds += r.seconds;
+        peakKb = std::max(peakKb, double(r.peakKb - r.baselineKb));
+    }
+    state.counters["loads"] = double(trace.loads);
+    state.counters["files"] = double(trace.paths.size());
+    state.counters["file_mb"] = double(trace.fileBytes) / 1e6;
+    state.counters["seconds"] = seconds / double(state.iterations());
+    state.counters["peak_mb"] = peakKb * 1024 / 1e6;
 }
 
 // ---------------------------------------------------------------------------
@@ -449,6 +535,40 @@ private:
         }
     }
 
+    void addShapes(std::vector<Row>& rows, ShapeKind kind, const char* label, const std::vector<size_t>& sizes,
+                   const char* unit) const {
+        double previous = 0;
+        size_t previousN = 0;
+        for (size_t n : sizes) {
+            const Run* run = find(std::string("shape/") + shapeName(kind) + "/" + std::to_string(n) + "/threads:1");
+            if (!run)
+                continue;
+            const double seconds = counter(*run, "seconds");
+            Row row;
+            row.section = "shapes";
+            row.what = label;
+            row.size = count(double(n)) + unit;
+            row.time = duration(seconds) + " CPU";
+            row.memory = fixed(counter(*run, "peak_mb"), 1) + " MB peak";
+            row.note = fixed(counter(*run, "loads"), 0) + " loads, " + fixed(counter(*run, "files"), 0) + " file(s), " +
+                       fixed(counter(*run, "file_mb"), 1) + " MB";
+            if (previous > 0)
+                row.note += "; x" + fixed(seconds / previous, 2) + " the time of " + count(double(previousN));
+            rows.push_back(row);
+            previous = seconds;
+            previousN = n;
+        }
+    }
+
+    // The time of shape runs, by size.
+    std::vector<std::pair<size_t, double>> shapeTimes(ShapeKind kind, const std::vector<size_t>& sizes) const {
+        std::vector<std::pair<size_t, double>> times;
+        for (size_t n : sizes)
+            if (const Run* run = find(std::string("shape/") + shapeName(kind) + "/" + std::to_string(n) + "/threads:1"))
+                times.emplace_back(n, counter(*run, "seconds"));
+        return times;
+    }
+
     void addScaling(std::vector<Row>& rows, const char* kind, const char* label) const {
         if (g_options.sizes.size() < 2)
             return;
@@ -522,6 +642,10 @@ private:
                    regions);
         addResolve(rows, "resolve/resolver_translateToJitRva/threads:1",
                    "ISymbolResolver::translateToJitRva", "", regions);
+        addShapes(rows, ShapeKind::Staggered, "staggered overlap, read lazily", g_options.staggered, " loads");
+        addShapes(rows, ShapeKind::HotArea, "alternating hot area, read lazily", g_options.hotArea, " loads");
+        addShapes(rows, ShapeKind::Processes, "processes read lazily, one sample each", g_options.processes,
+                  " processes");
         addScaling(rows, "resolver", "ingest, mode 1");
         addScaling(rows, "loader", "ingest, mode 2");
         addGoals(rows, cores, all);
@@ -560,29 +684,58 @@ private:
     }
 
     void addGoals(std::vector<Row>& rows, unsigned cores, const std::string& all) const {
+        auto goal = [&rows](const std::string& what, const std::string& size, const std::string& value, bool met) {
+            rows.push_back({"goal", what, size, "", "", "", "", "", value + (met ? ": met" : ": MISSED")});
+        };
         const std::string biggest = g_options.sizes.empty() ? "" : std::to_string(g_options.sizes.back());
+        const std::string biggestLabel = g_options.sizes.empty() ? "" : count(double(g_options.sizes.back())) + " loads";
         if (const Run* run = find("ingest/loader/" + biggest + "/threads:1")) {
             const double v = counter(*run, "loads_per_s");
-            rows.push_back({"goal", ">= 1M loads/s per core (mode 2)", count(double(g_options.sizes.back())) + " loads",
-                            "", "", rate(v), "", "", v >= 1e6 ? "met" : "MISSED"});
+            goal(">= 500k loads/s per core (mode 2)", biggestLabel, rate(v), v >= 5e5);
             const double m = counter(*run, "peak_b_per_method");
-            rows.push_back({"goal", "<= 1 KiB peak per method (mode 2)",
-                            count(double(g_options.sizes.back())) + " loads", "", "", "", "",
-                            fixed(m, 0) + " B/method", m <= 1024 ? "met" : "MISSED"});
+            goal("<= 1 KiB peak per method (mode 2)", biggestLabel, fixed(m, 0) + " B/method", m <= 1024);
         }
-        const Run* one = find("resolve/loader_resolveJitPoint/threads:1");
-        const Run* base = find("resolve/flat_upper_bound/threads:1");
-        if (one) {
-            double perCore = perCoreRate(*one);
-            if (const Run* many = cores > 1 ? find("resolve/loader_resolveJitPoint" + all) : nullptr)
-                perCore = std::min(perCore, perCoreRate(*many));
-            rows.push_back({"goal", ">= 5M samples/s per core (resolveJitPoint)", "", "", "", rate(perCore), "", "",
-                            perCore >= 5e6 ? "met" : "MISSED"});
-            if (base) {
+        if (const Run* run = find("ingest/resolver/" + biggest + "/threads:1")) {
+            const double v = counter(*run, "loads_per_s");
+            goal(">= 300k loads/s per core (mode 1)", biggestLabel, rate(v), v >= 3e5);
+        }
+        for (const std::string& threads : {std::string("/threads:1"), all}) {
+            const Run* one = find("resolve/loader_resolveJitPoint" + threads);
+            const Run* base = find("resolve/flat_upper_bound" + threads);
+            if (one && base && (threads != all || cores > 1)) {
                 const double ratio = perCoreRate(*base) / perCoreRate(*one);
-                rows.push_back({"goal", "within 3x of the flat floor", "", "", "", "", "", "",
-                                fixed(ratio, 1) + "x: " + (ratio <= 3 ? "met" : "MISSED")});
+                goal("resolveJitPoint within 2x of the flat floor, " + threads.substr(9) + " thread(s)", "",
+                     fixed(ratio, 2) + "x", ratio <= 2);
             }
+        }
+        if (const Run* run = find("resolve/resolver_getSymbol/threads:1")) {
+            const double ns = 1e9 / perCoreRate(*run);
+            goal("getSymbol under 250 ns", "", fixed(ns, 0) + " ns", ns < 250);
+        }
+        const auto staggered = shapeTimes(ShapeKind::Staggered, g_options.staggered);
+        if (staggered.size() >= 2) {
+            double worst = 0;
+            for (size_t k = 1; k < staggered.size(); ++k)
+                if (staggered[k].first == 2 * staggered[k - 1].first)
+                    worst = std::max(worst, staggered[k].second / staggered[k - 1].second);
+            goal("staggered overlap: each doubling <= 2.5x the time", "", "x" + fixed(worst, 2), worst <= 2.5);
+        }
+        for (const auto& t : staggered)
+            if (t.first == 6400)
+                goal("staggered overlap of 6400 loads under 2 s", "6400 loads", duration(t.second), t.second < 2);
+        for (const auto& t : shapeTimes(ShapeKind::HotArea, g_options.hotArea))
+            if (t.first == 20000)
+                goal("alternating hot area of 20k loads under 1 s", "20k loads", duration(t.second), t.second < 1);
+        const auto processes = shapeTimes(ShapeKind::Processes, g_options.processes);
+        if (processes.size() >= 2) {
+            double lo = processes.front().second;
+            double hi = lo;
+            for (const auto& t : processes) {
+                lo = std::min(lo, t.second);
+                hi = std::max(hi, t.second);
+            }
+            goal("processes read lazily: within 1.5x of each other", count(double(g_options.processMethods)) + " loads",
+                 "x" + fixed(hi / lo, 2), hi / lo <= 1.5);
         }
     }
 
@@ -614,6 +767,14 @@ int main(int argc, char** argv) {
             ingestOnceKind = arg.substr(14);
         else if (arg.compare(0, 18, "--resolve-regions=") == 0)
             g_options.resolveRegions = static_cast<size_t>(std::stoull(arg.substr(18)));
+        else if (arg.compare(0, 12, "--staggered=") == 0)
+            g_options.staggered = parseSizes(arg.substr(12));
+        else if (arg.compare(0, 11, "--hot-area=") == 0)
+            g_options.hotArea = parseSizes(arg.substr(11));
+        else if (arg.compare(0, 12, "--processes=") == 0)
+            g_options.processes = parseSizes(arg.substr(12));
+        else if (arg.compare(0, 18, "--process-methods=") == 0)
+            g_options.processMethods = static_cast<size_t>(std::stoull(arg.substr(18)));
         else
             rest.push_back(argv[i]);
     }
@@ -637,6 +798,19 @@ int main(int argc, char** argv) {
             benchmark::RegisterBenchmark(name.c_str(), BM_Ingest, kind, n)
                 ->UseManualTime()
                 ->Iterations(iterations)
+                ->Unit(benchmark::kMillisecond);
+        }
+
+    const std::pair<ShapeKind, const std::vector<size_t>*> shapes[] = {
+        {ShapeKind::Staggered, &g_options.staggered},
+        {ShapeKind::HotArea, &g_options.hotArea},
+        {ShapeKind::Processes, &g_options.processes}};
+    for (const auto& shape : shapes)
+        for (size_t n : *shape.second) {
+            const std::string name = std::string("shape/") + shapeName(shape.first) + "/" + std::to_string(n);
+            benchmark::RegisterBenchmark(name.c_str(), BM_Shape, shape.first, n)
+                ->UseManualTime()
+                ->Iterations(2)
                 ->Unit(benchmark::kMillisecond);
         }
 

@@ -12,6 +12,7 @@ using namespace dmtest;
 
 namespace {
 
+// The sizes while reading (history links, latest regions) and once finalised (query index).
 JitDataManager::IndexStats readShape(JitDataManager& manager, size_t n, u64 (*startOf)(size_t), u32 length) {
     for (size_t i = 0; i < n; ++i) {
         const u32 id = static_cast<u32>(i + 1);
@@ -19,8 +20,12 @@ JitDataManager::IndexStats readShape(JitDataManager& manager, size_t n, u64 (*st
             manager.processMethodLoadRecord(kPid, kHost, makeMethod(id, 10 * (i + 1), {{startOf(i), length, 0x100000 + i * 0x10000}}))
                 .ok());
     }
+    JitDataManager::IndexStats stats = manager.indexStats();
     manager.finalize();
-    return manager.indexStats();
+    const JitDataManager::IndexStats frozen = manager.indexStats();
+    stats.pieces = frozen.pieces;
+    stats.pieceEntries = frozen.pieceEntries;
+    return stats;
 }
 
 // Load i covers [16i, 16i + 16n) at time i: each overlaps the n - 1 before it.

@@ -26,11 +26,11 @@ void addPiece(std::vector<AddressHistory::Piece>& pieces, u64 start, u64 end, u3
 } // namespace
 
 u32 AddressHistory::below(u32 slot, u64 address) const {
-    const Slot& s = m_slots[slot];
-    if (s.linkCount == 0)
+    const LinkRun& run = m_runs[slot];
+    if (run.count == 0)
         return kNone;
-    const Link* first = m_links.data() + s.linksAt;
-    const Link* last = first + s.linkCount;
+    const Link* first = m_links.data() + run.at;
+    const Link* last = first + run.count;
     const Link* link = std::upper_bound(first, last, address, [](u64 a, const Link& l) { return a < l.from; });
     return link == first ? kNone : (link - 1)->slot;
 }
@@ -59,7 +59,7 @@ bool AddressHistory::plan(u64 start, u64 end, u64 newLoadTime, std::vector<Piece
 }
 
 // [start, end) lies under `top`. Walks down the history there to where
-// loadTime falls, stretch by stretch, in address order.
+// newLoadTime falls, stretch by stretch, in address order.
 void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::vector<Piece>& pieces,
                              u32& clash, bool& ok) const {
     struct Step {
@@ -87,14 +87,14 @@ void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::
             return;
         }
         // Loaded later than the new region: look below it, stretch by stretch.
-        const Slot& s = m_slots[step.slot];
-        if (s.linkCount == 0) {
+        const LinkRun& run = m_runs[step.slot];
+        if (run.count == 0) {
             addPiece(pieces, step.start, step.end, step.slot, kNone);
             continue;
         }
-        const Link* first = m_links.data() + s.linksAt;
-        const Link* last = first + s.linkCount;
-        const u64 ownerEnd = s.region->endAddress();
+        const Link* first = m_links.data() + run.at;
+        const Link* last = first + run.count;
+        const u64 ownerEnd = m_slots[step.slot].end;
         const Link* link =
             std::upper_bound(first, last, step.start, [](u64 a, const Link& l) { return a < l.from; }) - 1;
         const size_t mark = todo.size();
@@ -112,19 +112,23 @@ void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::
 
 u32 AddressHistory::place(Region& region, JitMethod& method, const std::vector<Piece>& pieces) {
     const u32 self = static_cast<u32>(m_slots.size());
-    Slot slot{&region, &method, 0, 0};
-    const bool anyBelow =
-        std::any_of(pieces.begin(), pieces.end(), [](const Piece& p) { return p.below != kNone; });
-    if (anyBelow) {
-        slot.linksAt = static_cast<u32>(m_links.size());
+    m_slots.push_back(Slot{region.startAddress(), region.endAddress(), region.loadTime(), &region, &method});
+    link(self, pieces, false);
+    return self;
+}
+
+void AddressHistory::link(u32 self, const std::vector<Piece>& pieces, bool quiet) {
+    LinkRun run;
+    if (std::any_of(pieces.begin(), pieces.end(), [](const Piece& p) { return p.below != kNone; })) {
+        run.at = static_cast<u32>(m_links.size());
         for (const Piece& p : pieces) {
-            if (slot.linkCount && m_links.back().slot == p.below)
+            if (run.count && m_links.back().slot == p.below)
                 continue;
             m_links.push_back(Link{p.start, p.below});
-            ++slot.linkCount;
+            ++run.count;
         }
     }
-    m_slots.push_back(slot);
+    m_runs.push_back(run);
 
     bool shadowed = false;
     for (size_t i = 0; i < pieces.size();) {
@@ -155,31 +159,33 @@ u32 AddressHistory::place(Region& region, JitMethod& method, const std::vector<P
     }
 
     // The regions directly below end their life where the new one is loaded.
+    const Slot& placed = m_slots[self];
     for (const Piece& p : pieces) {
         if (p.below == kNone)
             continue;
         Region& previous = *m_slots[p.below].region;
         if (previous.unloadTime() == 0) {
-            previous.setUnloadTime(region.loadTime());
-            QV_INFO("Set unload time = " << region.loadTime() << " for region ("
-                                         << ipSpan(previous.startAddress(), previous.endAddress()) << ")");
+            previous.setUnloadTime(placed.loadTime);
+            if (!quiet)
+                QV_INFO("Set unload time = " << placed.loadTime << " for region ("
+                                             << ipSpan(previous.startAddress(), previous.endAddress()) << ")");
         }
-        QV_INFO("Unloaded code region (ip range = " << ipSpan(p.start, p.end) << ") from method "
-                                                    << method.getRawMethodId() << ", name = "
-                                                    << method.getMethodName() << ", load time = "
-                                                    << method.getLoadTime());
+        if (!quiet)
+            QV_INFO("Unloaded code region (ip range = " << ipSpan(p.start, p.end) << ") from method "
+                                                        << placed.method->getRawMethodId() << ", name = "
+                                                        << placed.method->getMethodName() << ", load time = "
+                                                        << placed.method->getLoadTime());
     }
-    return self;
 }
 
 void AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slot) {
-    Slot& s = m_slots[owner];
-    const u64 ownerStart = s.region->startAddress();
-    const u64 ownerEnd = s.region->endAddress();
+    LinkRun& run = m_runs[owner];
+    const u64 ownerStart = m_slots[owner].start;
+    const u64 ownerEnd = m_slots[owner].end;
     // The owner's links as stretches, with the new region's stretches cut in.
     std::vector<Link> old;
-    if (s.linkCount)
-        old.assign(m_links.begin() + s.linksAt, m_links.begin() + s.linksAt + s.linkCount);
+    if (run.count)
+        old.assign(m_links.begin() + run.at, m_links.begin() + run.at + run.count);
     else
         old.push_back(Link{ownerStart, kNone});
     std::vector<Link> merged;
@@ -206,9 +212,9 @@ void AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slo
         if (at < to)
             add(at, old[i].slot);
     }
-    m_staleLinks += s.linkCount;
-    s.linksAt = static_cast<u32>(m_links.size());
-    s.linkCount = static_cast<u32>(merged.size());
+    m_staleLinks += run.count;
+    run.at = static_cast<u32>(m_links.size());
+    run.count = static_cast<u32>(merged.size());
     m_links.insert(m_links.end(), merged.begin(), merged.end());
 }
 
@@ -228,12 +234,11 @@ AddressLookup AddressHistory::find(u64 address, u64 timestamp) const {
     const Slot& s = m_slots[slot];
     result.region = s.region;
     result.method = s.method;
-    result.rangeStart = s.region->startAddress();
-    result.rangeEnd = s.region->endAddress();
-    result.jitRvaBias = s.region->startJitRva() - s.region->startAddress();
-    const u64 load = s.region->loadTime();
+    result.rangeStart = s.start;
+    result.rangeEnd = s.end;
+    result.jitRvaBias = s.region->startJitRva() - s.start;
     const u64 unload = s.region->unloadTime();
-    result.outcome = unload > load && unload <= timestamp ? AddressLookup::unloaded : AddressLookup::found;
+    result.outcome = unload > s.loadTime && unload <= timestamp ? AddressLookup::unloaded : AddressLookup::found;
     return result;
 }
 
@@ -250,12 +255,13 @@ AddressLookup AddressHistory::findLoadedAfter(u64 start, u64 end, u64 timestamp)
         result.outcome = AddressLookup::tooEarly;
         return result;
     }
+    const Slot& s = m_slots[best];
     result.outcome = AddressLookup::found;
-    result.region = m_slots[best].region;
-    result.method = m_slots[best].method;
-    result.rangeStart = result.region->startAddress();
-    result.rangeEnd = result.region->endAddress();
-    result.jitRvaBias = result.region->startJitRva() - result.region->startAddress();
+    result.region = s.region;
+    result.method = s.method;
+    result.rangeStart = s.start;
+    result.rangeEnd = s.end;
+    result.jitRvaBias = s.region->startJitRva() - s.start;
     return result;
 }
 
@@ -270,6 +276,11 @@ bool AddressHistory::endLife(u32 slot, u64 time) {
 }
 
 size_t AddressHistory::unload(u64 start, u64 end, u64 time) {
+    m_unloads.push_back(Unload{start, end, time, m_slots.size()});
+    return endLives(start, end, time);
+}
+
+size_t AddressHistory::endLives(u64 start, u64 end, u64 time) {
     size_t ended = 0;
     std::vector<u32> tops;
     m_top.forEachOverlapping(start, end, [&tops](const TopMap::Interval& top) { tops.push_back(top.slot); });
@@ -278,10 +289,10 @@ size_t AddressHistory::unload(u64 start, u64 end, u64 time) {
     // A live region that is not on top anywhere in the range was placed
     // below a later load: it is among the shadowed ones.
     for (size_t i = 0; i < m_shadowed.size();) {
-        const Region& region = *m_slots[m_shadowed[i]].region;
-        if (region.startAddress() < end && start < region.endAddress())
+        const Slot& s = m_slots[m_shadowed[i]];
+        if (s.start < end && start < s.end)
             ended += endLife(m_shadowed[i], time);
-        if (region.unloadTime() != 0) {
+        if (s.region->unloadTime() != 0) {
             m_shadowed[i] = m_shadowed.back();
             m_shadowed.pop_back();
             continue;
@@ -289,6 +300,35 @@ size_t AddressHistory::unload(u64 start, u64 end, u64 time) {
         ++i;
     }
     return ended;
+}
+
+void AddressHistory::freeze() {
+    m_top.clear();
+    std::vector<LinkRun>().swap(m_runs);
+    std::vector<Link>().swap(m_links);
+    std::vector<u32>().swap(m_shadowed);
+    m_staleLinks = 0;
+    m_frozen = true;
+}
+
+void AddressHistory::thaw() {
+    if (!m_frozen)
+        return;
+    m_frozen = false;
+    // The same steps in the same order give the same state; every life they
+    // end is ended already, with the same time.
+    std::vector<Piece> pieces;
+    size_t nextUnload = 0;
+    for (u32 slot = 0; slot <= m_slots.size(); ++slot) {
+        for (; nextUnload < m_unloads.size() && m_unloads[nextUnload].afterSlots == slot; ++nextUnload)
+            endLives(m_unloads[nextUnload].start, m_unloads[nextUnload].end, m_unloads[nextUnload].time);
+        if (slot == m_slots.size())
+            break;
+        const Slot& s = m_slots[slot];
+        u32 clash = kNone;
+        plan(s.start, s.end, s.loadTime, pieces, clash);
+        link(slot, pieces, true);
+    }
 }
 
 } // namespace quarvel_3_13

@@ -28,10 +28,11 @@ public:
     static const u32 kNone = 0xFFFFFFFFu;
 
     struct Slot {
+        u64 start;
+        u64 end;
+        u64 loadTime;
         Region* region;   // kept alive by its method
         JitMethod* method;
-        u32 linksAt = 0;  // its below links in m_links
-        u32 linkCount = 0; // 0: nothing was below it anywhere
     };
 
     // A stretch of a new region's range, with the region directly above it
@@ -43,6 +44,9 @@ public:
         u32 above;
         u32 below;
     };
+
+    // What follows needs the registration state (see thaw()), except the
+    // slots.
 
     // How a region [start, end) loaded at loadTime would be placed, in
     // address order. False when a region loaded at the same time holds part
@@ -66,6 +70,14 @@ public:
     // that was loaded before `time`. Returns how many ended.
     size_t unload(u64 start, u64 end, u64 time);
 
+    // Drops the registration state once the query index answers for the
+    // space: the top map and the links. The slots stay.
+    void freeze();
+    // Rebuilds the registration state by replaying the registrations and
+    // unloads in their order (the lives they ended are ended already).
+    void thaw();
+    bool frozen() const { return m_frozen; }
+
     const std::vector<Slot>& slots() const { return m_slots; }
     bool empty() const { return m_slots.empty(); }
     size_t topIntervals() const { return m_top.size(); }
@@ -76,8 +88,21 @@ private:
         u64 from; // the link holds from here to the next link (or the owner's end)
         u32 slot; // kNone: nothing below
     };
+    struct LinkRun { // a slot's below links in m_links; none: nothing was below it anywhere
+        u32 at = 0;
+        u32 count = 0;
+    };
+    struct Unload {
+        u64 start;
+        u64 end;
+        u64 time;
+        size_t afterSlots; // registered before it
+    };
 
-    u64 loadTime(u32 slot) const { return m_slots[slot].region->loadTime(); }
+    u64 loadTime(u32 slot) const { return m_slots[slot].loadTime; }
+    // Links the registered slot in along pieces.
+    void link(u32 self, const std::vector<Piece>& pieces, bool quiet);
+    size_t endLives(u64 start, u64 end, u64 time);
     u32 below(u32 slot, u64 address) const;
     void descend(u64 start, u64 end, u32 top, u64 loadTime, std::vector<Piece>& pieces, u32& clash,
                  bool& ok) const;
@@ -85,7 +110,12 @@ private:
     void relink(u32 owner, const std::vector<Piece>& pieces, u32 slot);
     bool endLife(u32 slot, u64 time);
 
-    std::vector<Slot> m_slots;
+    std::vector<Slot> m_slots; // in registration order
+    std::vector<Unload> m_unloads;
+    bool m_frozen = false;
+
+    // Registration state.
+    std::vector<LinkRun> m_runs; // per slot
     std::vector<Link> m_links;
     size_t m_staleLinks = 0;    // links of runs that a relink replaced
     TopMap m_top;

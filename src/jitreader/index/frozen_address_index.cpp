@@ -16,6 +16,20 @@ struct Item {
     u64 loadTime;
 };
 
+// Slot numbers in the order of one of their bounds; keys sorted with them, so
+// that the sort does not chase the slots.
+std::vector<u32> sortedBy(const std::vector<AddressHistory::Slot>& slots, u64 AddressHistory::Slot::*bound) {
+    std::vector<std::pair<u64, u32>> keyed(slots.size());
+    for (u32 i = 0; i < slots.size(); ++i)
+        keyed[i] = std::make_pair(slots[i].*bound, i);
+    if (!std::is_sorted(keyed.begin(), keyed.end()))
+        std::sort(keyed.begin(), keyed.end());
+    std::vector<u32> order(slots.size());
+    for (size_t i = 0; i < keyed.size(); ++i)
+        order[i] = keyed[i].second;
+    return order;
+}
+
 bool byNodeThenTime(const Item& a, const Item& b) {
     return a.node < b.node || (a.node == b.node && a.loadTime < b.loadTime);
 }
@@ -38,103 +52,143 @@ size_t FrozenAddressIndex::entryCount() const {
 
 void FrozenAddressIndex::build(const std::vector<AddressHistory::Slot>& slots) {
     clear();
-    if (slots.empty())
+    const size_t count = slots.size();
+    if (count == 0)
         return;
 
-    // Pieces: the stretches between consecutive region bounds that some region covers.
-    std::vector<u64> bounds;
-    bounds.reserve(slots.size() * 2);
-    for (const AddressHistory::Slot& s : slots) {
-        bounds.push_back(s.region->startAddress());
-        bounds.push_back(s.region->endAddress());
-    }
-    std::sort(bounds.begin(), bounds.end());
-    bounds.erase(std::unique(bounds.begin(), bounds.end()), bounds.end());
-    std::vector<int> cover(bounds.size(), 0);
-    auto boundIndex = [&bounds](u64 at) {
-        return static_cast<size_t>(std::lower_bound(bounds.begin(), bounds.end(), at) - bounds.begin());
-    };
-    for (const AddressHistory::Slot& s : slots) {
-        ++cover[boundIndex(s.region->startAddress())];
-        --cover[boundIndex(s.region->endAddress())];
-    }
-    int running = 0;
-    for (size_t k = 0; k + 1 < bounds.size(); ++k) {
-        running += cover[k];
-        if (running > 0) {
-            m_starts.push_back(bounds[k]);
-            Piece piece;
-            piece.end = bounds[k + 1];
-            m_pieces.push_back(piece);
+    // Pieces: the stretches between consecutive region bounds that some
+    // region covers, found by a sweep over the starts and the ends.
+    std::vector<u32> byStart = sortedBy(slots, &AddressHistory::Slot::start);
+    std::vector<u32> byEnd = sortedBy(slots, &AddressHistory::Slot::end);
+    std::vector<u32> firstPiece(count);
+    std::vector<u32> pastPiece(count);
+    std::vector<u64> ends;
+    for (int pass = 0; pass < 2; ++pass) {
+        // The first pass counts the pieces, so that the arrays are allocated once.
+        size_t pieces = 0;
+        size_t s = 0;
+        size_t e = 0;
+        size_t cover = 0;
+        while (s < count) {
+            const u64 at = std::min(slots[byStart[s]].start, slots[byEnd[e]].end);
+            for (; e < count && slots[byEnd[e]].end == at; ++e, --cover)
+                pastPiece[byEnd[e]] = static_cast<u32>(pieces);
+            for (; s < count && slots[byStart[s]].start == at; ++s, ++cover)
+                firstPiece[byStart[s]] = static_cast<u32>(pieces);
+            if (cover == 0)
+                continue;
+            const u64 next = s < count ? std::min(slots[byStart[s]].start, slots[byEnd[e]].end) : slots[byEnd[e]].end;
+            if (pass == 1) {
+                m_starts.push_back(at);
+                ends.push_back(next);
+            }
+            ++pieces;
+        }
+        // After the last start only ends are left: each closes a piece.
+        for (; e < count; ++e) {
+            const u64 at = slots[byEnd[e]].end;
+            pastPiece[byEnd[e]] = static_cast<u32>(pieces);
+            --cover;
+            if (cover == 0 || (e + 1 < count && slots[byEnd[e + 1]].end == at))
+                continue;
+            if (pass == 1) {
+                m_starts.push_back(at);
+                ends.push_back(slots[byEnd[e + 1]].end);
+            }
+            ++pieces;
+        }
+        if (pass == 0) {
+            m_starts.reserve(pieces);
+            ends.reserve(pieces);
         }
     }
-    std::vector<u64>().swap(bounds);
-    std::vector<int>().swap(cover);
-
-    // Each region to its pieces, or to the tree nodes that cover its run of pieces.
+    std::vector<u32>().swap(byStart);
+    std::vector<u32>().swap(byEnd);
     const size_t n = m_starts.size();
-    std::vector<Item> leafItems;
+
+    // Each region to its pieces (when it spans few), or to the tree nodes
+    // that cover its run of pieces.
+    std::vector<u32> leafCount(n + 1, 0);
     std::vector<Item> nodeItems;
-    leafItems.reserve(slots.size());
-    auto addToNode = [&](size_t node, u32 slot, u64 loadTime) {
-        if (node >= n)
-            leafItems.push_back(Item{static_cast<u32>(node - n), slot, loadTime});
-        else
-            nodeItems.push_back(Item{static_cast<u32>(node), slot, loadTime});
-    };
-    for (u32 slot = 0; slot < slots.size(); ++slot) {
-        const Region& region = *slots[slot].region;
-        const size_t first = pieceOf(region.startAddress());
-        const size_t last = static_cast<size_t>(
-            std::lower_bound(m_starts.begin(), m_starts.end(), region.endAddress()) - m_starts.begin());
+    for (u32 slot = 0; slot < count; ++slot) {
+        const size_t first = firstPiece[slot];
+        const size_t last = pastPiece[slot];
         if (last - first <= kCopiedSpan) {
             for (size_t p = first; p < last; ++p)
-                leafItems.push_back(Item{static_cast<u32>(p), slot, region.loadTime()});
+                ++leafCount[p];
             continue;
         }
         for (size_t l = first + n, r = last + n; l < r; l >>= 1, r >>= 1) {
             if (l & 1)
-                addToNode(l++, slot, region.loadTime());
+                nodeItems.push_back(Item{static_cast<u32>(l++), slot, slots[slot].loadTime});
             if (r & 1)
-                addToNode(--r, slot, region.loadTime());
+                nodeItems.push_back(Item{static_cast<u32>(--r), slot, slots[slot].loadTime});
         }
     }
+    // Leaf lists, grouped by piece (leafCount becomes their offsets).
+    u32 total = 0;
+    for (size_t p = 0; p <= n; ++p) {
+        const u32 c = leafCount[p];
+        leafCount[p] = total;
+        total += c;
+    }
+    std::vector<u32> leafSlots(total);
+    {
+        std::vector<u32> fill(leafCount.begin(), leafCount.end() - 1);
+        for (u32 slot = 0; slot < count; ++slot)
+            if (pastPiece[slot] - firstPiece[slot] <= kCopiedSpan)
+                for (size_t p = firstPiece[slot]; p < pastPiece[slot]; ++p)
+                    leafSlots[fill[p]++] = slot;
+    }
+    std::vector<u32>().swap(firstPiece);
+    std::vector<u32>().swap(pastPiece);
 
     auto entryOf = [&slots](u32 slot) {
         const AddressHistory::Slot& s = slots[slot];
         Entry e;
-        e.loadTime = s.region->loadTime();
+        e.loadTime = s.loadTime;
         e.unloadTime = s.region->unloadTime();
-        e.jitRvaBias = s.region->startJitRva() - s.region->startAddress();
+        e.jitRvaBias = s.region->startJitRva() - s.start;
         e.region = s.region;
         e.method = s.method;
         return e;
     };
+    auto byLoadTime = [&slots](u32 a, u32 b) { return slots[a].loadTime < slots[b].loadTime; };
 
-    std::sort(leafItems.begin(), leafItems.end(), byNodeThenTime);
-    m_entries.reserve(leafItems.size() - std::min(leafItems.size(), n) + nodeItems.size());
-    for (size_t i = 0; i < leafItems.size();) {
-        size_t j = i;
-        while (j < leafItems.size() && leafItems[j].node == leafItems[i].node)
-            ++j;
-        Piece& piece = m_pieces[leafItems[i].node];
-        piece.olderAt = static_cast<u32>(m_entries.size());
-        piece.olderCount = static_cast<u32>(j - 1 - i);
-        for (size_t k = i; k + 1 < j; ++k)
-            m_entries.push_back(entryOf(leafItems[k].slot));
-        piece.top = entryOf(leafItems[j - 1].slot);
-        i = j;
-    }
-    std::vector<Item>().swap(leafItems);
-
+    // Leaf tree nodes are pieces: their regions join the pieces' lists.
     std::sort(nodeItems.begin(), nodeItems.end(), byNodeThenTime);
-    if (!nodeItems.empty()) {
+    auto leafEnd = std::partition_point(nodeItems.begin(), nodeItems.end(), [n](const Item& i) { return i.node < n; });
+    m_pieces.resize(n);
+    m_entries.reserve(total - std::min<size_t>(total, n) + static_cast<size_t>(nodeItems.end() - nodeItems.begin()));
+    auto item = leafEnd;
+    std::vector<u32> list;
+    for (size_t p = 0; p < n; ++p) {
+        list.assign(leafSlots.begin() + leafCount[p], leafSlots.begin() + leafCount[p + 1]);
+        for (; item != nodeItems.end() && item->node == p + n; ++item)
+            list.push_back(item->slot);
+        if (list.size() > 1)
+            std::sort(list.begin(), list.end(), byLoadTime);
+        Piece& piece = m_pieces[p];
+        piece.end = ends[p];
+        if (list.empty())
+            continue;
+        piece.olderAt = static_cast<u32>(m_entries.size());
+        piece.olderCount = static_cast<u32>(list.size() - 1);
+        for (size_t k = 0; k + 1 < list.size(); ++k)
+            m_entries.push_back(entryOf(list[k]));
+        piece.top = entryOf(list.back());
+    }
+    std::vector<u32>().swap(leafSlots);
+    std::vector<u64>().swap(ends);
+
+    // Inner tree nodes, in node order.
+    if (leafEnd != nodeItems.begin()) {
         m_nodeFirst.assign(n + 1, 0);
-        size_t k = 0;
+        auto it = nodeItems.begin();
         for (size_t node = 0; node < n; ++node) {
             m_nodeFirst[node] = static_cast<u32>(m_entries.size());
-            for (; k < nodeItems.size() && nodeItems[k].node == node; ++k)
-                m_entries.push_back(entryOf(nodeItems[k].slot));
+            for (; it != leafEnd && it->node == node; ++it)
+                m_entries.push_back(entryOf(it->slot));
         }
         m_nodeFirst[n] = static_cast<u32>(m_entries.size());
         // A piece inherits when any inner node above it holds a region.

@@ -45,6 +45,10 @@ JitDataManager::~JitDataManager() = default;
 // ---------------------------------------------------------------------------
 // Address spaces
 
+JitDataManager::AddressSpace* JitDataManager::existingSpace(u32 pid, u32 hostId) {
+    return const_cast<AddressSpace*>(space(pid, hostId));
+}
+
 const JitDataManager::AddressSpace* JitDataManager::space(u32 pid, u32 hostId) const {
     const u64 key = spaceKey(pid, hostId);
     const auto it = std::lower_bound(m_spaces.begin(), m_spaces.end(), key,
@@ -121,11 +125,14 @@ Status JitDataManager::processMethodLoadRecord(u32 processId, u32 hostId, const 
 }
 
 Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMethod::Ptr& rawMethod) {
-    // A copy: the stored method may be rawMethod itself, and it grows below.
-    const std::vector<Region::Ptr> newRegions = rawMethod->regions();
     const u32 rawId = rawMethod->getRawMethodId();
     const u32 known = m_methods.find(rawMethod->getMethodId());
     const JitMethod::Ptr stored = known == MethodRegistry::kNone ? JitMethod::Ptr() : m_methods.at(known);
+    // A copy when the stored method is rawMethod itself: it grows below.
+    std::vector<Region::Ptr> copy;
+    if (stored == rawMethod)
+        copy = rawMethod->regions();
+    const std::vector<Region::Ptr>& newRegions = stored == rawMethod ? copy : rawMethod->regions();
     if (stored) {
         QV_TRACE("Detected already cached code region with the same method id "
                  << rawId << ", name = " << rawMethod->getMethodName() << ", load time = "
@@ -156,8 +163,22 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
                             << ipSpan(region.startAddress(), region.endAddress())
                             << ", loadTime=" << region.loadTime() << ") in the single time domain");
     };
-    // Within the record: sorted, neighbours tell whether any two overlap.
-    if (newRegions.size() > 1) {
+    // Within the record: no two regions share jit rvas, nor addresses at one moment.
+    auto sameMoment = [](const Region& a, const Region& b) {
+        return a.hostId() == b.hostId() && a.processId() == b.processId() && a.loadTime() == b.loadTime();
+    };
+    if (newRegions.size() > 1 && newRegions.size() <= 8) {
+        for (size_t j = 1; j < newRegions.size(); ++j)
+            for (size_t i = 0; i < j; ++i) {
+                const Region& a = *newRegions[i];
+                const Region& b = *newRegions[j];
+                if (a.startJitRva() < b.startJitRva() + b.length() && b.startJitRva() < a.startJitRva() + a.length())
+                    return jitRvaClash(b);
+                if (sameMoment(a, b) && a.startAddress() < b.endAddress() && b.startAddress() < a.endAddress())
+                    return timeClash(b);
+            }
+    } else if (newRegions.size() > 8) {
+        // Sorted, neighbours tell whether any two overlap.
         std::vector<size_t> order(newRegions.size());
         std::iota(order.begin(), order.end(), 0);
         std::sort(order.begin(), order.end(), [&](size_t a, size_t b) {
@@ -169,7 +190,6 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
             if (b.startJitRva() < a.startJitRva() + a.length())
                 return jitRvaClash(*newRegions[std::max(order[i - 1], order[i])]);
         }
-        // Regions of one moment in one address space may not share an address.
         std::sort(order.begin(), order.end(), [&](size_t a, size_t b) {
             const Region& ra = *newRegions[a];
             const Region& rb = *newRegions[b];
@@ -180,21 +200,36 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
         for (size_t i = 1; i < order.size(); ++i) {
             const Region& a = *newRegions[order[i - 1]];
             const Region& b = *newRegions[order[i]];
-            const bool sameMoment =
-                a.hostId() == b.hostId() && a.processId() == b.processId() && a.loadTime() == b.loadTime();
-            reach = sameMoment ? std::max(reach, a.endAddress()) : 0;
-            if (sameMoment && b.startAddress() < reach)
+            reach = sameMoment(a, b) ? std::max(reach, a.endAddress()) : 0;
+            if (sameMoment(a, b) && b.startAddress() < reach)
                 return timeClash(*newRegions[std::max(order[i - 1], order[i])]);
         }
     }
+    std::vector<AddressSpace*> thawed; // frozen spaces that planning needs as they were being read
+    bool planned = false; // m_pieces holds the plan of the last region checked
     for (const Region::Ptr& region : newRegions) {
-        if (m_jitRvas.findOverlap(region->startJitRva(), region->length()))
-            return jitRvaClash(*region);
-        const AddressSpace* target = space(region->processId(), region->hostId());
-        u32 clash = AddressHistory::kNone;
-        if (target &&
-            !target->history.plan(region->startAddress(), region->endAddress(), region->loadTime(), m_pieces, clash))
-            return timeClash(*region);
+        planned = false;
+        const Region* refused = nullptr;
+        bool jitRvas = false;
+        if (m_jitRvas.findOverlap(region->startJitRva(), region->length())) {
+            refused = region.get();
+            jitRvas = true;
+        } else if (AddressSpace* target = existingSpace(region->processId(), region->hostId())) {
+            if (target->history.frozen()) {
+                target->history.thaw();
+                thawed.push_back(target);
+            }
+            u32 clash = AddressHistory::kNone;
+            planned = target->history.plan(region->startAddress(), region->endAddress(), region->loadTime(), m_pieces,
+                                           clash);
+            if (!planned)
+                refused = region.get();
+        }
+        if (refused) {
+            for (AddressSpace* back : thawed)
+                back->history.freeze();
+            return jitRvas ? jitRvaClash(*refused) : timeClash(*refused);
+        }
     }
 
     // Accepted.
@@ -236,10 +271,13 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
     for (const Region::Ptr& region : newRegions) {
         m_jitRvas.add(RegionInfo{region->startJitRva(), region->length(), region.get(), method.get()});
         AddressSpace& target = spaceFor(region->processId(), region->hostId());
-        u32 clash = AddressHistory::kNone;
-        const bool planned =
-            target.history.plan(region->startAddress(), region->endAddress(), region->loadTime(), m_pieces, clash);
-        QV_CHECK(planned, continue); // checked above
+        // The plan of the check above still holds for a record's only region.
+        if (newRegions.size() > 1 || !planned) {
+            u32 clash = AddressHistory::kNone;
+            const bool ok =
+                target.history.plan(region->startAddress(), region->endAddress(), region->loadTime(), m_pieces, clash);
+            QV_CHECK(ok, continue); // checked above
+        }
         target.history.place(*region, *method, m_pieces);
         markChanged(target);
         if (std::any_of(m_pieces.begin(), m_pieces.end(),
@@ -345,9 +383,9 @@ Status JitDataManager::processCodeUnload(u32 pid, u32 hostId, u64 startAddress, 
         return Status::success();
     }
     AddressSpace& target = spaceFor(pid, hostId);
+    target.history.thaw();
     const size_t ended = target.history.unload(startAddress, endAddress, time);
-    if (ended)
-        markChanged(target);
+    markChanged(target); // the unload is part of the history even when it ended nothing
     QV_INFO("Unloaded " << ended << " code region(s) at ip range " << ipSpan(startAddress, endAddress)
                         << ", time = " << time);
     return Status::success();
@@ -360,6 +398,8 @@ void JitDataManager::finalize() {
     m_methods.internNewModules();
     m_inlines.normalizePending();
     for (AddressSpace* changed : m_changedSpaces) {
+        // What registration needs goes before the query index is built.
+        changed->history.freeze();
         changed->frozen.build(changed->history.slots());
         m_indexedRegions += changed->history.slots().size();
         changed->frozenCurrent = true;

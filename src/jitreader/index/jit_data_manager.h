@@ -115,6 +115,7 @@ private:
     };
 
     const AddressSpace* space(u32 pid, u32 hostId) const;
+    AddressSpace* existingSpace(u32 pid, u32 hostId);
     AddressSpace& spaceFor(u32 pid, u32 hostId);
     void markChanged(AddressSpace& space);
     // The lookup of findRegion, without logging.

@@ -33,6 +33,8 @@ const RegionInfo* JitRvaIndex::find(u64 jitRva) const {
 }
 
 const RegionInfo* JitRvaIndex::findOverlap(u64 start, u32 length) const {
+    if (start >= m_maxEnd)
+        return nullptr; // the common case: a file's regions come in jit rva order
     const u64 end = start + length;
     for (const Run& run : m_runs) {
         auto it = firstEndingAbove(run, start);
@@ -50,6 +52,7 @@ void JitRvaIndex::add(const RegionInfo& info) {
     }
     m_runs.back().push_back(info);
     ++m_size;
+    m_maxEnd = std::max(m_maxEnd, info.endJitRva());
 }
 
 // Merges the last run into the one before it while it is at least half as

@@ -49,6 +49,7 @@ private:
 
     std::vector<Run> m_runs; // all sealed but the last, which takes appends
     size_t m_size = 0;
+    u64 m_maxEnd = 0; // nothing registered ends above it
 };
 
 } // namespace quarvel_3_13

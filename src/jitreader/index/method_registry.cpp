@@ -2,6 +2,8 @@
 
 #include "model/module.h"
 
+#include <cstring>
+
 namespace quarvel_3_13 {
 
 namespace {
@@ -24,7 +26,7 @@ bool sameModule(const IModule& a, const IModule& b) {
     const char* pa = a.getFilePath();
     const char* pb = b.getFilePath();
     return a.isBogus() == b.isBogus() && a.getArchitecture() == b.getArchitecture() &&
-           std::string(pa ? pa : "") == (pb ? pb : "");
+           std::strcmp(pa ? pa : "", pb ? pb : "") == 0;
 }
 
 } // namespace

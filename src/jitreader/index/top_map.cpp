@@ -1,66 +1,118 @@
 #include "index/top_map.h"
 
+#include <algorithm>
+
 namespace quarvel_3_13 {
 
-TopMap::Intervals::const_iterator TopMap::firstEndingAfterIt(u64 address) const {
-    auto it = m_intervals.upper_bound(address);
-    if (it != m_intervals.begin()) {
-        auto previous = std::prev(it);
-        if (previous->second.end > address)
-            return previous;
-    }
-    return it;
+void TopMap::clear() {
+    std::vector<Chunk>().swap(m_chunks);
+    std::vector<u64>().swap(m_firstStarts);
+    m_size = 0;
+}
+
+TopMap::Position TopMap::firstEndingAfterPosition(u64 address) const {
+    if (m_chunks.empty())
+        return Position{0, 0};
+    size_t c = static_cast<size_t>(std::upper_bound(m_firstStarts.begin(), m_firstStarts.end(), address) -
+                                   m_firstStarts.begin());
+    c = c ? c - 1 : 0;
+    const Chunk& chunk = m_chunks[c];
+    size_t i = static_cast<size_t>(
+        std::upper_bound(chunk.begin(), chunk.end(), address, [](u64 a, const Interval& e) { return a < e.start; }) -
+        chunk.begin());
+    if (i > 0 && chunk[i - 1].end > address)
+        --i;
+    if (i == chunk.size())
+        return Position{c + 1, 0}; // the next chunk starts above address
+    return Position{c, i};
 }
 
 bool TopMap::find(u64 address, Interval& out) const {
-    auto it = m_intervals.upper_bound(address);
-    if (it == m_intervals.begin())
+    const Position at = firstEndingAfterPosition(address);
+    if (at.chunk == m_chunks.size())
         return false;
-    --it;
-    if (it->second.end <= address)
+    const Interval& interval = m_chunks[at.chunk][at.index];
+    if (interval.start > address)
         return false;
-    out = Interval{it->first, it->second.end, it->second.slot};
+    out = interval;
     return true;
 }
 
 bool TopMap::firstEndingAfter(u64 address, Interval& out) const {
-    auto it = firstEndingAfterIt(address);
-    if (it == m_intervals.end())
+    const Position at = firstEndingAfterPosition(address);
+    if (at.chunk == m_chunks.size())
         return false;
-    out = Interval{it->first, it->second.end, it->second.slot};
+    out = m_chunks[at.chunk][at.index];
     return true;
 }
 
+void TopMap::insertAt(Position at, const Interval& interval) {
+    ++m_size;
+    if (m_chunks.empty()) {
+        m_chunks.emplace_back(1, interval);
+        m_firstStarts.push_back(interval.start);
+        return;
+    }
+    if (at.chunk == m_chunks.size())
+        at = Position{m_chunks.size() - 1, m_chunks.back().size()};
+    Chunk& chunk = m_chunks[at.chunk];
+    chunk.insert(chunk.begin() + static_cast<std::ptrdiff_t>(at.index), interval);
+    if (at.index == 0)
+        m_firstStarts[at.chunk] = interval.start;
+    if (chunk.size() > kChunk) {
+        Chunk upper(chunk.begin() + static_cast<std::ptrdiff_t>(kChunk / 2), chunk.end());
+        chunk.resize(kChunk / 2);
+        const u64 upperStart = upper.front().start;
+        m_chunks.insert(m_chunks.begin() + static_cast<std::ptrdiff_t>(at.chunk + 1), std::move(upper));
+        m_firstStarts.insert(m_firstStarts.begin() + static_cast<std::ptrdiff_t>(at.chunk + 1), upperStart);
+    }
+}
+
+void TopMap::eraseAt(Position at) {
+    --m_size;
+    Chunk& chunk = m_chunks[at.chunk];
+    chunk.erase(chunk.begin() + static_cast<std::ptrdiff_t>(at.index));
+    if (chunk.empty()) {
+        m_chunks.erase(m_chunks.begin() + static_cast<std::ptrdiff_t>(at.chunk));
+        m_firstStarts.erase(m_firstStarts.begin() + static_cast<std::ptrdiff_t>(at.chunk));
+    } else if (at.index == 0) {
+        m_firstStarts[at.chunk] = chunk.front().start;
+    }
+}
+
 void TopMap::assign(u64 start, u64 end, u32 slot) {
-    auto it = m_intervals.upper_bound(start);
-    if (it != m_intervals.begin()) {
-        auto previous = std::prev(it);
-        if (previous->second.end > start) {
-            if (previous->first == start) {
-                it = previous; // cut by the loop below
-            } else {
-                // The interval that holds start keeps its head, and its tail when it reaches past end.
-                const Tail old = previous->second;
-                previous->second.end = start;
-                if (old.end > end) {
-                    m_intervals.emplace(end, old);
-                    m_intervals.emplace(start, Tail{end, slot});
-                    return;
-                }
+    Position at = firstEndingAfterPosition(start);
+    if (at.chunk < m_chunks.size()) {
+        Interval& first = m_chunks[at.chunk][at.index];
+        if (first.start < start) {
+            // It keeps its head, and its tail when it reaches past end.
+            const Interval old = first;
+            first.end = start;
+            if (old.end > end) {
+                insertAt(Position{at.chunk, at.index + 1}, Interval{start, end, slot});
+                insertAt(firstEndingAfterPosition(end), Interval{end, old.end, old.slot});
+                return;
             }
+            if (++at.index == m_chunks[at.chunk].size())
+                at = Position{at.chunk + 1, 0};
         }
     }
-    while (it != m_intervals.end() && it->first < end) {
-        if (it->second.end > end) {
-            // The last one keeps its tail.
-            const Tail old = it->second;
-            it = m_intervals.erase(it);
-            it = m_intervals.emplace_hint(it, end, old);
+    // What starts inside [start, end) goes, but a tail reaching past end.
+    while (at.chunk < m_chunks.size()) {
+        Interval& next = m_chunks[at.chunk][at.index];
+        if (next.start >= end)
+            break;
+        if (next.end > end) {
+            next.start = end;
+            if (at.index == 0)
+                m_firstStarts[at.chunk] = end;
             break;
         }
-        it = m_intervals.erase(it);
+        eraseAt(at);
+        if (at.chunk < m_chunks.size() && at.index == m_chunks[at.chunk].size())
+            at = Position{at.chunk + 1, 0};
     }
-    m_intervals.emplace_hint(it, start, Tail{end, slot});
+    insertAt(at, Interval{start, end, slot});
 }
 
 } // namespace quarvel_3_13

@@ -4,7 +4,7 @@
 #include <quarvel/types.h>
 
 #include <cstddef>
-#include <map>
+#include <vector>
 
 namespace quarvel_3_13 {
 
@@ -12,6 +12,9 @@ namespace quarvel_3_13 {
 // loaded last over it: the latest moment of an address space's history. A new
 // load replaces what it covers, so the map stays as large as the number of
 // intervals currently visible, however much history lies below them.
+//
+// Stored as sorted chunks of at most kChunk intervals (24 bytes each, no node
+// per interval), found through the first start of each chunk.
 class TopMap {
 public:
     struct Interval {
@@ -29,28 +32,41 @@ public:
     // address order, unclipped.
     template <typename Visit>
     void forEachOverlapping(u64 start, u64 end, Visit visit) const {
-        auto it = firstEndingAfterIt(start);
-        for (; it != m_intervals.end() && it->first < end; ++it)
-            visit(Interval{it->first, it->second.end, it->second.slot});
+        Position at = firstEndingAfterPosition(start);
+        while (at.chunk < m_chunks.size()) {
+            const Interval& interval = m_chunks[at.chunk][at.index];
+            if (interval.start >= end)
+                return;
+            visit(interval);
+            if (++at.index == m_chunks[at.chunk].size()) {
+                ++at.chunk;
+                at.index = 0;
+            }
+        }
     }
 
     // [start, end) names slot from now on; what it covered is cut away.
     void assign(u64 start, u64 end, u32 slot);
 
-    size_t size() const { return m_intervals.size(); }
-    bool empty() const { return m_intervals.empty(); }
-    void clear() { m_intervals.clear(); }
+    size_t size() const { return m_size; }
+    bool empty() const { return m_size == 0; }
+    void clear();
 
 private:
-    struct Tail {
-        u64 end;
-        u32 slot;
+    static const size_t kChunk = 64;
+    typedef std::vector<Interval> Chunk;
+    struct Position {
+        size_t chunk;
+        size_t index;
     };
-    typedef std::map<u64, Tail> Intervals; // by start
 
-    Intervals::const_iterator firstEndingAfterIt(u64 address) const;
+    Position firstEndingAfterPosition(u64 address) const;
+    void insertAt(Position at, const Interval& interval);
+    void eraseAt(Position at);
 
-    Intervals m_intervals;
+    std::vector<Chunk> m_chunks;    // non-empty, in address order
+    std::vector<u64> m_firstStarts; // start of each chunk's first interval
+    size_t m_size = 0;
 };
 
 } // namespace quarvel_3_13
