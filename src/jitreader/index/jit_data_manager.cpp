@@ -111,7 +111,7 @@ Status JitDataManager::processMethodLoadRecord(u32 processId, u32 hostId, const 
         // Names and line tables without code: listed, owning no addresses.
         if (m_methods.find(rawMethod->getMethodId()) == MethodRegistry::kNone) {
             m_methods.add(rawMethod, processId, hostId);
-            m_methods.internModule(*rawMethod);
+            m_methods.internShared(*rawMethod);
             if (m_collectorType == ctJitProfiler)
                 m_inlines.offerParent(rawMethod);
         } else {
@@ -237,7 +237,7 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
     if (!stored) {
         method = rawMethod;
         m_methods.add(rawMethod, processId, hostId);
-        m_methods.internModule(*rawMethod);
+        m_methods.internShared(*rawMethod);
         // Decoders key line tables by offsets from the method's first byte;
         // a registered method answers by jit rva.
         rawMethod->normalizeLineNumberInfoJitRvaRanges(methodStartJitRva(*rawMethod));
@@ -326,7 +326,7 @@ Status JitDataManager::processMethodInlineLoadRecord(u32 processId, u32 hostId, 
     QV_INDEX_CHECK(rawRegion->startJitRva() == 0, meNotFound);
     QV_INDEX_CHECK(fitsIn64(rawRegion->startAddress(), rawRegion->length()), meNotFound);
 
-    m_methods.internModule(*rawMethod);
+    m_methods.internShared(*rawMethod);
     if (byId)
         return m_inlines.attachById(rawMethod);
 

@@ -29,6 +29,11 @@ bool sameModule(const IModule& a, const IModule& b) {
            std::strcmp(pa ? pa : "", pb ? pb : "") == 0;
 }
 
+bool sameSourceFile(const SourceFile& a, const SourceFile& b) {
+    return a.getChecksumType() == b.getChecksumType() && a.getLanguageType() == b.getLanguageType() &&
+           a.name() == b.name() && std::strcmp(a.getChecksum(), b.getChecksum()) == 0;
+}
+
 } // namespace
 
 u32 MethodRegistry::find(const BaseMethodId& id) const {
@@ -60,7 +65,7 @@ void MethodRegistry::grow() {
 }
 
 void MethodRegistry::add(const JitMethod::Ptr& method, u32 pid, u32 hostId) {
-    if ((m_methods.size() + 1) * 2 > m_ids.size())
+    if ((m_methods.size() + 1) * 4 > m_ids.size() * 3)
         grow();
     const u32 index = static_cast<u32>(m_methods.size());
     m_methods.push_back(method);
@@ -86,6 +91,31 @@ void MethodRegistry::internModule(JitMethod& method) {
     if (!inserted.second)
         method.info()->setModule(inserted.first->second);
     m_lastModule = inserted.first->second;
+}
+
+void MethodRegistry::internShared(JitMethod& method) {
+    internModule(method);
+    internSourceFile(method);
+}
+
+void MethodRegistry::internSourceFile(JitMethod& method) {
+    const SourceFile::Ptr& file = method.info()->sharedSourceFile();
+    if (!file)
+        return;
+    if (m_lastSourceFile && (file == m_lastSourceFile || sameSourceFile(*file, *m_lastSourceFile))) {
+        if (file != m_lastSourceFile)
+            method.info()->shareSourceFile(m_lastSourceFile);
+        return;
+    }
+    std::string key = file->name();
+    key += '\0';
+    key += file->getChecksum();
+    key += '\0';
+    key += std::to_string(file->getChecksumType()) + '/' + std::to_string(file->getLanguageType());
+    const auto inserted = m_sourceFiles.emplace(std::move(key), file);
+    if (!inserted.second)
+        method.info()->shareSourceFile(inserted.first->second);
+    m_lastSourceFile = inserted.first->second;
 }
 
 void MethodRegistry::internNewModules() {

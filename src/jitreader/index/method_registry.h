@@ -3,6 +3,7 @@
 
 #include "model/base_method_id.h"
 #include "model/jit_method.h"
+#include "model/source_file.h"
 
 #include <quarvel/symbol.h>
 #include <quarvel/types.h>
@@ -31,8 +32,8 @@ public:
     const JitMethod::Ptr& at(u32 index) const { return m_methods[index]; }
     size_t size() const { return m_methods.size(); }
 
-    // Gives the method the shared module object equal to its own.
-    void internModule(JitMethod& method);
+    // Gives the method the shared module and source file objects equal to its own.
+    void internShared(JitMethod& method);
     // Interns again the modules of methods registered since the last call
     // (the reading pass may rename them after registration).
     void internNewModules();
@@ -51,9 +52,14 @@ private:
 
     JitMethodStorage m_methods;
     std::vector<u64> m_spaces; // (host id << 32 | pid) per method
-    std::vector<IdSlot> m_ids; // power-of-two size, at most half full
+    std::vector<IdSlot> m_ids; // power-of-two size, at most 3/4 full
+    void internModule(JitMethod& method);
+    void internSourceFile(JitMethod& method);
+
     std::unordered_map<std::string, IModule::Ptr> m_modules;
     IModule::Ptr m_lastModule; // most records name the module of the record before
+    std::unordered_map<std::string, SourceFile::Ptr> m_sourceFiles;
+    SourceFile::Ptr m_lastSourceFile;
     size_t m_modulesInterned = 0;
 
     // (module path, raw id) -> method index, filled up to m_symbolsIndexed.

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <algorithm>
 #include <utility>
 
 namespace quarvel_3_13 {
@@ -68,12 +69,60 @@ bool demangle(const std::string& name, std::string& shortName, std::string& full
 
 } // namespace
 
+BaseMethodInfo::BaseMethodInfo(const BaseMethodInfo& other)
+    : BaseObject(),
+      m_methodId(other.m_methodId),
+      m_parentId(other.m_parentId),
+      m_methodToken(other.m_methodToken),
+      m_module(other.m_module),
+      m_sourceFile(other.m_sourceFile) {
+    setNames(other.className(), other.methodName(), other.qualifiedMethodName());
+}
+
+BaseMethodInfo& BaseMethodInfo::operator=(const BaseMethodInfo& other) {
+    if (this != &other) {
+        m_methodId = other.m_methodId;
+        m_parentId = other.m_parentId;
+        m_methodToken = other.m_methodToken;
+        m_module = other.m_module;
+        m_sourceFile = other.m_sourceFile;
+        setNames(other.className(), other.methodName(), other.qualifiedMethodName());
+    }
+    return *this;
+}
+
+std::string_view BaseMethodInfo::name(int which) const {
+    if (!m_names)
+        return std::string_view("", 0);
+    const u32 begin = which == 0 ? 0 : m_nameEnds[which - 1] + 1;
+    return std::string_view(m_names.get() + begin, m_nameEnds[which] - begin);
+}
+
+void BaseMethodInfo::setNames(std::string_view className, std::string_view methodName, std::string_view qualified) {
+    if (className.empty() && methodName.empty() && qualified.empty()) {
+        m_names.reset();
+        m_nameEnds[0] = m_nameEnds[1] = m_nameEnds[2] = 0;
+        return;
+    }
+    const size_t total = className.size() + methodName.size() + qualified.size() + 3;
+    std::unique_ptr<char[]> names(new char[total]);
+    char* at = names.get();
+    const std::string_view parts[3] = {className, methodName, qualified};
+    for (int i = 0; i < 3; ++i) {
+        at = std::copy(parts[i].begin(), parts[i].end(), at);
+        *at = '\0';
+        m_nameEnds[i] = static_cast<u32>(at - names.get());
+        ++at;
+    }
+    m_names = std::move(names);
+}
+
 void BaseMethodInfo::setClassName(const std::string& name) {
     if (name.empty())
         return;
-    std::string joined = joinDotted(name);
+    const std::string joined = joinDotted(name);
     if (!joined.empty())
-        m_className = std::move(joined);
+        setNames(joined, methodName(), qualifiedMethodName());
 }
 
 void BaseMethodInfo::setMethodName(const std::string& name) {
@@ -83,29 +132,37 @@ void BaseMethodInfo::setMethodName(const std::string& name) {
     std::string shortName;
     std::string fullName;
     if (demangle(name, shortName, fullName) && !shortName.empty() && shortName != name) {
-        m_methodName = shortName;
-        m_qualifiedMethodName = fullName;
+        setNames(className(), shortName, fullName);
         return;
     }
 
     // Not mangled: qualify with the class. The parameter list is split at
     // dots too, so run(java.lang.String) in pkg::Foo is pkg::Foo::run(java::lang::String).
-    std::string qualified = m_className.empty() ? std::string() : m_className + "::";
+    std::string qualified = className().empty() ? std::string() : std::string(className()) + "::";
     qualified += joinDotted(name);
 
     const size_t paren = qualified.find('(');
+    std::string_view shortView = methodName();
     if (paren != std::string::npos)
-        m_methodName = qualified.substr(0, paren);
+        shortView = std::string_view(qualified).substr(0, paren);
     else if (!qualified.empty())
-        m_methodName = qualified;
-    if (!qualified.empty())
-        m_qualifiedMethodName = std::move(qualified);
+        shortView = qualified;
+    if (qualified.empty()) {
+        return;
+    }
+    const std::string keptShort(shortView); // may point into the names being replaced
+    setNames(className(), keptShort, qualified);
+}
+
+const SourceFile& BaseMethodInfo::sourceFile() const {
+    static const SourceFile none;
+    return m_sourceFile ? *m_sourceFile : none;
 }
 
 ISourceFile::Ptr BaseMethodInfo::getSourceFile() const {
-    if (m_sourceFile.name().empty())
+    if (!m_sourceFile || m_sourceFile->name().empty())
         return ISourceFile::Ptr();
-    return ISourceFile::Ptr(new SourceFile(m_sourceFile));
+    return ISourceFile::Ptr(new SourceFile(*m_sourceFile));
 }
 
 } // namespace quarvel_3_13

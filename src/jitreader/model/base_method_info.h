@@ -6,7 +6,9 @@
 
 #include <quarvel/symbol.h>
 
+#include <memory>
 #include <string>
+#include <string_view>
 
 namespace quarvel_3_13 {
 
@@ -23,9 +25,10 @@ public:
     unsigned methodToken() const { return m_methodToken; }
     void setMethodToken(unsigned token) { m_methodToken = token; }
 
-    const std::string& methodName() const { return m_methodName; }
-    const std::string& qualifiedMethodName() const { return m_qualifiedMethodName; }
-    const std::string& className() const { return m_className; }
+    // Names, NUL-terminated (data() is a C string).
+    std::string_view methodName() const { return name(1); }
+    std::string_view qualifiedMethodName() const { return name(2); }
+    std::string_view className() const { return name(0); }
 
     // "a.b.C" is stored as "a::b::C"; empty input or dots only keep the old name.
     void setClassName(const std::string& name);
@@ -36,20 +39,31 @@ public:
     const IModule::Ptr& module() const { return m_module; }
     void setModule(const IModule::Ptr& module) { m_module = module; }
 
-    const SourceFile& sourceFile() const { return m_sourceFile; }
-    void setSourceFile(const SourceFile& file) { m_sourceFile = file; }
+    // The source file, shared (it never changes once set): methods of one
+    // file may hold one object.
+    const SourceFile& sourceFile() const;
+    void setSourceFile(const SourceFile& file) { m_sourceFile = SourceFile::Ptr(new SourceFile(file)); }
+    const SourceFile::Ptr& sharedSourceFile() const { return m_sourceFile; }
+    void shareSourceFile(const SourceFile::Ptr& file) { m_sourceFile = file; }
     // Null when the source file name is empty; a new object on every call.
     ISourceFile::Ptr getSourceFile() const;
 
+    BaseMethodInfo() = default;
+    BaseMethodInfo(const BaseMethodInfo& other);
+    BaseMethodInfo& operator=(const BaseMethodInfo& other);
+
 private:
+    // 0: class, 1: method, 2: qualified method name.
+    std::string_view name(int which) const;
+    void setNames(std::string_view className, std::string_view methodName, std::string_view qualified);
+
     BaseMethodId m_methodId;
     BaseMethodId m_parentId;
     unsigned m_methodToken = 0;
-    std::string m_methodName;
-    std::string m_qualifiedMethodName;
-    std::string m_className;
+    u32 m_nameEnds[3] = {0, 0, 0};     // the names, each with its NUL, one after the other in m_names
+    std::unique_ptr<char[]> m_names;   // one allocation for the three names
     IModule::Ptr m_module;
-    SourceFile m_sourceFile;
+    SourceFile::Ptr m_sourceFile;
 };
 
 } // namespace quarvel_3_13

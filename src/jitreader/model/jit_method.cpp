@@ -205,10 +205,11 @@ void JitMethod::normalizeLineNumberInfoJitRvaRanges(jit_rva_t newStart) {
     if (m_lineInfo.empty())
         return;
     LineInfoMap normalized;
-    // The tables move to their new keys; the old map is dropped below.
-    for (auto& entry : m_lineInfo) {
-        const bool ret =
-            normalized.emplace(Range(entry.first.start + newStart, entry.first.length), std::move(entry.second)).second;
+    // The nodes move to their new keys, without being made again.
+    while (!m_lineInfo.empty()) {
+        LineInfoMap::node_type node = m_lineInfo.extract(m_lineInfo.begin());
+        node.key() = Range(node.key().start + newStart, node.key().length);
+        const bool ret = normalized.insert(std::move(node)).inserted;
         QV_CHECK(ret, continue);
     }
     m_lineInfo.swap(normalized);
@@ -252,6 +253,17 @@ void JitMethod::compareSymbolicInfoTo(const Ptr& jitMethod) const {
 }
 
 void JitMethod::markAsUnloaded(u64 /*time*/) {}
+
+JitMethod::ManagedRuntimeInfo& JitMethod::runtimeInfo() {
+    if (!m_runtimeInfo)
+        m_runtimeInfo.reset(new ManagedRuntimeInfo());
+    return *m_runtimeInfo;
+}
+
+const JitMethod::ManagedRuntimeInfo& JitMethod::runtimeInfo() const {
+    static const ManagedRuntimeInfo none;
+    return m_runtimeInfo ? *m_runtimeInfo : none;
+}
 
 std::string JitMethod::describe() const {
     std::ostringstream os;

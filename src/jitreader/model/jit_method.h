@@ -8,6 +8,7 @@
 #include <quarvel/symbol.h>
 
 #include <map>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -44,9 +45,9 @@ public:
 
     // ISymbol
     unsigned getMethodToken() const override { return m_info->methodToken(); }
-    const char* getMethodName() const override { return m_info->methodName().c_str(); }
-    const char* getQualifiedMethodName() const override { return m_info->qualifiedMethodName().c_str(); }
-    const char* getClassName() const override { return m_info->className().c_str(); }
+    const char* getMethodName() const override { return m_info->methodName().data(); }
+    const char* getQualifiedMethodName() const override { return m_info->qualifiedMethodName().data(); }
+    const char* getClassName() const override { return m_info->className().data(); }
     IModule::Ptr getModule() const override { return m_info->module(); }
     ISourceFile::Ptr getSourceFile() const override { return m_info->getSourceFile(); }
     generic_iterator_t<ICodeRegion::Ptr> getRegions() const override;
@@ -95,8 +96,9 @@ public:
     // Unloading is tracked per region; kept for callers of the old interface.
     void markAsUnloaded(u64 time);
 
-    ManagedRuntimeInfo& runtimeInfo() { return m_runtimeInfo; }
-    const ManagedRuntimeInfo& runtimeInfo() const { return m_runtimeInfo; }
+    // Only the runtime-info record fills it: it is made on first use.
+    ManagedRuntimeInfo& runtimeInfo();
+    const ManagedRuntimeInfo& runtimeInfo() const;
 
     // "Code region #i ..." per region, addresses in hexadecimal.
     std::string dumpRegions() const;
@@ -115,7 +117,7 @@ private:
     bool m_inlineAttached = false;
     // A query with a non-zero jit rva copies tables into the first holder.
     mutable LineInfoMap m_lineInfo;
-    ManagedRuntimeInfo m_runtimeInfo;
+    std::unique_ptr<ManagedRuntimeInfo> m_runtimeInfo;
 };
 
 // The full diagnostic dump of a method, with disassembly.

@@ -49,20 +49,45 @@ Region::Region(const Region& other)
       m_startVirtualAddress(other.m_startVirtualAddress),
       m_length(other.m_length),
       m_content(other.m_content),
-      m_inlinedRegions(other.m_inlinedRegions),
-      m_inlinedMethods(other.m_inlinedMethods),
-      m_markup(other.m_markup) {}
+      m_extras(other.m_extras ? new Extras(*other.m_extras) : nullptr) {}
 
 Region::~Region() = default;
 
+Region::Extras& Region::extras() {
+    if (!m_extras)
+        m_extras.reset(new Extras());
+    return *m_extras;
+}
+
+const std::vector<Region::Ptr>& Region::inlinedRegions() const {
+    static const std::vector<Ptr> none;
+    return m_extras ? m_extras->inlinedRegions : none;
+}
+
+const std::vector<Region::MethodPtr>& Region::inlinedMethods() const {
+    static const std::vector<MethodPtr> none;
+    return m_extras ? m_extras->inlinedMethods : none;
+}
+
+const Region::Markup& Region::markup() const {
+    static const Markup none;
+    return m_extras ? m_extras->markup : none;
+}
+
+void Region::takeBytesFrom(const Region& patched) {
+    m_content = patched.m_content;
+    if (m_extras || patched.m_extras)
+        extras().markup = patched.markup();
+}
+
 void Region::addChildRegion(const Ptr& child, const MethodPtr& method) {
-    m_inlinedRegions.push_back(child);
-    m_inlinedMethods.push_back(method);
+    extras().inlinedRegions.push_back(child);
+    extras().inlinedMethods.push_back(method);
 }
 
 int Region::getInlineIndex(u64 jitRva) const {
-    for (size_t i = 0; i < m_inlinedRegions.size(); ++i) {
-        const Region& child = *m_inlinedRegions[i];
+    for (size_t i = 0; i < inlinedRegions().size(); ++i) {
+        const Region& child = *inlinedRegions()[i];
         if (child.m_startJitRva <= jitRva && jitRva - child.m_startJitRva < child.m_length)
             return static_cast<int>(i);
     }
@@ -71,14 +96,14 @@ int Region::getInlineIndex(u64 jitRva) const {
 
 Region::Ptr Region::getInlinedRegion(u64 jitRva) const {
     const int index = getInlineIndex(jitRva);
-    return index < 0 ? Ptr() : m_inlinedRegions[static_cast<size_t>(index)];
+    return index < 0 ? Ptr() : inlinedRegions()[static_cast<size_t>(index)];
 }
 
 Region::MethodPtr Region::getInlinedMethod(u64 jitRva) const {
     const int index = getInlineIndex(jitRva);
-    if (index < 0 || static_cast<size_t>(index) >= m_inlinedMethods.size())
+    if (index < 0 || static_cast<size_t>(index) >= inlinedMethods().size())
         return MethodPtr();
-    return m_inlinedMethods[static_cast<size_t>(index)];
+    return inlinedMethods()[static_cast<size_t>(index)];
 }
 
 boost::intrusive_ptr<ISymbol> Region::getInlinedSymbol(u64 jitRva) const {
@@ -93,19 +118,19 @@ generic_iterator_t<ICodeRegion::Ptr> Region::getInlinedRegions() const {
     // The iterator keeps this region (and so its child vector) alive.
     const Ptr self(const_cast<Region*>(this));
     std::shared_ptr<const void> keep(this, [self](const void*) {});
-    return generic_iterator_t<ICodeRegion::Ptr>(m_inlinedRegions.begin(), m_inlinedRegions.end(), keep);
+    return generic_iterator_t<ICodeRegion::Ptr>(inlinedRegions().begin(), inlinedRegions().end(), keep);
 }
 
 quarvel_error_t Region::normalizeInlineJitRvaRanges(jit_rva_t parentJitRva, address_t parentStart) {
-    QV_CHECK(m_inlinedRegions.size() == m_inlinedMethods.size(), return meNotFound);
-    if (m_inlinedRegions.empty())
+    QV_CHECK(inlinedRegions().size() == inlinedMethods().size(), return meNotFound);
+    if (inlinedRegions().empty())
         return meSuccess;
 
     const u64 delta = parentJitRva - parentStart; // wraps on purpose
-    for (size_t i = 0; i < m_inlinedRegions.size(); ++i) {
-        Region& child = *m_inlinedRegions[i];
+    for (size_t i = 0; i < inlinedRegions().size(); ++i) {
+        Region& child = *inlinedRegions()[i];
         child.m_startJitRva = child.m_startVirtualAddress + delta;
-        const MethodPtr& method = m_inlinedMethods[i];
+        const MethodPtr& method = inlinedMethods()[i];
         if (method) {
             method->setStartJitRva(child.m_startJitRva);
             method->normalizeLineNumberInfoJitRvaRanges(child.m_startJitRva);
@@ -149,9 +174,10 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
         return meNotFound;
     }
 
-    auto existing = m_markup.find(update);
-    if (existing == m_markup.end()) {
-        m_markup.emplace(update, RangeProps{segType, text});
+    Markup& markup = extras().markup;
+    auto existing = markup.find(update);
+    if (existing == markup.end()) {
+        markup.emplace(update, RangeProps{segType, text});
     } else if (existing->first == update) {
         if (segType == quarvel_segment_unchanged) {
             segType = existing->second.segType;
@@ -206,10 +232,10 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
 }
 
 void Region::dumpInlines(std::ostringstream& os, u32 indent) const {
-    QV_CHECK(m_inlinedRegions.size() == m_inlinedMethods.size(), return);
-    for (size_t i = 0; i < m_inlinedRegions.size(); ++i) {
-        const Region& child = *m_inlinedRegions[i];
-        const MethodPtr& method = m_inlinedMethods[i];
+    QV_CHECK(inlinedRegions().size() == inlinedMethods().size(), return);
+    for (size_t i = 0; i < inlinedRegions().size(); ++i) {
+        const Region& child = *inlinedRegions()[i];
+        const MethodPtr& method = inlinedMethods()[i];
         os << "\n" << std::setw(static_cast<int>(indent)) << std::setfill(' ') << "#" << std::dec << i << " "
            << (method ? method->getMethodName() : "") << " (method id = 0x" << std::hex
            << (method ? method->getRawMethodId() : 0u) << ", ip range = " << hexRange(child.m_startVirtualAddress, child.m_length)

@@ -6,6 +6,7 @@
 #include <quarvel/symbol.h>
 
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -58,16 +59,13 @@ public:
     Range addressRange() const { return Range(m_startVirtualAddress, m_length); }
     Range jitRvaRange() const { return Range(m_startJitRva, m_length); }
     const IByteBuffer::Ptr& content() const { return m_content; }
-    const Markup& markup() const { return m_markup; }
+    const Markup& markup() const;
 
     void setStartJitRva(jit_rva_t rva) { m_startJitRva = rva; }
     void setUnloadTime(u64 time) { m_unloadTime = time; }
     void setContent(const IByteBuffer::Ptr& content) { m_content = content; }
     // Takes the code bytes and update markup of a patched copy of this region.
-    void takeBytesFrom(const Region& patched) {
-        m_content = patched.m_content;
-        m_markup = patched.m_markup;
-    }
+    void takeBytesFrom(const Region& patched);
 
     // Inline tree. Children are searched by jit rva, in attachment order.
     void addChildRegion(const Ptr& child, const MethodPtr& method);
@@ -75,8 +73,8 @@ public:
     Ptr getInlinedRegion(u64 jitRva) const;
     MethodPtr getInlinedMethod(u64 jitRva) const;
     generic_iterator_t<ICodeRegion::Ptr> getInlinedRegions() const;
-    const std::vector<Ptr>& inlinedRegions() const { return m_inlinedRegions; }
-    const std::vector<MethodPtr>& inlinedMethods() const { return m_inlinedMethods; }
+    const std::vector<Ptr>& inlinedRegions() const;
+    const std::vector<MethodPtr>& inlinedMethods() const;
 
     // Gives each direct child (and its method and line tables) the jit rvas of
     // its addresses, relative to this region's settled jit rva.
@@ -98,9 +96,14 @@ private:
     address_t m_startVirtualAddress;
     u32 m_length;
     IByteBuffer::Ptr m_content;
-    std::vector<Ptr> m_inlinedRegions;
-    std::vector<MethodPtr> m_inlinedMethods;
-    Markup m_markup;
+    // Few regions have inlines or patched ranges: those get them on first use.
+    struct Extras {
+        std::vector<Ptr> inlinedRegions;
+        std::vector<MethodPtr> inlinedMethods;
+        Markup markup;
+    };
+    Extras& extras();
+    std::unique_ptr<Extras> m_extras;
 };
 
 } // namespace quarvel_3_13
