@@ -30,7 +30,7 @@ public:
     // naming the piece.
     AddressLookup find(u64 address, u64 timestamp) const;
     AddressLookup findLoadedAfter(u64 start, u64 end, u64 timestamp) const;
-    size_t pieceCount() const { return m_starts.size(); }
+    size_t pieceCount() const { return m_pieces.size(); }
     size_t entryCount() const;
 
 private:
@@ -41,19 +41,26 @@ private:
         Region* region = nullptr;
         JitMethod* method = nullptr;
     };
-    struct Piece {
+    struct Piece { // 64 bytes: one cache line
+        u64 start = 0;
         u64 end = 0;
         Entry top;          // the region loaded last over the piece (none: only ancestors hold it)
         u32 olderAt = 0;    // the piece's older regions in m_entries, by load time
-        u32 olderCount = 0;
-        bool inherits = false; // tree nodes above the piece hold regions too
+        u32 olderCount = 0; // and kInherits: tree nodes above the piece hold regions too
     };
+    static const u32 kInherits = 0x80000000u;
 
-    size_t pieceOf(u64 address) const; // m_starts.size() when none holds it
+    // The first piece that starts above address, or pieceCount().
+    size_t firstStartingAbove(u64 address) const;
+    size_t pieceOf(u64 address) const; // pieceCount() when none holds it
     const Entry* latestAtOrBefore(size_t piece, u64 timestamp) const;
     const Entry* firstAfter(size_t piece, u64 timestamp) const;
 
-    std::vector<u64> m_starts; // piece starts, ascending
+    // Piece starts, ascending; every kBlock-th of them again, small enough
+    // to stay in cache, so that a search misses the cache only in one block.
+    static const size_t kBlock = 32;
+    std::vector<u64> m_starts;
+    std::vector<u64> m_blockStarts;
     std::vector<Piece> m_pieces;
     std::vector<Entry> m_entries;  // older regions of pieces, then the lists of inner tree nodes
     std::vector<u32> m_nodeFirst;  // inner node i (1 <= i < pieces) lists m_entries[m_nodeFirst[i], m_nodeFirst[i + 1])

@@ -87,10 +87,15 @@ void MethodRegistry::internModule(JitMethod& method) {
             method.info()->setModule(m_lastModule);
         return;
     }
-    const auto inserted = m_modules.emplace(moduleKey(*module), module);
-    if (!inserted.second)
-        method.info()->setModule(inserted.first->second);
-    m_lastModule = inserted.first->second;
+    std::string key = moduleKey(*module);
+    const auto found = m_modules.find(key);
+    if (found != m_modules.end()) {
+        method.info()->setModule(found->second);
+        m_lastModule = found->second;
+        return;
+    }
+    m_modules.emplace(std::move(key), module);
+    m_lastModule = module;
 }
 
 void MethodRegistry::internShared(JitMethod& method) {
@@ -112,10 +117,14 @@ void MethodRegistry::internSourceFile(JitMethod& method) {
     key += file->getChecksum();
     key += '\0';
     key += std::to_string(file->getChecksumType()) + '/' + std::to_string(file->getLanguageType());
-    const auto inserted = m_sourceFiles.emplace(std::move(key), file);
-    if (!inserted.second)
-        method.info()->shareSourceFile(inserted.first->second);
-    m_lastSourceFile = inserted.first->second;
+    const auto found = m_sourceFiles.find(key);
+    if (found != m_sourceFiles.end()) {
+        method.info()->shareSourceFile(found->second);
+        m_lastSourceFile = found->second;
+        return;
+    }
+    m_sourceFiles.emplace(std::move(key), file);
+    m_lastSourceFile = file;
 }
 
 void MethodRegistry::internNewModules() {
