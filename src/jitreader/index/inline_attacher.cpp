@@ -227,13 +227,12 @@ Status InlineAttacher::attach(const JitMethod::Ptr& inlineMethod, Region::Ptr pa
 // shifted twice.
 quarvel_error_t InlineAttacher::normalizeTree(Region& root) const {
     quarvel_error_t result = meSuccess;
+    // Attachment keeps the trees acyclic (a region is attached once, never
+    // below itself): no visited set is needed.
     std::vector<Region*> stack(1, &root);
-    std::set<const Region*> seen;
     while (!stack.empty()) {
         Region& region = *stack.back();
         stack.pop_back();
-        if (!seen.insert(&region).second)
-            continue;
         const std::vector<Region::Ptr>& children = region.inlinedRegions();
         const std::vector<Region::MethodPtr>& methods = region.inlinedMethods();
         const size_t pending = static_cast<size_t>(std::count_if(
@@ -271,11 +270,14 @@ quarvel_error_t InlineAttacher::normalizeTree(Region& root) const {
 void InlineAttacher::normalizePending() {
     std::vector<Grown> grown;
     grown.swap(m_grown);
-    std::set<const Region*> done;
-    for (const Grown& g : grown) {
-        Region& region = *g.region;
-        if (!done.insert(&region).second)
+    // Each region once, whichever attachment named it.
+    std::stable_sort(grown.begin(), grown.end(),
+                     [](const Grown& a, const Grown& b) { return a.region.get() < b.region.get(); });
+    for (size_t i = 0; i < grown.size(); ++i) {
+        const Grown& g = grown[i];
+        if (i > 0 && grown[i - 1].region == g.region)
             continue;
+        Region& region = *g.region;
         if (!g.topLevel && region.startJitRva() == 0)
             continue; // an inline not settled yet: its own parent's walk reaches it
         const jit_rva_t jitRva = region.startJitRva();

@@ -3,6 +3,7 @@
 #include "model/module.h"
 
 #include <cstring>
+#include <string_view>
 
 namespace quarvel_3_13 {
 
@@ -11,15 +12,6 @@ namespace {
 size_t slotOf(u64 part0, size_t mask) {
     // Ids are MD5 digests: their bits are spread already.
     return static_cast<size_t>(part0 ^ (part0 >> 29)) & mask;
-}
-
-std::string moduleKey(const IModule& module) {
-    std::string key(module.getFilePath() ? module.getFilePath() : "");
-    key += '\0';
-    key += std::to_string(module.isBogus());
-    key += '/';
-    key += std::to_string(static_cast<int>(module.getArchitecture()));
-    return key;
 }
 
 bool sameModule(const IModule& a, const IModule& b) {
@@ -78,6 +70,23 @@ void MethodRegistry::add(const JitMethod::Ptr& method, u32 pid, u32 hostId) {
     m_ids[i] = IdSlot{part0, index};
 }
 
+size_t MethodRegistry::ModuleHash::operator()(const IModule::Ptr& m) const {
+    const char* path = m->getFilePath();
+    return std::hash<std::string_view>()(path ? path : "") ^ (static_cast<size_t>(m->getArchitecture()) << 1);
+}
+
+bool MethodRegistry::SameModule::operator()(const IModule::Ptr& a, const IModule::Ptr& b) const {
+    return sameModule(*a, *b);
+}
+
+size_t MethodRegistry::SourceFileHash::operator()(const SourceFile::Ptr& f) const {
+    return std::hash<std::string_view>()(f->name()) ^ (std::hash<std::string_view>()(f->getChecksum()) << 1);
+}
+
+bool MethodRegistry::SameSourceFile::operator()(const SourceFile::Ptr& a, const SourceFile::Ptr& b) const {
+    return sameSourceFile(*a, *b);
+}
+
 void MethodRegistry::internModule(JitMethod& method) {
     const IModule::Ptr& module = method.info()->module();
     if (!module)
@@ -87,15 +96,10 @@ void MethodRegistry::internModule(JitMethod& method) {
             method.info()->setModule(m_lastModule);
         return;
     }
-    std::string key = moduleKey(*module);
-    const auto found = m_modules.find(key);
-    if (found != m_modules.end()) {
-        method.info()->setModule(found->second);
-        m_lastModule = found->second;
-        return;
-    }
-    m_modules.emplace(std::move(key), module);
-    m_lastModule = module;
+    const IModule::Ptr shared = *m_modules.insert(module).first;
+    if (shared != module)
+        method.info()->setModule(shared);
+    m_lastModule = shared;
 }
 
 void MethodRegistry::internShared(JitMethod& method) {
@@ -112,19 +116,10 @@ void MethodRegistry::internSourceFile(JitMethod& method) {
             method.info()->shareSourceFile(m_lastSourceFile);
         return;
     }
-    std::string key = file->name();
-    key += '\0';
-    key += file->getChecksum();
-    key += '\0';
-    key += std::to_string(file->getChecksumType()) + '/' + std::to_string(file->getLanguageType());
-    const auto found = m_sourceFiles.find(key);
-    if (found != m_sourceFiles.end()) {
-        method.info()->shareSourceFile(found->second);
-        m_lastSourceFile = found->second;
-        return;
-    }
-    m_sourceFiles.emplace(std::move(key), file);
-    m_lastSourceFile = file;
+    const SourceFile::Ptr shared = *m_sourceFiles.insert(file).first;
+    if (shared != file)
+        method.info()->shareSourceFile(shared);
+    m_lastSourceFile = shared;
 }
 
 void MethodRegistry::internNewModules() {

@@ -10,6 +10,7 @@
 
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace quarvel_3_13 {
@@ -56,9 +57,22 @@ private:
     void internModule(JitMethod& method);
     void internSourceFile(JitMethod& method);
 
-    std::unordered_map<std::string, IModule::Ptr> m_modules;
+    // Looked up by content, with the object itself as the key: no key is built per record.
+    struct ModuleHash {
+        size_t operator()(const IModule::Ptr& m) const;
+    };
+    struct SameModule {
+        bool operator()(const IModule::Ptr& a, const IModule::Ptr& b) const;
+    };
+    struct SourceFileHash {
+        size_t operator()(const SourceFile::Ptr& f) const;
+    };
+    struct SameSourceFile {
+        bool operator()(const SourceFile::Ptr& a, const SourceFile::Ptr& b) const;
+    };
+    std::unordered_set<IModule::Ptr, ModuleHash, SameModule> m_modules;
     IModule::Ptr m_lastModule; // most records name the module of the record before
-    std::unordered_map<std::string, SourceFile::Ptr> m_sourceFiles;
+    std::unordered_set<SourceFile::Ptr, SourceFileHash, SameSourceFile> m_sourceFiles;
     SourceFile::Ptr m_lastSourceFile;
     size_t m_modulesInterned = 0;
 
