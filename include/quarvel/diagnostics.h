@@ -18,6 +18,18 @@
 
 namespace quarvel_3_13 {
 
+// Why a record, or a whole file, did not make it into the model.
+struct TraceRefusal {
+    static constexpr uint64_t kNoOffset = ~uint64_t(0);
+
+    std::string file;             // the trace file
+    uint64_t offset = kNoOffset;  // where in it: the record's start or the bad field
+    std::string field;            // the field that was wrong, when known
+    std::string reason;           // what was wrong, with the bad value
+    std::string kind;             // "bad input", "not found" or "internal"
+    quarvel_error_t code = meSuccess; // the status the operation gave
+};
+
 // What the reading pass of a symbol resolver did.
 struct TraceStatistics {
     uint64_t files = 0;        // files the pass went through
@@ -33,6 +45,11 @@ struct TraceStatistics {
     uint64_t ignoredUpdates = 0;       // method updates read but not applied
     uint64_t secondTraces = 0;         // a Magic record past the start ended a file
     uint64_t damagedRecords = 0;       // framing errors: truncated record, unknown type, size 0
+
+    // Why, in the order they were met: refused and damaged records and files
+    // that could not be read. The first thousand are kept; the rest counted.
+    std::vector<TraceRefusal> refusals;
+    uint64_t refusalsNotKept = 0;
 
     // The model that came out.
     uint64_t methods = 0;         // registered methods

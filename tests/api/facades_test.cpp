@@ -194,11 +194,12 @@ TEST_F(FacadesTest, LoaderReadsAProcessOnlyWhenFirstAsked) {
     EXPECT_EQ(rva, again);
     EXPECT_EQ(meSuccess, loader->resolveJitPoint(350, 0x30001, 100, alpha, &again, module));
 
-    // Process 200 was not: its file is opened at its first query.
+    // Process 200 was not: its file is opened at its first query, and a file
+    // that cannot be opened then is refused once, not retried by every query.
     stdfs::rename(dir.file("alpha-200.jit"), dir.file("elsewhere"));
-    EXPECT_EQ(meFileOpenError, loader->resolveJitPoint(55, 0x10005, 200, alpha, &again, module));
+    EXPECT_EQ(meNotFound, loader->resolveJitPoint(55, 0x10005, 200, alpha, &again, module));
     stdfs::rename(dir.file("elsewhere"), dir.file("alpha-200.jit"));
-    EXPECT_EQ(meSuccess, loader->resolveJitPoint(55, 0x10005, 200, alpha, &again, module));
+    EXPECT_EQ(meNotFound, loader->resolveJitPoint(55, 0x10005, 200, alpha, &again, module));
 }
 
 TEST_F(FacadesTest, ResolverGivesNamesSourceLinesAndTheInlineChain) {

@@ -16,7 +16,7 @@ struct ProcessRow {
     unsigned files = 0;
     uint64_t bytes = 0;
     uint64_t methods = 0;
-    uint64_t jitRvaStart = 0; // the processes' files own [jitRvaStart, jitRvaEnd)
+    uint64_t jitRvaStart = 0; // the process's code took [jitRvaStart, jitRvaEnd)
     uint64_t jitRvaEnd = 0;
 };
 

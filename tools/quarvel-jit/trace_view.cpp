@@ -102,24 +102,30 @@ std::vector<ProcessRow> TraceView::processes() const {
             ProcessRow row;
             row.host = f.hostName;
             row.pid = f.pid;
-            row.jitRvaStart = f.jitRvaBase;
-            row.jitRvaEnd = f.jitRvaBase;
             rows.push_back(row);
         }
         ProcessRow& row = rows[found->second];
         ++row.files;
         row.bytes += f.size;
-        row.jitRvaStart = std::min(row.jitRvaStart, f.jitRvaBase);
-        row.jitRvaEnd = std::max(row.jitRvaEnd, f.jitRvaBase + f.size);
     }
+    // The jit rva range is the one the process's code took.
     for (auto it = m_resolver->getSymbols(); !it.atEnd(); it.advance()) {
         q::generic_iterator_t<q::ICodeRegion::Ptr> regions = it.current()->getRegions();
         if (regions.atEnd())
             continue;
         const q::ICodeRegion::Ptr first = regions.current();
         const auto found = index.find({first->getHostID(), first->getProcessId()});
-        if (found != index.end())
-            ++rows[found->second].methods;
+        if (found == index.end())
+            continue;
+        ProcessRow& row = rows[found->second];
+        ++row.methods;
+        for (; !regions.atEnd(); regions.advance()) {
+            const q::ICodeRegion::Ptr& region = regions.current();
+            const uint64_t start = region->getStartJitRva();
+            const uint64_t end = start + region->getLength();
+            row.jitRvaStart = row.jitRvaEnd == 0 ? start : std::min(row.jitRvaStart, start);
+            row.jitRvaEnd = std::max(row.jitRvaEnd, end);
+        }
     }
     return rows;
 }

@@ -3,6 +3,7 @@
 #include <quarvel/diagnostics.h>
 
 #include "ingest/jit_file_reader.h"
+#include "support/result.h"
 #include "ingest/jit_files_manager.h"
 #include "model/jit_method.h"
 #include "model/region.h"
@@ -53,6 +54,17 @@ quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, Tra
     result.ignoredUpdates = stats.ignoredUpdates;
     result.secondTraces = stats.secondTraces;
     result.damagedRecords = stats.damagedRecords;
+    for (const Reason& reason : stats.refusals) {
+        TraceRefusal refusal;
+        refusal.file = reason.file;
+        refusal.offset = reason.offset == Reason::kNoOffset ? TraceRefusal::kNoOffset : reason.offset;
+        refusal.field = reason.field;
+        refusal.reason = reason.message;
+        refusal.kind = errorKindName(reason.kind);
+        refusal.code = reason.code;
+        result.refusals.push_back(std::move(refusal));
+    }
+    result.refusalsNotKept = stats.refusalsNotKept;
 
     // getSymbols is a query of the finished model; it does not read again.
     for (auto it = resolver->getSymbols(); !it.atEnd(); it.advance()) {

@@ -765,10 +765,9 @@ quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestam
     method.reset();
     QV_TRACE("RESOLVE JIT POINT: vaddr = " << virtualAddress << ", timestamp = " << timestamp << ", pid = " << pid
                                            << ", hostId = " << hostId);
-    const SearchRegionCallback& callback = *this;
     Region::Ptr region;
     JitMethod::Ptr found;
-    if (callback.findRegion(virtualAddress, timestamp, pid, hostId, region, found) != meSuccess) {
+    if (findRegion(virtualAddress, timestamp, pid, hostId, region, found) != meSuccess) {
         QV_TRACE("Couldn't match jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp
                                                       << ") to any known ip address range.");
         return meNotFound;

@@ -2,7 +2,6 @@
 #define QUARVEL_INDEX_JIT_DATA_MANAGER_H
 
 #include "model/base_method_id.h"
-#include "format/jit_file_decoder.h"
 #include "index/jit_id_converter.h"
 #include "model/jit_method.h"
 #include "model/range.h"
@@ -48,10 +47,10 @@ typedef std::vector<JitMethod::Ptr> JitMethodStorage;
 // over time, attaches inlines, applies updates and answers queries. Filled by
 // one thread during the reading pass; after finalize() every query is const
 // and safe from many threads.
-class JitDataManager : public JitFileDecoder::SearchRegionCallback {
+class JitDataManager {
 public:
     JitDataManager();
-    ~JitDataManager() override;
+    ~JitDataManager();
     JitDataManager(const JitDataManager&) = delete;
     JitDataManager& operator=(const JitDataManager&) = delete;
 
@@ -69,7 +68,7 @@ public:
 
     // Queries.
     quarvel_error_t findRegion(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, Region::Ptr& region,
-                               JitMethod::Ptr& method) const override;
+                               JitMethod::Ptr& method) const;
     quarvel_error_t resolveJitPoint(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, JitMethod::Ptr& method,
                                     u64& jitRva) const;
     quarvel_error_t resolveJitPoint(u64 jitRva, JitMethod::Ptr& method) const;

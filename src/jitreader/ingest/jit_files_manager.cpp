@@ -2,10 +2,12 @@
 
 #include "index/jit_data_manager.h"
 #include "format/jit_file_decoder.h"
+#include "format/record_types.h"
 #include "support/log.h"
 
 #include <boost/filesystem/operations.hpp>
 
+#include <fstream>
 #include <limits>
 
 namespace quarvel_3_13 {
@@ -21,6 +23,23 @@ struct JitFilesManager::PendingFile {
 };
 
 namespace {
+
+// Whether a file found in a directory holds one of our traces: a trace has
+// no header, so its first record's type must be one the format knows. An
+// empty file is a trace with nothing in it yet.
+bool looksLikeJitTrace(const fs::path& path, u64 size) {
+    if (size == 0)
+        return true;
+    std::ifstream in(path.string(), std::ios::binary);
+    unsigned char word[4] = {0, 0, 0, 0};
+    if (!in.read(reinterpret_cast<char*>(word), size < 4 ? static_cast<std::streamsize>(size) : 4))
+        return false;
+    if (size < 4)
+        return true; // too short for a record: reading will say the file has none
+    const u32 type = static_cast<u32>(word[0]) | static_cast<u32>(word[1]) << 8 | static_cast<u32>(word[2]) << 16 |
+                     static_cast<u32>(word[3]) << 24;
+    return recordTypeInfo(type) != nullptr;
+}
 
 // A non-empty run of decimal digits that fits 32 bits.
 bool parsePid(const std::string& text, unsigned int& pid) {
@@ -99,6 +118,12 @@ quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicit
         QV_INFO("Skipped " << path.string() << ": couldn't read its size: " << ec.message());
         return meSuccess;
     }
+    // Files found in a directory are routed by their content; a file named
+    // explicitly is taken as a trace, and reading it says what is wrong.
+    if (!explicitPath && !looksLikeJitTrace(path, file.size)) {
+        QV_INFO("Skipped " << path.string() << ": not a jit trace file (its content is of no format read here)");
+        return meSuccess;
+    }
     pending.push_back(file);
     return meSuccess;
 }
@@ -174,7 +199,7 @@ void JitFilesManager::addPending(const std::vector<PendingFile>& pending, target
         // A process that gained files has something to read again.
         process.read = false;
         m_wholeSetRead = false;
-        m_nextJitRva = next + file.size;
+        m_nextJitRva = next + JitFileReader::kJitRvaStride;
     }
 }
 
@@ -244,7 +269,7 @@ quarvel_error_t JitFilesManager::addJitFileInfo(const fs::path& path, const std:
     info.fileName = fileName;
     info.jitRvaBase = nextJitRva;
     info.size = size;
-    nextJitRva += size;
+    nextJitRva += JitFileReader::kJitRvaStride;
     process.files.push_back(info);
     process.read = false;
     m_wholeSetRead = false;
@@ -336,7 +361,7 @@ quarvel_error_t JitFilesManager::getJitFileRange(const char* fileName, u64& base
     if (!match)
         return meJitFileNotFound;
     base = match->jitRvaBase;
-    limit = match->jitRvaBase + match->size;
+    limit = match->jitRvaBase + JitFileReader::kJitRvaStride;
     return meSuccess;
 }
 
@@ -363,8 +388,7 @@ JitReadStats JitFilesManager::readStats() const {
 quarvel_error_t JitFilesManager::readProcessFiles(ProcessJitInfo& process, unsigned int pid, unsigned int hostId,
                                                   decoding_mode_t mode, JitDataManager& dataManager,
                                                   bool logFailures) {
-    JitFileReader reader(&m_stats);
-    quarvel_error_t result = meSuccess;
+    JitFileReader reader(&m_stats, m_modules);
     for (JitFileInfo& file : process.files) {
         if (file.read)
             continue;
@@ -381,29 +405,15 @@ quarvel_error_t JitFilesManager::readProcessFiles(ProcessJitInfo& process, unsig
         } catch (const std::exception& e) {
             // Nothing leaves the library; what the file gave before stays registered.
             QV_ERROR("Stopped reading jit file " << file.path.string() << ": " << e.what());
+            m_stats.addRefusal(Reason::internal(e.what(), meBadRecord).inFile(file.path.string()));
             status = meBadRecord;
         }
-        if (status == meSuccess) {
-            file.read = true;
-            continue;
-        }
-        if (logFailures)
-            QV_ERROR("Could not read jit file " << file.path.string());
-        if (status == meFileOpenError) {
-            // Nothing of it was registered: a later pass may try again.
-            if (!logFailures)
-                QV_ERROR("Could not open jit file " << file.path.string());
-            if (result == meSuccess)
-                result = status;
-            if (!logFailures)
-                return status;
-            continue;
-        }
-        // The file ended at a damaged or refused record; what came before is
-        // registered, so the file must not be read a second time.
+        // Read once, whatever happened: the reasons are in the statistics.
         file.read = true;
+        if (status != meSuccess)
+            QV_ERROR("Could not read jit file " << file.path.string());
     }
-    return result;
+    return meSuccess;
 }
 
 quarvel_error_t JitFilesManager::readJitFiles(unsigned int pid, unsigned int hostId, decoding_mode_t mode,

@@ -20,14 +20,18 @@ namespace quarvel_3_13 {
 
 class JitDataManager;
 
-// One trace file of the set; [jitRvaBase, jitRvaBase + size) is its jit rva range.
+// One trace file of the set. Its jit rva range is
+// [jitRvaBase, jitRvaBase + JitFileReader::kJitRvaStride): a fixed stride per
+// file, so that no file's code can run into the next file's range however
+// its records are shaped.
 struct JitFileInfo {
     boost::filesystem::path path;
     std::string fileName;
     u64 jitRvaBase = 0;
     u64 size = 0;
-    // Set once a pass went through the file (even one that ended at a damaged
-    // record), so that the file is never registered twice.
+    // Set once a pass went through the file, whatever became of it (read
+    // whole, ended at a damaged record, or could not be opened), so that the
+    // file is never registered twice nor retried by every query.
     bool read = false;
 };
 
@@ -48,7 +52,8 @@ struct ProcessJitInfo {
 class JitFilesManager {
 public:
     // Where the first file's jit rva range starts: no code ever gets jit rva
-    // 0, which queries treat as "no answer".
+    // 0, which queries treat as "no answer". Each file's range is
+    // JitFileReader::kJitRvaStride long.
     static constexpr u64 kFirstJitRva = 0x1000;
 
     JitFilesManager();
@@ -88,10 +93,10 @@ public:
     quarvel_error_t getJitFileRange(const char* fileName, u64& base, u64& limit) const;
 
     // The reading pass for one process: meSuccess, meNotFound for an unknown
-    // host or process, meInvalidPointer for an empty path, meFileOpenError
-    // when a file cannot be opened (that file stays unread and is retried by
-    // the next call). A file that ends in a damaged record keeps what was read
-    // before it: it is logged and the process counts as read.
+    // host or process, meInvalidPointer for an empty path. Every file of the
+    // process is read once: one that cannot be opened or ends in a damaged
+    // record is logged and counted (readStats) and the others are read all
+    // the same, so an answer never depends on which query came first.
     quarvel_error_t readJitFiles(unsigned int pid, unsigned int hostId, decoding_mode_t mode,
                                  JitDataManager& dataManager);
     // The reading pass over every process not read yet; failing files are logged and skipped.
@@ -126,7 +131,8 @@ private:
     mutable boost::mutex m_pidArrayMutex;
     mutable std::shared_ptr<const std::vector<unsigned>> m_pidArray;
     std::atomic<bool> m_wholeSetRead{false};
-    JitReadStats m_stats; // under m_readMutex
+    JitReadStats m_stats;  // under m_readMutex
+    ModuleCache m_modules; // under m_readMutex
 };
 
 } // namespace quarvel_3_13
