@@ -80,6 +80,12 @@ struct InlinedCode {
     ISymbol::Ptr symbol;
 };
 
+// Why a list of trace files or directories would not make a file set (the
+// reason the facades' factories return an empty pointer for): the result is
+// the status of the set's initialisation; on failure `why` says which path
+// and what is wrong with it. Reads no record.
+QUARVEL_API quarvel_error_t checkTraceFiles(generic_iterator_t<const char*>& paths, TraceRefusal& why);
+
 // meInvalidPointer for an empty pointer, meNotFound when the resolver was not made by this library.
 QUARVEL_API quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, TraceStatistics& out);
 

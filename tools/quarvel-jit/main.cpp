@@ -217,7 +217,7 @@ int main(int argc, char** argv) {
         return kExitInput;
     TraceView view;
     if (!view.open(o.paths)) {
-        fail("cannot read the traces in " + joined(o.paths) + " (see the log above; --log-level info tells more)");
+        fail("cannot read the traces in " + joined(o.paths) + ": " + view.whyNotOpen());
         return kExitInput;
     }
 

@@ -385,24 +385,39 @@ void printTop(std::ostream& os, Format format, const TopReport& report) {
     lines.print(os);
 }
 
-void printStats(std::ostream& os, Format format, const std::vector<StatRow>& rows) {
+void printStats(std::ostream& os, Format format, const StatsReport& report) {
     if (format == Format::Json) {
         Json stats = Json::object();
-        for (const StatRow& r : rows)
+        for (const StatRow& r : report.counters)
             stats[r.name] = r.value;
-        os << Json{{"stats", stats}}.dump(2) << '\n';
+        Json refusals = Json::array();
+        for (const RefusalRow& r : report.refusals)
+            refusals.push_back(Json{{"file", r.file}, {"offset", r.offset}, {"field", r.field}, {"reason", r.reason}});
+        os << Json{{"stats", stats}, {"refusals", refusals}, {"refusals_not_listed", report.refusalsNotKept}}.dump(2)
+           << '\n';
         return;
     }
     if (format == Format::Csv) {
-        csvRow(os, {"name", "value"});
-        for (const StatRow& r : rows)
-            csvRow(os, {r.name, std::to_string(r.value)});
+        csvRow(os, {"name", "value", "file", "offset", "field", "reason"});
+        for (const StatRow& r : report.counters)
+            csvRow(os, {r.name, std::to_string(r.value), "", "", "", ""});
+        for (const RefusalRow& r : report.refusals)
+            csvRow(os, {"refusal", "", r.file, r.offset, r.field, r.reason});
         return;
     }
     Table t({"COUNTER", "VALUE"});
-    for (const StatRow& r : rows)
+    for (const StatRow& r : report.counters)
         t.add({r.label, std::to_string(r.value)});
     t.print(os);
+    if (report.refusals.empty())
+        return;
+    os << "\nRefused, and why\n";
+    Table why({"FILE", "OFFSET", "FIELD", "REASON"});
+    for (const RefusalRow& r : report.refusals)
+        why.add({r.file, r.offset, r.field.empty() ? "-" : r.field, r.reason});
+    why.print(os);
+    if (report.refusalsNotKept)
+        os << "(" << report.refusalsNotKept << " more not listed)\n";
 }
 
 } // namespace quarvel_jit

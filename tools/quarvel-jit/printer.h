@@ -20,7 +20,7 @@ void printDump(std::ostream& os, Format format, const std::vector<DumpEntry>& en
 void printSamples(std::ostream& os, Format format, const std::vector<SampleResult>& results,
                   const ResolveSummary& summary);
 void printTop(std::ostream& os, Format format, const TopReport& report);
-void printStats(std::ostream& os, Format format, const std::vector<StatRow>& rows);
+void printStats(std::ostream& os, Format format, const StatsReport& report);
 
 } // namespace quarvel_jit
 

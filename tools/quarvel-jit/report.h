@@ -111,6 +111,20 @@ struct StatRow {
     uint64_t value = 0;
 };
 
+// Why a record or a file did not make it into the model.
+struct RefusalRow {
+    std::string file;
+    std::string offset; // decimal, or "-" when the reason names no place
+    std::string field;
+    std::string reason;
+};
+
+struct StatsReport {
+    std::vector<StatRow> counters;
+    std::vector<RefusalRow> refusals;
+    uint64_t refusalsNotKept = 0;
+};
+
 } // namespace quarvel_jit
 
 #endif

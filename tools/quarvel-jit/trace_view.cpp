@@ -1,6 +1,7 @@
 #include "trace_view.h"
 
 #include <quarvel/generic_iterator.h>
+#include <quarvel/jittrace_format.h>
 
 #include <algorithm>
 #include <sstream>
@@ -213,7 +214,18 @@ bool TraceView::dumpAt(uint64_t jitRva, DumpEntry& entry) const {
     return true;
 }
 
-std::vector<StatRow> TraceView::stats() const {
+std::string TraceView::whyNotOpen() const {
+    std::vector<const char*> raw;
+    for (const std::string& p : m_paths)
+        raw.push_back(p.c_str());
+    q::generic_iterator_t<const char*> it = q::makeIterator<const char*>(raw);
+    q::TraceRefusal why;
+    if (q::checkTraceFiles(it, why) == meSuccess)
+        return "the traces could not be read";
+    return why.reason;
+}
+
+StatsReport TraceView::stats() const {
     q::TraceStatistics s;
     q::collectTraceStatistics(m_resolver, s);
     struct TypeName {
@@ -222,13 +234,20 @@ std::vector<StatRow> TraceView::stats() const {
         const char* label;
     };
     static const TypeName kTypes[] = {
-        {0, "method_load_v0_32", "method load v0, 32-bit"},   {2, "method_load_v0_64", "method load v0, 64-bit"},
-        {4, "method_load_v1_32", "method load v1, 32-bit"},   {5, "method_load_v1_64", "method load v1, 64-bit"},
-        {6, "method_load_v2_32", "method load v2, 32-bit"},   {7, "method_load_v2_64", "method load v2, 64-bit"},
-        {8, "method_load_v3_32", "method load v3, 32-bit"},   {9, "method_load_v3_64", "method load v3, 64-bit"},
-        {10, "method_update", "method update"},               {11, "inline_load_32", "inline load, 32-bit"},
-        {12, "inline_load_64", "inline load, 64-bit"},        {13, "collector_type", "collector type"},
-        {14, "update_v2", "update v2"},                       {15, "runtime_info", "managed runtime info"},
+        {quarvel_jt_FunctionLoad32, "method_load_v0_32", "method load v0, 32-bit"},
+        {quarvel_jt_FunctionLoad64, "method_load_v0_64", "method load v0, 64-bit"},
+        {quarvel_jt_FunctionLoad32_v1, "method_load_v1_32", "method load v1, 32-bit"},
+        {quarvel_jt_FunctionLoad64_v1, "method_load_v1_64", "method load v1, 64-bit"},
+        {quarvel_jt_FunctionLoad32_v2, "method_load_v2_32", "method load v2, 32-bit"},
+        {quarvel_jt_FunctionLoad64_v2, "method_load_v2_64", "method load v2, 64-bit"},
+        {quarvel_jt_FunctionLoad32_v3, "method_load_v3_32", "method load v3, 32-bit"},
+        {quarvel_jt_FunctionLoad64_v3, "method_load_v3_64", "method load v3, 64-bit"},
+        {quarvel_jt_FunctionUpdate, "method_update", "method update"},
+        {quarvel_jt_FunctionInlineLoad32, "inline_load_32", "inline load, 32-bit"},
+        {quarvel_jt_FunctionInlineLoad64, "inline_load_64", "inline load, 64-bit"},
+        {quarvel_jt_CollectorType, "collector_type", "collector type"},
+        {quarvel_jt_FunctionUpdate_v2, "update_v2", "update v2"},
+        {quarvel_jt_ManagedRuntimeInfo, "runtime_info", "managed runtime info"},
     };
     std::vector<StatRow> rows = {
         {"hosts", "hosts", m_hosts.size()},
@@ -253,7 +272,13 @@ std::vector<StatRow> TraceView::stats() const {
         {"inlined_methods", "inlined methods", s.inlinedMethods},
     };
     rows.insert(rows.end(), tail.begin(), tail.end());
-    return rows;
+    StatsReport report;
+    report.counters = std::move(rows);
+    for (const q::TraceRefusal& r : s.refusals)
+        report.refusals.push_back(RefusalRow{r.file, r.offset == q::TraceRefusal::kNoOffset ? "-" : std::to_string(r.offset),
+                                             r.field, r.reason});
+    report.refusalsNotKept = s.refusalsNotKept;
+    return report;
 }
 
 void TraceView::resolveOne(const Sample& sample, SampleResult& r) {

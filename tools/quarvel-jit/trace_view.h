@@ -32,7 +32,9 @@ public:
     std::vector<DumpEntry> dump(const std::regex* match) const;
     // False when no method holds the jit rva.
     bool dumpAt(uint64_t jitRva, DumpEntry& entry) const;
-    std::vector<StatRow> stats() const;
+    StatsReport stats() const;
+    // After a failed open(): why the paths do not make a trace set.
+    std::string whyNotOpen() const;
 
     // progress(done, total) is called now and then.
     std::vector<SampleResult> resolve(const std::vector<Sample>& samples,

@@ -81,6 +81,28 @@ quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, Tra
     return meSuccess;
 }
 
+quarvel_error_t checkTraceFiles(generic_iterator_t<const char*>& paths, TraceRefusal& why) {
+    try {
+        JitFilesManager files;
+        const quarvel_error_t status = files.initialize(paths, taAny);
+        if (status != meSuccess) {
+            const Reason& reason = files.lastError();
+            why = TraceRefusal();
+            why.file = reason.file;
+            why.reason = reason.message;
+            why.kind = errorKindName(reason.kind);
+            why.code = status;
+        }
+        return status;
+    } catch (const std::exception& e) {
+        why = TraceRefusal();
+        why.reason = e.what();
+        why.kind = errorKindName(ErrorKind::internal);
+        why.code = meNotFound;
+        return meNotFound;
+    }
+}
+
 quarvel_error_t listTraceFiles(const ISymbolResolver::Ptr& resolver, std::vector<TraceFileInfo>& out) {
     if (!resolver)
         return meInvalidPointer;

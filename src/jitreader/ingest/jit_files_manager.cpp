@@ -8,11 +8,20 @@
 #include <boost/filesystem/operations.hpp>
 
 #include <fstream>
+#include <sstream>
 #include <limits>
 
 namespace quarvel_3_13 {
 
 namespace fs = boost::filesystem;
+
+// Refuses an initialisation: the reason is logged and kept for lastError().
+#define QV_REFUSE_INIT(code, expr)                                                                                 \
+    do {                                                                                                           \
+        std::ostringstream qv_message_;                                                                            \
+        qv_message_ << expr;                                                                                       \
+        return refuseInit(code, qv_message_.str());                                                                \
+    } while (0)
 
 struct JitFilesManager::PendingFile {
     fs::path path;
@@ -61,6 +70,12 @@ bool parsePid(const std::string& text, unsigned int& pid) {
 
 JitFilesManager::JitFilesManager() { m_hostNames.emplace_back(); }
 
+quarvel_error_t JitFilesManager::refuseInit(quarvel_error_t code, const std::string& message) const {
+    QV_ERROR(message);
+    m_lastError = code == meJitFileNotFound ? Reason::notFound(message, code) : Reason::badInput(message, code);
+    return code;
+}
+
 JitFilesManager::~JitFilesManager() = default;
 
 quarvel_error_t JitFilesManager::parseJitFileName(const std::string& fileName, unsigned int& pid,
@@ -101,9 +116,8 @@ quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicit
     file.fileName = path.filename().string();
     if (parseJitFileName(file.fileName, file.pid, file.hostName) != meSuccess) {
         if (explicitPath) {
-            QV_ERROR("Jit file name " << path.string()
+            QV_REFUSE_INIT(meNotFound, "Jit file name " << path.string()
                                       << " does not have the form <host>.<pid>.<ext> or <host>-<pid>.<ext>");
-            return meNotFound;
         }
         QV_INFO("Skipped " << path.string() << ": not a jit file name (<host>.<pid>.<ext> or <host>-<pid>.<ext>)");
         return meSuccess;
@@ -112,8 +126,7 @@ quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicit
     file.size = fs::file_size(path, ec);
     if (ec) {
         if (explicitPath) {
-            QV_ERROR("Couldn't read the size of jit file " << path.string() << ": " << ec.message());
-            return meFileOpenError;
+            QV_REFUSE_INIT(meFileOpenError, "Couldn't read the size of jit file " << path.string() << ": " << ec.message());
         }
         QV_INFO("Skipped " << path.string() << ": couldn't read its size: " << ec.message());
         return meSuccess;
@@ -130,30 +143,26 @@ quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicit
 
 quarvel_error_t JitFilesManager::collectPath(const char* text, std::vector<PendingFile>& pending) const {
     if (!text || !*text) {
-        QV_ERROR("An empty jit file path was given");
-        return meJitFileNotFound;
+        QV_REFUSE_INIT(meJitFileNotFound, "An empty jit file path was given");
     }
     const fs::path path(text);
     boost::system::error_code ec;
     const fs::file_status status = fs::status(path, ec);
     if (status.type() == fs::file_not_found || (ec && status.type() == fs::status_error)) {
-        QV_ERROR("Jit file path " << path.string() << " does not exist"
+        QV_REFUSE_INIT(meJitFileNotFound, "Jit file path " << path.string() << " does not exist"
                                   << (ec && status.type() == fs::status_error ? ": " + ec.message() : std::string()));
-        return meJitFileNotFound;
     }
     if (fs::is_regular_file(status))
         return collectFile(path, true, pending);
     if (!fs::is_directory(status)) {
-        QV_ERROR("Jit file path " << path.string() << " is neither a regular file nor a directory");
-        return meFileOpenError;
+        QV_REFUSE_INIT(meFileOpenError, "Jit file path " << path.string() << " is neither a regular file nor a directory");
     }
 
     // Entries in ascending name order, each name once.
     std::map<std::string, fs::path> entries;
     fs::directory_iterator it(path, ec);
     if (ec) {
-        QV_ERROR("Couldn't list jit file directory " << path.string() << ": " << ec.message());
-        return meFileOpenError;
+        QV_REFUSE_INIT(meFileOpenError, "Couldn't list jit file directory " << path.string() << ": " << ec.message());
     }
     for (; it != fs::directory_iterator(); it.increment(ec)) {
         if (ec)
@@ -161,8 +170,7 @@ quarvel_error_t JitFilesManager::collectPath(const char* text, std::vector<Pendi
         entries.emplace(it->path().filename().string(), it->path());
     }
     if (ec) {
-        QV_ERROR("Couldn't list jit file directory " << path.string() << ": " << ec.message());
-        return meFileOpenError;
+        QV_REFUSE_INIT(meFileOpenError, "Couldn't list jit file directory " << path.string() << ": " << ec.message());
     }
     for (const auto& entry : entries) {
         // Links, devices and subdirectories are passed over: a trace is read only through its real path.
@@ -219,19 +227,16 @@ quarvel_error_t JitFilesManager::initialize(generic_iterator_t<JitFileDescriptor
     for (generic_iterator_t<JitFileDescriptor> it(descriptors); !it.atEnd(); it.advance()) {
         const JitFileDescriptor descriptor = it.current();
         if (!descriptor.path || !*descriptor.path) {
-            QV_ERROR("A jit file descriptor without a path was given");
-            return meJitFileNotFound;
+            QV_REFUSE_INIT(meJitFileNotFound, "A jit file descriptor without a path was given");
         }
         const fs::path path(descriptor.path);
         boost::system::error_code ec;
         const fs::file_status status = fs::status(path, ec);
         if (!fs::exists(status)) {
-            QV_ERROR("Jit file path " << path.string() << " does not exist");
-            return meJitFileNotFound;
+            QV_REFUSE_INIT(meJitFileNotFound, "Jit file path " << path.string() << " does not exist");
         }
         if (!fs::is_regular_file(status)) {
-            QV_ERROR("Jit file path " << path.string() << " is not a regular file");
-            return meFileOpenError;
+            QV_REFUSE_INIT(meFileOpenError, "Jit file path " << path.string() << " is not a regular file");
         }
         PendingFile file;
         file.path = path;
@@ -240,8 +245,7 @@ quarvel_error_t JitFilesManager::initialize(generic_iterator_t<JitFileDescriptor
         file.hostName = descriptor.hostName ? descriptor.hostName : "";
         file.size = fs::file_size(path, ec);
         if (ec) {
-            QV_ERROR("Couldn't read the size of jit file " << path.string() << ": " << ec.message());
-            return meFileOpenError;
+            QV_REFUSE_INIT(meFileOpenError, "Couldn't read the size of jit file " << path.string() << ": " << ec.message());
         }
         pending.push_back(file);
     }

@@ -2,6 +2,7 @@
 #define QUARVEL_INGEST_JIT_FILES_MANAGER_H
 
 #include "ingest/jit_file_reader.h"
+#include "support/result.h"
 
 #include <quarvel/generic_iterator.h>
 #include <quarvel/types.h>
@@ -69,6 +70,8 @@ public:
     quarvel_error_t initialize(generic_iterator_t<const char*>& paths, target_arch_t arch);
     // The same for descriptors: pid and host come from the descriptor.
     quarvel_error_t initialize(generic_iterator_t<JitFileDescriptor>& descriptors, target_arch_t arch);
+    // Why the last initialisation failed.
+    const Reason& lastError() const { return m_lastError; }
 
     quarvel_error_t addJitFileInfo(const boost::filesystem::path& path, const std::string& fileName, u64& nextJitRva,
                                    const std::string& hostName, unsigned int pid);
@@ -113,6 +116,7 @@ public:
 
 private:
     struct PendingFile;
+    quarvel_error_t refuseInit(quarvel_error_t code, const std::string& message) const;
     quarvel_error_t collectPath(const char* path, std::vector<PendingFile>& pending) const;
     quarvel_error_t collectFile(const boost::filesystem::path& path, bool explicitPath,
                                 std::vector<PendingFile>& pending) const;
@@ -133,6 +137,7 @@ private:
     std::atomic<bool> m_wholeSetRead{false};
     JitReadStats m_stats;  // under m_readMutex
     ModuleCache m_modules; // under m_readMutex
+    mutable Reason m_lastError; // of the last initialisation, which runs alone
 };
 
 } // namespace quarvel_3_13
