@@ -30,9 +30,7 @@ targets=${FUZZ_TARGETS:-$all_targets}
 fuzz_flags=(-max_len=4096 -rss_limit_mb=2048 -timeout=10 -print_final_stats=1)
 
 if [ ! -f "$build/build.ninja" ]; then
-  CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DQUARVEL_BUILD_FUZZ=ON -DQUARVEL_SANITIZE=address,undefined \
-    -DQUARVEL_BUILD_TESTS=OFF -DQUARVEL_BUILD_TOOLS=OFF -DQUARVEL_BUILD_AGENTS=OFF >/dev/null
+  cmake --preset fuzz -B "$build" >/dev/null
 fi
 mkdir -p "$work/seeds" "$work/artifacts"
 if ! cmake --build "$build" -j "$(nproc)" --target quarvel_fuzz_all >"$work/build.log" 2>&1; then

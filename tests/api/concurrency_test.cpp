@@ -1,5 +1,5 @@
-// Several threads on one facade give what one thread gives. Named
-// *Concurrent* so the ThreadSanitizer build runs exactly these.
+// Several threads on one facade give what one thread gives. A binary of its
+// own (label "concurrency"): the ThreadSanitizer build runs exactly these.
 
 #include "api_fixture.h"
 

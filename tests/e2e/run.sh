@@ -69,7 +69,7 @@ if [ -z "$perf_reason" ]; then
     --perf-script "$work/perf.txt" --resolved "$work/resolved.csv" --symbols "$work/symbols.csv" \
     --top "$work/top.csv" --pid "$pid" --hottest sumRange || status=1
 else
-  echo "== perf samples: SKIPPED, perf events are not available here: $perf_reason"
+  echo "skip: perf samples (perf events are not available here: $perf_reason)"
   echo "== workload (${MILLIS} ms)"
   "$JAVA" "${java_args[@]}"
   trace=$(ls "$work"/trace/*.jit)
