@@ -39,7 +39,7 @@ quarvel_error_t resolve(const IJitLoader::Ptr& loader, const char* host, unsigne
 
 TEST(FrontDoorTest, MissingPathsAndUnparsableNamesFailEveryFactory) {
     TempDir dir;
-    Trace(dir.file("h.1.jit")).load(3, true, method(1, 100, 0x1000, 16, "m"));
+    TraceBuilder().load(3, method(1, 100, 0x1000, 16, "m"), true).writeTo(dir.file("h.1.jit"));
     writeBytes(dir.file("notes.txt"), {1, 2, 3});
     for (const std::string& bad : {dir.file("h.2.jit"), dir.file("missing/"), dir.file("notes.txt"),
                                    std::string("")}) {
@@ -85,7 +85,7 @@ TEST(FrontDoorTest, EmptyDirectoriesAndDirectoriesOfOtherFilesGiveEmptySets) {
 TEST(FrontDoorTest, SymlinksAreNotReadThrough) {
     TempDir dir;
     TempDir real;
-    Trace(real.file("h.1.jit")).load(3, true, method(1, 100, 0x1000, 16, "m"));
+    TraceBuilder().load(3, method(1, 100, 0x1000, 16, "m"), true).writeTo(real.file("h.1.jit"));
     stdfs::create_symlink(real.file("h.1.jit"), dir.file("h.1.jit"));
 
     // In a directory a link is passed over.
@@ -110,7 +110,7 @@ TEST(FrontDoorTest, UnreadableFile) {
     if (::geteuid() == 0)
         GTEST_SKIP() << "file permissions do not stop root";
     TempDir dir;
-    Trace(dir.file("h.1.jit")).load(3, true, method(1, 100, 0x1000, 16, "m"));
+    TraceBuilder().load(3, method(1, 100, 0x1000, 16, "m"), true).writeTo(dir.file("h.1.jit"));
     ::chmod(dir.file("h.1.jit").c_str(), 0);
     IJitLoader::Ptr loader = makeLoader({dir.path()});
     ASSERT_TRUE(loader);
@@ -131,12 +131,12 @@ TEST(FrontDoorTest, FifoNamedDirectlyFailsAndIsPassedOverInADirectory) {
 
 TEST(FrontDoorTest, TruncatedFilesKeepWhatWasWrittenBeforeTheCut) {
     TempDir source;
-    Trace(source.file("h.1.jit"))
+    TraceBuilder()
         .magic()
         .collector(ctJitProfiler)
-        .load(3, true, method(1, 100, 0x1000, 16, "first"))
+        .load(3, method(1, 100, 0x1000, 16, "first"), true)
         .inlineLoad(inlined(11, 1, 110, 0x1004, 4, "inner"))
-        .load(3, true, method(2, 100, 0x2000, 16, "second"));
+        .load(3, method(2, 100, 0x2000, 16, "second"), true).writeTo(source.file("h.1.jit"));
     const std::vector<uint8_t> whole = readBytes(source.file("h.1.jit"));
 
     // Cut the file at every length: the first method resolves once its
