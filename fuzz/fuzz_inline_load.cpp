@@ -9,6 +9,7 @@
 
 #include <quarvel/jittrace_format.h>
 #include "model/md5_hash_generator.h"
+#include "model/module.h"
 
 using namespace quarvel_3_13;
 
@@ -32,6 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     parent->setLoadTime(1);
     parent->setStartJitRva(0x10000);
     parent->addCodeRegion(Region::Ptr(new Region(1, 7, 0x10000, 1, 0, 0x1000, 0x2000, IByteBuffer::Ptr())));
+    parent->info()->setModule(IModule::Ptr(new Module("app.dll", meNotFound, quarvel_arch_vx64)));
     parent->info()->setMethodId(Md5HashGenerator::getHashValue(1, parent));
     (void)dataManager.processMethodLoadRecord(7, 1, parent);
 

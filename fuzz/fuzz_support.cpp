@@ -3,6 +3,7 @@
 #include "format/jit_file_decoder.h"
 #include "ingest/jit_file_reader.h"
 
+#include "support/assertion.h"
 #include "support/log.h"
 #include "model/method_dump.h"
 
@@ -14,6 +15,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 #include <unistd.h>
 
@@ -21,11 +23,26 @@ namespace quarvel_fuzz {
 
 using namespace quarvel_3_13;
 
+namespace {
+
+// Bad input is refused with a reason before it reaches an internal check: a
+// check that fires means a broken invariant, which is a finding.
+void failOnCheck(const char* condition, const char* file, int line) {
+    std::fprintf(stderr, "quarvel fuzz: internal check failed: %s (%s:%d)\n", condition, file, line);
+    // QUARVEL_FUZZ_CHECKS=log lists every check a corpus reaches instead of stopping at the first.
+    const char* mode = std::getenv("QUARVEL_FUZZ_CHECKS");
+    if (!mode || std::strcmp(mode, "log") != 0)
+        std::abort();
+}
+
+} // namespace
+
 void setUpLogging() {
     static bool done = false;
     if (done)
         return;
     done = true;
+    setAssertionObserver(&failOnCheck);
     const char* keep = std::getenv("QUARVEL_FUZZ_LOG");
     if (keep && *keep == '1') {
         setenv("QUARVEL_LOG", "TRACE", 1);

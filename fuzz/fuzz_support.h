@@ -17,7 +17,8 @@
 namespace quarvel_fuzz {
 
 // Every log line is formatted (so the message code runs) and dropped;
-// QUARVEL_FUZZ_LOG=1 keeps them on stderr for debugging a crash.
+// QUARVEL_FUZZ_LOG=1 keeps them on stderr for debugging a crash. A failed
+// internal check of the library aborts: it is a finding, like a crash.
 void setUpLogging();
 
 // A directory of this process only, under $TMPDIR (or /dev/shm, or /tmp),

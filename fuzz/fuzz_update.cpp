@@ -21,6 +21,7 @@
 
 #include <quarvel/jittrace_format.h>
 #include "model/md5_hash_generator.h"
+#include "model/module.h"
 
 #include <algorithm>
 #include <vector>
@@ -46,6 +47,7 @@ void addMethod(JitDataManager& dataManager, u32 rawId, u64 loadTime, u64 start, 
     method->setStartJitRva(jitRva);
     method->addCodeRegion(Region::Ptr(new Region(kHost, kPid, jitRva, loadTime, 0, start, length, content)));
     method->info()->setMethodName("m" + std::to_string(rawId));
+    method->info()->setModule(IModule::Ptr(new Module("app.dll", meNotFound, quarvel_arch_vx64)));
     method->info()->setMethodId(Md5HashGenerator::getHashValue(rawId, method));
     (void)dataManager.processMethodLoadRecord(kPid, kHost, method);
 }
@@ -58,7 +60,8 @@ void applyByteUpdates(const JitDataManager& dataManager, quarvel_fuzz::InputCurs
     std::vector<Region::Ptr> regions;
     for (const JitMethod::Ptr& method : dataManager.getJitMethods())
         for (const Region::Ptr& region : method->regions())
-            regions.push_back(Region::Ptr(new Region(*region)));
+            if (region->content()) // a region without a code copy has no bytes to update
+                regions.push_back(Region::Ptr(new Region(*region)));
     if (regions.empty())
         return;
     for (int i = 0; i < 8 && in.restSize() > 0; ++i) {

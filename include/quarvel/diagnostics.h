@@ -86,6 +86,14 @@ struct InlinedCode {
 // and what is wrong with it. Reads no record.
 QUARVEL_API quarvel_error_t checkTraceFiles(generic_iterator_t<const char*>& paths, TraceRefusal& why);
 
+// Called for every internal check of the library that fails, after the ERROR
+// line that names the condition: a check that fails means a broken invariant
+// of the library, never bad input (bad input is refused with a reason). Null
+// removes the observer. Returns the previous one. The observer may be called
+// from any thread that uses the library.
+typedef void (*InternalCheckObserver)(const char* condition, const char* file, int line);
+QUARVEL_API InternalCheckObserver setInternalCheckObserver(InternalCheckObserver observer);
+
 // meInvalidPointer for an empty pointer, meNotFound when the resolver was not made by this library.
 QUARVEL_API quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, TraceStatistics& out);
 

@@ -1,6 +1,7 @@
 // Registration of method loads into region domains and the queries over them.
 
 #include "jit_data_manager_test_helpers.h"
+#include "check_listener.h"
 #include "log_capture.h"
 
 #include <gtest/gtest.h>
@@ -198,6 +199,7 @@ TEST(JitDataManagerRegistration, SameLoadOfAKnownMethodAtTheSameAddressIsRefused
 }
 
 TEST(JitDataManagerRegistration, MalformedRegionsAreRefusedWithoutAborting) {
+    quarvel_test::ExpectInternalChecks expectedChecks; // these precondition checks are the point
     LogCapture capture;
     JitDataManager manager;
     JitMethod::Ptr noRegions = makeMethod(1, 100, {});
@@ -317,6 +319,7 @@ TEST_F(JitDataManagerQueries, CalleeTargetResolvesAtTheCallersLoadTime) {
 }
 
 TEST_F(JitDataManagerQueries, FindMethodByModuleAndRawId) {
+    quarvel_test::ExpectInternalChecks expectedChecks; // these precondition checks are the point
     ISymbol::Ptr symbol;
     ASSERT_EQ(meSuccess, manager.findMethod(kModulePath, 2, symbol));
     EXPECT_EQ(2u, symbol->getMethodID());

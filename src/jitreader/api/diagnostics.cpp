@@ -3,6 +3,7 @@
 #include <quarvel/diagnostics.h>
 
 #include "ingest/jit_file_reader.h"
+#include "support/assertion.h"
 #include "support/result.h"
 #include "ingest/jit_files_manager.h"
 #include "model/jit_method.h"
@@ -79,6 +80,10 @@ quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, Tra
     }
     out = result;
     return meSuccess;
+}
+
+InternalCheckObserver setInternalCheckObserver(InternalCheckObserver observer) {
+    return setAssertionObserver(observer);
 }
 
 quarvel_error_t checkTraceFiles(generic_iterator_t<const char*>& paths, TraceRefusal& why) {

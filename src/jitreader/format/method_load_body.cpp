@@ -37,6 +37,11 @@ DecodedMethodLoad decodeMethodLoad(const Record& record, int version, const std:
             return refuse("code region", "");
         // Every map keyed by an address range adds start and length: a range
         // that wraps past the top of the address space would break them.
+        // Code never starts at address 0 (the model relies on it), nor wraps.
+        if (region.codeSize != 0 && region.startAddress == 0) {
+            cursor.seek(at, "code region");
+            return refuse("code start address", "Invalid start address of code range: 0");
+        }
         if (region.startAddress > std::numeric_limits<uint64_t>::max() - region.codeSize) {
             cursor.seek(at, "code region");
             return refuse("code start address",

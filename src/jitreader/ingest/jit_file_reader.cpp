@@ -10,6 +10,7 @@
 #include "support/assertion.h"
 #include "support/log.h"
 
+#include <limits>
 #include <map>
 #include <sstream>
 
@@ -50,12 +51,18 @@ JitReadStats& JitReadStats::operator+=(const JitReadStats& other) {
 
 namespace {
 
+// The end of a file's jit rva range, kept below the top of the 64-bit space.
+jit_rva_t rangeLimit(jit_rva_t base) {
+    const jit_rva_t top = std::numeric_limits<jit_rva_t>::max();
+    return base > top - JitFileReader::kJitRvaStride ? top : base + JitFileReader::kJitRvaStride;
+}
+
 // One file's pass: the record loop's state and one handler per body kind.
 class FilePass {
 public:
     FilePass(JitFileDecoder& decoder, JitDataManager& dataManager, ModuleCache& modules, JitReadStats& stats)
         : m_decoder(decoder), m_data(dataManager), m_builder(modules), m_stats(stats),
-          m_nextJitRva(decoder.jitRvaBase()), m_jitRvaLimit(decoder.jitRvaBase() + JitFileReader::kJitRvaStride) {
+          m_nextJitRva(decoder.jitRvaBase()), m_jitRvaLimit(rangeLimit(decoder.jitRvaBase())) {
         m_context.hostId = decoder.hostId();
         m_context.pid = decoder.pid();
     }
@@ -74,6 +81,10 @@ private:
     // The jit rvas of a load's regions, taken from the file's range in file
     // order; 0 for an empty region. False when the range is exhausted.
     bool takeJitRvas(const TraceMethodLoad& load, std::vector<jit_rva_t>& jitRvas, Reason& overrun);
+    // Hands an inline method to the model once what its content decides is
+    // checked: one code region, and no ids outside profiler files (there the
+    // parent is found by address).
+    void attachInline(const Record& record, const JitMethod::Ptr& method);
 
     void refuseBody(const Record& record, Reason reason) {
         ++m_stats.refusedBodies;
@@ -146,12 +157,10 @@ void FilePass::methodLoad(const Record& record, const RecordTypeInfo& info) {
         m_sawArch0 |= load.tail.moduleArch == quarvel_arch_vx32;
         m_sawArch1 |= load.tail.moduleArch == quarvel_arch_varda64;
     }
-    if (inlined) {
-        const quarvel_error_t status = m_data.processMethodInlineLoadRecord(m_context.pid, m_context.hostId, method);
-        if (status != meSuccess)
-            refusedByDataManager(record, status, "inline method load");
-        return;
-    }
+    if (inlined)
+        return attachInline(record, method);
+    if (method->regionCount() == 0)
+        return refuseBody(record, Reason::notFound("a method load without code regions holds no code to resolve"));
     const quarvel_error_t status = m_data.processMethodLoadRecord(m_context.pid, m_context.hostId, method);
     if (status != meSuccess)
         return refusedByDataManager(record, status, "method load");
@@ -170,6 +179,8 @@ void FilePass::methodUpdate(const Record& record) {
     // An update takes no jit rvas of its own: it patches code that has them.
     std::vector<jit_rva_t> none(decoded.load.regions.size(), 0);
     JitMethod::Ptr update = m_builder.methodLoad(decoded.load, 3, none, m_context);
+    if (update->regionCount() == 0)
+        return refuseBody(record, Reason::badInput("a method update carries no code range to patch"));
     const quarvel_error_t status = m_data.processMethodUpdateRecord(m_context.pid, m_context.hostId, update);
     if (status != meSuccess)
         refusedByDataManager(record, status, "method update");
@@ -181,7 +192,20 @@ void FilePass::inlineLoad(const Record& record) {
     Expected<TraceInlineLoad> decoded = decodeInlineLoad(record, m_decoder.path(), options);
     if (!decoded)
         return refuseBody(record, decoded.reason());
-    JitMethod::Ptr method = m_builder.inlineLoad(*decoded, m_context);
+    attachInline(record, m_builder.inlineLoad(*decoded, m_context));
+}
+
+void FilePass::attachInline(const Record& record, const JitMethod::Ptr& method) {
+    if (method->regionCount() != 1)
+        return refuseBody(record, Reason::badInput("an inline method has exactly one code region; this one has " +
+                                                   std::to_string(method->regionCount())));
+    if (m_data.getCollectorType() != ctJitProfiler && (method->getRawMethodId() || method->getRawParentId())) {
+        std::ostringstream message;
+        message << "in a file of collector type " << m_data.getCollectorType()
+                << " an inline names its parent by address, so its ids must be 0 (method id "
+                << method->getRawMethodId() << ", parent id " << method->getRawParentId() << ")";
+        return refuseBody(record, Reason::badInput(message.str()));
+    }
     const quarvel_error_t status = m_data.processMethodInlineLoadRecord(m_context.pid, m_context.hostId, method);
     if (status != meSuccess)
         refusedByDataManager(record, status, "inline method load");
