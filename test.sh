@@ -14,6 +14,7 @@ cd "$(dirname "$0")"
 export CTEST_OUTPUT_ON_FAILURE=1
 # A rebase of golden files is a developer's act, never a test run's.
 unset QUARVEL_REBASE
+export QUARVEL_TEST_RUN=1
 reports=$(pwd)/build/test-reports
 summary=()
 failed=0
