@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/make_shared.hpp>
+#include <memory>
 
 #include <map>
 #include <sstream>
@@ -45,7 +45,7 @@ TEST(DotNetMethod, WithoutReaderFindsNothing) {
 }
 
 TEST(DotNetMethod, AsksReaderByRowId) {
-    auto reader = boost::make_shared<FakeSymbolReader>();
+    auto reader = std::make_shared<FakeSymbolReader>();
     DotNetMethod method(0x06000012);
     method.setSymbolReader(reader);
     EXPECT_EQ(0x12u, method.rowId());
