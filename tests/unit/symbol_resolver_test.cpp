@@ -99,7 +99,7 @@ protected:
 TEST_F(SymbolResolverTest, CompletionFromAPortablePdb) {
     SymbolResolver::Ptr resolver = resolverFor("Dynamic Code", ISymbolFileLocator::Ptr());
     JitMethod::Ptr method = onlyMethod(resolver);
-    boost::shared_ptr<FakePdb> pdb(new FakePdb());
+    std::shared_ptr<FakePdb> pdb(new FakePdb());
     DotNetMethod dotNet(0x06000007);
     dotNet.setSymbolReader(pdb);
 
