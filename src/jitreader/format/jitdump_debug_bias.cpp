@@ -28,17 +28,30 @@ void JitdumpDebugBias::observe(const JitdumpDebugInfo& info, uint64_t codeAddr, 
         ++m_undecided;
         return;
     }
-    const bool none = fits(info, codeAddr, codeSize, 0);
-    const bool b64 = fits(info, codeAddr, codeSize, kElf64HeaderSize);
-    const bool b32 = fits(info, codeAddr, codeSize, kElf32HeaderSize);
-    if (none + b64 + b32 != 1)
-        ++m_undecided;
-    else if (none)
-        ++m_unbiased;
-    else if (b64)
-        ++m_biased64;
-    else
-        ++m_biased32;
+    const uint64_t offsets[] = {0, kElf64HeaderSize, kElf32HeaderSize};
+    uint64_t* const votes[] = {&m_unbiased, &m_biased64, &m_biased32};
+    int fitting = 0, fit = -1;
+    for (int i = 0; i < 3; ++i) {
+        if (fits(info, codeAddr, codeSize, offsets[i])) {
+            ++fitting;
+            fit = i;
+        }
+    }
+    if (fitting == 1) {
+        ++*votes[fit];
+        return;
+    }
+    uint64_t lowest = info.entries.front().address;
+    for (const JitdumpDebugEntry& e : info.entries)
+        lowest = e.address < lowest ? e.address : lowest;
+    for (int i = 0; i < 3; ++i) {
+        if (fitting > 1 && lowest - codeAddr == offsets[i] && lowest >= codeAddr &&
+            fits(info, codeAddr, codeSize, offsets[i])) {
+            ++*votes[i];
+            return;
+        }
+    }
+    ++m_undecided;
 }
 
 uint64_t JitdumpDebugBias::bias() const {
