@@ -5,8 +5,10 @@ copies; prints the timing side by side and what the oracle files hold.
 Exits 1 when a check fails."""
 import argparse
 import json
+import os
 import re
 import statistics
+import struct
 import sys
 
 failures = []
@@ -46,6 +48,59 @@ def compare_counts(count, walk, label):
           (label, ', '.join('%s %d' % (k, count[k]) for k in same[:4]) if not differ else '; '.join(differ)))
 
 
+def fnv1a(data):
+    h = 0xcbf29ce484222325
+    for b in data:
+        h = ((h ^ b) * 0x100000001b3) & 0xFFFFFFFFFFFFFFFF
+    return h
+
+
+def elf_function(path):
+    """The .text bytes and the first function symbol's name of an ELF64 file perf inject wrote."""
+    with open(path, 'rb') as f:
+        elf = f.read()
+    if elf[:4] != b'\x7fELF' or elf[4] != 2:
+        return None
+    order = '<' if elf[5] == 1 else '>'
+    shoff, = struct.unpack_from(order + 'Q', elf, 0x28)
+    shentsize, shnum, shstrndx = struct.unpack_from(order + 'HHH', elf, 0x3A)
+    sections = [struct.unpack_from(order + 'IIQQQQIIQQ', elf, shoff + i * shentsize) for i in range(shnum)]
+    names_at = sections[shstrndx][4]
+
+    def name(offset, base):
+        return elf[base + offset:elf.index(b'\0', base + offset)]
+    by_name = {name(s[0], names_at): s for s in sections}
+    text = by_name[b'.text']
+    code = elf[text[4]:text[4] + text[5]]
+    symtab, strtab = by_name[b'.symtab'], by_name[b'.strtab']
+    for i in range(symtab[5] // 24):
+        st_name, st_info = struct.unpack_from(order + 'IB', elf, symtab[4] + i * 24)
+        if st_info & 0xF == 2:  # STT_FUNC
+            return code, name(st_name, strtab[4])
+    return code, None
+
+
+def compare_with_elf_files(loads_path, elf_dir, pid):
+    """Every load's name and code bytes against the ELF file perf inject wrote for its code index."""
+    compared = differ = missing = 0
+    examples = []
+    with open(loads_path, 'rb') as f:
+        for line in f:
+            index, _addr, size, digest, load_name = line.rstrip(b'\n').split(b'\t', 4)
+            path = os.path.join(elf_dir, 'jitted-%d-%d.so' % (pid, int(index)))
+            if not os.path.exists(path):
+                missing += 1
+                continue
+            got = elf_function(path)
+            compared += 1
+            if got is None or len(got[0]) != int(size) or '%016x' % fnv1a(got[0]) != digest.decode() or \
+                    got[1] != load_name:
+                differ += 1
+                if len(examples) < 3:
+                    examples.append('code index %s: %r' % (index.decode(), load_name[:60]))
+    return compared, differ, missing, examples
+
+
 def oracle_summary(path, jit_dso):
     """Samples in perf script output, and those perf attributed to jitted code."""
     total = jit = named = 0
@@ -71,6 +126,8 @@ def main():
     p.add_argument('--map', required=True)
     p.add_argument('--map-walk', required=True)
     p.add_argument('--elf-files')
+    p.add_argument('--loads', help='the walk\'s list of loads, to compare with the ELF files')
+    p.add_argument('--elf-dir')
     p.add_argument('--inject-time')
     p.add_argument('--walk-times', nargs='*')
     p.add_argument('--oracle')
@@ -96,6 +153,11 @@ def main():
             elf = int(f.read().strip() or 0)
         check(elf == walk['loads'], 'perf inject wrote one ELF file per code load the reader reports (%d files, '
               '%d loads)' % (elf, walk['loads']))
+    if a.loads and a.elf_dir:
+        compared, differ, missing, examples = compare_with_elf_files(a.loads, a.elf_dir, walk['pid'])
+        check(compared == walk['loads'] and differ == 0 and missing == 0,
+              'every load\'s name and code bytes equal those of its ELF file (%d compared, %d differ, %d without '
+              'a file%s)' % (compared, differ, missing, (': ' + '; '.join(examples)) if examples else ''))
 
     print('== cut copies of the dump')
     for c, w in zip(load_lines(a.cut_counts), load_lines(a.cut_walks)):

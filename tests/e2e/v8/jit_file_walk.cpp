@@ -4,7 +4,11 @@
 // walk took. The end-to-end test sets these against an independent count and
 // against perf's own tools.
 //
-//   quarvel_jit_file_walk FILE...
+//   quarvel_jit_file_walk [--loads LIST] FILE...
+//
+// --loads writes one line per code load of the jitdumps to LIST: code index,
+// code address, code size, FNV-1a hash of the code bytes and name, tab
+// separated, for a comparison with the ELF files perf inject writes.
 
 #include "format/jitdump_debug_bias.h"
 #include "format/jitdump_debug_pairing.h"
@@ -14,6 +18,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <sstream>
 #include <string>
 #include <unordered_map>
@@ -46,6 +51,15 @@ std::string reasonJson(const Reason& r, bool truncated) {
     return os.str();
 }
 
+FILE* g_loads = nullptr;
+
+uint64_t fnv1a(const uint8_t* p, uint64_t n) {
+    uint64_t h = 0xcbf29ce484222325ULL;
+    for (uint64_t i = 0; i < n; ++i)
+        h = (h ^ p[i]) * 0x100000001b3ULL;
+    return h;
+}
+
 int walkJitdump(const std::string& path) {
     const auto started = std::chrono::steady_clock::now();
     Expected<JitdumpReader> reader = JitdumpReader::open(path);
@@ -70,6 +84,11 @@ int walkJitdump(const std::string& path) {
             // Every code byte is read, as a consumer that decodes it would.
             for (uint64_t i = 0; i < r.load.codeSize; ++i)
                 codeSum += r.load.code[i];
+            if (g_loads)
+                std::fprintf(g_loads, "%llu\t%llx\t%llu\t%016llx\t%.*s\n", (unsigned long long)r.load.codeIndex,
+                             (unsigned long long)r.load.codeAddr, (unsigned long long)r.load.codeSize,
+                             (unsigned long long)fnv1a(r.load.code, r.load.codeSize), (int)r.load.name.size(),
+                             r.load.name.data());
             if (previousWasDebug && previousDebugAddr != r.load.codeAddr)
                 ++positionWouldMispair;
             if (const JitdumpDebugInfo* info = pairing.takeFor(r.load.codeAddr))
@@ -162,12 +181,22 @@ int walkPerfMap(const std::string& path) {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) {
-        std::fprintf(stderr, "usage: %s FILE...  (jitdump files and perf maps, told apart by content)\n", argv[0]);
+    int first = 1;
+    if (argc > 2 && std::strcmp(argv[1], "--loads") == 0) {
+        g_loads = std::fopen(argv[2], "w");
+        if (!g_loads) {
+            std::perror(argv[2]);
+            return 2;
+        }
+        first = 3;
+    }
+    if (argc <= first) {
+        std::fprintf(stderr, "usage: %s [--loads LIST] FILE...  (jitdump files and perf maps, told apart by content)\n",
+                     argv[0]);
         return 2;
     }
     int status = 0;
-    for (int i = 1; i < argc; ++i) {
+    for (int i = first; i < argc; ++i) {
         const std::string path = argv[i];
         Expected<std::shared_ptr<const MappedFile>> file = MappedFile::open(path);
         if (!file) {
@@ -185,5 +214,7 @@ int main(int argc, char** argv) {
             status = 1;
         }
     }
+    if (g_loads && std::fclose(g_loads) != 0)
+        status = 1;
     return status;
 }

@@ -78,7 +78,7 @@ map=/tmp/perf-$map_pid.map
 
 echo "== walks and independent counts"
 python3 "$here/count_records.py" "$dump" >"$work/count.json"
-"$WALK" "$dump" >"$work/walk.json"
+"$WALK" --loads "$work/loads.tsv" "$dump" >"$work/walk.json"
 # Cut copies: at fractions of the file and a few bytes into a record's prefix.
 size=$(stat -c %s "$dump")
 for cut in $((size / 2)) $((size / 3)) $((size * 7 / 8)) $((size - 1)) 47; do
@@ -104,7 +104,7 @@ if [ -z "$perf_reason" ]; then
   echo "== the oracle: perf script on the injected data and on the perf map"
   perf script -i "$work/prof/perf.jit.data" -F pid,tid,time,ip,sym,dso --ns >"$work/oracle-jitdump.txt" 2>/dev/null
   perf script -i "$work/basic/perf.data" -F pid,tid,time,ip,sym,dso --ns >"$work/oracle-perf-map.txt" 2>/dev/null
-  check_args+=(--elf-files "$work/elf-files.txt" --inject-time "$work/inject.time"
+  check_args+=(--elf-files "$work/elf-files.txt" --loads "$work/loads.tsv" --elf-dir "$work/prof" --inject-time "$work/inject.time"
     --walk-times "$work"/walk-*.time --oracle "$work/oracle-jitdump.txt" --map-oracle "$work/oracle-perf-map.txt")
 else
   echo "== perf samples, oracle and timing: SKIPPED, perf events are not available here: $perf_reason"
