@@ -4,6 +4,7 @@
 // names the field, its offset and the bad value.
 
 #include "format/jitdump_reader.h"
+#include "format/perf_map_reader.h"
 #include "jitdump_writer.h"
 #include "temp_dir.h"
 
@@ -500,5 +501,36 @@ INSTANTIATE_TEST_SUITE_P(
                       DetectCase{"Zeros", Bytes(64, 0), false},
                       DetectCase{"Empty", Bytes{}, false}),
     [](const ::testing::TestParamInfo<DetectCase>& info) { return std::string(info.param.name); });
+
+struct FileNameCase {
+    const char* name;
+    bool jitdump; // else a perf map
+    bool ok;
+    uint32_t pid;
+};
+
+class PidFileName : public ::testing::TestWithParam<FileNameCase> {};
+
+TEST_P(PidFileName, TheRuntimesNamingOfItsFiles) {
+    const FileNameCase& c = GetParam();
+    uint32_t pid = 7;
+    const bool ok = c.jitdump ? JitdumpReader::pidFromFileName(c.name, pid) : PerfMapReader::pidFromFileName(c.name, pid);
+    ASSERT_EQ(c.ok, ok);
+    EXPECT_EQ(c.ok ? c.pid : 7u, pid);
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, PidFileName,
+                         ::testing::Values(FileNameCase{"jit-4242.dump", true, true, 4242},
+                                           FileNameCase{"jit-4294967295.dump", true, true, 4294967295u},
+                                           FileNameCase{"jit-4294967296.dump", true, false, 0},
+                                           FileNameCase{"jit-.dump", true, false, 0},
+                                           FileNameCase{"jit-12a.dump", true, false, 0},
+                                           FileNameCase{"jit--12.dump", true, false, 0},
+                                           FileNameCase{"jit-12.dump.1", true, false, 0},
+                                           FileNameCase{"perf-12.map", true, false, 0},
+                                           FileNameCase{"perf-12.map", false, true, 12},
+                                           FileNameCase{"perf-+12.map", false, false, 0},
+                                           FileNameCase{"perf-99999999999999999999999.map", false, false, 0},
+                                           FileNameCase{"xperf-12.map", false, false, 0}));
 
 } // namespace

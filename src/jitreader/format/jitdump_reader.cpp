@@ -1,5 +1,6 @@
 #include "format/jitdump_reader.h"
 
+#include "format/pid_file_name.h"
 #include "support/byte_cursor.h"
 
 #include <cinttypes>
@@ -76,6 +77,10 @@ const char* jitdumpRecordName(JitdumpRecordKind kind) {
         break;
     }
     return "unknown record";
+}
+
+bool JitdumpReader::pidFromFileName(const std::string& fileName, uint32_t& pid) {
+    return parsePidFileName(fileName, "jit-", ".dump", pid);
 }
 
 bool JitdumpReader::detect(const uint8_t* data, size_t size) {
@@ -173,8 +178,7 @@ bool JitdumpReader::next(JitdumpRecord& record) {
                     m_offset);
     record.offset = m_offset;
     if (left < kPrefixSize)
-        return stop(Reason::badInput("the file ends " + std::to_string(left) +
-                                     " bytes into a record's 16-byte prefix: cut while being written")
+        return stop(Reason::badInput("the file ends " + std::to_string(left) + " bytes into a record's 16-byte prefix")
                         .inFile(m_path)
                         .at(m_offset)
                         .ofField("record prefix"),

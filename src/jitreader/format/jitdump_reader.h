@@ -38,6 +38,8 @@ public:
 
     // Whether bytes that start a file are a jitdump's (its magic, in either byte order).
     static bool detect(const uint8_t* data, size_t size);
+    // The pid of a file named "jit-<pid>.dump" (a name without its directory).
+    static bool pidFromFileName(const std::string& fileName, uint32_t& pid);
 
     // Maps the file; the reader keeps the mapping alive.
     static Expected<JitdumpReader> open(const std::string& path);

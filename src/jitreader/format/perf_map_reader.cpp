@@ -1,5 +1,7 @@
 #include "format/perf_map_reader.h"
 
+#include "format/pid_file_name.h"
+
 #include "support/byte_cursor.h"
 
 #include <algorithm>
@@ -91,6 +93,10 @@ bool PerfMapReader::parseLine(std::string_view line, PerfMapEntry& entry, std::s
     }
     entry.name = line.substr(i);
     return true;
+}
+
+bool PerfMapReader::pidFromFileName(const std::string& fileName, uint32_t& pid) {
+    return parsePidFileName(fileName, "perf-", ".map", pid);
 }
 
 bool PerfMapReader::detect(const uint8_t* data, size_t size) {

@@ -37,6 +37,8 @@ public:
     // non-blank line has the shape of an entry (a line the window cuts counts
     // when what it shows has that shape).
     static bool detect(const uint8_t* data, size_t size);
+    // The pid of a file named "perf-<pid>.map" (a name without its directory).
+    static bool pidFromFileName(const std::string& fileName, uint32_t& pid);
 
     static Expected<PerfMapReader> open(const std::string& path);
     // Over bytes the caller keeps alive as long as the reader and its entries.
