@@ -4,9 +4,9 @@
 
 namespace quarvel_fuzz {
 
-using quarvel_test::JitdumpDebugSpec;
-using quarvel_test::JitdumpHeaderSpec;
-using quarvel_test::JitdumpLoadSpec;
+using quarvel_test::JitdumpDebugFields;
+using quarvel_test::JitdumpHeaderFields;
+using quarvel_test::JitdumpLoadFields;
 using quarvel_test::JitdumpWriter;
 
 namespace {
@@ -16,8 +16,8 @@ typedef std::vector<uint8_t> Bytes;
 // push rbp; mov rbp, rsp; mov eax, edi; imul eax, eax; pop rbp; ret
 const Bytes kCode = {0x55, 0x48, 0x89, 0xE5, 0x89, 0xF8, 0x0F, 0xAF, 0xC0, 0x5D, 0xC3};
 
-JitdumpLoadSpec loadAt(uint64_t addr, uint64_t index, const std::string& name) {
-    JitdumpLoadSpec l;
+JitdumpLoadFields loadAt(uint64_t addr, uint64_t index, const std::string& name) {
+    JitdumpLoadFields l;
     l.timestamp = 1000 + index * 10;
     l.codeAddr = addr;
     l.codeIndex = index;
@@ -27,8 +27,8 @@ JitdumpLoadSpec loadAt(uint64_t addr, uint64_t index, const std::string& name) {
 }
 
 // Lines of a load, with the 0x40 bias a JavaScript engine adds when biased.
-JitdumpDebugSpec linesOf(uint64_t addr, bool biased) {
-    JitdumpDebugSpec d;
+JitdumpDebugFields linesOf(uint64_t addr, bool biased) {
+    JitdumpDebugFields d;
     d.codeAddr = addr;
     const uint64_t b = biased ? 0x40 : 0;
     d.entries = {{addr + b, 3, 0, "/app/main.js", false}, {addr + b + 4, 4, 0, "", true}, {addr + b + 9, 7, 1, "lib.js", false}};
@@ -39,19 +39,19 @@ JitdumpDebugSpec linesOf(uint64_t addr, bool biased) {
 // an address, a move, unwinding data, an unknown record and a close.
 JitdumpWriter dump(JitdumpWriter::Order order, uint32_t headerSize, bool biased, uint64_t flags) {
     JitdumpWriter w(order);
-    JitdumpHeaderSpec h;
+    JitdumpHeaderFields h;
     h.totalSize = headerSize;
     h.flags = flags;
     w.header(h);
     w.debugInfo(linesOf(0x7f0000001000, biased)).codeLoad(loadAt(0x7f0000001000, 0, "JS:*fib /app/main.js:3"));
-    quarvel_test::JitdumpUnwindingSpec u;
+    quarvel_test::JitdumpUnwindingFields u;
     u.data = Bytes(24, 0x1B);
     u.ehFrameHdrSize = 8;
     u.mappedSize = 24;
     w.unwindingInfo(u);
     w.debugInfo(linesOf(0x7f0000002000, biased)).codeLoad(loadAt(0x7f0000002000, 1, "JS:^run"));
     w.codeLoad(loadAt(0x7f0000001000, 2, "JS:~reused"));
-    quarvel_test::JitdumpMoveSpec m;
+    quarvel_test::JitdumpMoveFields m;
     m.oldCodeAddr = 0x7f0000002000;
     m.newCodeAddr = 0x7f0000003000;
     m.codeSize = kCode.size();
@@ -82,7 +82,7 @@ void addJitdumpAndPerfMapSeeds(const std::function<void(const std::string&, cons
     add("fuzz_jitdump", whole.cut(whole.recordStarts()[1] + 30));
     JitdumpWriter badSize = dump(JitdumpWriter::Order::little, 40, true, 0);
     add("fuzz_jitdump", badSize.setRecordSize(2, 8).bytes());
-    JitdumpDebugSpec badCount = linesOf(0x1000, false);
+    JitdumpDebugFields badCount = linesOf(0x1000, false);
     badCount.countField = 1000;
     add("fuzz_jitdump", JitdumpWriter().header().debugInfo(badCount).bytes());
 

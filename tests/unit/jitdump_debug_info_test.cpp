@@ -14,8 +14,8 @@
 #include <vector>
 
 using namespace quarvel_3_13;
-using quarvel_test::JitdumpDebugSpec;
-using quarvel_test::JitdumpLoadSpec;
+using quarvel_test::JitdumpDebugFields;
+using quarvel_test::JitdumpLoadFields;
 using quarvel_test::JitdumpWriter;
 
 namespace {
@@ -137,7 +137,7 @@ TEST(JitdumpDebugInfo, BiasedInterleavedDumpGivesExactLines) {
     JitdumpWriter w;
     w.header();
     auto debugOf = [](const Fn& f) {
-        JitdumpDebugSpec d;
+        JitdumpDebugFields d;
         d.codeAddr = f.addr;
         bool first = true;
         for (const auto& l : f.lines) {
@@ -147,7 +147,7 @@ TEST(JitdumpDebugInfo, BiasedInterleavedDumpGivesExactLines) {
         return d;
     };
     auto loadOf = [](const Fn& f, uint64_t index) {
-        JitdumpLoadSpec l;
+        JitdumpLoadFields l;
         l.codeAddr = f.addr;
         l.code.assign(f.size, 0xCC);
         l.codeIndex = index;

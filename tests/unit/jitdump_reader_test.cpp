@@ -16,8 +16,8 @@
 #include <vector>
 
 using namespace quarvel_3_13;
-using quarvel_test::JitdumpDebugSpec;
-using quarvel_test::JitdumpLoadSpec;
+using quarvel_test::JitdumpDebugFields;
+using quarvel_test::JitdumpLoadFields;
 using quarvel_test::JitdumpWriter;
 using quarvel_test::TempDir;
 
@@ -63,8 +63,8 @@ ReadResult readAll(const Bytes& file) {
     return out;
 }
 
-JitdumpLoadSpec load(uint64_t codeAddr, const std::string& name, size_t codeSize = 8, uint64_t index = 0) {
-    JitdumpLoadSpec l;
+JitdumpLoadFields load(uint64_t codeAddr, const std::string& name, size_t codeSize = 8, uint64_t index = 0) {
+    JitdumpLoadFields l;
     l.codeAddr = codeAddr;
     l.name = name;
     l.codeIndex = index;
@@ -77,18 +77,18 @@ JitdumpLoadSpec load(uint64_t codeAddr, const std::string& name, size_t codeSize
 // Every record type once, padding where writers put it, an unknown record.
 JitdumpWriter everyRecord(JitdumpWriter::Order order, uint32_t headerSize) {
     JitdumpWriter w(order);
-    quarvel_test::JitdumpHeaderSpec h;
+    quarvel_test::JitdumpHeaderFields h;
     h.totalSize = headerSize;
     h.pid = 77;
     h.elfMachine = 183;
     h.timestamp = 0x1122334455667788ULL;
     h.flags = 1;
     w.header(h);
-    JitdumpLoadSpec first = load(0x7f0000001000, "JS:*first one.js:1", 5, 0);
+    JitdumpLoadFields first = load(0x7f0000001000, "JS:*first one.js:1", 5, 0);
     first.tid = 9;
     first.padding = 3;
     w.codeLoad(first);
-    JitdumpDebugSpec d;
+    JitdumpDebugFields d;
     d.timestamp = 1500;
     d.codeAddr = 0x7f0000002000;
     d.entries = {{0x7f0000002000, 3, 1, "/src/a.js", false},
@@ -97,14 +97,14 @@ JitdumpWriter everyRecord(JitdumpWriter::Order order, uint32_t headerSize) {
     d.padding = 5;
     w.debugInfo(d);
     w.codeLoad(load(0x7f0000002000, "JS:~second", 16, 1));
-    quarvel_test::JitdumpMoveSpec m;
+    quarvel_test::JitdumpMoveFields m;
     m.timestamp = 2000;
     m.oldCodeAddr = 0x7f0000002000;
     m.newCodeAddr = 0x7f0000003000;
     m.codeSize = 16;
     m.codeIndex = 1;
     w.codeMove(m);
-    quarvel_test::JitdumpUnwindingSpec u;
+    quarvel_test::JitdumpUnwindingFields u;
     u.timestamp = 2500;
     u.data = Bytes(12, 0xEE);
     u.ehFrameHdrSize = 4;
@@ -316,14 +316,14 @@ INSTANTIATE_TEST_SUITE_P(
                    "record total_size", 0, "record of 1073741824 bytes is cut by the end of the file"},
         DamageCase{"CodeSizePastTheRecord",
                    [](JitdumpWriter& w) {
-                       JitdumpLoadSpec l = load(0x2000, "x");
+                       JitdumpLoadFields l = load(0x2000, "x");
                        l.codeSizeField = 0xFFFFFFFFFFFFFFF0ULL;
                        w.codeLoad(l);
                    },
                    false, "CODE_LOAD code_size", 40, "code_size 18446744073709551600 exceeds the 8 bytes"},
         DamageCase{"NameWithoutItsEnd",
                    [](JitdumpWriter& w) {
-                       JitdumpLoadSpec l = load(0x2000, "JS:*nameless", 0);
+                       JitdumpLoadFields l = load(0x2000, "JS:*nameless", 0);
                        l.omitNameTerminator = true;
                        w.codeLoad(l);
                    },
@@ -336,7 +336,7 @@ INSTANTIATE_TEST_SUITE_P(
                    "while reading CODE_MOVE code_index"},
         DamageCase{"DebugCountPastTheRecord",
                    [](JitdumpWriter& w) {
-                       JitdumpDebugSpec d;
+                       JitdumpDebugFields d;
                        d.codeAddr = 0x2000;
                        d.entries = {{0x2000, 1, 0, "a.js", false}};
                        d.countField = 1ULL << 60;
@@ -345,7 +345,7 @@ INSTANTIATE_TEST_SUITE_P(
                    false, "CODE_DEBUG_INFO nr_entry", 24, "nr_entry 1152921504606846976 needs at least 17 bytes"},
         DamageCase{"DebugCountOneTooMany",
                    [](JitdumpWriter& w) {
-                       JitdumpDebugSpec d;
+                       JitdumpDebugFields d;
                        d.codeAddr = 0x2000;
                        d.entries = {{0x2000, 1, 0, "a.js", false}};
                        d.countField = 2;
@@ -361,7 +361,7 @@ INSTANTIATE_TEST_SUITE_P(
                    false, "CODE_DEBUG_INFO", 16 + 32, "unterminated CODE_DEBUG_INFO entry file name"},
         DamageCase{"UnwindingSizePastTheRecord",
                    [](JitdumpWriter& w) {
-                       quarvel_test::JitdumpUnwindingSpec u;
+                       quarvel_test::JitdumpUnwindingFields u;
                        u.data = Bytes(8, 1);
                        u.unwindDataSizeField = 100;
                        w.unwindingInfo(u);
@@ -369,7 +369,7 @@ INSTANTIATE_TEST_SUITE_P(
                    false, "CODE_UNWINDING_INFO unwinding_size", 16, "unwinding_size 100 exceeds the 8 bytes"},
         DamageCase{"EhFrameHeaderLargerThanTheData",
                    [](JitdumpWriter& w) {
-                       quarvel_test::JitdumpUnwindingSpec u;
+                       quarvel_test::JitdumpUnwindingFields u;
                        u.data = Bytes(8, 1);
                        u.ehFrameHdrSize = 16;
                        w.unwindingInfo(u);
@@ -400,7 +400,7 @@ TEST_P(JitdumpHeaderRefused, WithTheFieldAndValue) {
 }
 
 Bytes headerWith(uint32_t version, uint32_t totalSize) {
-    quarvel_test::JitdumpHeaderSpec h;
+    quarvel_test::JitdumpHeaderFields h;
     h.version = version;
     h.totalSize = totalSize;
     return JitdumpWriter().header(h).bytes();
@@ -428,7 +428,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<HeaderCase>& info) { return std::string(info.param.name); });
 
 TEST(JitdumpReader, HeaderOnlyIsAnEmptyDumpAndVersionTwoIsRead) {
-    quarvel_test::JitdumpHeaderSpec h;
+    quarvel_test::JitdumpHeaderFields h;
     h.version = 2;
     const ReadResult got = readAll(JitdumpWriter().header(h).bytes());
     ASSERT_TRUE(got.opened) << got.openReason.text();
@@ -437,7 +437,7 @@ TEST(JitdumpReader, HeaderOnlyIsAnEmptyDumpAndVersionTwoIsRead) {
 }
 
 TEST(JitdumpReader, UnknownFlagBitsAreReportedNotRefused) {
-    quarvel_test::JitdumpHeaderSpec h;
+    quarvel_test::JitdumpHeaderFields h;
     h.flags = 0x21;
     const Bytes file = JitdumpWriter().header(h).bytes();
     Expected<JitdumpReader> reader = JitdumpReader::fromBytes(file.data(), file.size(), "t.dump");
