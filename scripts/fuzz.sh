@@ -23,7 +23,7 @@ merge=${FUZZ_MERGE:-1}
 # The whole-file target's inputs are the largest, so it gets more.
 budget=${FUZZ_CORPUS_BUDGET:-49152}
 budget_of() { [ "$1" = fuzz_trace_file ] && echo $((budget * 8 / 3)) || echo "$budget"; }
-all_targets="fuzz_record_framing fuzz_method_load fuzz_inline_load fuzz_update fuzz_runtime_info fuzz_trace_file fuzz_file_names"
+all_targets="fuzz_record_framing fuzz_method_load fuzz_inline_load fuzz_update fuzz_runtime_info fuzz_trace_file fuzz_file_names fuzz_jitdump fuzz_perf_map"
 targets=${FUZZ_TARGETS:-$all_targets}
 # Small inputs keep the committed corpus small; sizes claimed by hostile
 # records must not need big files to matter.
