@@ -384,6 +384,31 @@ TEST(NettraceReader, EventsOfUndefinedMetadataAreDeliveredWithoutIt) {
     EXPECT_EQ(r.stats.eventsWithoutMetadata, 1u);
 }
 
+// The writer numbers each capture thread's events; what it numbered but
+// never wrote shows as gaps, a thread id starting again does not.
+TEST(NettraceReader, GapsInSequenceNumbersCountAsDroppedEvents) {
+    for (NettraceWriterLayout layout : {NettraceWriterLayout::objectStream, NettraceWriterLayout::blocks}) {
+        NettraceTraceSpec spec;
+        spec.layout = layout;
+        NettraceWriter w(spec);
+        w.metadata({quarvel_test::dotnetEventType(1, "P", 1, 0)});
+        const auto on = [](uint64_t thread, uint32_t sequence) {
+            NettraceEventRow r;
+            r.metadataId = 1;
+            r.threadId = r.captureThreadId = thread;
+            r.sequenceNumber = sequence;
+            return r;
+        };
+        w.events({on(1, 1), on(1, 2), on(2, 1), on(1, 5), on(2, 2)}); // 3 and 4 of thread 1 are lost
+        w.events({on(2, 10), on(1, 6), on(1, 1), on(1, 2)});          // 3-9 of thread 2; thread 1 starts again
+        w.end();
+        const ReadResult r = readAll(w.bytes());
+        ASSERT_FALSE(r.damaged) << r.damage.text();
+        EXPECT_EQ(r.events.size(), 9u);
+        EXPECT_EQ(r.stats.droppedEvents, 2u + 7u);
+    }
+}
+
 TEST(NettraceReader, VersionSixThreadsAndCacheFlushesApply) {
     NettraceTraceSpec spec;
     spec.layout = NettraceWriterLayout::blocks;

@@ -537,8 +537,10 @@ bool NettraceReader::readSequencePoint(ByteCursor c) {
         if (!nettrace::readVarUInt64(c, index, "thread index") || !nettrace::readVarUInt32(c, sequence, "sequence number"))
             return failCursor(c, "SequencePoint block");
     }
-    if (flags & 1)
+    if (flags & 1) {
         m_threads.clear();
+        m_sequences.clear();
+    }
     if (flags & 2) {
         m_metadata.clear();
         m_lastMetadata = nullptr;
@@ -588,8 +590,17 @@ bool NettraceReader::readRemoveThreadBlock(ByteCursor c) {
         if (!nettrace::readVarUInt64(c, index, "thread index") || !nettrace::readVarUInt32(c, sequence, "sequence number"))
             return failCursor(c, "RemoveThread block");
         m_threads.erase(index);
+        m_sequences.erase(index);
     }
     return true;
+}
+
+void NettraceReader::countDropped(const NettraceEventHeader& h) {
+    uint32_t& last = m_sequences[h.captureThreadId];
+    // A smaller number is a new thread under a recycled id (or a wrap): start over.
+    if (last != 0 && h.sequenceNumber > last + 1 && last != std::numeric_limits<uint32_t>::max())
+        m_stats.droppedEvents += h.sequenceNumber - last - 1;
+    last = h.sequenceNumber;
 }
 
 bool NettraceReader::nextInBlock(NettraceEvent& event) {
@@ -643,6 +654,7 @@ bool NettraceReader::nextInBlock(NettraceEvent& event) {
     event.payloadSize = h.payloadSize;
     event.payloadOffset = payloadAt;
     event.offset = at;
+    countDropped(h);
     ++m_stats.events;
     if (!event.metadata)
         ++m_stats.eventsWithoutMetadata;

@@ -102,6 +102,7 @@ private:
     bool readThreadBlock(ByteCursor c);
     bool readRemoveThreadBlock(ByteCursor c);
     bool nextInBlock(NettraceEvent& event);
+    void countDropped(const NettraceEventHeader& header);
     void defineMetadata(NettraceEventMetadata&& metadata);
 
     std::shared_ptr<const MappedFile> m_file;
@@ -132,6 +133,8 @@ private:
         bool hasProcessId = false;
     };
     std::unordered_map<uint64_t, ThreadRow> m_threads;
+    // The last sequence number seen of each capture thread.
+    std::unordered_map<uint64_t, uint32_t> m_sequences;
 };
 
 } // namespace quarvel_3_13

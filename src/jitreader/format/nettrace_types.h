@@ -112,6 +112,9 @@ struct NettraceEvent {
 struct NettraceReaderStats {
     uint64_t events = 0;
     uint64_t eventsWithoutMetadata = 0;
+    // Events the writer numbered but did not write (gaps in a capture
+    // thread's sequence numbers): lost to full buffers or a closing session.
+    uint64_t droppedEvents = 0;
     uint64_t metadataDefinitions = 0;
     uint64_t eventBlocks = 0;
     uint64_t metadataBlocks = 0;
