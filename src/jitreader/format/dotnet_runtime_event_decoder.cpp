@@ -109,6 +109,11 @@ bool readGuid(ByteCursor& c, DotnetGuid& guid, const char* field) {
     return true;
 }
 
+uint32_t littleEndian32(const uint8_t* p) {
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+           static_cast<uint32_t>(p[3]) << 24;
+}
+
 uint32_t versionOf(const NettraceEvent& event) {
     return event.metadata ? event.metadata->version : 0;
 }
@@ -174,12 +179,16 @@ Status DotnetRuntimeEventDecoder::decodeILToNativeMap(const NettraceEvent& event
                " bytes of offsets, " + std::to_string(c.remaining()) + " left");
         return refuse(c, event, "IL-to-native map");
     }
+    const uint8_t* ilBytes = nullptr;
+    const uint8_t* nativeBytes = nullptr;
+    c.bytes(static_cast<size_t>(count) * 4, ilBytes, "ILOffsets");
+    c.bytes(static_cast<size_t>(count) * 4, nativeBytes, "NativeOffsets");
     out.ilOffsets.resize(count);
     out.nativeOffsets.resize(count);
-    for (uint16_t i = 0; i < count; ++i)
-        c.u32(out.ilOffsets[i], "ILOffsets");
-    for (uint16_t i = 0; i < count; ++i)
-        c.u32(out.nativeOffsets[i], "NativeOffsets");
+    for (uint16_t i = 0; i < count; ++i) {
+        out.ilOffsets[i] = littleEndian32(ilBytes + 4 * i);
+        out.nativeOffsets[i] = littleEndian32(nativeBytes + 4 * i);
+    }
     if (!c.u16(out.clrInstanceId, "ClrInstanceID"))
         return refuse(c, event, "IL-to-native map");
     if (out.version >= 1 && !c.u64(out.ilVersionId, "ILVersionID"))

@@ -27,22 +27,24 @@ bool readVarUInt(ByteCursor& cursor, uint64_t& value, unsigned bits, const char*
     return true;
 }
 
-void appendUtf8(std::string& out, uint32_t cp) {
+// Writes cp at p; returns the byte after it.
+char* putUtf8(char* p, uint32_t cp) {
     if (cp < 0x80) {
-        out += static_cast<char>(cp);
+        *p++ = static_cast<char>(cp);
     } else if (cp < 0x800) {
-        out += static_cast<char>(0xC0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
+        *p++ = static_cast<char>(0xC0 | (cp >> 6));
+        *p++ = static_cast<char>(0x80 | (cp & 0x3F));
     } else if (cp < 0x10000) {
-        out += static_cast<char>(0xE0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
+        *p++ = static_cast<char>(0xE0 | (cp >> 12));
+        *p++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        *p++ = static_cast<char>(0x80 | (cp & 0x3F));
     } else {
-        out += static_cast<char>(0xF0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
+        *p++ = static_cast<char>(0xF0 | (cp >> 18));
+        *p++ = static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+        *p++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        *p++ = static_cast<char>(0x80 | (cp & 0x3F));
     }
+    return p;
 }
 
 uint16_t unitAt(const uint8_t* data, size_t i) {
@@ -76,7 +78,7 @@ bool readUtf16String(ByteCursor& cursor, std::string& utf8, const char* field) {
                     std::to_string(cursor.fileOffset()));
         return false;
     }
-    utf8 = utf16ToUtf8(p, n);
+    utf16ToUtf8(p, n, utf8);
     return cursor.skip(2 * (n + 1), field);
 }
 
@@ -91,9 +93,21 @@ bool readUtf8String(ByteCursor& cursor, std::string& value, const char* field) {
 
 std::string utf16ToUtf8(const uint8_t* data, size_t units) {
     std::string out;
-    out.reserve(units);
+    utf16ToUtf8(data, units, out);
+    return out;
+}
+
+void utf16ToUtf8(const uint8_t* data, size_t units, std::string& out) {
+    // At most three bytes per unit (a surrogate pair: four bytes for two units).
+    out.resize(units * 3);
+    char* begin = &out[0];
+    char* p = begin;
     for (size_t i = 0; i < units; ++i) {
         uint32_t cp = unitAt(data, i);
+        if (cp < 0x80) { // most names are ASCII
+            *p++ = static_cast<char>(cp);
+            continue;
+        }
         if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < units) {
             const uint32_t low = unitAt(data, i + 1);
             if (low >= 0xDC00 && low <= 0xDFFF) {
@@ -105,9 +119,9 @@ std::string utf16ToUtf8(const uint8_t* data, size_t units) {
         } else if (cp >= 0xD800 && cp <= 0xDFFF) {
             cp = 0xFFFD;
         }
-        appendUtf8(out, cp);
+        p = putUtf8(p, cp);
     }
-    return out;
+    out.resize(static_cast<size_t>(p - begin));
 }
 
 } // namespace nettrace

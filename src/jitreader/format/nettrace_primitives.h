@@ -28,8 +28,10 @@ bool readUtf16String(ByteCursor& cursor, std::string& utf8, const char* field);
 // A varuint32 byte count and that many bytes of UTF-8.
 bool readUtf8String(ByteCursor& cursor, std::string& value, const char* field);
 
-// UTF-16LE code units to UTF-8; a lone surrogate becomes U+FFFD.
+// UTF-16LE code units to UTF-8; a lone surrogate becomes U+FFFD. The second
+// form replaces out's text and keeps its buffer (decoders reuse their strings).
 std::string utf16ToUtf8(const uint8_t* data, size_t units);
+void utf16ToUtf8(const uint8_t* data, size_t units, std::string& out);
 
 } // namespace nettrace
 } // namespace quarvel_3_13
