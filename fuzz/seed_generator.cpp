@@ -4,6 +4,7 @@
 
 #include "fuzz_support.h"
 #include "jitdump_seeds.h"
+#include "nettrace_seeds.h"
 
 #include <quarvel/jittrace_writer.h>
 
@@ -296,5 +297,8 @@ int main(int argc, char** argv) {
 
     // Jitdump files and perf maps.
     quarvel_fuzz::addJitdumpAndPerfMapSeeds([&seeds](const std::string& target, const Bytes& input) { seeds.add(target, input); });
+    // The runtime's event traces.
+    for (const Bytes& trace : quarvel_fuzz::nettraceSeeds())
+        seeds.add("fuzz_nettrace", trace);
     return seeds.failed() ? 1 : 0;
 }
