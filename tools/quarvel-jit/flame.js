@@ -36,6 +36,8 @@
     nodes.push(node);
     byElement.set(g, node);
   });
+  // Boxes too narrow to draw: [start, samples, name index] each, for the search.
+  var narrow = JSON.parse(document.getElementById('narrow').textContent);
   var zoomed = null;
 
   function percent(part, whole) {
@@ -111,6 +113,14 @@
         spans.push([node.s, node.s + node.n]);
       }
     });
+    if (term) {
+      var names = narrow.names.map(function (name) { return re ? re.test(name) : name.indexOf(term) >= 0; });
+      for (var i = 0; i + 2 < narrow.spans.length; i += 3) {
+        if (names[narrow.spans[i + 2]]) {
+          spans.push([narrow.spans[i], narrow.spans[i] + narrow.spans[i + 1]]);
+        }
+      }
+    }
     spans.sort(function (a, b) { return a[0] - b[0] || b[1] - a[1]; });
     var covered = 0;
     var end = -1;

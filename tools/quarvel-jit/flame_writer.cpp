@@ -2,6 +2,8 @@
 
 #include "folded_writer.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -138,6 +140,26 @@ std::string xml(const std::string& s) {
     return out;
 }
 
+// JSON that can sit inside markup: '<', '>' and '&' (only ever inside its
+// strings) written as escapes; bytes that are not UTF-8 replaced.
+std::string jsonInMarkup(const std::vector<std::string>& strings) {
+    const std::string text =
+        nlohmann::json(strings).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        if (c == '<')
+            out += "\\u003c";
+        else if (c == '>')
+            out += "\\u003e";
+        else if (c == '&')
+            out += "\\u0026";
+        else
+            out += c;
+    }
+    return out;
+}
+
 std::string fixed(double v, int decimals = 2) {
     char buf[48];
     std::snprintf(buf, sizeof buf, "%.*f", decimals, v);
@@ -249,12 +271,21 @@ void writeSvg(std::ostream& os, const Tree& tree, const StackProfile& profile, c
            << label << "</text>\n";
     }
 
+    // Boxes too narrow to draw are still found by a search: their names and
+    // spans go into the page as data.
+    std::map<std::string, size_t> narrowNames;
+    std::string narrowSpans;
     os << "<g id=\"frames\">\n";
     for (size_t id = 0; id < tree.nodes.size(); ++id) {
         const Node& n = tree.nodes[id];
         const double w = total ? inner * static_cast<double>(n.total) / static_cast<double>(total) : 0;
-        if (id != 0 && w < o.minWidth)
+        if (id != 0 && w < o.minWidth) {
+            const std::string name = foldedFrameName(profile.frames().at(n.frame), n.line);
+            const size_t index = narrowNames.emplace(name, narrowNames.size()).first->second;
+            narrowSpans += (narrowSpans.empty() ? "" : ",") + std::to_string(n.start) + "," + std::to_string(n.total) +
+                           "," + std::to_string(index);
             continue;
+        }
         const double x = kPad + (total ? inner * static_cast<double>(n.start) / static_cast<double>(total) : 0);
         const double y = kTop + (tree.maxDepth - n.depth) * kFrameHeight;
         const bool root = id == 0;
@@ -290,6 +321,11 @@ void writeSvg(std::ostream& os, const Tree& tree, const StackProfile& profile, c
            << fixed(x + 3) << "\" y=\"" << fixed(y + kFrameHeight - 4.5) << "\">" << xml(label) << "</text></g>\n";
     }
     os << "</g>\n";
+    std::vector<std::string> names(narrowNames.size());
+    for (const auto& entry : narrowNames)
+        names[entry.second] = entry.first;
+    os << "<script type=\"application/json\" id=\"narrow\">{\"names\":" << jsonInMarkup(names)
+       << ",\"spans\":[" << narrowSpans << "]}</script>\n";
     os << "<text id=\"details\" x=\"" << fixed(kPad) << "\" y=\"" << fixed(height - 10) << "\"> </text>\n";
     if (standalone)
         os << "<script type=\"text/ecmascript\"><![CDATA[\n" << kFlameScript << "]]></script>\n";

@@ -4,7 +4,7 @@
 
 namespace quarvel_jit {
 
-std::string foldedFrameName(const FrameInfo& frame, unsigned line) {
+std::string foldedFrameName(const FrameInfo& frame, unsigned line, bool annotate) {
     std::string name = frame.name;
     for (char& c : name) {
         if (c == ';')
@@ -14,10 +14,12 @@ std::string foldedFrameName(const FrameInfo& frame, unsigned line) {
     }
     if (line)
         name += ":" + std::to_string(line);
+    if (annotate)
+        name += std::string(" [") + frameKindName(frame.kind) + "]";
     return name;
 }
 
-void writeFolded(std::ostream& os, const StackProfile& profile) {
+void writeFolded(std::ostream& os, const StackProfile& profile, bool annotate) {
     // Frames that differ only in module or kind fold into one name.
     std::map<std::string, uint64_t> lines;
     std::string text;
@@ -26,7 +28,7 @@ void writeFolded(std::ostream& os, const StackProfile& profile) {
         for (const StackElem& e : *entry.first) {
             if (!text.empty())
                 text += ';';
-            text += foldedFrameName(profile.frames().at(e.frame), e.line);
+            text += foldedFrameName(profile.frames().at(e.frame), e.line, annotate);
         }
         lines[text] += entry.second;
     }

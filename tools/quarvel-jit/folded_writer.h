@@ -13,10 +13,11 @@
 namespace quarvel_jit {
 
 // A frame's name as it appears in a line: ';' (the separator) becomes ':',
-// line breaks become spaces; with a line, ":<line>" follows.
-std::string foldedFrameName(const FrameInfo& frame, unsigned line);
+// line breaks become spaces; with a line, ":<line>" follows, and with
+// annotate the kind in brackets (" [inlined]").
+std::string foldedFrameName(const FrameInfo& frame, unsigned line, bool annotate = false);
 
-void writeFolded(std::ostream& os, const StackProfile& profile);
+void writeFolded(std::ostream& os, const StackProfile& profile, bool annotate = false);
 
 } // namespace quarvel_jit
 

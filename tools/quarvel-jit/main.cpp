@@ -48,6 +48,7 @@ struct Options {
     std::string from;
     std::string to;
     bool lines = false;
+    bool annotate = false;
     std::string output;
     std::string title;
 };
@@ -207,7 +208,7 @@ int runStacks(TraceView& view, const Options& o, const std::string& format, cons
     if (format == "folded" || format == "speedscope" || format == "csv")
         printStackSummary(std::cerr, summary, "quarvel-jit: ");
     if (format == "folded") {
-        writeFolded(std::cout, p);
+        writeFolded(std::cout, p, o.annotate);
     } else if (format == "speedscope") {
         writeSpeedscope(std::cout, p, samplesName(o));
     } else {
@@ -315,6 +316,8 @@ int main(int argc, char** argv) {
     CLI::App* stacks = app.add_subcommand("stacks", "Resolve call-stack samples into a profile: folded stacks, "
                                                     "speedscope JSON, or a table of frames by self and total samples");
     addStackInput(stacks);
+    stacks->add_flag("--annotate", o.annotate,
+                     "Folded: each frame's kind after its name (compiled, inlined, stub, native, kernel, unknown)");
     stacks->add_option("--top", o.top, "The N hottest frames by self and total samples (text, csv or json)");
     CLI::App* flame = app.add_subcommand("flame", "Resolve call-stack samples into an interactive flame graph");
     addStackInput(flame);
