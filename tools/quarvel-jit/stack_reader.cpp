@@ -50,12 +50,6 @@ bool parsePid(const std::string& text, unsigned& pid) {
     return true;
 }
 
-bool parseHexAddress(std::string text, uint64_t& value) {
-    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))
-        text.erase(0, 2);
-    return parseHex(text, value);
-}
-
 bool isIdentifier(const std::string& s) {
     if (s.empty())
         return false;
@@ -133,32 +127,54 @@ std::string parsePerfHeader(const std::string& line, StackSample& s, bool& oneLi
 
 } // namespace
 
-bool parsePerfFrame(const std::string& text, RawFrame& frame) {
-    const std::string line = trimmed(text);
-    size_t ipEnd = 0;
-    while (ipEnd < line.size() && !isSpace(line[ipEnd]))
+bool parsePerfFrame(const std::string& line, RawFrame& frame) {
+    // Positions in the line, so that a frame costs no copies beyond its names.
+    size_t begin = 0, end = line.size();
+    while (begin < end && isSpace(line[begin]))
+        ++begin;
+    while (end > begin && isSpace(line[end - 1]))
+        --end;
+    size_t ipEnd = begin;
+    while (ipEnd < end && !isSpace(line[ipEnd]))
         ++ipEnd;
-    if (!parseHexAddress(line.substr(0, ipEnd), frame.address))
+    size_t ipBegin = begin;
+    if (ipEnd - ipBegin > 2 && line[ipBegin] == '0' && (line[ipBegin + 1] == 'x' || line[ipBegin + 1] == 'X'))
+        ipBegin += 2;
+    if (ipBegin == ipEnd || ipEnd - ipBegin > 16)
         return false;
-    frame.symbol.clear();
+    uint64_t address = 0;
+    for (size_t i = ipBegin; i < ipEnd; ++i) {
+        const char c = line[i];
+        const int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                          : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+        if (digit < 0)
+            return false;
+        address = address << 4 | static_cast<uint64_t>(digit);
+    }
+    frame.address = address;
     frame.module.clear();
-    size_t symEnd = line.size();
-    if (symEnd > ipEnd && line.back() == ')') {
+    size_t symEnd = end;
+    if (symEnd > ipEnd && line[end - 1] == ')') {
         // The module is the last balanced parenthesised group, preceded by a space.
         int depth = 0;
-        for (size_t i = line.size(); i-- > ipEnd;) {
+        for (size_t i = end; i-- > ipEnd;) {
             if (line[i] == ')')
                 ++depth;
             else if (line[i] == '(' && --depth == 0) {
                 if (i > ipEnd && isSpace(line[i - 1])) {
-                    frame.module = line.substr(i + 1, line.size() - i - 2);
+                    frame.module.assign(line, i + 1, end - i - 2);
                     symEnd = i;
                 }
                 break;
             }
         }
     }
-    frame.symbol = trimmed(line, ipEnd, symEnd);
+    size_t symBegin = ipEnd;
+    while (symBegin < symEnd && isSpace(line[symBegin]))
+        ++symBegin;
+    while (symEnd > symBegin && isSpace(line[symEnd - 1]))
+        --symEnd;
+    frame.symbol.assign(line, symBegin, symEnd - symBegin);
     return true;
 }
 

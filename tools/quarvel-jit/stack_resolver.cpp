@@ -78,7 +78,19 @@ bool StackResolver::appendJit(uint64_t jitRva, Stack& leafFirst) {
 }
 
 uint32_t StackResolver::profilerFrame(const RawFrame& raw, FrameKind kind) {
-    return m_frames.intern(FrameInfo{raw.symbol.empty() ? hexName(raw.address) : raw.symbol, raw.module, "", kind});
+    if (raw.symbol.empty())
+        return m_frames.intern(FrameInfo{hexName(raw.address), raw.module, "", kind});
+    // Most frames are the same few library functions: found without building a FrameInfo.
+    m_key.assign(1, static_cast<char>('0' + static_cast<int>(kind)));
+    m_key += raw.symbol;
+    m_key += '\0';
+    m_key += raw.module;
+    const auto found = m_profilerFrames.find(m_key);
+    if (found != m_profilerFrames.end())
+        return found->second;
+    const uint32_t id = m_frames.intern(FrameInfo{raw.symbol, raw.module, "", kind});
+    m_profilerFrames.emplace(m_key, id);
+    return id;
 }
 
 void StackResolver::resolve(const StackSample& sample, Stack& out) {

@@ -59,6 +59,8 @@ private:
     StackCounters m_counters;
     std::map<std::pair<std::string, unsigned>, Process> m_processes;
     std::unordered_map<uint64_t, Stack> m_expansions; // jit rva -> frames, innermost first
+    std::unordered_map<std::string, uint32_t> m_profilerFrames; // kind, symbol, module -> frame
+    std::string m_key;
 };
 
 // Whether the profiler's module name means memory without a file behind it,
