@@ -2,6 +2,9 @@
 // frame is looked up at, how inlined code becomes frames, what keeps the
 // profiler's name, and what is counted as not named.
 
+#include "flame_writer.h"
+#include "folded_writer.h"
+#include "speedscope_writer.h"
 #include "stack_pipeline.h"
 #include "stack_resolver.h"
 #include "trace_view.h"
@@ -180,3 +183,63 @@ TEST_F(StackResolverTest, FiltersAndTheTopTableCountEachStackOnce) {
 }
 
 } // namespace
+
+namespace {
+
+// A deterministic generator, the same on every platform.
+class Lcg {
+public:
+    explicit Lcg(uint64_t seed) : m_state(seed) {}
+    uint64_t below(uint64_t n) {
+        m_state = m_state * 6364136223846793005ull + 1442695040888963407ull;
+        return (m_state >> 33) % n;
+    }
+
+private:
+    uint64_t m_state;
+};
+
+std::string damaged(const std::string& text, Lcg& random) {
+    static const char kBytes[] = {'\t', '\n', ' ', '(', ')', ':', '/', ';', ',', '.', '0', 'f', 'x', '\0', '\xff',
+                                  '\xc3'};
+    std::string s = text;
+    const uint64_t edits = 1 + random.below(6);
+    for (uint64_t i = 0; i < edits && !s.empty(); ++i) {
+        const size_t at = random.below(s.size());
+        switch (random.below(5)) {
+        case 0: s.erase(at, random.below(40)); break;
+        case 1: s.insert(at, 1, kBytes[random.below(sizeof kBytes)]); break;
+        case 2: s[at] = kBytes[random.below(sizeof kBytes)]; break;
+        case 3: s.resize(at); break;
+        default: s.insert(at, s.substr(random.below(s.size()), random.below(80))); break;
+        }
+    }
+    return s;
+}
+
+} // namespace
+
+TEST_F(StackResolverTest, DamagedInputOfEitherFormatIsCountedNeverFatal) {
+    const std::string perf = "100/1 0.000002000: \n\t1165 [unknown] (/tmp/perf-100.map)\n\t1160 [unknown] ()\n"
+                             "\t891f5 start_thread (/usr/lib/libc.so.6)\n\n"
+                             "100/2 0.000002500: \n\tffffffff81000000 sys_x ([kernel.kallsyms])\n"
+                             "\t1100 [unknown] ()\n\t1020 f(int, (x)) (/lib/a (deleted))\n\n"
+                             "  200 0.000003000:   1010\n";
+    const std::string csv = "time,address,pid,tid,host,stack\n2000,0x1165,100,1,h,0x1160;0x1101;0xffffffff81000000\n"
+                            "2500,0x1310,100,2,,0x1100\n6000,0x1010,100,1,h,\n";
+    Lcg random(7);
+    for (int round = 0; round < 3000; ++round) {
+        const std::string text = damaged(round % 2 ? csv : perf, random);
+        std::istringstream in(text);
+        StackReader reader(in, StackFormat::Auto);
+        StackProfile profile;
+        const StackSummary summary = collectStacks(m_view, reader, StackFilter(), profile);
+        ASSERT_EQ(summary.samplesRead, profile.samples()) << text;
+        ASSERT_LE(summary.errors.size(), StackReader::kMaxErrors);
+        std::ostringstream out;
+        writeFolded(out, profile, true);
+        writeSpeedscope(out, profile, text);
+        writeFlame(out, FlameFormat::Svg, profile, FlameOptions());
+        topFrames(profile, 3);
+    }
+}
