@@ -163,10 +163,8 @@ int runResolve(TraceView& view, const Options& o, Format format) {
     return kExitOk;
 }
 
-// Reads, filters and resolves the call-stack samples named by o.samples.
-bool collect(TraceView& view, const Options& o, const std::regex* match, StackProfile& profile,
-             StackSummary& summary) {
-    StackFilter filter;
+// The filters of stacks and flame; false (and a message) for a bad time.
+bool stackFilter(const Options& o, const std::regex* match, StackFilter& filter) {
     filter.pids = o.pids;
     filter.tids = o.tids;
     filter.match = match;
@@ -178,6 +176,13 @@ bool collect(TraceView& view, const Options& o, const std::regex* match, StackPr
         fail("--to: '" + o.to + "' is not a time (an integer, or sec.fraction as perf prints it)");
         return false;
     }
+    return true;
+}
+
+// Reads, filters and resolves the call-stack samples named by o.samples;
+// false when they cannot be read.
+bool collect(TraceView& view, const Options& o, const StackFilter& filter, StackProfile& profile,
+             StackSummary& summary) {
     const StackFormat format = o.samplesFormat == "csv"    ? StackFormat::Csv
                                : o.samplesFormat == "perf" ? StackFormat::Perf
                                                            : StackFormat::Auto;
@@ -198,10 +203,10 @@ bool collect(TraceView& view, const Options& o, const std::regex* match, StackPr
 
 std::string samplesName(const Options& o) { return o.samples == "-" ? std::string("<stdin>") : o.samples; }
 
-int runStacks(TraceView& view, const Options& o, const std::string& format, const std::regex* match) {
+int runStacks(TraceView& view, const Options& o, const std::string& format, const StackFilter& filter) {
     StackProfile profile;
     StackSummary summary;
-    if (!collect(view, o, match, profile, summary))
+    if (!collect(view, o, filter, profile, summary))
         return kExitInput;
     const StackProfile shown = o.lines ? StackProfile() : profile.withoutLines();
     const StackProfile& p = o.lines ? profile : shown;
@@ -222,23 +227,24 @@ int runStacks(TraceView& view, const Options& o, const std::string& format, cons
     return kExitOk;
 }
 
-int runFlame(TraceView& view, const Options& o, const std::regex* match) {
-    const auto endsWith = [&](const char* suffix) {
-        const std::string s(suffix);
-        return o.output.size() >= s.size() && o.output.compare(o.output.size() - s.size(), s.size(), s) == 0;
+// The flame graph's format from the name of its file; false when it names none.
+bool flameFormat(const std::string& path, FlameFormat& format) {
+    const auto endsWith = [&](const std::string& suffix) {
+        return path.size() >= suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0;
     };
-    FlameFormat format;
-    if (endsWith(".svg")) {
+    if (endsWith(".svg"))
         format = FlameFormat::Svg;
-    } else if (endsWith(".html") || endsWith(".htm")) {
+    else if (endsWith(".html") || endsWith(".htm"))
         format = FlameFormat::Html;
-    } else {
-        fail("-o: '" + o.output + "' must end in .svg or .html");
-        return kExitUsage;
-    }
+    else
+        return false;
+    return true;
+}
+
+int runFlame(TraceView& view, const Options& o, const StackFilter& filter, FlameFormat format) {
     StackProfile profile;
     StackSummary summary;
-    if (!collect(view, o, match, profile, summary))
+    if (!collect(view, o, filter, profile, summary))
         return kExitInput;
     printStackSummary(std::cerr, summary, "quarvel-jit: ");
     FlameOptions options;
@@ -360,6 +366,14 @@ int main(int argc, char** argv) {
             return kExitUsage;
         }
     }
+    StackFilter filter;
+    if (!stackFilter(o, match.get(), filter))
+        return kExitUsage;
+    FlameFormat flameAs = FlameFormat::Html;
+    if (*flame && !flameFormat(o.output, flameAs)) {
+        fail("-o: '" + o.output + "' must end in .svg or .html");
+        return kExitUsage;
+    }
     uint64_t rva = 0;
     if (!o.rva.empty() && !parseAddress(o.rva, rva)) {
         fail("--rva: '" + o.rva + "' is not a number (hex with 0x, or decimal)");
@@ -394,15 +408,15 @@ int main(int argc, char** argv) {
     } else if (*resolve) {
         return runResolve(view, o, format);
     } else if (*stacks) {
-        return runStacks(view, o, stackFormat, match.get());
+        return runStacks(view, o, stackFormat, filter);
     } else if (*flame) {
-        return runFlame(view, o, match.get());
+        return runFlame(view, o, filter, flameAs);
     } else if (*stats) {
         std::vector<StatRow> rows = view.stats();
         if (!o.samples.empty()) {
             StackProfile profile;
             StackSummary summary;
-            if (!collect(view, o, nullptr, profile, summary))
+            if (!collect(view, o, StackFilter(), profile, summary))
                 return kExitInput;
             for (const std::string& e : summary.errors)
                 std::cerr << samplesName(o) << ":" << e << '\n';
