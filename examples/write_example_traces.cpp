@@ -18,6 +18,8 @@
 //   - line tables: code offset -> source line for every method; code offset ->
 //     bytecode index -> source line for HashMap.get.
 
+#include "example_stacks.h"
+
 #include <quarvel/jittrace_writer.h>
 
 #include <cerrno>
@@ -377,6 +379,8 @@ int main(int argc, char** argv) {
     }
     std::vector<Live> live;
     if (!writeServer(dir, live) || !writeWorker(dir, live) || !writeSamples(dir + "/samples.csv", live))
+        return 2;
+    if (!writeExampleStacks(dir))
         return 2;
     std::cout << "wrote " << dir << "/" << kHost << ".4242.jit, " << dir << "/" << kHost << ".4343.jit and " << dir
               << "/samples.csv\n";

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quarvel_jit {
@@ -103,6 +104,43 @@ struct TopReport {
     ResolveSummary summary;
     std::vector<Counted> methods; // hottest first
     std::vector<Counted> lines;
+};
+
+// What reading and resolving call stacks met, for the summary.
+struct StackSummary {
+    uint64_t samplesRead = 0; // good samples in the input
+    uint64_t samplesKept = 0; // of those, the ones the filters kept
+    uint64_t malformedLines = 0;
+    uint64_t droppedSamples = 0;   // left out for a malformed line
+    uint64_t truncatedSamples = 0; // cut short by the end of the input, left out
+    std::vector<std::string> errors; // the first few bad lines, "<line>: <what>"
+    // Over the samples kept by --pid, --tid and the time window:
+    uint64_t untracedSamples = 0;
+    std::vector<std::pair<std::string, uint64_t>> untracedProcesses; // "pid[@host]", samples; most first
+    uint64_t noHostSamples = 0;
+    uint64_t beforeTraces = 0; // taken before their process's first jitted code
+    uint64_t frames = 0;
+    uint64_t jitFrames = 0;
+    uint64_t unnamedJitFrames = 0;
+    uint64_t samplesWithUnnamed = 0;
+    uint64_t distinctStacks = 0;
+};
+
+// A frame's samples: self (it was the leaf) and total (it was on the stack).
+struct FrameCount {
+    std::string name;
+    std::string module;
+    std::string kind;
+    std::string sourceFile;
+    unsigned line = 0; // with --lines only
+    uint64_t self = 0;
+    uint64_t total = 0;
+};
+
+struct FrameTopReport {
+    StackSummary summary;
+    uint64_t samples = 0;           // the samples in the profile
+    std::vector<FrameCount> frames; // by self, then total, hottest first
 };
 
 struct StatRow {

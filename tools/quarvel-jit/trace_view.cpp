@@ -281,50 +281,39 @@ StatsReport TraceView::stats() const {
     return report;
 }
 
-void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
-    r.inputLine = sample.line;
-    r.time = sample.time;
-    r.address = sample.address;
-    r.pid = sample.pid;
-    r.host = sample.host;
-
-    unsigned hostId = 0;
-    if (sample.host.empty()) {
+bool TraceView::hostIdOf(const std::string& host, unsigned& hostId, bool& noHost) {
+    noHost = false;
+    if (host.empty()) {
         // Without a host the sample can only mean the one host there is.
         if (m_hosts.size() != 1) {
-            r.status = m_hosts.empty() ? SampleStatus::UnknownProcess : SampleStatus::NoHost;
-            return;
+            noHost = !m_hosts.empty();
+            return false;
         }
         hostId = 1;
-        r.host = m_hosts[0];
-    } else if (m_loader->getHostIdByName(sample.host.c_str(), &hostId) != meSuccess || hostId == 0) {
-        ++m_unknownHosts[sample.host];
-        r.status = SampleStatus::UnknownProcess;
-        return;
+        return true;
     }
-    if (!m_processes.count({hostId, sample.pid})) {
-        r.status = SampleStatus::UnknownProcess;
-        return;
+    if (!ensureLoader() || m_loader->getHostIdByName(host.c_str(), &hostId) != meSuccess || hostId == 0) {
+        ++m_unknownHosts[host];
+        return false;
     }
+    return true;
+}
 
-    uint64_t jitRva = 0;
+bool TraceView::jitRvaAt(uint64_t time, uint64_t address, unsigned pid, unsigned hostId, uint64_t& jitRva) {
     q::IModule::Ptr module;
-    if (m_loader->resolveJitPoint(sample.time, sample.address, sample.pid, hostId, &jitRva, module) != meSuccess) {
-        r.status = SampleStatus::NotJit;
-        return;
-    }
+    return ensureLoader() && m_loader->resolveJitPoint(time, address, pid, hostId, &jitRva, module) == meSuccess;
+}
+
+bool TraceView::describeJitRva(uint64_t jitRva, SampleResult& r) const {
     const q::ISymbol::Ptr symbol = m_resolver->getSymbol(jitRva);
-    if (!symbol) {
-        r.status = SampleStatus::NotJit;
-        return;
-    }
-    r.status = SampleStatus::Resolved;
+    if (!symbol)
+        return false;
     r.jitRva = jitRva;
+    r.module.clear();
     if (const q::IModule::Ptr m = symbol->getModule())
         r.module = text(m->getFilePath());
-    else if (module)
-        r.module = text(module->getFilePath());
     r.method = pointAt(symbol, jitRva);
+    r.inlined.clear();
 
     q::ICodeRegion::Ptr region;
     for (auto it = symbol->getRegions(); !it.atEnd(); it.advance())
@@ -342,10 +331,55 @@ void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
         region = child;
     }
     std::reverse(r.inlined.begin(), r.inlined.end());
+    return true;
 }
 
-std::vector<SampleResult> TraceView::resolve(const std::vector<Sample>& samples,
-                                             const std::function<void(size_t, size_t)>& progress) {
+const TraceView::CodeExtent* TraceView::codeExtent(unsigned hostId, unsigned pid) {
+    if (!m_extentsDone) {
+        m_extentsDone = true;
+        for (auto it = m_resolver->getSymbols(); !it.atEnd(); it.advance())
+            for (auto regions = it.current()->getRegions(); !regions.atEnd(); regions.advance()) {
+                const q::ICodeRegion::Ptr region = regions.current();
+                if (!region || region->getLength() == 0)
+                    continue;
+                CodeExtent& e = m_extents[{region->getHostID(), region->getProcessId()}];
+                e.lowest = std::min<uint64_t>(e.lowest, region->getStartVirtualAddress());
+                e.highest = std::max<uint64_t>(e.highest, region->getStartVirtualAddress() + region->getLength());
+                e.firstTime = std::min<uint64_t>(e.firstTime, region->getLoadTime());
+            }
+    }
+    const auto found = m_extents.find({hostId, pid});
+    return found == m_extents.end() ? nullptr : &found->second;
+}
+
+void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
+    r.inputLine = sample.line;
+    r.time = sample.time;
+    r.address = sample.address;
+    r.pid = sample.pid;
+    r.host = sample.host;
+
+    unsigned hostId = 0;
+    bool noHost = false;
+    if (!hostIdOf(sample.host, hostId, noHost)) {
+        r.status = noHost ? SampleStatus::NoHost : SampleStatus::UnknownProcess;
+        return;
+    }
+    if (sample.host.empty())
+        r.host = m_hosts[0];
+    if (!hasTraces(hostId, sample.pid)) {
+        r.status = SampleStatus::UnknownProcess;
+        return;
+    }
+    uint64_t jitRva = 0;
+    if (!jitRvaAt(sample.time, sample.address, sample.pid, hostId, jitRva) || !describeJitRva(jitRva, r)) {
+        r.status = SampleStatus::NotJit;
+        return;
+    }
+    r.status = SampleStatus::Resolved;
+}
+
+bool TraceView::ensureLoader() {
     if (!m_loader) {
         std::vector<const char*> raw;
         for (const std::string& p : m_paths)
@@ -353,9 +387,15 @@ std::vector<SampleResult> TraceView::resolve(const std::vector<Sample>& samples,
         q::generic_iterator_t<const char*> it = q::makeIterator<const char*>(raw);
         m_loader = q::IJitLoader::create(it);
     }
+    return static_cast<bool>(m_loader);
+}
+
+std::vector<SampleResult> TraceView::resolve(const std::vector<Sample>& samples,
+                                             const std::function<void(size_t, size_t)>& progress) {
+    const bool haveLoader = ensureLoader();
     std::vector<SampleResult> results(samples.size());
     for (size_t i = 0; i < samples.size(); ++i) {
-        if (m_loader)
+        if (haveLoader)
             resolveOne(samples[i], results[i]);
         else
             results[i].status = SampleStatus::NotJit;
