@@ -412,7 +412,7 @@ int main(int argc, char** argv) {
     } else if (*flame) {
         return runFlame(view, o, filter, flameAs);
     } else if (*stats) {
-        std::vector<StatRow> rows = view.stats();
+        StatsReport report = view.stats();
         if (!o.samples.empty()) {
             StackProfile profile;
             StackSummary summary;
@@ -421,9 +421,9 @@ int main(int argc, char** argv) {
             for (const std::string& e : summary.errors)
                 std::cerr << samplesName(o) << ":" << e << '\n';
             const std::vector<StatRow> more = stackStatRows(summary);
-            rows.insert(rows.end(), more.begin(), more.end());
+            report.counters.insert(report.counters.end(), more.begin(), more.end());
         }
-        printStats(std::cout, format, rows);
+        printStats(std::cout, format, report);
     }
     return kExitOk;
 }
