@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)dataManager.processMethodLoadRecord(7, 1, parent);
 
     quarvel_fuzz::readTrace(quarvel_fuzz::frameRecord(type, body.data(), body.size(),
-                                                      (selector & 2) ? ctJitProfiler : 0),
+                                                      (selector & 2) ? static_cast<uint32_t>(ctJitProfiler) : 0u),
                             mode, 0x20000, dataManager);
     dataManager.finalize();
     for (const JitMethod::Ptr& method : dataManager.getJitMethods())

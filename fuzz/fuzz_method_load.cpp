@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const jit_rva_t base = (modeByte & 0x80) ? ~u64(0) - 0x1000 : 0x10000;
     const auto mode = static_cast<decoding_mode_t>(modeByte & 3);
     JitDataManager dataManager;
-    quarvel_fuzz::readTrace(quarvel_fuzz::frameRecord(type, body.data(), body.size(), selector & 0x10 ? ctJitProfiler : 0),
+    quarvel_fuzz::readTrace(quarvel_fuzz::frameRecord(type, body.data(), body.size(), selector & 0x10 ? static_cast<uint32_t>(ctJitProfiler) : 0u),
                             mode, base, dataManager);
     dataManager.finalize();
     for (const JitMethod::Ptr& method : dataManager.getJitMethods())

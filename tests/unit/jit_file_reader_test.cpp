@@ -391,8 +391,9 @@ TEST(ReadingPassModules, ModulesOf64BitCodeAreRenamedInProfilerFilesOfBothKinds)
         EXPECT_EQ(c.expected, moduleOf(data, 2)) << c.name;
         // Methods of one module share its renamed object.
         EXPECT_EQ(methodOf(data, 2)->getModule(), methodOf(data, 3)->getModule()) << c.name;
-        if (c.withArch0)
+        if (c.withArch0) {
             EXPECT_EQ("a.dll", moduleOf(data, 1)) << c.name;
+        }
     }
 }
 

@@ -343,8 +343,9 @@ TEST(Refusals, EveryTruncationIsRefusedWithinTheBody) {
             EXPECT_FALSE(reason.message.empty()) << layout.name << " cut at " << n;
         }
         if (layout.type != quarvel_jt_FunctionInlineLoad64 && layout.type != quarvel_jt_FunctionUpdate_v2 &&
-            layout.type != quarvel_jt_ManagedRuntimeInfo)
+            layout.type != quarvel_jt_ManagedRuntimeInfo) {
             EXPECT_EQ(2u, regionsBefore) << layout.name;
+        }
     }
 }
 

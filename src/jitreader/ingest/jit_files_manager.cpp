@@ -2,7 +2,7 @@
 
 #include "index/jit_data_manager.h"
 #include "format/jit_file_decoder.h"
-#include "format/record_types.h"
+#include "ingest/trace_format.h"
 #include "support/log.h"
 
 #include <boost/filesystem/operations.hpp>
@@ -24,6 +24,7 @@ namespace fs = boost::filesystem;
     } while (0)
 
 struct JitFilesManager::PendingFile {
+    TraceFormat format = TraceFormat::jitTrace;
     fs::path path;
     std::string fileName;
     std::string hostName;
@@ -33,22 +34,8 @@ struct JitFilesManager::PendingFile {
 
 namespace {
 
-// Whether a file found in a directory holds one of our traces: a trace has
-// no header, so its first record's type must be one the format knows. An
-// empty file is a trace with nothing in it yet.
-bool looksLikeJitTrace(const fs::path& path, u64 size) {
-    if (size == 0)
-        return true;
-    std::ifstream in(path.string(), std::ios::binary);
-    unsigned char word[4] = {0, 0, 0, 0};
-    if (!in.read(reinterpret_cast<char*>(word), size < 4 ? static_cast<std::streamsize>(size) : 4))
-        return false;
-    if (size < 4)
-        return true; // too short for a record: reading will say the file has none
-    const u32 type = static_cast<u32>(word[0]) | static_cast<u32>(word[1]) << 8 | static_cast<u32>(word[2]) << 16 |
-                     static_cast<u32>(word[3]) << 24;
-    return recordTypeInfo(type) != nullptr;
-}
+// The formats the reading pass knows how to read.
+bool isReadable(TraceFormat format) { return format == TraceFormat::jitTrace; }
 
 // A non-empty run of decimal digits that fits 32 bits.
 bool parsePid(const std::string& text, unsigned int& pid) {
@@ -109,19 +96,16 @@ quarvel_error_t JitFilesManager::parseJitFileName(const std::string& fileName, u
     return meSuccess;
 }
 
+// Every file is routed by its content. Our own traces name their host and
+// process in the file name; the files runtimes write for profilers name only
+// the process (in the name or the content) and come from this host. A file
+// named explicitly whose content is of no known format is taken as one of our
+// traces when its name says so: reading it then says what is wrong.
 quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicitPath,
                                              std::vector<PendingFile>& pending) const {
     PendingFile file;
     file.path = path;
     file.fileName = path.filename().string();
-    if (parseJitFileName(file.fileName, file.pid, file.hostName) != meSuccess) {
-        if (explicitPath) {
-            QV_REFUSE_INIT(meNotFound, "Jit file name " << path.string()
-                                      << " does not have the form <host>.<pid>.<ext> or <host>-<pid>.<ext>");
-        }
-        QV_INFO("Skipped " << path.string() << ": not a jit file name (<host>.<pid>.<ext> or <host>-<pid>.<ext>)");
-        return meSuccess;
-    }
     boost::system::error_code ec;
     file.size = fs::file_size(path, ec);
     if (ec) {
@@ -131,11 +115,39 @@ quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicit
         QV_INFO("Skipped " << path.string() << ": couldn't read its size: " << ec.message());
         return meSuccess;
     }
-    // Files found in a directory are routed by their content; a file named
-    // explicitly is taken as a trace, and reading it says what is wrong.
-    if (!explicitPath && !looksLikeJitTrace(path, file.size)) {
-        QV_INFO("Skipped " << path.string() << ": not a jit trace file (its content is of no format read here)");
+    const std::optional<TraceFormat> detected = detectTraceFormat(path.string(), file.size);
+    if (!detected && !explicitPath) {
+        QV_INFO("Skipped " << path.string() << ": its content is of no trace format read here");
         return meSuccess;
+    }
+    file.format = detected.value_or(TraceFormat::jitTrace);
+    if (!isReadable(file.format)) {
+        if (explicitPath) {
+            QV_REFUSE_INIT(meNotFound, "Jit file " << path.string() << " is a " << traceFormatName(file.format)
+                                                   << " file, which is not read yet");
+        }
+        QV_INFO("Skipped " << path.string() << ": a " << traceFormatName(file.format) << " file, which is not read yet");
+        return meSuccess;
+    }
+    if (file.format == TraceFormat::jitTrace) {
+        if (parseJitFileName(file.fileName, file.pid, file.hostName) != meSuccess) {
+            if (explicitPath) {
+                QV_REFUSE_INIT(meNotFound, "Jit file name " << path.string()
+                                          << " does not have the form <host>.<pid>.<ext> or <host>-<pid>.<ext>");
+            }
+            QV_INFO("Skipped " << path.string() << ": not a jit file name (<host>.<pid>.<ext> or <host>-<pid>.<ext>)");
+            return meSuccess;
+        }
+    } else {
+        if (!processOfRuntimeFile(file.format, path.string(), file.fileName, file.pid)) {
+            if (explicitPath) {
+                QV_REFUSE_INIT(meNotFound, "Couldn't tell which process wrote " << traceFormatName(file.format)
+                                                                                 << " file " << path.string());
+            }
+            QV_INFO("Skipped " << path.string() << ": couldn't tell which process wrote it");
+            return meSuccess;
+        }
+        file.hostName = localHostName();
     }
     pending.push_back(file);
     return meSuccess;
@@ -193,6 +205,7 @@ void JitFilesManager::addPending(const std::vector<PendingFile>& pending, target
         JitFileInfo info;
         info.path = file.path;
         info.fileName = file.fileName;
+        info.format = file.format;
         info.jitRvaBase = next;
         info.size = file.size;
         // Sizes were read while collecting; file them without touching the file system again.

@@ -2,6 +2,7 @@
 #define QUARVEL_INGEST_JIT_FILES_MANAGER_H
 
 #include "ingest/jit_file_reader.h"
+#include "ingest/trace_format.h"
 #include "support/result.h"
 
 #include <quarvel/generic_iterator.h>
@@ -26,6 +27,7 @@ class JitDataManager;
 // file, so that no file's code can run into the next file's range however
 // its records are shaped.
 struct JitFileInfo {
+    TraceFormat format = TraceFormat::jitTrace;
     boost::filesystem::path path;
     std::string fileName;
     u64 jitRvaBase = 0;
