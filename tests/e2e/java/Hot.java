@@ -51,12 +51,14 @@ public class Hot {
         return s + IntStream.range(0, n).map(x -> x * x).filter(x -> (x & 1) == 0).asLongStream().sum();
     }
 
-    static long churn(byte[] payload, int rounds) throws Exception {
+    // Each copy is compiled and runs hot for a while, then is dropped; a later
+    // System.gc() unloads it, and the code cache hands its space to new code.
+    static long churn(byte[] payload, int copies, int calls) throws Exception {
         long s = 0;
-        for (int r = 0; r < rounds; r++) {
+        for (int r = 0; r < copies; r++) {
             Class<?> c = MethodHandles.lookup().defineHiddenClass(payload, true).lookupClass();
             LongUnaryOperator op = (LongUnaryOperator) c.getDeclaredConstructor().newInstance();
-            for (int i = 0; i < 1000; i++) {
+            for (int i = 0; i < calls; i++) {
                 s += op.applyAsLong(i);
             }
         }
@@ -74,10 +76,10 @@ public class Hot {
         int round = 0;
         while (System.nanoTime() < end) {
             s += sumRange(round, round + 12_000_000);
-            s += deep(20_000);
-            s += lambdas(5_000);
-            s += churn(payload, 6);
-            if (++round % 20 == 0) {
+            s += deep(10_000_000);
+            s += lambdas(500_000);
+            s += churn(payload, 2, 50_000);
+            if (++round % 5 == 0) {
                 System.gc();
             }
         }
