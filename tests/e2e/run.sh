@@ -80,7 +80,9 @@ run_workload() {
     # printing to standard output costs a write per word). Printing an nmethod
     # costs far more than compiling it: only those where the samples fall.
     -XX:+LogVMOutput -XX:-DisplayVMOutput
-    -XX:CompileCommand=PrintNMethods,Hot*::* -XX:CompileCommand=PrintNMethods,Payload*::applyAsLong
+    -XX:CompileCommand=PrintNMethods,Hot::sumRange -XX:CompileCommand=PrintNMethods,Hot::d*
+    -XX:CompileCommand=PrintNMethods,Hot::lambda* '-XX:CompileCommand=PrintNMethods,Hot$$Lambda*::*'
+    -XX:CompileCommand=PrintNMethods,Payload*::applyAsLong
     -Xlog:jit+compilation=debug,nmethod+install=info:file="$dir/jit.log":uptimenanos,timenanos,tags
     -agentpath:"$AGENT"=dir="$dir/trace",verbose=1${agent_options:+,$agent_options}
     -cp "$work/classes" Hot "$millis"

@@ -71,16 +71,23 @@ public class Hot {
         try (InputStream in = Hot.class.getResourceAsStream("/Payload.class")) {
             payload = in.readAllBytes();
         }
-        final long end = System.nanoTime() + millis * 1_000_000L;
+        final long start = System.nanoTime();
+        final long end = start + millis * 1_000_000L;
+        // Unloading goes by the clock, not by rounds: a slow machine still
+        // frees code often enough for the cache to hand its space out again.
+        final long gcEvery = 250_000_000L;
+        long nextGc = start + gcEvery;
         long s = 0;
         int round = 0;
-        while (System.nanoTime() < end) {
-            s += sumRange(round, round + 12_000_000);
-            s += deep(10_000_000);
-            s += lambdas(500_000);
-            s += churn(payload, 2, 50_000);
-            if (++round % 5 == 0) {
+        for (long now = start; now < end; now = System.nanoTime()) {
+            s += sumRange(round, round + 4_000_000);
+            s += deep(2_000_000);
+            s += lambdas(100_000);
+            s += churn(payload, 1, 30_000);
+            ++round;
+            if (now >= nextGc) {
                 System.gc();
+                nextGc = System.nanoTime() + gcEvery;
             }
         }
         sink = s;
