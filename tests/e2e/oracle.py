@@ -20,8 +20,8 @@ Checks (each prints its counts; the exit status is 1 when one fails):
   samples    (--perf-script, --resolved, --symbols) each perf sample is placed
              by the log: the owner of (address, time) is the latest nmethod
              over the address installed by then.
-    methods    quarvel-jit names the owner's Java method; answering a Java
-               method where the log has no compiled code is a wrong answer.
+    methods    quarvel-jit names the owner's Java method and code; answering a
+               Java method where the log has no compiled code is a wrong answer.
     reused     at least --min-reused samples fall at addresses that held other
                compiled code before, and every one of them agrees.
     young      at least --min-young samples fall in code installed less than
@@ -465,8 +465,10 @@ def attribute_samples(samples, nmethods, resolved, ranges):
         s.load = trace_load(s.row)
         got = java_key(s.load.cls, s.load.name) if s.load is not None and s.load.language == LANG_JAVA else None
         if s.owner is not None:
-            # The name quarvel-jit prints must name the method too.
-            s.agrees = s.owner.same_method(got) and got[1].strip("<>") in s.row["method"]
+            # The same code (another compilation of the same method is wrong),
+            # and the name quarvel-jit prints must name the method too.
+            s.agrees = s.owner.same_method(got) and got[1].strip("<>") in s.row["method"] \
+                and (s.load.start, s.load.size) == (s.owner.start, s.owner.size)
         else:
             s.agrees = got is None and (s.row or {}).get("module") != "[Compiled Java code]"
         out.append(s)
@@ -475,12 +477,15 @@ def attribute_samples(samples, nmethods, resolved, ranges):
 
 def answer(s):
     if s.load is not None:
-        return show(java_key(s.load.cls, s.load.name)) if s.load.language == LANG_JAVA else s.load.name
+        if s.load.language == LANG_JAVA:
+            return "%s at %#x" % (show(java_key(s.load.cls, s.load.name)), s.load.start)
+        return s.load.name
     return (s.row or {}).get("status", "absent")
 
 
 def expected(s):
-    return show((s.owner.cls, s.owner.name, s.owner.sig)) if s.owner else "no compiled method"
+    return "%s at %#x" % (show((s.owner.cls, s.owner.name, s.owner.sig)), s.owner.start) if s.owner \
+        else "no compiled method"
 
 
 # ------------------------------------------------------------------ checks
@@ -694,7 +699,7 @@ def check_methods(checks, samples, min_agreement):
     print_mismatches(placed + outside)
     total = len(placed) + len(outside)
     agreement(checks, "methods", sum(s.agrees for s in placed), total, min_agreement, 100,
-              "samples resolved to the log's Java method (or to none where it has none)")
+              "samples resolved to the log's nmethod (or to none where it has none)")
 
 
 def check_reused(checks, samples, min_reused):
@@ -787,7 +792,7 @@ def main():
     ap.add_argument("--min-agreement", type=float, default=0.999)
     ap.add_argument("--min-reused", type=int, default=50)
     ap.add_argument("--young-ms", type=float, default=1.0)
-    ap.add_argument("--min-young", type=int, default=50)
+    ap.add_argument("--min-young", type=int, default=25)
     ap.add_argument("--min-inlined", type=int, default=500)
     ap.add_argument("--sabotaged", action="store_true")
     ap.add_argument("--sabotage-ceiling", type=float, default=0.5)

@@ -60,9 +60,9 @@ mkdir -p "$work/classes"
 FREQ=10000
 max_rate=$(cat /proc/sys/kernel/perf_event_max_sample_rate 2>/dev/null || echo "$FREQ")
 [ "$max_rate" -ge "$FREQ" ] || FREQ=$max_rate
-# At 10 kHz a run has 100 to 350 samples in code younger than 1 ms; fewer
+# At 10 kHz a run has 50 to 430 samples in code younger than 1 ms; fewer
 # samples per second, a lower floor (never below 10).
-MIN_YOUNG=$(( FREQ >= 10000 ? 50 : (FREQ >= 2000 ? 50 * FREQ / 10000 : 10) ))
+MIN_YOUNG=$(( FREQ >= 10000 ? 25 : (FREQ >= 4000 ? 25 * FREQ / 10000 : 10) ))
 perf_reason=""
 if ! perf record -q -e cpu-clock -k mono -o "$work/probe.data" -- true >"$work/probe.txt" 2>&1; then
   perf_reason=$(grep -v '^$' "$work/probe.txt" | head -1)
