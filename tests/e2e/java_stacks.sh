@@ -45,8 +45,8 @@ mkdir -p "$work/classes"
 "$JAVAC" -d "$work/classes" "$here"/java/*.java
 
 if ! perf record -q -g -e cpu-clock -k mono -o "$work/probe.data" -- true >"$work/probe.txt" 2>&1; then
-  echo "== java stacks: SKIPPED, perf events are not available here: $(grep -v '^$' "$work/probe.txt" | head -1)"
-  exit 0
+  echo "skip: perf events are not available here: $(grep -v '^$' "$work/probe.txt" | head -1)"
+  exit 77
 fi
 
 echo "== workload with frame pointers under perf record -g -k mono -e cpu-clock -F $FREQ (${MILLIS} ms)"

@@ -28,8 +28,8 @@ MILLIS=${E2E_MILLIS:-5000}
 export DOTNET_CLI_TELEMETRY_OPTOUT=1 DOTNET_NOLOGO=1 DOTNET_SKIP_FIRST_TIME_EXPERIENCE=1
 
 if ! command -v dotnet >/dev/null; then
-  echo "== .NET e2e: SKIPPED, no dotnet SDK on this machine"
-  exit 0
+  echo "skip: no dotnet SDK on this machine"
+  exit 77
 fi
 if ! command -v perf >/dev/null; then
   QUARVEL_SETUP_NO_BUILD=1 QUARVEL_EXTRA_PACKAGES="linux-perf" scripts/setup.sh || true
