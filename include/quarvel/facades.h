@@ -75,6 +75,12 @@ class QUARVEL_API IJitProcesses : public BaseObject {
 public:
     typedef boost::intrusive_ptr<IJitProcesses> Ptr;
     // For each host in ascending host id, its process ids in ascending order.
+    // The ids come without their hosts: a pid that ran on two hosts (traces
+    // gathered from several machines) is listed twice, and nothing here says
+    // which host each entry belongs to. Callers that need the host ask the
+    // loader or the resolver (getHostIdByName / getHostNameById) with the
+    // host names they know, or list files with listTraceFiles
+    // (quarvel/diagnostics.h), which pairs each pid with its host.
     virtual generic_iterator_t<unsigned> getJitProcessId() const = 0;
 
     static Ptr create(generic_iterator_t<const char*>& jitFiles);
