@@ -3,14 +3,18 @@
 // two outputs byte for byte:
 //
 //   quarvel_dotnet_dump <assembly>...
+//   quarvel_dotnet_dump --embedded-pdb <assembly> <output>   (writes the PDB the assembly embeds)
 
 #include "dotnet/assembly_metadata.h"
+#include "dotnet/debug_directory.h"
+#include "dotnet/embedded_pdb.h"
 #include "dotnet/file_bytes.h"
 #include "dotnet/metadata_heaps.h"
 #include "dotnet/pdb_finder.h"
 #include "dotnet/portable_pdb.h"
 
 #include <cstdio>
+#include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -74,7 +78,8 @@ bool dump(const std::string& path, std::vector<std::string>& lines) {
             std::cerr << method.reason().text() << '\n';
             return false;
         }
-        const MethodDescription& m = method.value();
+        MethodDescription& m = method.value();
+        assembly.readIlBody(m);
         lines.push_back("method\t" + hex(token, 8) + "\t" + m.typeName + "\t" + m.name + "\t" + m.signature + "\t" +
                         m.returnType + "\t0x" + hex(m.rva) + "\t" + ilSize(m));
         if (!pdb)
@@ -96,9 +101,30 @@ bool dump(const std::string& path, std::vector<std::string>& lines) {
     return true;
 }
 
+int writeEmbeddedPdb(const std::string& assembly, const std::string& output) {
+    Expected<FileBytes> file = FileBytes::map(assembly);
+    Expected<PeImage> image = file ? PeImage::parse(file.value()) : Expected<PeImage>(file.reason());
+    Expected<DebugDirectory> debug = image ? DebugDirectory::read(image.value()) : Expected<DebugDirectory>(image.reason());
+    if (!debug || !debug.value().embeddedPdb()) {
+        std::cerr << assembly << ": no embedded PDB\n";
+        return 1;
+    }
+    Expected<ByteCursor> data = DebugDirectory::data(image.value(), *debug.value().embeddedPdb());
+    Expected<std::vector<uint8_t>> pdb = data ? inflateEmbeddedPdb(data.value()) : Expected<std::vector<uint8_t>>(data.reason());
+    if (!pdb) {
+        std::cerr << pdb.reason().text() << '\n';
+        return 1;
+    }
+    std::ofstream out(output, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(pdb.value().data()), std::streamsize(pdb.value().size()));
+    return out ? 0 : 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 4 && std::string(argv[1]) == "--embedded-pdb")
+        return writeEmbeddedPdb(argv[2], argv[3]);
     std::ios::sync_with_stdio(false);
     for (int i = 1; i < argc; ++i) {
         std::cout << "assembly\t" << argv[i] << '\n';

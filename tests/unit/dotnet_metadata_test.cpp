@@ -325,6 +325,8 @@ TEST(MethodBodies, IlSizeFromTinyAndFatHeaders) {
     for (uint32_t rid = 1; rid <= expected.size(); ++rid) {
         Expected<MethodDescription> m = a->describeMethod(0x06000000 | rid);
         ASSERT_TRUE(m.ok()) << m.reason().text();
+        EXPECT_EQ(Body::none, m->ilBody);
+        a->readIlBody(m.value());
         EXPECT_EQ(expected[rid - 1].first, m->ilBody) << m->name;
         EXPECT_EQ(expected[rid - 1].second, m->ilSize) << m->name;
     }

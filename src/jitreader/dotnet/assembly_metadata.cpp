@@ -108,17 +108,13 @@ Expected<MethodDescription> AssemblyMetadata::describeMethod(uint32_t token) con
 
     MethodDescription m;
     m.token = token;
-    uint32_t implFlags = 0;
-    uint32_t flags = 0;
-    uint32_t nameIndex = 0;
-    uint32_t signature = 0;
-    m_tables.read(table::MethodDef, rid, kMethodRva, m.rva);
-    m_tables.read(table::MethodDef, rid, kMethodImplFlags, implFlags);
-    m_tables.read(table::MethodDef, rid, kMethodFlags, flags);
-    m_tables.read(table::MethodDef, rid, kMethodName, nameIndex);
-    m_tables.read(table::MethodDef, rid, kMethodSignature, signature);
-    m.implFlags = static_cast<uint16_t>(implFlags);
-    m.flags = static_cast<uint16_t>(flags);
+    uint32_t row[TableSpec::kMaxColumns] = {};
+    m_tables.readRow(table::MethodDef, rid, row);
+    m.rva = row[kMethodRva];
+    m.implFlags = static_cast<uint16_t>(row[kMethodImplFlags]);
+    m.flags = static_cast<uint16_t>(row[kMethodFlags]);
+    const uint32_t nameIndex = row[kMethodName];
+    const uint32_t signature = row[kMethodSignature];
     const uint64_t rowAt = m_tables.rowFileOffset(table::MethodDef, rid);
     auto damaged = [&](Reason reason) {
         return reason.inFile(name()).at(rowAt).ofField("method " + hexToken(token));
@@ -140,11 +136,10 @@ Expected<MethodDescription> AssemblyMetadata::describeMethod(uint32_t token) con
         return damaged(s.reason());
     m.signature = text.text(m_generics, rid);
     m.returnType = std::move(text.returnType);
-    readIlSize(m);
     return m;
 }
 
-void AssemblyMetadata::readIlSize(MethodDescription& m) const {
+void AssemblyMetadata::readIlBody(MethodDescription& m) const {
     m.ilBody = MethodDescription::IlBody::none;
     if (m.rva == 0 || (m.implFlags & kCodeTypeMask) != 0)
         return;

@@ -30,7 +30,7 @@ struct MethodDescription {
     uint32_t rva = 0;
     uint16_t implFlags = 0;
     uint16_t flags = 0;
-    IlBody ilBody = IlBody::none; // none: abstract, runtime or native code
+    IlBody ilBody = IlBody::none; // none: abstract, runtime or native code (see readIlBody)
     uint32_t ilSize = 0;
 };
 
@@ -58,13 +58,16 @@ public:
     uint32_t declaringType(uint32_t methodRid) const {
         return methodRid < m_owner.size() ? m_owner[methodRid] : 0;
     }
-    // A MethodDef token (0x06xxxxxx) described; the reason names what was damaged.
+    // A MethodDef token (0x06xxxxxx) described; the reason names what was
+    // damaged. The IL body is left for readIlBody: looking at it touches the
+    // method's code, which naming does not need.
     Expected<MethodDescription> describeMethod(uint32_t token) const;
+    // Fills ilBody and ilSize from the method's body header.
+    void readIlBody(MethodDescription& method) const;
 
 private:
     AssemblyMetadata() = default;
     Status index();
-    void readIlSize(MethodDescription& method) const;
 
     PeImage m_image;
     MetadataRoot m_root;

@@ -39,10 +39,8 @@ Status MetadataHeaps::appendString(uint32_t index, std::string& out) const {
                                 std::to_string(m_strings.size()) + " bytes)")
             .inFile(m_fileName);
     ByteCursor c = m_strings;
-    std::string text;
-    if (!c.seek(index, "string") || !c.cString(text, "string"))
+    if (!c.seek(index, "string") || !c.appendCString(out, "string"))
         return Reason::badInput(c.error()).inFile(m_fileName);
-    out += text;
     return Status::success();
 }
 

@@ -48,6 +48,23 @@ public:
         }
         return c.u32(value, "column");
     }
+    // Every column of row `rid`, in order; false when the table has no such row.
+    bool readRow(unsigned id, uint32_t rid, uint32_t (&values)[TableSpec::kMaxColumns]) const {
+        if (rid == 0 || rid > rows(id))
+            return false;
+        const size_t at = m_start[id] + size_t(rid - 1) * m_rowSize[id];
+        ByteCursor c(m_data + at, m_rowSize[id], ByteCursor::Order::little, m_base + at);
+        for (unsigned column = 0; column < TableSpec::kMaxColumns && m_width[id][column]; ++column) {
+            if (m_width[id][column] == 2) {
+                uint16_t v = 0;
+                c.u16(v, "column");
+                values[column] = v;
+            } else {
+                c.u32(values[column], "column");
+            }
+        }
+        return c.ok();
+    }
     // Where the row lies in the file, for messages.
     uint64_t rowFileOffset(unsigned id, uint32_t rid) const {
         return m_base + m_start[id] + size_t(rid ? rid - 1 : 0) * m_rowSize[id];

@@ -91,18 +91,11 @@ void fail(ByteCursor& c, uint64_t at, const std::string& what) {
     c.fail(what + " at offset " + std::to_string(at));
 }
 
-void appendJoined(std::string& out, const std::vector<std::string>& parts) {
-    for (size_t i = 0; i < parts.size(); ++i) {
-        if (i)
-            out += ", ";
-        out += parts[i];
-    }
-}
-
 } // namespace
 
 std::string MethodSignatureText::text(const GenericParameterIndex& generics, uint32_t methodRid) const {
     std::string out;
+    out.reserve(parameters.size() + 16);
     if (genericCount) {
         out += '<';
         for (uint32_t i = 0; i < genericCount; ++i) {
@@ -118,9 +111,9 @@ std::string MethodSignatureText::text(const GenericParameterIndex& generics, uin
         out += '>';
     }
     out += '(';
-    appendJoined(out, parameters);
+    out += parameters;
     if ((header & kCallingConventionMask) == kVarArg)
-        out += parameters.empty() ? "__arglist" : ", __arglist";
+        out += parameterCount ? ", __arglist" : "__arglist";
     out += ')';
     return out;
 }
@@ -161,17 +154,20 @@ bool SignatureDecoder::decodeMethod(ByteCursor& c, const GenericContext& context
         fail(c, at, std::to_string(count) + " parameters in a signature of " + std::to_string(c.size()) + " bytes");
         return false;
     }
+    out.parameterCount = count;
     out.returnType.clear();
     if (!decodeType(c, context, depth, out.returnType))
         return false;
-    out.parameters.assign(count, std::string());
-    for (std::string& parameter : out.parameters) {
+    out.parameters.clear();
+    for (uint32_t i = 0; i < count; ++i) {
+        if (i)
+            out.parameters += ", ";
         // Vararg call sites mark the start of the optional arguments.
         uint8_t next = 0;
         ByteCursor peek = c;
         if (peek.u8(next, "parameter type") && next == kSentinel)
             c.skip(1, "sentinel");
-        if (!decodeType(c, context, depth, parameter))
+        if (!decodeType(c, context, depth, out.parameters))
             return false;
     }
     return true;
@@ -382,8 +378,9 @@ bool SignatureDecoder::functionPointer(ByteCursor& c, const GenericContext& cont
     default: out += " callconv(" + std::to_string(signature.header & kCallingConventionMask) + ")"; break;
     }
     out += '<';
-    for (const std::string& p : signature.parameters)
-        out += p + ", ";
+    out += signature.parameters;
+    if (signature.parameterCount)
+        out += ", ";
     out += signature.returnType;
     out += '>';
     return true;

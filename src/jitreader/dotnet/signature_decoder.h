@@ -23,8 +23,9 @@ struct GenericContext {
 struct MethodSignatureText {
     uint8_t header = 0; // calling convention and HASTHIS/EXPLICITTHIS/GENERIC bits
     uint32_t genericCount = 0;
+    uint32_t parameterCount = 0;
     std::string returnType;
-    std::vector<std::string> parameters;
+    std::string parameters; // the parameter types joined by ", "
 
     // "<T, U>(int, string)": method type parameters, then the parameter
     // types; a vararg method ends its list with "__arglist".

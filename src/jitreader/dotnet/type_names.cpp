@@ -29,6 +29,31 @@ void TypeNames::build() {
             nested <= types && enclosing <= types && !m_enclosing[nested])
             m_enclosing[nested] = enclosing;
     }
+    m_typeDefNames.assign(size_t(types) + 1, std::string());
+    m_typeDefSpelled.assign(size_t(types) + 1, false);
+    for (uint32_t rid = 1; rid <= types; ++rid)
+        m_typeDefSpelled[rid] = spellTypeDef(rid, m_typeDefNames[rid]).ok();
+    const uint32_t references = m_tables->rows(table::TypeRef);
+    m_typeRefNames.assign(size_t(references) + 1, std::string());
+    m_typeRefSpelled.assign(size_t(references) + 1, false);
+    for (uint32_t rid = 1; rid <= references; ++rid)
+        m_typeRefSpelled[rid] = spellTypeRef(rid, m_typeRefNames[rid]).ok();
+}
+
+Status TypeNames::appendTypeDef(uint32_t rid, std::string& out) const {
+    if (rid < m_typeDefSpelled.size() && m_typeDefSpelled[rid]) {
+        out += m_typeDefNames[rid];
+        return Status::success();
+    }
+    return spellTypeDef(rid, out);
+}
+
+Status TypeNames::appendTypeRef(uint32_t rid, std::string& out) const {
+    if (rid < m_typeRefSpelled.size() && m_typeRefSpelled[rid]) {
+        out += m_typeRefNames[rid];
+        return Status::success();
+    }
+    return spellTypeRef(rid, out);
 }
 
 Status TypeNames::appendOwnName(unsigned tableId, uint32_t rid, unsigned nameColumn, std::string& out) const {
@@ -47,7 +72,7 @@ Status TypeNames::appendOwnName(unsigned tableId, uint32_t rid, unsigned nameCol
     return m_heaps->appendString(name, out);
 }
 
-Status TypeNames::appendTypeDef(uint32_t rid, std::string& out) const {
+Status TypeNames::spellTypeDef(uint32_t rid, std::string& out) const {
     if (rid == 0 || rid > m_tables->rows(table::TypeDef))
         return missingRow("TypeDef", rid);
     // Outermost first.
@@ -66,7 +91,7 @@ Status TypeNames::appendTypeDef(uint32_t rid, std::string& out) const {
     return Status::success();
 }
 
-Status TypeNames::appendTypeRef(uint32_t rid, std::string& out) const {
+Status TypeNames::spellTypeRef(uint32_t rid, std::string& out) const {
     uint32_t chain[kMaxNesting + 1];
     unsigned depth = 0;
     chain[0] = rid;

@@ -22,7 +22,8 @@ public:
     TypeNames() = default;
     TypeNames(const MetadataTables* tables, const MetadataHeaps* heaps);
 
-    // Reads the NestedClass table once.
+    // Reads the NestedClass table and spells every type's full name once:
+    // signatures name the same few types over and over.
     void build();
 
     Status appendTypeDef(uint32_t rid, std::string& out) const;
@@ -33,11 +34,19 @@ public:
     }
 
 private:
+    Status spellTypeDef(uint32_t rid, std::string& out) const;
+    Status spellTypeRef(uint32_t rid, std::string& out) const;
     Status appendOwnName(unsigned tableId, uint32_t rid, unsigned nameColumn, std::string& out) const;
 
     const MetadataTables* m_tables = nullptr;
     const MetadataHeaps* m_heaps = nullptr;
     std::vector<uint32_t> m_enclosing; // by TypeDef rid
+    // Full names by rid; a name that could not be read is spelled again on
+    // request, for its reason.
+    std::vector<std::string> m_typeDefNames;
+    std::vector<bool> m_typeDefSpelled;
+    std::vector<std::string> m_typeRefNames;
+    std::vector<bool> m_typeRefSpelled;
 };
 
 } // namespace quarvel_3_13
