@@ -9,6 +9,7 @@
 #
 #   scripts/fuzz-dotnet.sh [SECONDS]
 #   FUZZ_BUILD=build-fuzz FUZZ_WORK=/dev/shm/quarvel-fuzz-dotnet scripts/fuzz-dotnet.sh 60
+#   FUZZ_SEEDS=build/tests/dotnet/out/seeds scripts/fuzz-dotnet.sh   # seeds a test run already made
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -27,19 +28,23 @@ if ! cmake --build "$build" -j "$(nproc)" --target fuzz_dotnet_metadata fuzz_dot
   tail -40 "$work/build.log"
   exit 1
 fi
-# The seeds come from the fixtures, built here with the ordinary compiler.
-seedbuild=$work/seedbuild
-cmake -S . -B "$seedbuild" -G Ninja -DQUARVEL_BUILD_AGENTS=OFF >/dev/null
-cmake --build "$seedbuild" --target quarvel_dotnet_dump >"$work/seedbuild.log" 2>&1
-bash tests/dotnet/build_fixtures.sh tests/dotnet "$work/dotnet"
-bash tests/dotnet/make_fuzz_seeds.sh "$work/dotnet" "$seedbuild/tests/dotnet/quarvel_dotnet_dump" "$work/seeds"
+seeds=${FUZZ_SEEDS:-}
+if [ -z "$seeds" ]; then
+  # The seeds come from the fixtures, built here with the ordinary compiler.
+  seedbuild=$work/seedbuild
+  cmake -S . -B "$seedbuild" -G Ninja -DQUARVEL_BUILD_AGENTS=OFF >/dev/null
+  cmake --build "$seedbuild" --target quarvel_dotnet_dump >"$work/seedbuild.log" 2>&1
+  bash tests/dotnet/build_fixtures.sh tests/dotnet "$work/dotnet"
+  bash tests/dotnet/make_fuzz_seeds.sh "$work/dotnet" "$seedbuild/tests/dotnet/quarvel_dotnet_dump" "$work/seeds"
+  seeds=$work/seeds
+fi
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 failed=0
 for t in fuzz_dotnet_metadata fuzz_dotnet_pdb; do
   mkdir -p "$work/$t"
-  cp "$work/seeds/$t"/* "$work/$t/"
+  cp "$seeds/$t"/* "$work/$t/"
   status=0
   nice "$build/fuzz/$t" "${fuzz_flags[@]}" -max_total_time="$seconds" -artifact_prefix="$work/artifacts/$t-" \
     "$work/$t" >"$work/$t.log" 2>&1 || status=$?

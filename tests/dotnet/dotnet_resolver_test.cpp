@@ -227,6 +227,58 @@ TEST_P(DotNetResolver, NamesAndLinesOfTracedMethodsAgreeWithThePeer) {
     RecordProperty("lines", int(lines));
 }
 
+std::string run(const std::string& command) {
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
+    std::string text;
+    char buffer[4096];
+    size_t n = 0;
+    while (pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe.get())) > 0)
+        text.append(buffer, n);
+    return text;
+}
+
+// quarvel-jit goes through getSymbol, so its listings show what the
+// assemblies and PDBs say about a method the trace names by token only.
+TEST(DotNetTool, ListsAndResolvesWithCompletedNamesAndLines) {
+    const std::string out = fixturesDir();
+    if (std::system("command -v dotnet >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "the .NET SDK (dotnet) is not installed";
+    if (out.empty() || !std::ifstream(out + "/built.stamp"))
+        GTEST_SKIP() << "the .NET fixtures were not built";
+    if (std::string(QUARVEL_JIT_TOOL).empty())
+        GTEST_SKIP() << "quarvel-jit is not built (QUARVEL_BUILD_TOOLS=OFF)";
+    const std::string assembly = out + "/bin/Standalone/Quarvel.Fixtures.Standalone.dll";
+    const PeerAssembly peer = readByPeer(assembly);
+    const PeerMethod* add = nullptr;
+    for (const PeerMethod& m : peer.methods)
+        if (m.type == "Quarvel.Fixtures.Calculator" && m.name == "Add" && m.signature == "(int, int)")
+            add = &m;
+    ASSERT_TRUE(add && add->points.size() >= 2);
+
+    TraceMethodLoad load;
+    load.hashKey = load.methodId = 1;
+    load.loadTime = 1000;
+    load.regions.push_back(TraceCodeRegion{0x7f0000001000, 64, {}});
+    load.tail.moduleName = assembly;
+    load.tail.metadataToken = uint32_t(std::stoul(add->token, nullptr, 16));
+    load.tail.lines.nativeToManaged = {{0, 32, add->points[0].il}, {32, 64, add->points[1].il}};
+    quarvel_test::TempDir dir;
+    quarvel_test::TraceBuilder().magic().collector(1).load(3, load).writeTo(dir.file("fixtures.4242.jit"));
+    std::ofstream(dir.file("samples.csv")) << "time,address,pid,host\n2000,0x7f0000001028,4242,fixtures\n";
+
+    const std::string tool = std::string(QUARVEL_JIT_TOOL) + " --log-level off ";
+    const std::string source = peer.documents.at(add->points[1].document);
+    const std::string name = "Quarvel::Fixtures::Calculator::Add(int, int)";
+    const std::string symbols = run(tool + "symbols " + dir.path());
+    EXPECT_NE(std::string::npos, symbols.find(name)) << symbols;
+    EXPECT_NE(std::string::npos, symbols.find(source)) << symbols;
+    const std::string resolved = run(tool + "--format csv resolve " + dir.path() + " --samples " + dir.file("samples.csv"));
+    EXPECT_NE(std::string::npos, resolved.find(name)) << resolved;
+    EXPECT_NE(std::string::npos, resolved.find(source + "," + std::to_string(add->points[1].line))) << resolved;
+    const std::string dump = run(tool + "dump " + dir.path() + " --match Add");
+    EXPECT_NE(std::string::npos, dump.find(name)) << dump;
+}
+
 INSTANTIATE_TEST_SUITE_P(Locators, DotNetResolver, ::testing::Values(false, true),
                          [](const ::testing::TestParamInfo<bool>& info) {
                              return info.param ? "DefaultLocator" : "NoLocator";

@@ -30,11 +30,13 @@ struct SignatureCase {
 // TypeRefs: 1 System.Collections.Generic.List`1, 2 System.Runtime.InteropServices.InAttribute,
 // 3 Ext.Outer, 4 Ext.Outer.Inner (nested through its resolution scope).
 // TypeDefs: 1 <Module>, 2 Fixture.Sample.Calculator, 3 Calculator.Gen`1<T> (nested).
-// TypeSpec 1: List`1<!0>; TypeSpec 2 names itself as a modifier (a cycle).
+// TypeSpec 1: List`1<!0>; TypeSpec 2 names itself as a modifier (a cycle);
+// TypeSpecs 3 to 15 are List`1<next, next>: 2^13 types in 13 levels.
 class Signatures : public ::testing::Test {
 protected:
     static const uint8_t kList = (1 << 2) | 1, kIn = (2 << 2) | 1, kInner = (4 << 2) | 1;
     static const uint8_t kCalculator = (2 << 2) | 0, kListOfT = (1 << 2) | 2, kCycle = (2 << 2) | 2;
+    static const uint8_t kDoubling = (3 << 2) | 2;
 
     void SetUp() override {
         md.row(M::Module, {0, md.string("Test.dll"), md.guid(guid(1)), 0, 0});
@@ -44,6 +46,10 @@ protected:
         md.row(M::TypeRef, {(3 << 2) | 3, md.string("Inner"), 0});
         md.row(M::TypeSpec, {md.blob({0x15, 0x12, kList, 0x01, 0x13, 0x00})});
         md.row(M::TypeSpec, {md.blob({0x20, kCycle, 0x08})});
+        for (uint8_t next = 4; next <= 15; ++next)
+            md.row(M::TypeSpec, {md.blob({0x15, 0x12, kList, 0x02, 0x12, uint8_t((next << 2) | 2), 0x12,
+                                          uint8_t((next << 2) | 2)})});
+        md.row(M::TypeSpec, {md.blob({0x15, 0x12, kList, 0x02, 0x08, 0x08})});
     }
 
     // Builds the assembly with one Calculator method per case, and one generic
@@ -127,8 +133,12 @@ TEST_F(Signatures, DamageIsNamedWithItsOffset) {
         {"modifier cycle", {0x00, 0x01, 0x01, 0x20, kCycle, 0x08}},
         {"truncated", {0x00, 0x02, 0x01, 0x08}},
         {"field signature", {0x06, 0x08}},
-        {"missing TypeSpec", {0x00, 0x01, 0x01, 0x12, (9 << 2) | 2}},
+        {"missing TypeSpec", {0x00, 0x01, 0x01, 0x12, 0x81, 0x8E}}, // TypeSpec 99
         {"bad compressed integer", {0x00, 0xE0}},
+        // Found by fuzzing: a generic count of half a billion spelled "!!n" for each.
+        {"generic count beyond the rows", {0x10, 0xDF, 0xFF, 0xFF, 0xFF, 0x00, 0x01}},
+        // Found by fuzzing: TypeSpecs naming the next one twice expand exponentially.
+        {"exponential TypeSpecs", {0x00, 0x01, 0x01, 0x12, kDoubling}},
     };
     std::shared_ptr<const AssemblyMetadata> a = build(cases);
     ASSERT_TRUE(a);
@@ -152,11 +162,13 @@ TEST_F(Signatures, DamageIsNamedWithItsOffset) {
         "method signature: types nested deeper than 64 at offset ", // where the 65th TypeSpec starts
         "method signature: unexpected end of data at offset " + at(5, 4) + " while reading element type: 1 bytes needed, 0 left",
         "method signature: not a method signature (header 6) at offset " + at(6, 0),
-        "method signature: TypeSpec row 9 does not exist at offset " + at(7, 4),
+        "method signature: TypeSpec row 99 does not exist at offset " + at(7, 4),
         "method signature: bad compressed integer (first byte 224) at offset " + at(8, 1) + " while reading parameter count",
+        "method signature: 536870911 generic parameters, but 2 GenericParam rows at offset " + at(9, 0),
+        "method signature: more than 4096 types in one signature at offset ",
     };
     for (size_t i = 0; i < expected.size(); ++i) {
-        if (i == 4)
+        if (i == 4 || i == 10) // deep in the recursion
             EXPECT_EQ(0u, got[i].find(expected[i])) << got[i];
         else
             EXPECT_EQ(expected[i], got[i]) << cases[i].what;
@@ -199,6 +211,24 @@ TEST(MethodOwners, RunsOfMethodsBelongToTheLastTypeThatStartsThem) {
             EXPECT_EQ("m" + std::to_string(rid), m->name);
         }
     }
+}
+
+TEST(MethodOwners, OverlongTypeNamesAreRefused) {
+    MetadataBuilder md;
+    PeBuilder pe;
+    const std::string longName(1000, 'N');
+    md.row(M::Module, {0, md.string("Edge.dll"), 0, 0, 0});
+    md.row(M::TypeDef, {0, md.string("<Module>"), 0, 0, 1, 1});
+    for (uint32_t i = 0; i < 20; ++i) // each nested in the one before
+        md.row(M::TypeDef, {0, md.string(longName + std::to_string(i)), 0, 0, 1, 1});
+    for (uint32_t i = 1; i < 20; ++i)
+        md.row(M::NestedClass, {2 + i, 1 + i});
+    method(md, "Deep", {0x00, 0x00, 0x01});
+    std::shared_ptr<const AssemblyMetadata> a = open(pe.build(md.build()));
+    ASSERT_TRUE(a);
+    Expected<MethodDescription> m = a->describeMethod(0x06000001);
+    ASSERT_FALSE(m.ok());
+    EXPECT_EQ("the full name of TypeDef row 21 is longer than 16384 bytes", m.reason().message);
 }
 
 TEST(MethodOwners, NestedTypesAreNamedOutermostFirst) {

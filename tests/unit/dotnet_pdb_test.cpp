@@ -185,6 +185,15 @@ TEST_F(PdbFile, DocumentsAndMethods) {
     EXPECT_TRUE(points.empty());
 }
 
+// Found by fuzzing: a name whose parts name one long blob again and again.
+TEST_F(PdbFile, OverlongDocumentNamesAreRefused) {
+    const uint32_t part = md.blob(Bytes(40000, 'x'));
+    md.row(M::Document, {md.blob(cat({{'/'}, compressed(part), compressed(part)})), 0, 0, 0});
+    Expected<std::shared_ptr<const PortablePdb>> pdb = PortablePdb::open(hold(build(), "x.pdb"));
+    ASSERT_TRUE(pdb.ok()) << pdb.reason().text();
+    EXPECT_EQ("x.pdb: document name of row 1 longer than 65536 bytes", pdb.value()->document(1).reason().text());
+}
+
 TEST_F(PdbFile, SymbolReaderAnswersByRowId) {
     const std::string path = dir.file("x.pdb");
     writeFile(path, build());

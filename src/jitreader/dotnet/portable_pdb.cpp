@@ -15,6 +15,7 @@ const unsigned kDocumentName = 0;
 const unsigned kDocumentLanguage = 3;
 const unsigned kMethodDocument = 0;
 const unsigned kMethodSequencePoints = 1;
+const size_t kMaxDocumentName = 1 << 16;
 
 } // namespace
 
@@ -105,6 +106,11 @@ Expected<PdbDocument> PortablePdb::document(uint32_t rid) const {
         Expected<ByteCursor> text = m_heaps.blob(part);
         if (!text)
             return text.reason();
+        // Parts may name one blob many times; no real path is this long.
+        if (doc.name.size() + text.value().size() > kMaxDocumentName)
+            return Reason::badInput("document name of row " + std::to_string(rid) + " longer than " +
+                                    std::to_string(kMaxDocumentName) + " bytes")
+                .inFile(name());
         const uint8_t* bytes = nullptr;
         text.value().bytes(text.value().size(), bytes, "document name part");
         doc.name.append(reinterpret_cast<const char*>(bytes), text.value().size());

@@ -128,13 +128,14 @@ Status SignatureDecoder::decodeMethod(uint32_t blobIndex, const GenericContext& 
     if (!blob)
         return blob.reason();
     ByteCursor c = blob.value();
-    if (!decodeMethod(c, context, 0, out))
+    unsigned budget = kMaxTypes;
+    if (!method(c, context, 0, budget, out))
         return Reason::badInput("method signature: " + c.error());
     return Status::success();
 }
 
-bool SignatureDecoder::decodeMethod(ByteCursor& c, const GenericContext& context, unsigned depth,
-                                    MethodSignatureText& out) const {
+bool SignatureDecoder::method(ByteCursor& c, const GenericContext& context, unsigned depth, unsigned& budget,
+                              MethodSignatureText& out) const {
     const uint64_t at = c.fileOffset();
     if (!c.u8(out.header, "signature header"))
         return false;
@@ -146,6 +147,12 @@ bool SignatureDecoder::decodeMethod(ByteCursor& c, const GenericContext& context
     out.genericCount = 0;
     if ((out.header & kGeneric) && !readCompressedUnsigned(c, out.genericCount, "generic parameter count"))
         return false;
+    // Each is spelled from a GenericParam row: a count beyond them is damage.
+    if (out.genericCount > m_tables->rows(table::GenericParam)) {
+        fail(c, at, std::to_string(out.genericCount) + " generic parameters, but " +
+                        std::to_string(m_tables->rows(table::GenericParam)) + " GenericParam rows");
+        return false;
+    }
     uint32_t count = 0;
     if (!readCompressedUnsigned(c, count, "parameter count"))
         return false;
@@ -156,7 +163,7 @@ bool SignatureDecoder::decodeMethod(ByteCursor& c, const GenericContext& context
     }
     out.parameterCount = count;
     out.returnType.clear();
-    if (!decodeType(c, context, depth, out.returnType))
+    if (!type(c, context, depth, budget, out.returnType))
         return false;
     out.parameters.clear();
     for (uint32_t i = 0; i < count; ++i) {
@@ -167,19 +174,28 @@ bool SignatureDecoder::decodeMethod(ByteCursor& c, const GenericContext& context
         ByteCursor peek = c;
         if (peek.u8(next, "parameter type") && next == kSentinel)
             c.skip(1, "sentinel");
-        if (!decodeType(c, context, depth, out.parameters))
+        if (!type(c, context, depth, budget, out.parameters))
             return false;
     }
     return true;
 }
 
-bool SignatureDecoder::decodeType(ByteCursor& c, const GenericContext& context, unsigned depth,
-                                  std::string& out) const {
+bool SignatureDecoder::type(ByteCursor& c, const GenericContext& context, unsigned depth, unsigned& budget,
+                            std::string& out) const {
     const uint64_t at = c.fileOffset();
     if (depth > kMaxDepth) {
         fail(c, at, "types nested deeper than " + std::to_string(kMaxDepth));
         return false;
     }
+    if (budget == 0) {
+        fail(c, at, "more than " + std::to_string(kMaxTypes) + " types in one signature");
+        return false;
+    }
+    if (out.size() > kMaxText) {
+        fail(c, at, "a signature text longer than " + std::to_string(kMaxText) + " bytes");
+        return false;
+    }
+    --budget;
     uint8_t code = 0;
     if (!c.u8(code, "element type"))
         return false;
@@ -189,30 +205,30 @@ bool SignatureDecoder::decodeType(ByteCursor& c, const GenericContext& context, 
     }
     switch (code) {
     case kPtr:
-        if (!decodeType(c, context, depth + 1, out))
+        if (!type(c, context, depth + 1, budget, out))
             return false;
         out += '*';
         return true;
     case kByRef:
-        if (!decodeType(c, context, depth + 1, out))
+        if (!type(c, context, depth + 1, budget, out))
             return false;
         out += '&';
         return true;
     case kPinned:
-        if (!decodeType(c, context, depth + 1, out))
+        if (!type(c, context, depth + 1, budget, out))
             return false;
         out += " pinned";
         return true;
     case kSzArray:
-        if (!decodeType(c, context, depth + 1, out))
+        if (!type(c, context, depth + 1, budget, out))
             return false;
         out += "[]";
         return true;
     case kArray:
-        return decodeType(c, context, depth + 1, out) && arrayShape(c, out);
+        return type(c, context, depth + 1, budget, out) && arrayShape(c, out);
     case kValueType:
     case kClass:
-        return typeDefOrRef(c, context, depth, out);
+        return typeDefOrRef(c, context, depth, budget, out);
     case kVar:
     case kMVar: {
         uint32_t index = 0;
@@ -235,7 +251,7 @@ bool SignatureDecoder::decodeType(ByteCursor& c, const GenericContext& context, 
             fail(c, kindAt, "generic instantiation of element type " + std::to_string(kind));
             return false;
         }
-        if (!typeDefOrRef(c, context, depth, out))
+        if (!typeDefOrRef(c, context, depth, budget, out))
             return false;
         uint32_t count = 0;
         if (!readCompressedUnsigned(c, count, "generic argument count"))
@@ -248,18 +264,18 @@ bool SignatureDecoder::decodeType(ByteCursor& c, const GenericContext& context, 
         for (uint32_t i = 0; i < count; ++i) {
             if (i)
                 out += ", ";
-            if (!decodeType(c, context, depth + 1, out))
+            if (!type(c, context, depth + 1, budget, out))
                 return false;
         }
         out += '>';
         return true;
     }
     case kFnPtr:
-        return functionPointer(c, context, depth, out);
+        return functionPointer(c, context, depth, budget, out);
     case kCModReqd:
     case kCModOpt: {
         std::string modifier;
-        if (!typeDefOrRef(c, context, depth, modifier) || !decodeType(c, context, depth + 1, out))
+        if (!typeDefOrRef(c, context, depth, budget, modifier) || !type(c, context, depth + 1, budget, out))
             return false;
         out += code == kCModReqd ? " modreq(" : " modopt(";
         out += modifier;
@@ -273,7 +289,7 @@ bool SignatureDecoder::decodeType(ByteCursor& c, const GenericContext& context, 
 }
 
 bool SignatureDecoder::typeDefOrRef(ByteCursor& c, const GenericContext& context, unsigned depth,
-                                    std::string& out) const {
+                                    unsigned& budget, std::string& out) const {
     const uint64_t at = c.fileOffset();
     uint32_t coded = 0;
     if (!readCompressedUnsigned(c, coded, "type token"))
@@ -299,7 +315,7 @@ bool SignatureDecoder::typeDefOrRef(ByteCursor& c, const GenericContext& context
             return false;
         }
         ByteCursor spec = blob.value();
-        if (!decodeType(spec, context, depth + 1, out)) {
+        if (!type(spec, context, depth + 1, budget, out)) {
             c.fail(spec.error());
             return false;
         }
@@ -360,9 +376,9 @@ bool SignatureDecoder::arrayShape(ByteCursor& c, std::string& out) const {
 }
 
 bool SignatureDecoder::functionPointer(ByteCursor& c, const GenericContext& context, unsigned depth,
-                                       std::string& out) const {
+                                       unsigned& budget, std::string& out) const {
     MethodSignatureText signature;
-    if (!decodeMethod(c, context, depth + 1, signature))
+    if (!method(c, context, depth + 1, budget, signature))
         return false;
     out += "delegate*";
     if (signature.header & kHasThis)

@@ -38,8 +38,13 @@ struct MethodSignatureText {
 // custom modifiers as "T modreq(X)" / "T modopt(X)".
 class SignatureDecoder {
 public:
-    // Nesting of types inside types (TypeSpecs included) is bounded by this.
+    // Nesting of types inside types (TypeSpecs included) is bounded by this,
+    // and one signature spells at most kMaxTypes types: TypeSpecs that name
+    // each other several times would otherwise expand exponentially.
     static const unsigned kMaxDepth = 64;
+    static const unsigned kMaxTypes = 4096;
+    // Nor is a text longer than this spelled (real ones are some hundred bytes).
+    static const size_t kMaxText = 1 << 16;
 
     SignatureDecoder() = default;
     SignatureDecoder(const MetadataTables* tables, const MetadataHeaps* heaps, const TypeNames* names,
@@ -47,15 +52,16 @@ public:
 
     // A MethodDefSig (or MethodRefSig) from the blob heap.
     Status decodeMethod(uint32_t blobIndex, const GenericContext& context, MethodSignatureText& out) const;
-    // A MethodDefSig already cut out of its blob.
-    bool decodeMethod(ByteCursor& c, const GenericContext& context, unsigned depth, MethodSignatureText& out) const;
-    // One type; failures are left in the cursor.
-    bool decodeType(ByteCursor& c, const GenericContext& context, unsigned depth, std::string& out) const;
-
 private:
-    bool typeDefOrRef(ByteCursor& c, const GenericContext& context, unsigned depth, std::string& out) const;
+    // `budget`: the types this signature may still spell.
+    bool method(ByteCursor& c, const GenericContext& context, unsigned depth, unsigned& budget,
+                MethodSignatureText& out) const;
+    bool type(ByteCursor& c, const GenericContext& context, unsigned depth, unsigned& budget, std::string& out) const;
+    bool typeDefOrRef(ByteCursor& c, const GenericContext& context, unsigned depth, unsigned& budget,
+                      std::string& out) const;
     bool arrayShape(ByteCursor& c, std::string& out) const;
-    bool functionPointer(ByteCursor& c, const GenericContext& context, unsigned depth, std::string& out) const;
+    bool functionPointer(ByteCursor& c, const GenericContext& context, unsigned depth, unsigned& budget,
+                         std::string& out) const;
 
     const MetadataTables* m_tables = nullptr;
     const MetadataHeaps* m_heaps = nullptr;

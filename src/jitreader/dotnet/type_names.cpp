@@ -29,15 +29,24 @@ void TypeNames::build() {
             nested <= types && enclosing <= types && !m_enclosing[nested])
             m_enclosing[nested] = enclosing;
     }
+    size_t budget = kCacheFactor * (m_heaps->stringsSize() + 64);
+    auto keep = [&budget](const Status& spelled, std::string& name) {
+        if (!spelled || name.size() > budget) {
+            std::string().swap(name);
+            return false;
+        }
+        budget -= name.size();
+        return true;
+    };
     m_typeDefNames.assign(size_t(types) + 1, std::string());
     m_typeDefSpelled.assign(size_t(types) + 1, false);
     for (uint32_t rid = 1; rid <= types; ++rid)
-        m_typeDefSpelled[rid] = spellTypeDef(rid, m_typeDefNames[rid]).ok();
+        m_typeDefSpelled[rid] = keep(spellTypeDef(rid, m_typeDefNames[rid]), m_typeDefNames[rid]);
     const uint32_t references = m_tables->rows(table::TypeRef);
     m_typeRefNames.assign(size_t(references) + 1, std::string());
     m_typeRefSpelled.assign(size_t(references) + 1, false);
     for (uint32_t rid = 1; rid <= references; ++rid)
-        m_typeRefSpelled[rid] = spellTypeRef(rid, m_typeRefNames[rid]).ok();
+        m_typeRefSpelled[rid] = keep(spellTypeRef(rid, m_typeRefNames[rid]), m_typeRefNames[rid]);
 }
 
 Status TypeNames::appendTypeDef(uint32_t rid, std::string& out) const {
@@ -61,15 +70,19 @@ Status TypeNames::appendOwnName(unsigned tableId, uint32_t rid, unsigned nameCol
     uint32_t space = 0;
     if (!m_tables->read(tableId, rid, nameColumn, name) || !m_tables->read(tableId, rid, nameColumn + 1, space))
         return missingRow(tableSpec(tableId)->name, rid);
+    const size_t before = out.size();
     if (space) {
-        const size_t before = out.size();
         Status s = m_heaps->appendString(space, out);
         if (!s)
             return s;
         if (out.size() != before)
             out += '.';
     }
-    return m_heaps->appendString(name, out);
+    Status s = m_heaps->appendString(name, out);
+    if (s && out.size() - before > kMaxName)
+        return Reason::badInput(std::string(tableSpec(tableId)->name) + " row " + std::to_string(rid) +
+                                " has a name longer than " + std::to_string(kMaxName) + " bytes");
+    return s;
 }
 
 Status TypeNames::spellTypeDef(uint32_t rid, std::string& out) const {
@@ -81,10 +94,14 @@ Status TypeNames::spellTypeDef(uint32_t rid, std::string& out) const {
     chain[0] = rid;
     while (depth < kMaxNesting && enclosingType(chain[depth]))
         chain[depth + 1] = enclosingType(chain[depth]), ++depth;
+    const size_t start = out.size();
     for (unsigned i = depth + 1; i-- > 0;) {
         Status s = appendOwnName(table::TypeDef, chain[i], kTypeDefName, out);
         if (!s)
             return s;
+        if (out.size() - start > kMaxName)
+            return Reason::badInput("the full name of TypeDef row " + std::to_string(rid) + " is longer than " +
+                                    std::to_string(kMaxName) + " bytes");
         if (i)
             out += '.';
     }
@@ -106,10 +123,14 @@ Status TypeNames::spellTypeRef(uint32_t rid, std::string& out) const {
             break;
         chain[++depth] = scopeRid;
     }
+    const size_t start = out.size();
     for (unsigned i = depth + 1; i-- > 0;) {
         Status s = appendOwnName(table::TypeRef, chain[i], kTypeRefName, out);
         if (!s)
             return s;
+        if (out.size() - start > kMaxName)
+            return Reason::badInput("the full name of TypeRef row " + std::to_string(rid) + " is longer than " +
+                                    std::to_string(kMaxName) + " bytes");
         if (i)
             out += '.';
     }

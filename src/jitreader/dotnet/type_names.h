@@ -16,15 +16,20 @@ namespace quarvel_3_13 {
 // metadata spells it ("Outer`1.Inner`1").
 class TypeNames {
 public:
-    // Nesting deeper than this (a cycle in a damaged file) is cut off.
+    // Nesting deeper than this (a cycle in a damaged file) is cut off, and a
+    // full name longer than kMaxName is refused: no real type is named so.
     static const unsigned kMaxNesting = 64;
+    static const size_t kMaxName = 1 << 14;
 
     TypeNames() = default;
     TypeNames(const MetadataTables* tables, const MetadataHeaps* heaps);
 
     // Reads the NestedClass table and spells every type's full name once:
-    // signatures name the same few types over and over.
+    // signatures name the same few types over and over. Names are kept up to
+    // a total of kCacheFactor times the #Strings heap (deep nesting repeats
+    // the outer names in every inner one); the rest are spelled on request.
     void build();
+    static const size_t kCacheFactor = 8;
 
     Status appendTypeDef(uint32_t rid, std::string& out) const;
     Status appendTypeRef(uint32_t rid, std::string& out) const;
