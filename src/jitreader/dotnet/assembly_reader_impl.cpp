@@ -30,7 +30,7 @@ boost::intrusive_ptr<DotNetMethod> AssemblyReader::getMethod(unsigned token) con
     if (!method) {
         // A damaged row or a token of another version of the assembly: the
         // method keeps the names the trace gave.
-        if (FailureLog::firstReport(m_metadata->name()))
+        if (FailureLog::firstReport(m_metadata->name() + " (methods)"))
             QV_ERROR("Couldn't read .NET method " << hexToken(token) << ": " << method.reason().text());
         return boost::intrusive_ptr<DotNetMethod>();
     }

@@ -36,7 +36,8 @@ Expected<std::vector<uint8_t>> inflateEmbeddedPdb(ByteCursor c) {
             .at(at)
             .ofField("embedded PDB");
     const uint64_t compressed = c.remaining();
-    if (size == 0 || size > compressed * kMaxDeflateRatio)
+    if (size == 0 || size > compressed * kMaxDeflateRatio || size > kMaxEmbeddedPdb ||
+        compressed > std::numeric_limits<uInt>::max())
         return Reason::badInput("claims " + std::to_string(size) + " bytes from " + std::to_string(compressed) +
                                 " compressed bytes")
             .at(at + 4)

@@ -12,6 +12,8 @@ namespace quarvel_3_13 {
 // Deflate expands at most this much; an embedded PDB that claims more than
 // its compressed bytes could give is refused before anything is allocated.
 const uint64_t kMaxDeflateRatio = 1032;
+// And none larger than this is taken at all, whatever the compressed size.
+const uint64_t kMaxEmbeddedPdb = uint64_t(1) << 30;
 
 // The data of a debug directory entry of type 17: "MPDB", the size of the
 // PDB, then the PDB compressed with raw deflate. Gives the PDB's bytes.

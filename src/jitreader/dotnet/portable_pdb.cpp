@@ -15,7 +15,7 @@ const unsigned kDocumentName = 0;
 const unsigned kDocumentLanguage = 3;
 const unsigned kMethodDocument = 0;
 const unsigned kMethodSequencePoints = 1;
-const size_t kMaxDocumentName = 1 << 16;
+const size_t kMaxDocumentName = 1 << 13; // paths and URLs are far shorter
 
 } // namespace
 
