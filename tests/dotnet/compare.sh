@@ -5,7 +5,8 @@
 # size, every PDB document and every sequence point.
 #
 #   compare.sh OUT_DIR NAME DUMP [--expect PATTERN]... -- ASSEMBLY...
-#   compare.sh OUT_DIR NAME DUMP -- --framework      (every *.dll of the shared framework)
+#   compare.sh OUT_DIR NAME DUMP -- --framework      (every *.dll of the installed shared
+#                                                    frameworks, the newest version of each)
 # Assemblies are relative to OUT_DIR/bin. Each --expect pattern (grep -E)
 # must match our output: the fixtures really contain what they claim to.
 set -euo pipefail
@@ -25,8 +26,12 @@ fi
 export DOTNET_CLI_TELEMETRY_OPTOUT=1 DOTNET_NOLOGO=1 DOTNET_SKIP_FIRST_TIME_EXPERIENCE=1
 assemblies=()
 if [ "${1:-}" = --framework ]; then
-  runtime=$(cat "$out/runtime-dir")
-  assemblies=("$runtime"/*.dll)
+  # runtime-dir is <root>/shared/Microsoft.NETCore.App/<version>.
+  shared=$(dirname "$(dirname "$(cat "$out/runtime-dir")")")
+  for framework in "$shared"/*/; do
+    newest=$(ls -d "$framework"*/ | sort -V | tail -1)
+    assemblies+=("$newest"*.dll)
+  done
 else
   for a in "$@"; do assemblies+=("$out/bin/$a"); done
 fi
