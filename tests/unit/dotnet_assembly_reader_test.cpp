@@ -7,6 +7,7 @@
 #include "temp_dir.h"
 #include "trace_builder.h"
 
+#include "api/symbol_resolver.h"
 #include "dotnet/assembly_reader_impl.h"
 #include "model/dotnet_method.h"
 
@@ -297,6 +298,17 @@ TEST_F(AssemblyReaderTest, DefaultLocatorFindsTheAssemblyAndThePdbBesideIt) {
     EXPECT_FALSE(debug);
     locator->locate(nullptr, found, debug);
     EXPECT_FALSE(found);
+}
+
+// One open per assembly, not one per method, with or without a locator.
+TEST_F(AssemblyReaderTest, TheResolverOpensEachAssemblyOnce) {
+    const std::string assembly = write("o/Sample.dll", SampleAssembly().build());
+    for (const ISymbolFileLocator::Ptr& locator : {ISymbolFileLocator::Ptr(), ISymbolFileLocator::createDefault()}) {
+        SymbolResolver::Ptr resolver(new SymbolResolver(locator));
+        const IAssemblyReader::Ptr first = resolver->getAssemblyReader(assembly);
+        ASSERT_TRUE(first);
+        EXPECT_EQ(first, resolver->getAssemblyReader(assembly));
+    }
 }
 
 std::vector<quarvel_line_number_entry> table(const ISymbol::Ptr& s, quarvel_line_info_type type) {

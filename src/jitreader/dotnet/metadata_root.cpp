@@ -1,6 +1,5 @@
 #include "dotnet/metadata_root.h"
 
-#include <cstring>
 
 namespace quarvel_3_13 {
 
