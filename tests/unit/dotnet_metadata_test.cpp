@@ -119,9 +119,9 @@ TEST_F(Signatures, ReadAsText) {
     EXPECT_EQ("Fixture.Sample.Calculator.Gen`1", generic->typeName);
     EXPECT_EQ("<U>(T, U)", generic->signature);
     EXPECT_EQ("U", generic->returnType);
-    Expected<MethodDescription> spec = a->describeMethod(0x06000000 | typeSpecMethod);
-    ASSERT_TRUE(spec.ok()) << spec.reason().text();
-    EXPECT_EQ("(int modopt(System.Collections.Generic.List`1<T>))", spec->signature);
+    Expected<MethodDescription> modified = a->describeMethod(0x06000000 | typeSpecMethod);
+    ASSERT_TRUE(modified.ok()) << modified.reason().text();
+    EXPECT_EQ("(int modopt(System.Collections.Generic.List`1<T>))", modified->signature);
 }
 
 TEST_F(Signatures, DamageIsNamedWithItsOffset) {

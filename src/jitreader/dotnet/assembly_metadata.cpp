@@ -108,7 +108,7 @@ Expected<MethodDescription> AssemblyMetadata::describeMethod(uint32_t token) con
 
     MethodDescription m;
     m.token = token;
-    uint32_t row[TableSpec::kMaxColumns] = {};
+    uint32_t row[TableSchema::kMaxColumns] = {};
     m_tables.readRow(table::MethodDef, rid, row);
     m.rva = row[kMethodRva];
     m.implFlags = static_cast<uint16_t>(row[kMethodImplFlags]);

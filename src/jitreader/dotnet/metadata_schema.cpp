@@ -7,7 +7,7 @@ namespace quarvel_3_13 {
 namespace {
 
 using namespace table;
-const uint8_t N = CodedIndexSpec::kNoTable;
+const uint8_t N = CodedIndexSchema::kNoTable;
 
 const uint8_t kTypeDefOrRef[] = {TypeDef, TypeRef, TypeSpec};
 const uint8_t kHasConstant[] = {Field, Param, Property};
@@ -32,8 +32,8 @@ const uint8_t kHasCustomDebugInformation[] = {
     LocalScope,   LocalVariable, LocalConstant, ImportScope};
 
 #define QV_CODED(bits, list) \
-    CodedIndexSpec { bits, static_cast<uint8_t>(sizeof(list)), list }
-const CodedIndexSpec kCodedIndices[] = {
+    CodedIndexSchema { bits, static_cast<uint8_t>(sizeof(list)), list }
+const CodedIndexSchema kCodedIndices[] = {
     QV_CODED(2, kTypeDefOrRef),      QV_CODED(2, kHasConstant),        QV_CODED(5, kHasCustomAttribute),
     QV_CODED(1, kHasFieldMarshal),   QV_CODED(2, kHasDeclSecurity),    QV_CODED(3, kMemberRefParent),
     QV_CODED(1, kHasSemantics),      QV_CODED(1, kMethodDefOrRef),     QV_CODED(1, kMemberForwarded),
@@ -41,20 +41,20 @@ const CodedIndexSpec kCodedIndices[] = {
     QV_CODED(1, kTypeOrMethodDef),   QV_CODED(5, kHasCustomDebugInformation),
 };
 #undef QV_CODED
-static_assert(sizeof(kCodedIndices) / sizeof(kCodedIndices[0]) == std::size_t(CodedIndex::count), "one spec per kind");
+static_assert(sizeof(kCodedIndices) / sizeof(kCodedIndices[0]) == std::size_t(CodedIndex::count), "one schema per kind");
 
-constexpr ColumnSpec c2{ColumnKind::fixed2};
-constexpr ColumnSpec c4{ColumnKind::fixed4};
-constexpr ColumnSpec S{ColumnKind::string};
-constexpr ColumnSpec G{ColumnKind::guid};
-constexpr ColumnSpec B{ColumnKind::blob};
-constexpr ColumnSpec T(uint8_t t) { return ColumnSpec{ColumnKind::table, t}; }
-constexpr ColumnSpec L(uint8_t t, uint8_t ptr = N) { return ColumnSpec{ColumnKind::list, t, ptr}; }
-constexpr ColumnSpec C(CodedIndex k) { return ColumnSpec{ColumnKind::coded, static_cast<uint8_t>(k)}; }
+constexpr ColumnSchema c2{ColumnKind::fixed2};
+constexpr ColumnSchema c4{ColumnKind::fixed4};
+constexpr ColumnSchema S{ColumnKind::string};
+constexpr ColumnSchema G{ColumnKind::guid};
+constexpr ColumnSchema B{ColumnKind::blob};
+constexpr ColumnSchema T(uint8_t t) { return ColumnSchema{ColumnKind::table, t}; }
+constexpr ColumnSchema L(uint8_t t, uint8_t ptr = N) { return ColumnSchema{ColumnKind::list, t, ptr}; }
+constexpr ColumnSchema C(CodedIndex k) { return ColumnSchema{ColumnKind::coded, static_cast<uint8_t>(k)}; }
 
 struct Entry {
     uint8_t id;
-    TableSpec spec;
+    TableSchema schema;
 };
 
 const Entry kTables[] = {
@@ -114,29 +114,29 @@ const Entry kTables[] = {
 };
 
 struct Index {
-    const TableSpec* byId[table::count] = {};
+    const TableSchema* byId[table::count] = {};
     Index() {
         for (const Entry& e : kTables)
-            byId[e.id] = &e.spec;
+            byId[e.id] = &e.schema;
     }
 };
 
 } // namespace
 
-const TableSpec* tableSpec(unsigned id) {
+const TableSchema* tableSchema(unsigned id) {
     static const Index index;
     return id < table::count ? index.byId[id] : nullptr;
 }
 
-const CodedIndexSpec& codedIndexSpec(CodedIndex kind) { return kCodedIndices[static_cast<unsigned>(kind)]; }
+const CodedIndexSchema& codedIndexSchema(CodedIndex kind) { return kCodedIndices[static_cast<unsigned>(kind)]; }
 
 bool decodeCodedIndex(CodedIndex kind, uint32_t value, uint8_t& tableId, uint32_t& rid) {
-    const CodedIndexSpec& spec = codedIndexSpec(kind);
-    const uint32_t tag = value & ((1u << spec.tagBits) - 1);
-    if (tag >= spec.count || spec.tables[tag] == CodedIndexSpec::kNoTable)
+    const CodedIndexSchema& schema = codedIndexSchema(kind);
+    const uint32_t tag = value & ((1u << schema.tagBits) - 1);
+    if (tag >= schema.count || schema.tables[tag] == CodedIndexSchema::kNoTable)
         return false;
-    tableId = spec.tables[tag];
-    rid = value >> spec.tagBits;
+    tableId = schema.tables[tag];
+    rid = value >> schema.tagBits;
     return true;
 }
 

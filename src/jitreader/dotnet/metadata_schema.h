@@ -87,7 +87,7 @@ enum class CodedIndex : uint8_t {
 };
 
 // Tag values name candidate tables in order; kNoTable marks tags no table uses.
-struct CodedIndexSpec {
+struct CodedIndexSchema {
     static const uint8_t kNoTable = 0xFF;
     uint8_t tagBits;
     uint8_t count;
@@ -105,22 +105,22 @@ enum class ColumnKind : uint8_t {
     coded   // coded index of kind `target`
 };
 
-struct ColumnSpec {
+struct ColumnSchema {
     ColumnKind kind;
     uint8_t target = 0;
-    uint8_t pointerTable = CodedIndexSpec::kNoTable;
+    uint8_t pointerTable = CodedIndexSchema::kNoTable;
 };
 
-struct TableSpec {
+struct TableSchema {
     static const unsigned kMaxColumns = 9;
     const char* name;
     uint8_t columnCount;
-    ColumnSpec columns[kMaxColumns];
+    ColumnSchema columns[kMaxColumns];
 };
 
 // Null for the ids no table has (0x2D-0x2F, 0x38-0x3F).
-const TableSpec* tableSpec(unsigned id);
-const CodedIndexSpec& codedIndexSpec(CodedIndex kind);
+const TableSchema* tableSchema(unsigned id);
+const CodedIndexSchema& codedIndexSchema(CodedIndex kind);
 // Splits a coded index into table and row; false for a tag no table uses.
 bool decodeCodedIndex(CodedIndex kind, uint32_t value, uint8_t& table, uint32_t& rid);
 

@@ -37,7 +37,7 @@ Expected<MetadataTables> MetadataTables::parse(const ByteCursor& stream, const s
     for (unsigned id = 0; id < table::count; ++id) {
         if (!(t.m_valid >> id & 1))
             continue;
-        if (!tableSpec(id))
+        if (!tableSchema(id))
             return Reason::badInput("unknown table " + hexId(id) + " marked present in Valid")
                 .inFile(fileName)
                 .at(stream.fileOffset() + 8);
@@ -57,12 +57,12 @@ Expected<MetadataTables> MetadataTables::parse(const ByteCursor& stream, const s
             sizing[id] = (*typeSystemRows)[id];
     auto large = [&](unsigned id) { return minimalDelta || sizing[id] >= kLargeTable; };
     auto codedWidth = [&](CodedIndex kind) -> uint8_t {
-        const CodedIndexSpec& spec = codedIndexSpec(kind);
-        const uint32_t limit = 1u << (16 - spec.tagBits);
+        const CodedIndexSchema& schema = codedIndexSchema(kind);
+        const uint32_t limit = 1u << (16 - schema.tagBits);
         if (minimalDelta)
             return 4;
-        for (unsigned i = 0; i < spec.count; ++i)
-            if (spec.tables[i] != CodedIndexSpec::kNoTable && sizing[spec.tables[i]] >= limit)
+        for (unsigned i = 0; i < schema.count; ++i)
+            if (schema.tables[i] != CodedIndexSchema::kNoTable && sizing[schema.tables[i]] >= limit)
                 return 4;
         return 2;
     };
@@ -72,12 +72,12 @@ Expected<MetadataTables> MetadataTables::parse(const ByteCursor& stream, const s
 
     size_t at = c.offset();
     for (unsigned id = 0; id < table::count; ++id) {
-        const TableSpec* spec = tableSpec(id);
-        if (!spec)
+        const TableSchema* schema = tableSchema(id);
+        if (!schema)
             continue;
         unsigned offset = 0;
-        for (unsigned col = 0; col < spec->columnCount; ++col) {
-            const ColumnSpec& column = spec->columns[col];
+        for (unsigned col = 0; col < schema->columnCount; ++col) {
+            const ColumnSchema& column = schema->columns[col];
             uint8_t width = 2;
             switch (column.kind) {
             case ColumnKind::fixed2: width = 2; break;
@@ -88,7 +88,7 @@ Expected<MetadataTables> MetadataTables::parse(const ByteCursor& stream, const s
             case ColumnKind::table: width = large(column.target) ? 4 : 2; break;
             case ColumnKind::list:
                 width = large(column.target) ||
-                                (column.pointerTable != CodedIndexSpec::kNoTable && large(column.pointerTable))
+                                (column.pointerTable != CodedIndexSchema::kNoTable && large(column.pointerTable))
                             ? 4
                             : 2;
                 break;
@@ -104,7 +104,7 @@ Expected<MetadataTables> MetadataTables::parse(const ByteCursor& stream, const s
         t.m_start[id] = at;
         const uint64_t bytes = uint64_t(t.m_rows[id]) * offset;
         if (bytes > stream.size() - at)
-            return Reason::badInput(std::string("table ") + spec->name + " (" + std::to_string(t.m_rows[id]) +
+            return Reason::badInput(std::string("table ") + schema->name + " (" + std::to_string(t.m_rows[id]) +
                                     " rows of " + std::to_string(offset) + " bytes) runs past the end of the table stream (" +
                                     std::to_string(stream.size()) + " bytes)")
                 .inFile(fileName)

@@ -36,7 +36,7 @@ public:
 
     // Column `column` of row `rid` (1-based); false when the table has no such row.
     bool read(unsigned id, uint32_t rid, unsigned column, uint32_t& value) const {
-        if (rid == 0 || rid > rows(id) || column >= TableSpec::kMaxColumns || m_width[id][column] == 0)
+        if (rid == 0 || rid > rows(id) || column >= TableSchema::kMaxColumns || m_width[id][column] == 0)
             return false;
         const size_t at = m_start[id] + size_t(rid - 1) * m_rowSize[id] + m_offset[id][column];
         ByteCursor c(m_data + at, m_width[id][column], ByteCursor::Order::little, m_base + at);
@@ -49,12 +49,12 @@ public:
         return c.u32(value, "column");
     }
     // Every column of row `rid`, in order; false when the table has no such row.
-    bool readRow(unsigned id, uint32_t rid, uint32_t (&values)[TableSpec::kMaxColumns]) const {
+    bool readRow(unsigned id, uint32_t rid, uint32_t (&values)[TableSchema::kMaxColumns]) const {
         if (rid == 0 || rid > rows(id))
             return false;
         const size_t at = m_start[id] + size_t(rid - 1) * m_rowSize[id];
         ByteCursor c(m_data + at, m_rowSize[id], ByteCursor::Order::little, m_base + at);
-        for (unsigned column = 0; column < TableSpec::kMaxColumns && m_width[id][column]; ++column) {
+        for (unsigned column = 0; column < TableSchema::kMaxColumns && m_width[id][column]; ++column) {
             if (m_width[id][column] == 2) {
                 uint16_t v = 0;
                 c.u16(v, "column");
@@ -79,8 +79,8 @@ private:
     TableRowCounts m_rows{};
     std::array<size_t, table::count> m_start{};
     std::array<uint16_t, table::count> m_rowSize{};
-    std::array<std::array<uint8_t, TableSpec::kMaxColumns>, table::count> m_offset{};
-    std::array<std::array<uint8_t, TableSpec::kMaxColumns>, table::count> m_width{};
+    std::array<std::array<uint8_t, TableSchema::kMaxColumns>, table::count> m_offset{};
+    std::array<std::array<uint8_t, TableSchema::kMaxColumns>, table::count> m_width{};
 };
 
 } // namespace quarvel_3_13

@@ -314,9 +314,9 @@ bool SignatureDecoder::typeDefOrRef(ByteCursor& c, const GenericContext& context
             c.fail(blob.reason().message);
             return false;
         }
-        ByteCursor spec = blob.value();
-        if (!type(spec, context, depth + 1, budget, out)) {
-            c.fail(spec.error());
+        ByteCursor inner = blob.value();
+        if (!type(inner, context, depth + 1, budget, out)) {
+            c.fail(inner.error());
             return false;
         }
         return true;

@@ -69,7 +69,7 @@ Status TypeNames::appendOwnName(unsigned tableId, uint32_t rid, unsigned nameCol
     uint32_t name = 0;
     uint32_t space = 0;
     if (!m_tables->read(tableId, rid, nameColumn, name) || !m_tables->read(tableId, rid, nameColumn + 1, space))
-        return missingRow(tableSpec(tableId)->name, rid);
+        return missingRow(tableSchema(tableId)->name, rid);
     const size_t before = out.size();
     if (space) {
         Status s = m_heaps->appendString(space, out);
@@ -80,7 +80,7 @@ Status TypeNames::appendOwnName(unsigned tableId, uint32_t rid, unsigned nameCol
     }
     Status s = m_heaps->appendString(name, out);
     if (s && out.size() - before > kMaxName)
-        return Reason::badInput(std::string(tableSpec(tableId)->name) + " row " + std::to_string(rid) +
+        return Reason::badInput(std::string(tableSchema(tableId)->name) + " row " + std::to_string(rid) +
                                 " has a name longer than " + std::to_string(kMaxName) + " bytes");
     return s;
 }
