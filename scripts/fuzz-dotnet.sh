@@ -52,7 +52,7 @@ for t in fuzz_dotnet_metadata fuzz_dotnet_pdb; do
   runs=$(grep -oE 'stat::number_of_executed_units: *[0-9]+' "$work/$t.log" | grep -oE '[0-9]+$' || true)
   if [ "$status" -ne 0 ] || ls "$work/artifacts/$t-"* >/dev/null 2>&1; then
     echo "FAIL $t (status $status): see $work/$t.log and $work/artifacts/"
-    grep -E 'ERROR|SUMMARY' "$work/$t.log" | head -5
+    grep -E 'ERROR|SUMMARY' "$work/$t.log" | head -5 || true
     failed=1
   else
     echo "ok   $t: ${runs:-?} runs, ${cov:-no coverage line}, corpus $(ls "$work/$t" | wc -l) files"

@@ -17,8 +17,9 @@ rm -rf "$seeds"
 mkdir -p "$seeds/fuzz_dotnet_metadata" "$seeds/fuzz_dotnet_pdb"
 cp "$out"/bin/Embedded/*.dll "$out"/bin/Standalone/*.dll "$seeds/fuzz_dotnet_metadata/"
 runtime=$(cat "$out/runtime-dir")
-find "$runtime" -maxdepth 1 -name '*.dll' -size -40k | sort | head -3 |
-  while read -r f; do cp "$f" "$seeds/fuzz_dotnet_metadata/"; done
+# (Read whole: `head` closing the pipe early would fail the script under pipefail.)
+mapfile -t small < <(find "$runtime" -maxdepth 1 -name '*.dll' -size -40k | sort)
+for f in "${small[@]:0:3}"; do cp "$f" "$seeds/fuzz_dotnet_metadata/"; done
 cp "$out"/bin/Standalone/*.pdb "$seeds/fuzz_dotnet_pdb/"
 "$dump" --embedded-pdb "$out/bin/Embedded/Quarvel.Fixtures.Embedded.dll" "$seeds/fuzz_dotnet_pdb/Embedded.pdb"
 echo "seeds: $(ls "$seeds/fuzz_dotnet_metadata" | wc -l) assemblies, $(ls "$seeds/fuzz_dotnet_pdb" | wc -l) PDBs in $seeds"
