@@ -77,6 +77,17 @@ TEST(DotNetMethod, PrintsItsBlock) {
               os.str());
 }
 
+TEST(DotNetMethod, PrintsTheNamesTheAssemblyReaderFilled) {
+    DotNetMethod method(0x06000001);
+    method.setNames("Ns.Outer`1.Inner", ".ctor", "(int, T[])");
+    std::ostringstream os;
+    os << method;
+    EXPECT_EQ("Method (6000001)\n" + std::string(55, '-') +
+                  "\n     MethodName:      .ctor\n     TypeDefName:     Ns.Outer`1.Inner\n"
+                  "     MethodSignature: (int, T[])\n\n",
+              os.str());
+}
+
 TEST(ModuleEvaluator, ClassifiesPaths) {
     const std::map<std::string, quarvel_error_t> cases = {
         {"C:\\Windows\\assembly\\NativeImages_v4.0\\x.ni.dll", meSuccess},

@@ -48,6 +48,15 @@ SourcePoint pointAt(const q::ISymbol::Ptr& symbol, uint64_t jitRva) {
     return p;
 }
 
+// The resolver completes a .NET method (names from its assembly, lines from
+// its PDB) when getSymbol hands it out; the list of all symbols does not.
+q::ISymbol::Ptr completed(const q::ISymbolResolver::Ptr& resolver, const q::ISymbol::Ptr& symbol) {
+    if (!symbol || symbol->getMethodToken() == 0)
+        return symbol;
+    const q::ISymbol::Ptr full = resolver->getSymbol(symbol->getStartJitRva());
+    return full ? full : symbol;
+}
+
 bool contains(const q::ICodeRegion::Ptr& region, uint64_t jitRva) {
     return region && jitRva >= region->getStartJitRva() && jitRva - region->getStartJitRva() < region->getLength();
 }
@@ -70,8 +79,9 @@ bool TraceView::open(const std::vector<std::string>& paths) {
     for (const std::string& p : m_paths)
         raw.push_back(p.c_str());
     q::generic_iterator_t<const char*> it = q::makeIterator<const char*>(raw);
-    q::ISymbolFileLocator::Ptr noLocator;
-    m_resolver = q::ISymbolResolver::create(it, noLocator);
+    // .NET methods get their names and lines from the assemblies the trace names.
+    q::ISymbolFileLocator::Ptr locator = q::ISymbolFileLocator::createDefault();
+    m_resolver = q::ISymbolResolver::create(it, locator);
     if (!m_resolver)
         return false;
 
@@ -184,7 +194,7 @@ SymbolRow TraceView::describe(const q::ISymbol::Ptr& symbol) const {
 std::vector<SymbolRow> TraceView::symbols(const std::regex* match) const {
     std::vector<SymbolRow> rows;
     for (auto it = m_resolver->getSymbols(); !it.atEnd(); it.advance()) {
-        const q::ISymbol::Ptr symbol = it.current();
+        const q::ISymbol::Ptr symbol = completed(m_resolver, it.current());
         if (symbol && (!match || std::regex_search(displayName(symbol), *match)))
             rows.push_back(describe(symbol));
     }
@@ -194,7 +204,7 @@ std::vector<SymbolRow> TraceView::symbols(const std::regex* match) const {
 std::vector<DumpEntry> TraceView::dump(const std::regex* match) const {
     std::vector<DumpEntry> entries;
     for (auto it = m_resolver->getSymbols(); !it.atEnd(); it.advance()) {
-        const q::ISymbol::Ptr symbol = it.current();
+        const q::ISymbol::Ptr symbol = completed(m_resolver, it.current());
         if (!symbol || (match && !std::regex_search(displayName(symbol), *match)))
             continue;
         std::ostringstream os;
