@@ -65,7 +65,7 @@ quarvel_error_t IAssemblyReader::create(const char* assemblyPath, const char* de
                 QV_ERROR("Refused the PDB of " << assemblyPath << ": " << refused.text());
         CoreCLRSymbolReader::Ptr symbols;
         if (pdb.pdb)
-            symbols = boost::make_shared<ClrSymReader>(pdb.pdb);
+            symbols = std::make_shared<ClrSymReader>(pdb.pdb);
         reader.reset(new AssemblyReader(metadata.value(), symbols));
         return meSuccess;
     } catch (const std::exception& e) {
