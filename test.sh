@@ -68,7 +68,8 @@ stage "asan build" cmake --build --preset asan && stage asan ctest_stage asan as
 [ -f build-tsan/build.ninja ] || cmake --preset tsan >/dev/null
 stage "tsan build" cmake --build --preset tsan && stage tsan ctest_stage tsan tsan
 
-for script in tests/e2e/run.sh tests/e2e/java_stacks.sh tests/e2e/v8/run.sh tests/e2e/dotnet/run.sh; do
+for script in tests/e2e/run.sh tests/e2e/java_stacks.sh tests/e2e/v8/run.sh tests/e2e/dotnet/run.sh \
+  tests/e2e/dotnet-perfmap/run.sh; do
   stage "e2e $script" script_stage "e2e ${script#tests/e2e/}" "$script"
 done
 stage "fuzz smoke" script_stage "fuzz smoke" scripts/fuzz-smoke.sh

@@ -96,6 +96,27 @@ void addJitdumpAndPerfMapSeeds(const std::function<void(const std::string&, cons
         const std::string text(m);
         add("fuzz_perf_map", Bytes(text.begin(), text.end()));
     }
+
+    // Whole files through the file set (fuzz_trace_file): architecture,
+    // flags, the u16 split point, then the bytes; with flag 8 the bytes
+    // before the split are one file and the rest another.
+    const auto wholeFile = [&add](uint8_t flags, size_t split, const Bytes& bytes) {
+        Bytes input = {0, flags, static_cast<uint8_t>(split), static_cast<uint8_t>(split >> 8)};
+        input.insert(input.end(), bytes.begin(), bytes.end());
+        add("fuzz_trace_file", input);
+    };
+    const Bytes little = dump(JitdumpWriter::Order::little, 40, true, 0).bytes();
+    const Bytes big = dump(JitdumpWriter::Order::big, 56, false, 1).bytes();
+    const std::string map(maps[0]), damagedMap(maps[2]);
+    wholeFile(1, 0, little);
+    wholeFile(2 | 4, 0, big);
+    wholeFile(0, 0, whole.cut(whole.recordStarts()[3] + 7));
+    wholeFile(1, 0, Bytes(damagedMap.begin(), damagedMap.end()));
+    // A dump and a perf map of one process, and of two.
+    Bytes both = little;
+    both.insert(both.end(), map.begin(), map.end());
+    wholeFile(1 | 8, little.size(), both);
+    wholeFile(1 | 8 | 0x10, little.size(), both);
 }
 
 } // namespace quarvel_fuzz

@@ -46,6 +46,15 @@ struct TraceStatistics {
     uint64_t secondTraces = 0;         // a Magic record past the start ended a file
     uint64_t damagedRecords = 0;       // framing errors: truncated record, unknown type, size 0
 
+    // Files runtimes write for profilers (jitdump files, perf maps). A cut
+    // jitdump or perf map counts as a damaged record.
+    uint64_t jitdumpCodeLoads = 0;
+    uint64_t jitdumpCodeMoves = 0;
+    uint64_t jitdumpDebugInfo = 0;
+    uint64_t jitdumpOtherRecords = 0;         // close, unwinding information, unknown types: skipped
+    uint64_t perfMapEntries = 0;              // well-formed lines
+    uint64_t perfMapEntriesLeftToJitdump = 0; // lines over code a jitdump of the same process describes
+
     // Why, in the order they were met: refused and damaged records and files
     // that could not be read. The first thousand are kept; the rest counted.
     std::vector<TraceRefusal> refusals;
@@ -57,7 +66,8 @@ struct TraceStatistics {
     uint64_t inlinedMethods = 0;  // methods attached into the inline trees, nested ones included
 
     uint64_t totalRecords() const {
-        uint64_t n = magicRecords;
+        uint64_t n = magicRecords + jitdumpCodeLoads + jitdumpCodeMoves + jitdumpDebugInfo + jitdumpOtherRecords +
+                     perfMapEntries;
         for (uint64_t r : records)
             n += r;
         return n;
@@ -96,6 +106,14 @@ QUARVEL_API InternalCheckObserver setInternalCheckObserver(InternalCheckObserver
 
 // meInvalidPointer for an empty pointer, meNotFound when the resolver was not made by this library.
 QUARVEL_API quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, TraceStatistics& out);
+
+// The jit rva of the code live at an address at a time in a process, from
+// what the resolver read: the answer IJitLoader::resolveJitPoint gives for
+// the same files (one trace, one answer), without reading them a second
+// time. meNotFound when no code was there then (or for a resolver not made
+// by this library), meInvalidPointer for an empty pointer.
+QUARVEL_API quarvel_error_t resolveJitPoint(const ISymbolResolver::Ptr& resolver, u64 timestamp, u64 virtualAddress,
+                                            unsigned pid, unsigned hostId, u64& jitRva);
 
 // The resolver's files, for each host in ascending host id, each pid in
 // ascending order, in the order the files were added. Errors as above.

@@ -3,6 +3,7 @@
 
 #include "ingest/jit_file_reader.h"
 #include "ingest/jit_files_manager.h"
+#include "ingest/trace_format.h"
 #include "log_capture.h"
 #include "trace_builder.h"
 
@@ -257,6 +258,8 @@ TEST(JitFilesManagerTest, DirectorySkipsEntriesThatAreNotTraceFiles) {
     writeFile(dir.file("README"), 10);
     writeFile(dir.file("notes.txt"), 10);
     // Named like a trace, but its content is of no format read here.
+    std::ofstream(dir.file("other-1234.map")) << "not a symbol, a size and a name\n";
+    // A perf map is routed by its content and belongs to this host.
     std::ofstream(dir.file("perf-1234.map")) << "7f0000001000 20 JS:~foo\n";
     boost::filesystem::create_directory(dir.file("sub.2.jit"));
     boost::filesystem::create_symlink(dir.file("h.1.jit"), dir.file("link.3.jit"));
@@ -265,9 +268,10 @@ TEST(JitFilesManagerTest, DirectorySkipsEntriesThatAreNotTraceFiles) {
     LogCapture log;
     JitFilesManager files;
     ASSERT_EQ(meSuccess, init(files, {dir.path()}));
-    EXPECT_EQ(1u, files.fileCount());
+    EXPECT_EQ(2u, files.fileCount());
     EXPECT_TRUE(files.getProcessJitInfo(1, files.getHostID("h")));
-    for (const char* skipped : {"README", "notes.txt", "sub.2.jit", "link.3.jit", "fifo.4.jit", "perf-1234.map"})
+    EXPECT_TRUE(files.getProcessJitInfo(1234, files.getHostID(localHostName())));
+    for (const char* skipped : {"README", "notes.txt", "sub.2.jit", "link.3.jit", "fifo.4.jit", "other-1234.map"})
         EXPECT_TRUE(log.contains(std::string("Skipped ") + dir.file(skipped), log4cplus::INFO_LOG_LEVEL))
             << skipped << "\n" << log.dump();
     EXPECT_TRUE(log.errors().empty()) << log.dump();

@@ -388,42 +388,48 @@ int main(int argc, char** argv) {
         return kExitInput;
     }
 
-    if (*processes) {
-        printProcesses(std::cout, format, view.processes());
-    } else if (*symbols) {
-        printSymbols(std::cout, format, view.symbols(match.get()));
-    } else if (*dump) {
-        std::vector<DumpEntry> entries;
-        if (!o.rva.empty()) {
-            DumpEntry e;
-            if (!view.dumpAt(rva, e)) {
-                fail("no method holds jit rva " + o.rva);
-                return kExitUsage;
+    const int rc = [&]() -> int {
+        if (*processes) {
+            printProcesses(std::cout, format, view.processes());
+        } else if (*symbols) {
+            printSymbols(std::cout, format, view.symbols(match.get()));
+        } else if (*dump) {
+            std::vector<DumpEntry> entries;
+            if (!o.rva.empty()) {
+                DumpEntry e;
+                if (!view.dumpAt(rva, e)) {
+                    fail("no method holds jit rva " + o.rva);
+                    return kExitUsage;
+                }
+                entries.push_back(std::move(e));
+            } else {
+                entries = view.dump(match.get());
             }
-            entries.push_back(std::move(e));
-        } else {
-            entries = view.dump(match.get());
+            printDump(std::cout, format, entries);
+        } else if (*resolve) {
+            return runResolve(view, o, format);
+        } else if (*stacks) {
+            return runStacks(view, o, stackFormat, filter);
+        } else if (*flame) {
+            return runFlame(view, o, filter, flameAs);
+        } else if (*stats) {
+            StatsReport report = view.stats();
+            if (!o.samples.empty()) {
+                StackProfile profile;
+                StackSummary summary;
+                if (!collect(view, o, StackFilter(), profile, summary))
+                    return kExitInput;
+                for (const std::string& e : summary.errors)
+                    std::cerr << samplesName(o) << ":" << e << '\n';
+                const std::vector<StatRow> more = stackStatRows(summary);
+                report.counters.insert(report.counters.end(), more.begin(), more.end());
+            }
+            printStats(std::cout, format, report);
         }
-        printDump(std::cout, format, entries);
-    } else if (*resolve) {
-        return runResolve(view, o, format);
-    } else if (*stacks) {
-        return runStacks(view, o, stackFormat, filter);
-    } else if (*flame) {
-        return runFlame(view, o, filter, flameAs);
-    } else if (*stats) {
-        StatsReport report = view.stats();
-        if (!o.samples.empty()) {
-            StackProfile profile;
-            StackSummary summary;
-            if (!collect(view, o, StackFilter(), profile, summary))
-                return kExitInput;
-            for (const std::string& e : summary.errors)
-                std::cerr << samplesName(o) << ":" << e << '\n';
-            const std::vector<StatRow> more = stackStatRows(summary);
-            report.counters.insert(report.counters.end(), more.begin(), more.end());
-        }
-        printStats(std::cout, format, report);
-    }
-    return kExitOk;
+        return kExitOk;
+    }();
+    // The process ends here: taking a model of millions of objects apart one
+    // by one would only delay the exit. The view stays reachable until then.
+    std::cout.flush();
+    std::exit(rc);
 }

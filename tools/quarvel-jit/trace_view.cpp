@@ -270,6 +270,14 @@ StatsReport TraceView::stats() const {
     };
     for (const TypeName& t : kTypes)
         rows.push_back({std::string("records_") + t.key, std::string("  ") + t.label, s.records[t.type]});
+    const std::vector<StatRow> runtimeFiles = {
+        {"records_jitdump_code_load", "  jitdump code load", s.jitdumpCodeLoads},
+        {"records_jitdump_code_move", "  jitdump code move", s.jitdumpCodeMoves},
+        {"records_jitdump_debug_info", "  jitdump debug info", s.jitdumpDebugInfo},
+        {"records_jitdump_other", "  jitdump other (skipped)", s.jitdumpOtherRecords},
+        {"records_perf_map", "  perf map line", s.perfMapEntries},
+    };
+    rows.insert(rows.end(), runtimeFiles.begin(), runtimeFiles.end());
     const std::vector<StatRow> tail = {
         {"refused_bodies", "records refused by a decoder", s.refusedBodies},
         {"refused_by_model", "records refused by the model", s.refusedByDataManager},
@@ -277,6 +285,7 @@ StatsReport TraceView::stats() const {
         {"ignored_updates", "method updates not applied", s.ignoredUpdates},
         {"second_traces", "files ended by a second trace", s.secondTraces},
         {"damaged_records", "damaged records", s.damagedRecords},
+        {"perf_map_left_to_jitdump", "perf map lines left to a jitdump", s.perfMapEntriesLeftToJitdump},
         {"methods", "methods", s.methods},
         {"regions", "code regions", s.regions},
         {"inlined_methods", "inlined methods", s.inlinedMethods},
@@ -302,16 +311,19 @@ bool TraceView::hostIdOf(const std::string& host, unsigned& hostId, bool& noHost
         hostId = 1;
         return true;
     }
-    if (!ensureLoader() || m_loader->getHostIdByName(host.c_str(), &hostId) != meSuccess || hostId == 0) {
+    const auto found = std::find(m_hosts.begin(), m_hosts.end(), host);
+    if (found == m_hosts.end()) {
         ++m_unknownHosts[host];
         return false;
     }
+    hostId = static_cast<unsigned>(found - m_hosts.begin()) + 1;
     return true;
 }
 
+// The resolver has read every file: asking it for the code at an address
+// gives the loader's answer without a second reading of the same files.
 bool TraceView::jitRvaAt(uint64_t time, uint64_t address, unsigned pid, unsigned hostId, uint64_t& jitRva) {
-    q::IModule::Ptr module;
-    return ensureLoader() && m_loader->resolveJitPoint(time, address, pid, hostId, &jitRva, module) == meSuccess;
+    return q::resolveJitPoint(m_resolver, time, address, pid, hostId, jitRva) == meSuccess;
 }
 
 bool TraceView::describeJitRva(uint64_t jitRva, SampleResult& r) const {
@@ -389,26 +401,11 @@ void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
     r.status = SampleStatus::Resolved;
 }
 
-bool TraceView::ensureLoader() {
-    if (!m_loader) {
-        std::vector<const char*> raw;
-        for (const std::string& p : m_paths)
-            raw.push_back(p.c_str());
-        q::generic_iterator_t<const char*> it = q::makeIterator<const char*>(raw);
-        m_loader = q::IJitLoader::create(it);
-    }
-    return static_cast<bool>(m_loader);
-}
-
 std::vector<SampleResult> TraceView::resolve(const std::vector<Sample>& samples,
                                              const std::function<void(size_t, size_t)>& progress) {
-    const bool haveLoader = ensureLoader();
     std::vector<SampleResult> results(samples.size());
     for (size_t i = 0; i < samples.size(); ++i) {
-        if (haveLoader)
-            resolveOne(samples[i], results[i]);
-        else
-            results[i].status = SampleStatus::NotJit;
+        resolveOne(samples[i], results[i]);
         if (progress && (i % 256 == 0 || i + 1 == samples.size()))
             progress(i + 1, samples.size());
     }

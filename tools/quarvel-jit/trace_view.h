@@ -72,11 +72,9 @@ private:
     std::vector<InlineNode> inlinesOf(const quarvel_3_13::ICodeRegion::Ptr& region, unsigned depth) const;
     std::string hostName(unsigned hostId) const;
     void resolveOne(const Sample& sample, SampleResult& result);
-    bool ensureLoader();
 
     std::vector<std::string> m_paths;
     quarvel_3_13::ISymbolResolver::Ptr m_resolver;
-    quarvel_3_13::IJitLoader::Ptr m_loader; // made by the first resolve
     std::vector<std::string> m_hosts;       // index = host id - 1
     std::vector<quarvel_3_13::TraceFileInfo> m_files;
     std::set<std::pair<unsigned, unsigned>> m_processes; // (host id, pid)

@@ -55,6 +55,12 @@ quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, Tra
     result.ignoredUpdates = stats.ignoredUpdates;
     result.secondTraces = stats.secondTraces;
     result.damagedRecords = stats.damagedRecords;
+    result.jitdumpCodeLoads = stats.jitdumpCodeLoads;
+    result.jitdumpCodeMoves = stats.jitdumpCodeMoves;
+    result.jitdumpDebugInfo = stats.jitdumpDebugInfo;
+    result.jitdumpOtherRecords = stats.jitdumpOtherRecords;
+    result.perfMapEntries = stats.perfMapEntries;
+    result.perfMapEntriesLeftToJitdump = stats.perfMapEntriesLeftToJitdump;
     for (const Reason& reason : stats.refusals) {
         TraceRefusal refusal;
         refusal.file = reason.file;
@@ -106,6 +112,16 @@ quarvel_error_t checkTraceFiles(generic_iterator_t<const char*>& paths, TraceRef
         why.code = meNotFound;
         return meNotFound;
     }
+}
+
+quarvel_error_t resolveJitPoint(const ISymbolResolver::Ptr& resolver, u64 timestamp, u64 virtualAddress,
+                                unsigned pid, unsigned hostId, u64& jitRva) {
+    if (!resolver)
+        return meInvalidPointer;
+    const SymbolResolver* impl = asResolver(resolver);
+    if (!impl)
+        return meNotFound;
+    return impl->resolveJitPoint(timestamp, virtualAddress, pid, hostId, jitRva);
 }
 
 quarvel_error_t listTraceFiles(const ISymbolResolver::Ptr& resolver, std::vector<TraceFileInfo>& out) {

@@ -238,4 +238,23 @@ ISymbolResolver::Ptr ISymbolResolver::create(generic_iterator_t<JitFileDescripto
     return createResolver(jitFiles, locator, taAny, true);
 }
 
+quarvel_error_t SymbolResolver::resolveJitPoint(u64 timestamp, u64 virtualAddress, unsigned pid, unsigned hostId,
+                                                u64& jitRva) const {
+    try {
+        JitMethod::Ptr method;
+        u64 rva = 0;
+        const quarvel_error_t ret = m_data.resolveJitPoint(virtualAddress, timestamp, pid, hostId, method, rva);
+        if (ret != meSuccess)
+            return ret;
+        // A jit rva of 0 is never a valid answer.
+        if (!method || rva == 0)
+            return meNotFound;
+        jitRva = rva;
+        return meSuccess;
+    } catch (const std::exception& e) {
+        QV_ERROR("resolveJitPoint failed: " << e.what());
+        return meNotFound;
+    }
+}
+
 } // namespace quarvel_3_13

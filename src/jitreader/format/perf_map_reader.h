@@ -49,6 +49,8 @@ public:
 
     const std::string& path() const { return m_path; }
     uint64_t linesRead() const { return m_line; }
+    // Where the next line starts: the bytes read so far.
+    uint64_t position() const { return m_offset; }
     uint64_t malformedLines() const { return m_malformed; }
     // The first kKeptProblems malformed lines.
     const std::vector<PerfMapProblem>& problems() const { return m_problems; }

@@ -24,7 +24,8 @@ void JitReadStats::addRefusal(const Reason& reason) {
 }
 
 u64 JitReadStats::totalRecords() const {
-    u64 total = magicRecords;
+    u64 total = magicRecords + jitdumpCodeLoads + jitdumpCodeMoves + jitdumpDebugInfo + jitdumpOtherRecords +
+                perfMapEntries;
     for (u64 n : records)
         total += n;
     return total;
@@ -43,6 +44,12 @@ JitReadStats& JitReadStats::operator+=(const JitReadStats& other) {
     ignoredUpdates += other.ignoredUpdates;
     secondTraces += other.secondTraces;
     damagedRecords += other.damagedRecords;
+    jitdumpCodeLoads += other.jitdumpCodeLoads;
+    jitdumpCodeMoves += other.jitdumpCodeMoves;
+    jitdumpDebugInfo += other.jitdumpDebugInfo;
+    jitdumpOtherRecords += other.jitdumpOtherRecords;
+    perfMapEntries += other.perfMapEntries;
+    perfMapEntriesLeftToJitdump += other.perfMapEntriesLeftToJitdump;
     for (const Reason& reason : other.refusals)
         addRefusal(reason);
     refusalsNotKept += other.refusalsNotKept;

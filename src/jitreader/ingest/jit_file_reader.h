@@ -38,6 +38,14 @@ struct JitReadStats {
     u64 secondTraces = 0;         // a Magic record past offset 0 ended the file
     u64 damagedRecords = 0;       // framing errors (truncated, unknown type, size 0)
 
+    // The files runtimes write for profilers.
+    u64 jitdumpCodeLoads = 0;
+    u64 jitdumpCodeMoves = 0;
+    u64 jitdumpDebugInfo = 0;
+    u64 jitdumpOtherRecords = 0;          // close, unwinding information, unknown types: skipped
+    u64 perfMapEntries = 0;               // well-formed lines
+    u64 perfMapEntriesLeftToJitdump = 0;  // lines over code a jitdump of the same process describes
+
     // Why: every refused record, damaged record and unreadable file, each
     // naming the file and the offset, in the order they were met.
     std::vector<Reason> refusals;

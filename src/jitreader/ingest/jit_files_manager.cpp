@@ -2,7 +2,10 @@
 
 #include "index/jit_data_manager.h"
 #include "format/jit_file_decoder.h"
+#include "ingest/jitdump_file_reader.h"
+#include "ingest/perf_map_file_reader.h"
 #include "ingest/trace_format.h"
+#include "support/assertion.h"
 #include "support/log.h"
 
 #include <boost/filesystem/operations.hpp>
@@ -34,8 +37,23 @@ struct JitFilesManager::PendingFile {
 
 namespace {
 
-// The formats the reading pass knows how to read.
-bool isReadable(TraceFormat format) { return format == TraceFormat::jitTrace; }
+// The formats the reading pass knows how to read (JitFilesManager::readFile).
+bool isReadable(TraceFormat format) {
+    switch (format) {
+    case TraceFormat::jitTrace:
+    case TraceFormat::jitdump:
+    case TraceFormat::perfMap:
+        return true;
+    case TraceFormat::nettrace:
+        return false;
+    }
+    return false;
+}
+
+// A process's perf maps are read after its other files: they leave to its
+// jitdumps the code those describe.
+int readingRound(TraceFormat format) { return format == TraceFormat::perfMap ? 1 : 0; }
+constexpr int kReadingRounds = 2;
 
 // A non-empty run of decimal digits that fits 32 bits.
 bool parsePid(const std::string& text, unsigned int& pid) {
@@ -260,6 +278,12 @@ quarvel_error_t JitFilesManager::initialize(generic_iterator_t<JitFileDescriptor
         if (ec) {
             QV_REFUSE_INIT(meFileOpenError, "Couldn't read the size of jit file " << path.string() << ": " << ec.message());
         }
+        // The descriptor names the process and host; the content names the format.
+        file.format = detectTraceFormat(path.string(), file.size).value_or(TraceFormat::jitTrace);
+        if (!isReadable(file.format)) {
+            QV_REFUSE_INIT(meNotFound, "Jit file " << path.string() << " is a " << traceFormatName(file.format)
+                                                   << " file, which is not read yet");
+        }
         pending.push_back(file);
     }
     addPending(pending, arch);
@@ -402,33 +426,59 @@ JitReadStats JitFilesManager::readStats() const {
     return m_stats;
 }
 
+quarvel_error_t JitFilesManager::readFile(const JitFileInfo& file, ProcessJitInfo& process, unsigned int pid,
+                                          unsigned int hostId, decoding_mode_t mode, JitDataManager& dataManager) {
+    RuntimeFileContext context;
+    context.path = file.path.string();
+    context.pid = pid;
+    context.hostId = hostId;
+    context.jitRvaBase = file.jitRvaBase;
+    context.mode = mode;
+    switch (file.format) {
+    case TraceFormat::jitTrace: {
+        JitFileDecoder decoder(context.path, pid, hostId, file.jitRvaBase, mode);
+        return JitFileReader(&m_stats, m_modules).readJitFile(decoder, m_targetArch, dataManager);
+    }
+    case TraceFormat::jitdump:
+        return JitdumpFileReader(&m_stats, m_modules).readFile(context, dataManager, &process.jitdumpCode);
+    case TraceFormat::perfMap:
+        return PerfMapFileReader(&m_stats, m_modules)
+            .readFile(context, dataManager, process.jitdumpCode.empty() ? nullptr : &process.jitdumpCode);
+    case TraceFormat::nettrace:
+        break;
+    }
+    // The set takes no file of a format it cannot read.
+    QV_CHECK(isReadable(file.format), (void)0);
+    return meNotFound;
+}
+
 quarvel_error_t JitFilesManager::readProcessFiles(ProcessJitInfo& process, unsigned int pid, unsigned int hostId,
                                                   decoding_mode_t mode, JitDataManager& dataManager,
                                                   bool logFailures) {
-    JitFileReader reader(&m_stats, m_modules);
-    for (JitFileInfo& file : process.files) {
-        if (file.read)
-            continue;
-        if (file.path.empty()) {
-            if (!logFailures)
-                return meInvalidPointer;
-            QV_ERROR("Skip reading jit file because path is empty");
-            continue;
+    for (int round = 0; round < kReadingRounds; ++round) {
+        for (JitFileInfo& file : process.files) {
+            if (file.read || readingRound(file.format) != round)
+                continue;
+            if (file.path.empty()) {
+                if (!logFailures)
+                    return meInvalidPointer;
+                QV_ERROR("Skip reading jit file because path is empty");
+                continue;
+            }
+            quarvel_error_t status;
+            try {
+                status = readFile(file, process, pid, hostId, mode, dataManager);
+            } catch (const std::exception& e) {
+                // Nothing leaves the library; what the file gave before stays registered.
+                QV_ERROR("Stopped reading jit file " << file.path.string() << ": " << e.what());
+                m_stats.addRefusal(Reason::internal(e.what(), meBadRecord).inFile(file.path.string()));
+                status = meBadRecord;
+            }
+            // Read once, whatever happened: the reasons are in the statistics.
+            file.read = true;
+            if (status != meSuccess)
+                QV_ERROR("Could not read jit file " << file.path.string());
         }
-        quarvel_error_t status;
-        try {
-            JitFileDecoder decoder(file.path.string(), pid, hostId, file.jitRvaBase, mode);
-            status = reader.readJitFile(decoder, m_targetArch, dataManager);
-        } catch (const std::exception& e) {
-            // Nothing leaves the library; what the file gave before stays registered.
-            QV_ERROR("Stopped reading jit file " << file.path.string() << ": " << e.what());
-            m_stats.addRefusal(Reason::internal(e.what(), meBadRecord).inFile(file.path.string()));
-            status = meBadRecord;
-        }
-        // Read once, whatever happened: the reasons are in the statistics.
-        file.read = true;
-        if (status != meSuccess)
-            QV_ERROR("Could not read jit file " << file.path.string());
     }
     return meSuccess;
 }

@@ -1,6 +1,7 @@
 #ifndef QUARVEL_INGEST_JIT_FILES_MANAGER_H
 #define QUARVEL_INGEST_JIT_FILES_MANAGER_H
 
+#include "ingest/address_ranges.h"
 #include "ingest/jit_file_reader.h"
 #include "ingest/trace_format.h"
 #include "support/result.h"
@@ -43,6 +44,9 @@ struct ProcessJitInfo {
     std::deque<JitFileInfo> files;
     // Tested before the reading lock is taken, hence atomic.
     std::atomic<bool> read{false};
+    // Where the process's jitdumps put code, which its perf maps leave to
+    // them; under the reading lock.
+    AddressRanges jitdumpCode;
 };
 
 // The set of trace files: names parsed into host and process, files grouped
@@ -125,6 +129,9 @@ private:
     void addPending(const std::vector<PendingFile>& pending, target_arch_t arch);
     quarvel_error_t readProcessFiles(ProcessJitInfo& process, unsigned int pid, unsigned int hostId,
                                      decoding_mode_t mode, JitDataManager& dataManager, bool logFailures);
+    // One file, by its format.
+    quarvel_error_t readFile(const JitFileInfo& file, ProcessJitInfo& process, unsigned int pid, unsigned int hostId,
+                             decoding_mode_t mode, JitDataManager& dataManager);
 
     typedef std::map<unsigned int, ProcessJitInfo> ProcessMap;
 

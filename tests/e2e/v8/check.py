@@ -1,15 +1,24 @@
 #!/usr/bin/env python3
 """Checks of tests/e2e/v8/run.sh: the library's walk of a real jitdump and
 perf map against an independent count, perf inject's ELF files and the cut
-copies; prints the timing side by side and what the oracle files hold.
-Exits 1 when a check fails."""
+copies; quarvel-jit's names for every sample against perf's, from the jitdump
+and from the perf map; the timing of quarvel-jit resolve against perf inject,
+side by side. Exits 1 when a check fails.
+
+How samples and names are matched: every sample is keyed by (pid, time in
+nanoseconds, instruction address), which perf script prints for each of them
+and quarvel-jit resolve echoes for each line of its input; a name agrees when
+the method quarvel-jit names is the very string perf prints as the symbol
+(perf names a jitted function by the name its code load carries)."""
 import argparse
 import json
 import os
 import re
-import statistics
 import struct
 import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..'))
+from perf_oracle import resolution_checks  # noqa: E402
 
 failures = []
 
@@ -28,13 +37,6 @@ def load_json(path):
 def load_lines(path):
     with open(path) as f:
         return [json.loads(line) for line in f if line.strip()]
-
-
-def read_time(path):
-    """'<wall seconds> <peak resident KiB>' as run.sh writes them."""
-    with open(path) as f:
-        wall, rss = f.read().split()
-    return float(wall), int(rss)
 
 
 COUNTED = ['loads', 'moves', 'debug', 'close', 'unwinding', 'unknown', 'debugEntries', 'completeEnd',
@@ -101,21 +103,6 @@ def compare_with_elf_files(loads_path, elf_dir, pid):
     return compared, differ, missing, examples
 
 
-def oracle_summary(path, jit_dso):
-    """Samples in perf script output, and those perf attributed to jitted code."""
-    total = jit = named = 0
-    with open(path, errors='replace') as f:
-        for line in f:
-            if not line.strip():
-                continue
-            total += 1
-            dso = re.search(r'\(([^()]*)\)\s*$', line)
-            if dso and jit_dso.search(dso.group(1)):
-                jit += 1
-                if '[unknown]' not in line:
-                    named += 1
-    return total, jit, named
-
 
 def main():
     p = argparse.ArgumentParser()
@@ -129,9 +116,14 @@ def main():
     p.add_argument('--loads', help='the walk\'s list of loads, to compare with the ELF files')
     p.add_argument('--elf-dir')
     p.add_argument('--inject-time')
-    p.add_argument('--walk-times', nargs='*')
-    p.add_argument('--oracle')
-    p.add_argument('--map-oracle')
+    p.add_argument('--resolve-times', nargs='*')
+    p.add_argument('--cut-stats', help='quarvel-jit stats --format json on a cut copy of the dump')
+    p.add_argument('--samples', help='perf script -F pid,time,ip --ns, the input of quarvel-jit resolve')
+    p.add_argument('--oracle', help='perf script on perf inject --jit output')
+    p.add_argument('--map-oracle', help='perf script without inject: perf\'s perf map path')
+    p.add_argument('--resolved', help='quarvel-jit resolve on the jitdump (csv)')
+    p.add_argument('--map-resolved', help='quarvel-jit resolve on the perf map (csv)')
+    p.add_argument('--both-resolved', help='quarvel-jit resolve on the jitdump and the perf map (csv)')
     a = p.parse_args()
 
     count, walk = load_json(a.count), load_json(a.walk)
@@ -171,6 +163,14 @@ def main():
               '%s: the cut is reported where the last complete record ends (%s)' %
               (label, 'offset %d: %s' % (stop['offset'], stop['message']) if stop else 'no stop reported'))
 
+    if a.cut_stats:
+        st = load_json(a.cut_stats)['stats']
+        half = [c for c in load_lines(a.cut_counts)][0]
+        check(st['records_jitdump_code_load'] == half['loads'] and st['damaged_records'] == 1 and
+              st['failed_files'] == 1,
+              'quarvel-jit stats on the copy cut at %d: every complete load read (%d of %d), the cut counted as a '
+              'damaged record' % (half['size'], st['records_jitdump_code_load'], half['loads']))
+
     mw = load_json(a.map_walk)
     with open(a.map, 'rb') as f:
         lines = [l for l in f.read().split(b'\n') if l.strip()]
@@ -180,25 +180,8 @@ def main():
     print('  info  starts listed more than once: %s of %s distinct' % (mw.get('startsListedMoreThanOnce'),
                                                                        mw.get('distinctStarts')))
 
-    if a.inject_time and a.walk_times:
-        inject_wall, inject_rss = read_time(a.inject_time)
-        walks = [read_time(t) for t in a.walk_times]
-        walk_wall = statistics.median(w for w, _ in walks)
-        walk_rss = max(r for _, r in walks)
-        print('== timing on the same dump (wall clock, whole processes, side by side)')
-        print('  perf inject --jit        %8.3f s  %7d KiB peak' % (inject_wall, inject_rss))
-        print('  library walk (median %d) %8.4f s  %7d KiB peak   (%s; in-process walk %.4f s)' %
-              (len(walks), walk_wall, walk_rss, ' '.join('%.4f' % w for w, _ in walks), walk['walkSeconds']))
-        print('  ratio                    %8.0fx' % (inject_wall / max(walk_wall, 1e-3)))
-
-    if a.oracle:
-        total, jit, named = oracle_summary(a.oracle, re.compile(r'jitted-\d+-\d+\.so'))
-        print('== oracle files for the resolution test')
-        print('  info  jitdump run: %d samples, %d in jitted code (%d named) per perf inject + perf script' %
-              (total, jit, named))
-    if a.map_oracle:
-        total, jit, named = oracle_summary(a.map_oracle, re.compile(r'perf-\d+\.map'))
-        print('  info  perf map run: %d samples, %d in the perf map (%d named) per perf script' % (total, jit, named))
+    if a.oracle and a.resolved:
+        resolution_checks(check, a, re.compile(r'jitted-\d+-\d+\.so'))
 
     if failures:
         print('FAILED: %d check(s)' % len(failures))
