@@ -1,43 +1,84 @@
 #!/usr/bin/env bash
-# Sets everything up and runs every test: the plain build, then the same tests
-# under AddressSanitizer + UndefinedBehaviorSanitizer, then the concurrency
-# tests under ThreadSanitizer, each in its own build directory.
-set -euo pipefail
+# Sets everything up and runs every test stage, then prints one summary line
+# per stage (passed / skipped and why / failed):
+#   tests   the plain build (build/): unit, API, tool, fuzz corpus replay
+#   asan    the library, the tool, the agent and every test under
+#           AddressSanitizer + UndefinedBehaviorSanitizer (build-asan/)
+#   tsan    the concurrency tests under ThreadSanitizer (build-tsan/)
+#   e2e     the end-to-end runs of real runtimes (each skips with a reason
+#           when the machine lacks what it needs, e.g. perf events)
+#   fuzz    a short run of every fuzz target (build-fuzz/)
+# Every stage fails when it finds no tests to run.
+set -uo pipefail
 cd "$(dirname "$0")"
-
-scripts/setup.sh
 export CTEST_OUTPUT_ON_FAILURE=1
-jobs=$(nproc)
+# A rebase of golden files is a developer's act, never a test run's.
+unset QUARVEL_REBASE
+export QUARVEL_TEST_RUN=1
+reports=$(pwd)/build/test-reports
+summary=()
+failed=0
 
-echo "== tests (build/)"
-ctest --test-dir build -j "$jobs" --timeout 600
-
-sanitized_build() { # dir sanitizers [targets...]
-  local dir=$1 sanitize=$2
-  shift 2
-  if [ ! -f "$dir/build.ninja" ]; then
-    cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DQUARVEL_SANITIZE="$sanitize" \
-      -DQUARVEL_BUILD_TOOLS=OFF -DQUARVEL_BUILD_AGENTS=OFF >/dev/null
-  fi
-  cmake --build "$dir" -j "$jobs" ${1:+--target "$@"}
+stage() { # name command...
+  local name=$1
+  shift
+  echo "== $name"
+  if "$@"; then return 0; fi
+  failed=1
+  return 1
 }
 
-# The library and every test built with it (the tool and agents stay out: they
-# have their own suites above and add nothing sanitizers would see here).
-echo "== tests under AddressSanitizer + UndefinedBehaviorSanitizer (build-asan/)"
-sanitized_build build-asan address,undefined
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  ctest --test-dir build-asan -j "$jobs" --timeout 900
+ctest_stage() { # name preset
+  local name=$1 preset=$2
+  mkdir -p "$reports"
+  ctest --preset "$preset" -j "$(nproc)" --output-junit "$reports/$name.xml"
+  local rc=$?
+  summary+=("$(scripts/ctest-summary.py "$name" "$reports/$name.xml")")
+  return $rc
+}
 
-echo "== concurrency tests under ThreadSanitizer (build-tsan/)"
-sanitized_build build-tsan thread quarvel_unit_tests quarvel_api_tests
-TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-  ctest --test-dir build-tsan -j "$jobs" --timeout 900 -R 'Concurrent'
+script_stage() { # name script: exit 0 passed, 77 skipped (the last line says why)
+  local name=$1 script=$2 log
+  log=$(mktemp)
+  "$script" 2>&1 | tee "$log"
+  local rc=${PIPESTATUS[0]}
+  case $rc in
+    0)
+      if grep -qa '^skip:' "$log"; then
+        summary+=("$name: passed, part skipped ($(grep -a '^skip:' "$log" | sed 's/^skip: *//' | paste -sd ';'))")
+      else
+        summary+=("$name: passed")
+      fi ;;
+    77) summary+=("$name: skipped ($(grep -a '^skip:' "$log" | tail -1 | sed 's/^skip: *//'))"); rc=0 ;;
+    *) summary+=("$name: FAILED (exit $rc)") ;;
+  esac
+  rm -f "$log"
+  return $rc
+}
 
-for extra in tests/e2e/run.sh scripts/fuzz-smoke.sh; do
-  if [ -x "$extra" ]; then
-    echo "== $extra"
-    "$extra"
-  fi
+# Everything the tests run is installed before anything is configured.
+scripts/setup.sh --tests --no-build || exit 1
+[ -f build/build.ninja ] || cmake --preset plain >/dev/null
+stage build cmake --build --preset plain || { echo "build failed"; exit 1; }
+stage tests ctest_stage tests plain
+
+[ -f build-asan/build.ninja ] || cmake --preset asan >/dev/null
+stage "asan build" cmake --build --preset asan && stage asan ctest_stage asan asan
+
+[ -f build-tsan/build.ninja ] || cmake --preset tsan >/dev/null
+stage "tsan build" cmake --build --preset tsan && stage tsan ctest_stage tsan tsan
+
+for script in tests/e2e/run.sh tests/e2e/java_stacks.sh tests/e2e/v8/run.sh tests/e2e/dotnet/run.sh \
+  tests/e2e/dotnet-perfmap/run.sh; do
+  stage "e2e $script" script_stage "e2e ${script#tests/e2e/}" "$script"
 done
-echo "== all tests passed"
+stage "fuzz smoke" script_stage "fuzz smoke" scripts/fuzz-smoke.sh
+
+echo
+echo "== summary"
+printf '%s\n' "${summary[@]}"
+if [ $failed -ne 0 ]; then
+  echo "== some stages FAILED"
+  exit 1
+fi
+echo "== all stages passed"

@@ -18,6 +18,8 @@
 //   - line tables: code offset -> source line for every method; code offset ->
 //     bytecode index -> source line for HashMap.get.
 
+#include "example_stacks.h"
+
 #include <quarvel/jittrace_writer.h>
 
 #include <cerrno>
@@ -91,7 +93,39 @@ TraceInlineLoad inlined(uint32_t id, uint32_t parent, uint64_t time, uint64_t ad
     return m;
 }
 
-// Where code lived, for drawing samples.
+// What the session knows about a piece of code, for the ground truth of the
+// samples: its readable name and the source line of every code offset.
+struct Known {
+    std::string name;
+    std::vector<quarvel_line_number_entry> nativeToSource;
+    std::vector<quarvel_line_number_entry> nativeToManaged; // with managedToSource, instead of nativeToSource
+    std::vector<quarvel_line_number_entry> managedToSource;
+
+    unsigned lineAt(uint64_t offset) const {
+        const auto find = [](const std::vector<quarvel_line_number_entry>& t, uint64_t v) -> const quarvel_line_number_entry* {
+            for (const quarvel_line_number_entry& e : t)
+                if (e.startOffset <= v && v < e.endOffset)
+                    return &e;
+            return nullptr;
+        };
+        if (!nativeToManaged.empty()) {
+            const quarvel_line_number_entry* il = find(nativeToManaged, offset);
+            const quarvel_line_number_entry* line = il ? find(managedToSource, il->value) : nullptr;
+            return line ? line->value : 0;
+        }
+        const quarvel_line_number_entry* line = find(nativeToSource, offset);
+        return line ? line->value : 0;
+    }
+};
+
+// Code inlined into a live method, at an offset of its code.
+struct KnownInline {
+    uint64_t offset;
+    uint32_t size;
+    Known what;
+};
+
+// Where code lived, for drawing samples and telling which code each sample hit.
 struct Live {
     unsigned pid;
     uint64_t start;
@@ -99,7 +133,13 @@ struct Live {
     uint64_t from;
     uint64_t to; // exclusive; ~0 while loaded
     unsigned weight;
+    Known what;
+    std::vector<KnownInline> inlines; // outer before inner
 };
+
+Known known(const std::string& name, const TraceMethodTail& tail) {
+    return Known{name, tail.lines.nativeToSource, tail.lines.nativeToManaged, tail.lines.managedToSource};
+}
 
 // A small deterministic generator (64-bit LCG), the same on every platform.
 class Random {
@@ -196,12 +236,20 @@ bool writeServer(const std::string& dir, std::vector<Live>& live) {
         return false;
 
     const uint64_t forever = ~0ull;
-    live.push_back({pid, 0x7f3a10001000, 0x180, 1000100, 1080000, 3}); // placeOrder, tier 1
-    live.push_back({pid, 0x7f3a10001200, 0x100, 1000200, forever, 2}); // total
-    live.push_back({pid, 0x7f3a10001400, 0xc0, 1000300, forever, 1});  // reserve
-    live.push_back({pid, 0x7f3a10001500, 0x80, 1000400, forever, 3});  // HashMap.get
-    live.push_back({pid, 0x7f3a10004000, 0x300, 1050000, forever, 8}); // placeOrder, tier 2
-    live.push_back({pid, 0x7f3a10001000, 0x180, 1080000, forever, 4}); // render, at reused addresses
+    const std::string placeOrder = "com::acme::shop::OrderService::placeOrder(com::acme::shop::Order)";
+    const std::string total = "com::acme::shop::PriceCalculator::total(com::acme::shop::Order)";
+    const std::string reserve = "com::acme::shop::Inventory::reserve(java::lang::String, int)";
+    live.push_back({pid, 0x7f3a10001000, 0x180, 1000100, 1080000, 3, known(placeOrder, placeOrder1.tail), {}});
+    live.push_back({pid, 0x7f3a10001200, 0x100, 1000200, forever, 2, known(total, total1.tail), {}});
+    live.push_back({pid, 0x7f3a10001400, 0xc0, 1000300, forever, 1, known(reserve, reserve1.tail), {}});
+    live.push_back({pid, 0x7f3a10001500, 0x80, 1000400, forever, 3,
+                    known("java::util::HashMap::get(java::lang::Object)", hashGet.tail), {}});
+    live.push_back({pid, 0x7f3a10004000, 0x300, 1050000, forever, 8, known(placeOrder, placeOrder2.tail),
+                    {{0x80, 0x100, known(total, totalInline.tail)},
+                     {0xc0, 0x40, known("com::acme::shop::PriceCalculator::applyDiscount(long)", discountInline.tail)},
+                     {0x200, 0x60, known(reserve, reserveInline.tail)}}});
+    live.push_back({pid, 0x7f3a10001000, 0x180, 1080000, forever, 4,
+                    known("com::acme::shop::ReportBuilder::render(java::lang::StringBuilder)", render.tail), {}});
     return true;
 }
 
@@ -231,16 +279,48 @@ bool writeWorker(const std::string& dir, std::vector<Live>& live) {
         return false;
 
     const uint64_t forever = ~0ull;
-    live.push_back({pid, 0x7f5b20001000, 0x100, 1000500, forever, 2});
-    live.push_back({pid, 0x7f5b20001200, 0x140, 1001000, forever, 3});
+    live.push_back({pid, 0x7f5b20001000, 0x100, 1000500, forever, 2,
+                    known("com::acme::shop::OrderQueue::poll()", poll.tail), {}});
+    live.push_back({pid, 0x7f5b20001200, 0x140, 1001000, forever, 3,
+                    known("com::acme::shop::EmailSender::send(com::acme::shop::Order, java::lang::String)", send.tail),
+                    {{0x40, 0x80, known("com::acme::shop::Template::fill(java::util::Map)", fill.tail)}}});
     return true;
 }
 
+// The ground truth of one sample, as the writer of the session knows it: the
+// code live at the address, the source line of the offset, and the innermost
+// method inlined there with its line. A row per sample, numbered like the
+// samples file's lines.
+void writeTruth(std::ofstream& truth, unsigned line, uint64_t time, uint64_t address, unsigned pid,
+                const std::vector<Live>& live) {
+    for (const Live& l : live) {
+        if (l.pid != pid || time < l.from || time >= l.to || address < l.start || address - l.start >= l.size)
+            continue;
+        const uint64_t offset = address - l.start;
+        const KnownInline* innermost = nullptr;
+        for (const KnownInline& i : l.inlines)
+            if (i.offset <= offset && offset - i.offset < i.size)
+                innermost = &i;
+        truth << line << ",resolved,\"" << l.what.name << "\"," << l.what.lineAt(offset) << ",";
+        if (innermost)
+            truth << "\"" << innermost->what.name << "\"," << innermost->what.lineAt(offset - innermost->offset);
+        else
+            truth << ",";
+        truth << "\n";
+        return;
+    }
+    truth << line << ",not_jit,,,,\n";
+}
+
 // Samples over the session: mostly in live code, some in the runtime's own
-// native code (outside JIT code), before and after the address reuse.
+// native code (outside JIT code), before and after the address reuse. The
+// truth of each sample goes to truth.csv beside the samples.
 bool writeSamples(const std::string& path, const std::vector<Live>& live) {
     std::ofstream out(path);
     out << "time,address,pid,host\n";
+    const std::string truthPath = path.substr(0, path.rfind('/') + 1) + "truth.csv";
+    std::ofstream truth(truthPath);
+    truth << "line,status,method,source_line,inlined,inlined_line\n";
     Random random(20240611);
     const uint64_t first = 1000000, last = 1200000;
     for (int i = 0; i < 400; ++i) {
@@ -274,9 +354,11 @@ bool writeSamples(const std::string& path, const std::vector<Live>& live) {
         std::snprintf(line, sizeof line, "%llu,0x%llx,%u,%s\n", static_cast<unsigned long long>(time),
                       static_cast<unsigned long long>(address), pid, kHost);
         out << line;
+        writeTruth(truth, static_cast<unsigned>(i + 2), time, address, pid, live);
     }
     out.flush();
-    if (!out) {
+    truth.flush();
+    if (!out || !truth) {
         std::cerr << "quarvel-example-traces: cannot write " << path << '\n';
         return false;
     }
@@ -297,6 +379,8 @@ int main(int argc, char** argv) {
     }
     std::vector<Live> live;
     if (!writeServer(dir, live) || !writeWorker(dir, live) || !writeSamples(dir + "/samples.csv", live))
+        return 2;
+    if (!writeExampleStacks(dir))
         return 2;
     std::cout << "wrote " << dir << "/" << kHost << ".4242.jit, " << dir << "/" << kHost << ".4343.jit and " << dir
               << "/samples.csv\n";

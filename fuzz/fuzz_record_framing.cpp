@@ -1,4 +1,4 @@
-// The record framing: a file made of the input, read record by record.
+// The record framing: the input as a trace file's bytes, read record by record.
 
 #include "fuzz_support.h"
 
@@ -15,11 +15,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const std::string path = quarvel_fuzz::scratchDir() + "/framing-1.jit";
-    if (!quarvel_fuzz::writeFile(path, data, size))
-        return 0;
-
-    JitFileDecoder decoder(path, 1, 1, 0x1000, dmCodeBytes);
+    JitFileDecoder decoder("framing-1.jit", ByteSpan(data, size));
     Record record;
     u64 consumed = 0;
     quarvel_error_t status = meSuccess;
@@ -28,7 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         // A record lies inside the file, starts where the previous one ended
         // and never carries more body than the file holds.
         if (record.offset != consumed || record.data.size() > size || decoder.position() > size ||
-            decoder.position() <= record.offset)
+            decoder.position() <= record.offset ||
+            (record.data.size() && (record.data.data() < data || record.data.end() > data + size)))
             std::abort();
         consumed = decoder.position();
     }

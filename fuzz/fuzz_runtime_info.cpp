@@ -1,12 +1,12 @@
 // Managed runtime info bodies (type 15): decoded, then turned into the usage
 // category.
 //
-// Input: selector (bit 0: a wrong record type), decoding mode, body.
+// Input: selector (unused), decoding mode (unused), body.
 
 #include "fuzz_support.h"
 
-#include "format/jit_file_decoder.h"
-#include "format/record.h"
+#include "format/record_bodies.h"
+#include "ingest/managed_runtime_info.h"
 
 using namespace quarvel_3_13;
 
@@ -17,18 +17,15 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     quarvel_fuzz::InputCursor in(data, size);
-    const uint8_t selector = in.u8();
-    const auto mode = static_cast<decoding_mode_t>(in.u8() & 3);
-
+    (void)in.u8();
+    (void)in.u8();
+    const std::vector<uint8_t> body = in.restBytes();
     Record record;
     record.offset = 8;
-    record.type = (selector & 1) ? quarvel_jt_FunctionInlineLoad32 : quarvel_jt_ManagedRuntimeInfo;
-    record.data = in.restBytes();
-
-    JitFileDecoder decoder(quarvel_fuzz::scratchDir() + "/absent.jit", 7, 1, 0x10000, mode);
-    JitMethod::Ptr method(new JitMethod());
-    if (!decoder.decodeManagedRuntimeInfo(record, method))
-        return 0;
-    decoder.reportManagedRuntimeInfo(method->runtimeInfo());
+    record.type = quarvel_jt_ManagedRuntimeInfo;
+    record.data = ByteSpan(body);
+    const Expected<TraceRuntimeInfo> info = decodeRuntimeInfo(record, "fuzz");
+    if (info)
+        reportManagedRuntimeInfo(*info);
     return 0;
 }

@@ -1,5 +1,9 @@
 #include "fuzz_support.h"
 
+#include "format/jit_file_decoder.h"
+#include "ingest/jit_file_reader.h"
+
+#include "support/assertion.h"
 #include "support/log.h"
 #include "model/method_dump.h"
 
@@ -11,6 +15,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 #include <unistd.h>
 
@@ -18,11 +23,26 @@ namespace quarvel_fuzz {
 
 using namespace quarvel_3_13;
 
+namespace {
+
+// Bad input is refused with a reason before it reaches an internal check: a
+// check that fires means a broken invariant, which is a finding.
+void failOnCheck(const char* condition, const char* file, int line) {
+    std::fprintf(stderr, "quarvel fuzz: internal check failed: %s (%s:%d)\n", condition, file, line);
+    // QUARVEL_FUZZ_CHECKS=log lists every check a corpus reaches instead of stopping at the first.
+    const char* mode = std::getenv("QUARVEL_FUZZ_CHECKS");
+    if (!mode || std::strcmp(mode, "log") != 0)
+        std::abort();
+}
+
+} // namespace
+
 void setUpLogging() {
     static bool done = false;
     if (done)
         return;
     done = true;
+    setAssertionObserver(&failOnCheck);
     const char* keep = std::getenv("QUARVEL_FUZZ_LOG");
     if (keep && *keep == '1') {
         setenv("QUARVEL_LOG", "TRACE", 1);
@@ -284,6 +304,31 @@ void queryDataManager(JitDataManager& mutableManager, uint64_t seed) {
         (void)dataManager.translateToJitRva(static_cast<u32>(random.next()), address, random.next(), random.next(),
                                             out);
     }
+}
+
+void readTrace(const std::vector<uint8_t>& trace, decoding_mode_t mode, jit_rva_t jitRvaBase,
+               JitDataManager& dataManager) {
+    JitFileDecoder decoder("fuzz.7.jit", ByteSpan(trace), 7, 1, jitRvaBase, mode);
+    JitReadStats stats;
+    ModuleCache modules;
+    JitFileReader reader(&stats, modules);
+    (void)reader.readJitFile(decoder, taAny, dataManager);
+}
+
+std::vector<uint8_t> frameRecord(uint32_t type, const uint8_t* body, size_t size, uint32_t collector) {
+    std::vector<uint8_t> out;
+    const auto u32 = [&out](uint32_t v) {
+        for (int i = 0; i < 4; ++i)
+            out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+    };
+    if (collector) {
+        u32(quarvel_jt_CollectorType);
+        u32(collector);
+    }
+    u32(type);
+    u32(static_cast<uint32_t>(size));
+    out.insert(out.end(), body, body + size);
+    return out;
 }
 
 } // namespace quarvel_fuzz

@@ -17,7 +17,8 @@
 namespace quarvel_fuzz {
 
 // Every log line is formatted (so the message code runs) and dropped;
-// QUARVEL_FUZZ_LOG=1 keeps them on stderr for debugging a crash.
+// QUARVEL_FUZZ_LOG=1 keeps them on stderr for debugging a crash. A failed
+// internal check of the library aborts: it is a finding, like a crash.
 void setUpLogging();
 
 // A directory of this process only, under $TMPDIR (or /dev/shm, or /tmp),
@@ -58,6 +59,15 @@ void exerciseMethod(quarvel_3_13::JitMethod& method);
 // call targets and overlapped regions, and exercises every method it finds.
 // seed varies the extra probes.
 void queryDataManager(quarvel_3_13::JitDataManager& dataManager, uint64_t seed);
+
+// Reads trace bytes held in memory through the reading pass into
+// dataManager, as process 7 of host 1 with the given jit rva base.
+void readTrace(const std::vector<uint8_t>& trace, quarvel_3_13::decoding_mode_t mode,
+               quarvel_3_13::jit_rva_t jitRvaBase, quarvel_3_13::JitDataManager& dataManager);
+
+// One sized record around a body, preceded by a CollectorType record when
+// collector is not 0.
+std::vector<uint8_t> frameRecord(uint32_t type, const uint8_t* body, size_t size, uint32_t collector);
 
 // The layouts of the inputs, shared with the seed generator.
 namespace layout {

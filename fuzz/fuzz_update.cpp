@@ -1,6 +1,6 @@
 // Method updates against a data manager that holds a few regions: the
-// version 2 update body (type 14, the manager as the decoder's region search)
-// and the version 3 layout update (type 10, applied by the manager).
+// version 2 update body (type 14) and the version 3 layout update (type 10),
+// each read as a one-record trace of the process.
 //
 // Input: selector (bit 0: type 10 instead of 14; bit 1: not the profiler
 // collector; bit 2: byte updates applied to the regions directly), decoding
@@ -18,9 +18,10 @@
 #include "fuzz_support.h"
 
 #include "index/jit_data_manager.h"
-#include "format/jit_file_decoder.h"
+
+#include <quarvel/jittrace_format.h>
 #include "model/md5_hash_generator.h"
-#include "format/record.h"
+#include "model/module.h"
 
 #include <algorithm>
 #include <vector>
@@ -28,19 +29,6 @@
 using namespace quarvel_3_13;
 
 namespace {
-
-// The decoder finds the region an update patches in the data manager.
-class RegionSearch : public JitFileDecoder::SearchRegionCallback {
-public:
-    explicit RegionSearch(const JitDataManager& data) : m_data(data) {}
-    quarvel_error_t findRegion(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, Region::Ptr& region,
-                               JitMethod::Ptr& method) const override {
-        return m_data.findRegion(virtualAddress, timestamp, pid, hostId, region, method);
-    }
-
-private:
-    const JitDataManager& m_data;
-};
 
 const u32 kPid = 7;
 const u32 kHost = 1;
@@ -59,6 +47,7 @@ void addMethod(JitDataManager& dataManager, u32 rawId, u64 loadTime, u64 start, 
     method->setStartJitRva(jitRva);
     method->addCodeRegion(Region::Ptr(new Region(kHost, kPid, jitRva, loadTime, 0, start, length, content)));
     method->info()->setMethodName("m" + std::to_string(rawId));
+    method->info()->setModule(IModule::Ptr(new Module("app.dll", meNotFound, quarvel_arch_vx64)));
     method->info()->setMethodId(Md5HashGenerator::getHashValue(rawId, method));
     (void)dataManager.processMethodLoadRecord(kPid, kHost, method);
 }
@@ -71,7 +60,8 @@ void applyByteUpdates(const JitDataManager& dataManager, quarvel_fuzz::InputCurs
     std::vector<Region::Ptr> regions;
     for (const JitMethod::Ptr& method : dataManager.getJitMethods())
         for (const Region::Ptr& region : method->regions())
-            regions.push_back(Region::Ptr(new Region(*region)));
+            if (region->content()) // a region without a code copy has no bytes to update
+                regions.push_back(Region::Ptr(new Region(*region)));
     if (regions.empty())
         return;
     for (int i = 0; i < 8 && in.restSize() > 0; ++i) {
@@ -118,31 +108,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
 
-    Record record;
-    record.offset = 8;
-    record.type = layoutV3 ? quarvel_jt_FunctionUpdate : quarvel_jt_FunctionUpdate_v2;
-    record.data = in.restBytes();
-
-    JitFileDecoder decoder(quarvel_fuzz::scratchDir() + "/absent.jit", kPid, kHost, 0x500000000ull, mode);
-    const RegionSearch regionSearch(dataManager);
-    decoder.setSearchRegionCallback(&regionSearch);
-    JitMethod::Ptr method(new JitMethod());
-    bool decoded = false;
-    if (layoutV3) {
-        uint8_t inlineFlag = 0;
-        decoded = decoder.decodeMethodLoadRecordV3(record, method, &inlineFlag);
-    } else {
-        decoded = decoder.decodeMethodUpdateRecordV2(record, method);
-    }
-    quarvel_fuzz::exerciseMethod(*method);
-    if (decoded) {
-        // As the reading pass does: type 10 goes to the update operation,
-        // type 14 is registered like a new load.
-        if (layoutV3)
-            (void)dataManager.processMethodUpdateRecord(kPid, kHost, method);
-        else
-            (void)dataManager.processMethodLoadRecord(kPid, kHost, method);
-    }
+    // As a trace of the process: type 10 goes to the update operation, type
+    // 14 finds the live region and registers a patched copy.
+    const u32 type = layoutV3 ? quarvel_jt_FunctionUpdate : quarvel_jt_FunctionUpdate_v2;
+    const std::vector<uint8_t> body = in.restBytes();
+    quarvel_fuzz::readTrace(quarvel_fuzz::frameRecord(type, body.data(), body.size(),
+                                                      (selector & 2) ? ctUnknown : ctJitProfiler),
+                            mode, 0x500000000ull, dataManager);
     dataManager.finalize();
     quarvel_fuzz::queryDataManager(dataManager, size);
     return 0;

@@ -3,6 +3,8 @@
 // of the same name; the inputs follow the layouts in fuzz_support.h.
 
 #include "fuzz_support.h"
+#include "jitdump_seeds.h"
+#include "nettrace_seeds.h"
 
 #include <quarvel/jittrace_writer.h>
 
@@ -292,5 +294,11 @@ int main(int argc, char** argv) {
             const std::string text(list);
             seeds.add("fuzz_file_names", cat({header({flags}), Bytes(text.begin(), text.end())}));
         }
+
+    // Jitdump files and perf maps.
+    quarvel_fuzz::addJitdumpAndPerfMapSeeds([&seeds](const std::string& target, const Bytes& input) { seeds.add(target, input); });
+    // The runtime's event traces.
+    for (const Bytes& trace : quarvel_fuzz::nettraceSeeds())
+        seeds.add("fuzz_nettrace", trace);
     return seeds.failed() ? 1 : 0;
 }

@@ -16,8 +16,7 @@ sizes=${BENCH_SIZES:-10000,100000,1000000}
 regions=${BENCH_RESOLVE_REGIONS:-1000000}
 
 if [ ! -f "$build/build.ninja" ]; then
-  cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUARVEL_BUILD_BENCH=ON \
-    -DQUARVEL_BUILD_TESTS=OFF -DQUARVEL_BUILD_TOOLS=OFF -DQUARVEL_BUILD_AGENTS=OFF >&2
+  cmake --preset bench -B "$build" >&2
 fi
 ninja -C "$build" -j "$(nproc)" quarvel_bench >&2
 

@@ -20,19 +20,17 @@ work=${FUZZ_WORK:-${TMPDIR:-/tmp}/quarvel-fuzz-$$}
 merge=${FUZZ_MERGE:-1}
 # Bytes of committed corpus per target: past it the largest inputs go first
 # (the merge keeps the smallest input for each feature, so little is lost).
-# The whole-file target's inputs are the largest, so it gets more.
+# The whole-file targets' inputs are the largest, so they get more.
 budget=${FUZZ_CORPUS_BUDGET:-49152}
-budget_of() { [ "$1" = fuzz_trace_file ] && echo $((budget * 8 / 3)) || echo "$budget"; }
-all_targets="fuzz_record_framing fuzz_method_load fuzz_inline_load fuzz_update fuzz_runtime_info fuzz_trace_file fuzz_file_names"
+budget_of() { case "$1" in fuzz_trace_file | fuzz_nettrace) echo $((budget * 8 / 3)) ;; *) echo "$budget" ;; esac; }
+all_targets="fuzz_record_framing fuzz_method_load fuzz_inline_load fuzz_update fuzz_runtime_info fuzz_trace_file fuzz_file_names fuzz_jitdump fuzz_perf_map fuzz_nettrace"
 targets=${FUZZ_TARGETS:-$all_targets}
 # Small inputs keep the committed corpus small; sizes claimed by hostile
 # records must not need big files to matter.
 fuzz_flags=(-max_len=4096 -rss_limit_mb=2048 -timeout=10 -print_final_stats=1)
 
 if [ ! -f "$build/build.ninja" ]; then
-  CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DQUARVEL_BUILD_FUZZ=ON -DQUARVEL_SANITIZE=address,undefined \
-    -DQUARVEL_BUILD_TESTS=OFF -DQUARVEL_BUILD_TOOLS=OFF -DQUARVEL_BUILD_AGENTS=OFF >/dev/null
+  cmake --preset fuzz -B "$build" >/dev/null
 fi
 mkdir -p "$work/seeds" "$work/artifacts"
 if ! cmake --build "$build" -j "$(nproc)" --target quarvel_fuzz_all >"$work/build.log" 2>&1; then

@@ -1,22 +1,36 @@
 #!/usr/bin/env bash
 # Installs what the project needs (Debian packages) when it is missing, then
-# configures and builds into build/. Safe to run again: it only does what is
-# not done yet.
+# configures and builds build/ with the "plain" preset. Safe to run again: it
+# only does what is not done yet.
+#
+#   scripts/setup.sh             the build's packages, then the build
+#   scripts/setup.sh --tests     also what the tests run for real (a JDK,
+#                                perf, node), before anything is configured
+#   scripts/setup.sh --no-build  packages only
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+build=1
 PACKAGES=(
-  build-essential cmake ninja-build ccache pkg-config
+  build-essential cmake ninja-build ccache pkg-config python3
   libboost-filesystem-dev libboost-regex-dev libboost-thread-dev
-  liblog4cplus-dev libtbb-dev libssl-dev libzydis-dev
+  liblog4cplus-dev libtbb-dev libssl-dev libzydis-dev zlib1g-dev
   libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
 )
-# Extra packages a caller asks for (the end-to-end tests add a JDK and perf).
+for arg in "$@"; do
+  case $arg in
+    --tests) PACKAGES+=(openjdk-17-jdk-headless linux-perf nodejs) ;;
+    --no-build) build=0 ;;
+    *) echo "setup: unknown option $arg" >&2; exit 2 ;;
+  esac
+done
+# Extra packages a caller asks for.
 if [ -n "${QUARVEL_EXTRA_PACKAGES:-}" ]; then
   read -r -a extra <<<"$QUARVEL_EXTRA_PACKAGES"
   PACKAGES+=("${extra[@]}")
 fi
+[ "${QUARVEL_SETUP_NO_BUILD:-0}" = 1 ] && build=0
 
 missing=()
 for p in "${PACKAGES[@]}"; do
@@ -32,12 +46,8 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
 
-if [ "${QUARVEL_SETUP_NO_BUILD:-0}" = 1 ]; then
-  exit 0
+[ "$build" = 1 ] || exit 0
+if [ ! -f build/build.ninja ]; then
+  cmake --preset plain >/dev/null
 fi
-
-BUILD_DIR=${BUILD_DIR:-build}
-if [ ! -f "$BUILD_DIR/build.ninja" ]; then
-  cmake -S . -B "$BUILD_DIR" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
-fi
-cmake --build "$BUILD_DIR" -j "$(nproc)"
+cmake --build --preset plain

@@ -48,6 +48,13 @@ AgentOptions parseAgentOptions(const char* text) {
                 options.clock = ClockKind::tsc;
             else
                 options.problems.push_back("bad value '" + value + "' for option clock (expected monotonic or tsc)");
+        } else if (key == "stamps") {
+            if (value == "history")
+                options.stamps = StampKind::history;
+            else if (value == "event")
+                options.stamps = StampKind::event;
+            else
+                options.problems.push_back("bad value '" + value + "' for option stamps (expected history or event)");
         } else if (key == "stubs") {
             parseFlag(key, value, options.stubs, options.problems);
         } else if (key == "inlines") {

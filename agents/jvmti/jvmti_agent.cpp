@@ -115,6 +115,13 @@ public:
         return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
     }
 
+    // The stamp of code loaded at [start, start + size) whose event arrives now.
+    uint64_t stampLoad(uint64_t start, uint64_t size) {
+        const uint64_t arrived = now();
+        const uint64_t stamp = history.load(start, size, arrived);
+        return options.stamps == StampKind::event ? arrived : stamp;
+    }
+
     uint32_t takeId() {
         if (nextId == 0)
             nextId = 1;
@@ -198,7 +205,7 @@ void writeCompiledMethod(Agent& a, jmethodID method, uint64_t start, uint32_t si
         ++a.replays; // GenerateEvents sends every live nmethod again
         return;
     }
-    const uint64_t stamp = a.history.load(start, size, a.now());
+    const uint64_t stamp = a.stampLoad(start, size);
 
     std::vector<PcInfo> pcs = pcRecords(compileInfo);
     CodeMap codeMap;
@@ -261,7 +268,7 @@ void writeBlob(Agent& a, const std::string& name, uint64_t address, uint32_t siz
     qv::TraceMethodLoad load;
     load.methodId = a.takeId();
     load.hashKey = load.methodId;
-    load.loadTime = a.history.load(address, size, a.now());
+    load.loadTime = a.stampLoad(address, size);
     load.regions.push_back(codeRegion(address, size));
     load.tail.moduleArch = quarvel_arch_vx64;
     load.tail.methodName = name;

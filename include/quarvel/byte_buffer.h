@@ -3,14 +3,15 @@
 
 #include <quarvel/export.h>
 
-#include <boost/shared_ptr.hpp>
+#include <memory>
 
 namespace quarvel_3_13 {
 
-// Shared byte buffer for code bytes, held through boost::shared_ptr.
+// Shared byte buffer for code bytes, held through std::shared_ptr (a buffer
+// handed out stays valid after the region that held it takes new bytes).
 class QUARVEL_API IByteBuffer {
 public:
-    typedef boost::shared_ptr<IByteBuffer> Ptr;
+    typedef std::shared_ptr<IByteBuffer> Ptr;
 
     virtual unsigned size() const = 0;
     // Null while the buffer is empty.

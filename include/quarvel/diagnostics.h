@@ -18,6 +18,18 @@
 
 namespace quarvel_3_13 {
 
+// Why a record, or a whole file, did not make it into the model.
+struct TraceRefusal {
+    static constexpr uint64_t kNoOffset = ~uint64_t(0);
+
+    std::string file;             // the trace file
+    uint64_t offset = kNoOffset;  // where in it: the record's start or the bad field
+    std::string field;            // the field that was wrong, when known
+    std::string reason;           // what was wrong, with the bad value
+    std::string kind;             // "bad input", "not found" or "internal"
+    quarvel_error_t code = meSuccess; // the status the operation gave
+};
+
 // What the reading pass of a symbol resolver did.
 struct TraceStatistics {
     uint64_t files = 0;        // files the pass went through
@@ -34,13 +46,28 @@ struct TraceStatistics {
     uint64_t secondTraces = 0;         // a Magic record past the start ended a file
     uint64_t damagedRecords = 0;       // framing errors: truncated record, unknown type, size 0
 
+    // Files runtimes write for profilers (jitdump files, perf maps). A cut
+    // jitdump or perf map counts as a damaged record.
+    uint64_t jitdumpCodeLoads = 0;
+    uint64_t jitdumpCodeMoves = 0;
+    uint64_t jitdumpDebugInfo = 0;
+    uint64_t jitdumpOtherRecords = 0;         // close, unwinding information, unknown types: skipped
+    uint64_t perfMapEntries = 0;              // well-formed lines
+    uint64_t perfMapEntriesLeftToJitdump = 0; // lines over code a jitdump of the same process describes
+
+    // Why, in the order they were met: refused and damaged records and files
+    // that could not be read. The first thousand are kept; the rest counted.
+    std::vector<TraceRefusal> refusals;
+    uint64_t refusalsNotKept = 0;
+
     // The model that came out.
     uint64_t methods = 0;         // registered methods
     uint64_t regions = 0;         // their code regions
     uint64_t inlinedMethods = 0;  // methods attached into the inline trees, nested ones included
 
     uint64_t totalRecords() const {
-        uint64_t n = magicRecords;
+        uint64_t n = magicRecords + jitdumpCodeLoads + jitdumpCodeMoves + jitdumpDebugInfo + jitdumpOtherRecords +
+                     perfMapEntries;
         for (uint64_t r : records)
             n += r;
         return n;
@@ -63,8 +90,30 @@ struct InlinedCode {
     ISymbol::Ptr symbol;
 };
 
+// Why a list of trace files or directories would not make a file set (the
+// reason the facades' factories return an empty pointer for): the result is
+// the status of the set's initialisation; on failure `why` says which path
+// and what is wrong with it. Reads no record.
+QUARVEL_API quarvel_error_t checkTraceFiles(generic_iterator_t<const char*>& paths, TraceRefusal& why);
+
+// Called for every internal check of the library that fails, after the ERROR
+// line that names the condition: a check that fails means a broken invariant
+// of the library, never bad input (bad input is refused with a reason). Null
+// removes the observer. Returns the previous one. The observer may be called
+// from any thread that uses the library.
+typedef void (*InternalCheckObserver)(const char* condition, const char* file, int line);
+QUARVEL_API InternalCheckObserver setInternalCheckObserver(InternalCheckObserver observer);
+
 // meInvalidPointer for an empty pointer, meNotFound when the resolver was not made by this library.
 QUARVEL_API quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, TraceStatistics& out);
+
+// The jit rva of the code live at an address at a time in a process, from
+// what the resolver read: the answer IJitLoader::resolveJitPoint gives for
+// the same files (one trace, one answer), without reading them a second
+// time. meNotFound when no code was there then (or for a resolver not made
+// by this library), meInvalidPointer for an empty pointer.
+QUARVEL_API quarvel_error_t resolveJitPoint(const ISymbolResolver::Ptr& resolver, u64 timestamp, u64 virtualAddress,
+                                            unsigned pid, unsigned hostId, u64& jitRva);
 
 // The resolver's files, for each host in ascending host id, each pid in
 // ascending order, in the order the files were added. Errors as above.

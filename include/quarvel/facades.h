@@ -44,12 +44,23 @@ public:
     virtual const char* getPath() const = 0;
 };
 
-// Implemented by the caller: finds a module's assembly and debug file.
+// Implemented by the caller: finds a module's assembly and debug file. The
+// symbol resolver asks it once per .NET module path of the trace.
 class QUARVEL_API ISymbolFileLocator : public BaseObject {
 public:
     typedef boost::intrusive_ptr<ISymbolFileLocator> Ptr;
     // Leaves an output empty when that file was not found.
     virtual void locate(const char* modulePath, ILocatedFile::Ptr& assembly, ILocatedFile::Ptr& debugFile) = 0;
+
+    // The library's own locator, for assemblies that are still where the
+    // trace says they were loaded from: the assembly is the module path when
+    // that is a readable file; the debug file is the .pdb of the same name
+    // beside it when one exists. Without a debug file the assembly reader
+    // looks for the PDB its CodeView record names, then for one embedded in
+    // the assembly; a PDB whose id does not match the assembly is refused.
+    // A resolver created without a locator behaves the same way. A caller's
+    // own locator may delegate to this one for the modules it does not know.
+    static Ptr createDefault();
 };
 
 // The full symbol view for post-processing: reads every file at creation.
@@ -75,6 +86,12 @@ class QUARVEL_API IJitProcesses : public BaseObject {
 public:
     typedef boost::intrusive_ptr<IJitProcesses> Ptr;
     // For each host in ascending host id, its process ids in ascending order.
+    // The ids come without their hosts: a pid that ran on two hosts (traces
+    // gathered from several machines) is listed twice, and nothing here says
+    // which host each entry belongs to. Callers that need the host ask the
+    // loader or the resolver (getHostIdByName / getHostNameById) with the
+    // host names they know, or list files with listTraceFiles
+    // (quarvel/diagnostics.h), which pairs each pid with its host.
     virtual generic_iterator_t<unsigned> getJitProcessId() const = 0;
 
     static Ptr create(generic_iterator_t<const char*>& jitFiles);

@@ -62,7 +62,12 @@ typedef struct quarvel_trace_method_tail {
     quarvel_trace_line_table native_to_managed; /* code offset range -> IL offset */
     quarvel_trace_line_table native_to_source;  /* code offset range -> source line */
     uint32_t metadata_token;   /* .NET MethodDef token; 0 for other runtimes.
-                                  Written by version 3 loads and inline loads only. */
+                                  Written by version 3 loads and inline loads only.
+                                  A .NET method needs only this, module_name (the
+                                  assembly's path) and native_to_managed (the
+                                  runtime's native-to-IL map): the symbol resolver
+                                  reads names and lines from the assembly and its
+                                  PDB (docs/trace-format.md, ".NET methods"). */
 } quarvel_trace_method_tail;
 
 /* A method load (versions 0 to 3) or a method update (the version 3 layout). */
@@ -162,6 +167,10 @@ struct TraceMethodTail {
     TraceLineTables lines;
     // .NET: the MethodDef token of the method in the module's metadata; the
     // symbol resolver takes names and lines from the assembly and its PDB.
+    // A .NET producer sets moduleName to the assembly's path as the runtime
+    // loaded it, this token, and lines.nativeToManaged to the runtime's
+    // native-to-IL map (IL offsets 0xFFFFFFFE prologue, 0xFFFFFFFD epilogue,
+    // 0xFFFFFFFF unmapped, as they come); names and source may stay empty.
     // Written (when non-zero) after the line tables of version 3 loads and of
     // inline loads; older layouts have no room for it.
     uint32_t metadataToken = 0;

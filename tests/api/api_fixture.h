@@ -1,8 +1,11 @@
 #ifndef QUARVEL_TESTS_API_FIXTURE_H
 #define QUARVEL_TESTS_API_FIXTURE_H
 
-// Trace directories written with the public trace writer, and the small
-// helpers a caller of the library needs. Only public headers here.
+// The methods the API tests write (with the fixture library's trace builder)
+// and the small helpers a caller of the library needs. Only public headers.
+
+#include "temp_dir.h"
+#include "trace_builder.h"
 
 #include <quarvel/jitreader.h>
 #include <quarvel/jittrace_writer.h>
@@ -20,55 +23,8 @@ namespace api_test {
 using namespace quarvel_3_13;
 namespace stdfs = std::filesystem;
 
-class TempDir {
-public:
-    TempDir() {
-        const char* base = std::getenv("QUARVEL_TEST_TMP");
-        const stdfs::path root = base && *base ? stdfs::path(base) : stdfs::temp_directory_path();
-        stdfs::create_directories(root);
-        std::random_device rd;
-        for (;;) {
-            const stdfs::path candidate = root / ("quarvel-api-" + std::to_string(rd()));
-            if (stdfs::create_directory(candidate)) {
-                m_path = candidate.string();
-                break;
-            }
-        }
-    }
-    ~TempDir() {
-        std::error_code ec;
-        stdfs::remove_all(m_path, ec);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return m_path; }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
-
-// Writes one trace file record by record.
-class Trace {
-public:
-    explicit Trace(const std::string& path) { EXPECT_TRUE(m_writer.open(path)) << m_writer.errorText(); }
-    Trace& magic() { return check(m_writer.writeMagic(0)); }
-    Trace& collector(uint32_t type) { return check(m_writer.writeCollectorType(type)); }
-    Trace& load(int version, bool is64, const TraceMethodLoad& l) { return check(m_writer.writeMethodLoad(version, is64, l)); }
-    Trace& update(const TraceMethodLoad& u) { return check(m_writer.writeMethodUpdate(u)); }
-    Trace& inlineLoad(const TraceInlineLoad& l) { return check(m_writer.writeInlineLoad(true, l)); }
-    Trace& updateV2(const TraceUpdateV2& u) { return check(m_writer.writeUpdateV2(u)); }
-    Trace& runtime(const TraceRuntimeInfo& r) { return check(m_writer.writeRuntimeInfo(r)); }
-    Trace& raw(const std::vector<uint8_t>& bytes) { return check(m_writer.writeRaw(bytes)); }
-    uint64_t size() const { return m_writer.bytesWritten(); }
-
-private:
-    Trace& check(bool ok) {
-        EXPECT_TRUE(ok) << m_writer.errorText();
-        return *this;
-    }
-    JitTraceWriter m_writer;
-};
+using quarvel_test::TempDir;
+using quarvel_test::TraceBuilder;
 
 inline TraceMethodLoad method(uint32_t id, uint64_t time, uint64_t address, uint32_t size, const std::string& name,
                               const std::string& module = "app.jar", uint16_t arch = quarvel_arch_vx32) {

@@ -1,5 +1,5 @@
-// Several threads on one facade give what one thread gives. Named
-// *Concurrent* so the ThreadSanitizer build runs exactly these.
+// Several threads on one facade give what one thread gives. A binary of its
+// own (label "concurrency"): the ThreadSanitizer build runs exactly these.
 
 #include "api_fixture.h"
 
@@ -33,16 +33,17 @@ protected:
         for (unsigned p = 0; p < kProcesses; ++p) {
             const unsigned pid = 1000 + p;
             for (unsigned part = 0; part < 2; ++part) {
-                Trace trace(dir.file("node-" + std::to_string(pid) + (part ? ".trace" : ".jit")));
+                TraceBuilder trace;
                 trace.magic().collector(ctJitProfiler);
                 for (unsigned m = 0; m < kMethodsPerProcess / 2; ++m) {
                     const unsigned index = part * (kMethodsPerProcess / 2) + m;
                     const u64 time = 100 + index * 10;
                     const u64 slot = 0x100000 + (index % 5) * 0x100;
-                    trace.load(3, true,
+                    trace.load(3,
                                method(index + 1, time, slot, 0x80, "m" + std::to_string(index),
                                       "mod" + std::to_string(p) + ".jar", quarvel_arch_vx64));
                 }
+                trace.writeTo(dir.file("node-" + std::to_string(pid) + (part ? ".trace" : ".jit")));
             }
         }
         for (unsigned p = 0; p < kProcesses; ++p)

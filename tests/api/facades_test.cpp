@@ -47,24 +47,24 @@ protected:
         updateV2.length = 4;
         updateV2.bytes = {9, 9, 9, 9};
 
-        Trace(dir.file("alpha.100.jit"))
+        TraceBuilder()
             .magic()
             .collector(ctJitProfiler)
-            .runtime(java)
-            .load(3, false, a)
-            .load(3, true, method(2, 100, 0x20000, 32, "native64", "lib64.so", quarvel_arch_varda64))
+            .runtimeInfo(java)
+            .load(3, a, false)
+            .load(3, method(2, 100, 0x20000, 32, "native64", "lib64.so", quarvel_arch_varda64), true)
             .inlineLoad(inlined(11, 1, 110, 0x10010, 8, "helper"))
             .inlineLoad(inlined(12, 11, 110, 0x10012, 2, "leaf"))
-            .load(3, false, method(3, 200, 0x10000, 64, "runAgain"))
+            .load(3, method(3, 200, 0x10000, 64, "runAgain"), false)
             .update(update)
-            .updateV2(updateV2);
-        Trace(dir.file("alpha.100.trace")).magic().load(2, false, method(4, 300, 0x30000, 16, "later"));
-        Trace(dir.file("alpha-200.jit"))
+            .updateV2(updateV2).writeTo(dir.file("alpha.100.jit"));
+        TraceBuilder().magic().load(2, method(4, 300, 0x30000, 16, "later"), false).writeTo(dir.file("alpha.100.trace"));
+        TraceBuilder()
             .magic()
-            .load(0, true, method(5, 50, 0x10000, 32, "old0"))
-            .load(1, true, method(6, 60, 0x11000, 32, "old1"));
-        Trace(dir.file("beta.example.com.100.jit")).magic().load(3, true, method(7, 100, 0x10000, 64, "other"));
-        Trace(dir.file("README.txt")).raw({'h', 'i'});
+            .load(0, method(5, 50, 0x10000, 32, "old0"), true)
+            .load(1, method(6, 60, 0x11000, 32, "old1"), true).writeTo(dir.file("alpha-200.jit"));
+        TraceBuilder().magic().load(3, method(7, 100, 0x10000, 64, "other"), true).writeTo(dir.file("beta.example.com.100.jit"));
+        TraceBuilder().raw({'h', 'i'}).writeTo(dir.file("README.txt"));
     }
 
     unsigned host(const IJitLoader::Ptr& loader, const char* name) {
@@ -194,11 +194,12 @@ TEST_F(FacadesTest, LoaderReadsAProcessOnlyWhenFirstAsked) {
     EXPECT_EQ(rva, again);
     EXPECT_EQ(meSuccess, loader->resolveJitPoint(350, 0x30001, 100, alpha, &again, module));
 
-    // Process 200 was not: its file is opened at its first query.
+    // Process 200 was not: its file is opened at its first query, and a file
+    // that cannot be opened then is refused once, not retried by every query.
     stdfs::rename(dir.file("alpha-200.jit"), dir.file("elsewhere"));
-    EXPECT_EQ(meFileOpenError, loader->resolveJitPoint(55, 0x10005, 200, alpha, &again, module));
+    EXPECT_EQ(meNotFound, loader->resolveJitPoint(55, 0x10005, 200, alpha, &again, module));
     stdfs::rename(dir.file("elsewhere"), dir.file("alpha-200.jit"));
-    EXPECT_EQ(meSuccess, loader->resolveJitPoint(55, 0x10005, 200, alpha, &again, module));
+    EXPECT_EQ(meNotFound, loader->resolveJitPoint(55, 0x10005, 200, alpha, &again, module));
 }
 
 TEST_F(FacadesTest, ResolverGivesNamesSourceLinesAndTheInlineChain) {
@@ -416,7 +417,7 @@ public:
 TEST_F(FacadesTest, DotNetMethodsWithoutAnAssemblyComeBackAsTheyAre) {
     TraceMethodLoad m = method(21, 100, 0x70000, 16, "Main");
     m.tail.moduleName = "/apps/Program.dll";
-    Trace(dir.file("dotnet.300.jit")).load(3, true, m);
+    TraceBuilder().load(3, m, true).writeTo(dir.file("dotnet.300.jit"));
     // The token is not in the load record: only .NET methods carry one. A
     // method without one is never sent to the locator.
     boost::intrusive_ptr<CountingLocator> counting(new CountingLocator());

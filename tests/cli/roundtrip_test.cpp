@@ -1,6 +1,8 @@
 // A trace written with the public writer, read back by quarvel-jit: the tool
 // must show exactly what was written, for every record type.
 
+#include "temp_dir.h"
+
 #include <quarvel/jittrace_writer.h>
 
 #include <gtest/gtest.h>
@@ -43,24 +45,7 @@ std::string hex(uint64_t v) {
     return buf;
 }
 
-class TempDir {
-public:
-    TempDir() {
-        const char* base = std::getenv("QUARVEL_TEST_TMP");
-        std::string root = base && *base ? base : "/tmp";
-        std::system(("mkdir -p " + root).c_str());
-        std::string templ = root + "/quarvel-cli-XXXXXX";
-        m_path = ::mkdtemp(&templ[0]) ? templ : std::string();
-    }
-    ~TempDir() {
-        if (!m_path.empty())
-            std::system(("rm -rf " + m_path).c_str());
-    }
-    const std::string& path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
+using quarvel_test::TempDir;
 
 TraceMethodTail tail(const std::string& method, uint32_t firstLine) {
     TraceMethodTail t;

@@ -3,15 +3,18 @@
 #   run_case.sh TOOL JSON_CHECK GOLDEN_DIR WORK_DIR NAME EXIT_CODE [--stderr] [--json] -- ARGS...
 # Runs TOOL ARGS in WORK_DIR, checks the exit code, validates JSON output when
 # asked, and compares stdout (and stderr with --stderr) with GOLDEN_DIR/NAME.txt.
+# --local-host prints this machine's name as LOCALHOST (files runtimes write
+# for profilers belong to the host that reads them).
 # QUARVEL_REBASE=1 rewrites the golden file instead of comparing.
 set -uo pipefail
 tool=$1 json_check=$2 golden_dir=$3 work=$4 name=$5 want_rc=$6
 shift 6
-with_stderr=0 json=0
+with_stderr=0 json=0 local_host=0
 while [ $# -gt 0 ] && [ "$1" != "--" ]; do
   case $1 in
     --stderr) with_stderr=1 ;;
     --json) json=1 ;;
+    --local-host) local_host=1 ;;
     *) echo "run_case.sh: unknown flag $1" >&2; exit 2 ;;
   esac
   shift
@@ -37,8 +40,15 @@ if [ "$with_stderr" = 1 ]; then
   echo "--- stderr" >>"$actual"
   cat "$err" >>"$actual"
 fi
+if [ "$local_host" = 1 ]; then
+  host=$(hostname | sed 's/[][\.*^$/]/\\&/g')
+  sed -i "s/$host/LOCALHOST/g" "$actual"
+fi
 golden=$golden_dir/$name.txt
-if [ "${QUARVEL_REBASE:-0}" = 1 ]; then
+if [ "${QUARVEL_REBASE:-0}" = 1 ] && [ -n "${QUARVEL_TEST_RUN:-}" ]; then
+  echo "$name: QUARVEL_REBASE is ignored in a test run (./test.sh, CI); comparing" >&2
+fi
+if [ "${QUARVEL_REBASE:-0}" = 1 ] && [ -z "${QUARVEL_TEST_RUN:-}" ]; then
   cp "$actual" "$golden"
   echo "$name: rebased $golden"
 elif ! diff -u "$golden" "$actual"; then

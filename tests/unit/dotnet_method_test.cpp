@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/make_shared.hpp>
+#include <memory>
 
 #include <map>
 #include <sstream>
@@ -45,7 +45,7 @@ TEST(DotNetMethod, WithoutReaderFindsNothing) {
 }
 
 TEST(DotNetMethod, AsksReaderByRowId) {
-    auto reader = boost::make_shared<FakeSymbolReader>();
+    auto reader = std::make_shared<FakeSymbolReader>();
     DotNetMethod method(0x06000012);
     method.setSymbolReader(reader);
     EXPECT_EQ(0x12u, method.rowId());
@@ -74,6 +74,17 @@ TEST(DotNetMethod, PrintsItsBlock) {
     os << DotNetMethod(0x0600002A) << 42;
     EXPECT_EQ("Method (600002a)\n" + std::string(55, '-') +
                   "\n     MethodName:      \n     TypeDefName:     \n     MethodSignature: \n\n42",
+              os.str());
+}
+
+TEST(DotNetMethod, PrintsTheNamesTheAssemblyReaderFilled) {
+    DotNetMethod method(0x06000001);
+    method.setNames("Ns.Outer`1.Inner", ".ctor", "(int, T[])");
+    std::ostringstream os;
+    os << method;
+    EXPECT_EQ("Method (6000001)\n" + std::string(55, '-') +
+                  "\n     MethodName:      .ctor\n     TypeDefName:     Ns.Outer`1.Inner\n"
+                  "     MethodSignature: (int, T[])\n\n",
               os.str());
 }
 

@@ -50,7 +50,8 @@ IByteBuffer::Ptr bufferOf(const std::vector<uint8_t>& bytes) {
 
 quarvel_error_t readFile(const std::string& path, JitDataManager& data) {
     JitFileDecoder decoder(path, kPid, kHost, 0x10000, dmCodeBytes);
-    return JitFileReader().readJitFile(decoder, taAny, data);
+    ModuleCache modules;
+    return JitFileReader(nullptr, modules).readJitFile(decoder, taAny, data);
 }
 
 // A region whose code size claims 4 GiB and whose load carries no code bytes,

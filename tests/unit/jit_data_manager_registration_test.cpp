@@ -2,6 +2,7 @@
 // small fixed model.
 
 #include "jit_data_manager_test_helpers.h"
+#include "check_listener.h"
 #include "log_capture.h"
 
 #include <gtest/gtest.h>
@@ -217,6 +218,7 @@ TEST(JitDataManagerRegistration, ReloadOfAKnownMethodKeepsBothLinesAndLowersItsJ
 }
 
 TEST(JitDataManagerRegistration, MalformedRegionsAreRefusedWithoutAborting) {
+    quarvel_test::ExpectInternalChecks expectedChecks; // these precondition checks are the point
     LogCapture capture;
     JitDataManager manager;
     EXPECT_EQ(meBadRecord, manager.processMethodLoadRecord(kPid, kHost, makeMethod(2, 100, {{0x1000, 0, 0x100}})).code());
@@ -406,6 +408,7 @@ TEST_F(JitDataManagerQueries, TranslationUsesTheMethodPositionOnlyOnTheBuildingC
 TEST(JitDataManagerFindMethod, LowestAddressSpaceWinsAndRenamesCount) {
     for (bool reversed : {false, true}) {
         SCOPED_TRACE(reversed ? "reversed" : "in order");
+        quarvel_test::ExpectInternalChecks expectedChecks; // the null module name is checked
         LogCapture capture;
         JitDataManager manager;
         // Raw id 7 in the same module in three processes of two hosts.

@@ -1,10 +1,14 @@
-// The reading pass: which records reach the data manager, where a file's
-// pass ends, the 64-bit module rename, and the file set's two pass forms.
+// The reading pass: the model it builds from each record, where a file's pass
+// ends and where it reads on, the jit rvas it hands out, the 64-bit module
+// rename, updates, and the file set's two pass forms.
 
-#include "index/jit_data_manager.h"
 #include "format/jit_file_decoder.h"
+#include "index/jit_data_manager.h"
 #include "ingest/jit_file_reader.h"
 #include "ingest/jit_files_manager.h"
+#include "ingest/managed_runtime_info.h"
+#include "model/md5_hash_generator.h"
+
 #include "log_capture.h"
 #include "trace_builder.h"
 
@@ -26,7 +30,8 @@ const u32 kPid = 42;
 const u32 kHost = 1;
 const u64 kBase = 1000;
 
-TraceMethodLoad load(u32 id, u64 time, u64 address, uint16_t arch = quarvel_arch_vx64, const std::string& module = "app.dll") {
+TraceMethodLoad load(u32 id, u64 time, u64 address, uint16_t arch = quarvel_arch_vx64,
+                     const std::string& module = "app.dll") {
     TraceMethodLoad l = makeLoad(id, time, address, 16, "m" + std::to_string(id));
     l.tail.moduleArch = arch;
     l.tail.moduleName = module;
@@ -38,11 +43,14 @@ struct Pass {
     JitReadStats stats;
 };
 
-Pass readFile(const std::string& path, JitDataManager& data, target_arch_t arch = taAny,
-              decoding_mode_t mode = dmCodeBytes) {
+// Reads trace bytes held in memory, as process kPid of host kHost.
+Pass readTrace(const TraceBuilder& trace, JitDataManager& data, target_arch_t arch = taAny,
+               decoding_mode_t mode = dmCodeBytes, size_t length = SIZE_MAX) {
     JitReadStats stats;
-    JitFileDecoder decoder(path, kPid, kHost, kBase, mode);
-    JitFileReader reader(&stats);
+    ModuleCache modules;
+    JitFileDecoder decoder("h.42.jit", ByteSpan(trace.bytes().data(), std::min(length, trace.bytes().size())), kPid,
+                           kHost, kBase, mode);
+    JitFileReader reader(&stats, modules);
     const quarvel_error_t status = reader.readJitFile(decoder, arch, data);
     return Pass{status, stats};
 }
@@ -54,18 +62,159 @@ std::vector<u32> registeredIds(const JitDataManager& data) {
     return ids;
 }
 
-std::string moduleOf(const JitDataManager& data, u32 id) {
+JitMethod::Ptr methodOf(const JitDataManager& data, u32 id) {
     for (const JitMethod::Ptr& m : data.getJitMethods())
-        if (m->getRawMethodId() == id && m->getModule())
-            return m->getModule()->getFilePath();
-    return "<none>";
+        if (m->getRawMethodId() == id)
+            return m;
+    return JitMethod::Ptr();
 }
 
-TEST(JitFileReaderTest, MagicAndCollectorTypeAloneRegisterNothing) {
-    TempDir dir;
-    const std::string path = TraceBuilder().magic(0x1234).collector(ctJitProfiler).writeTo(dir.file("h.1.jit"));
+std::string moduleOf(const JitDataManager& data, u32 id) {
+    const JitMethod::Ptr m = methodOf(data, id);
+    return m && m->getModule() ? m->getModule()->getFilePath() : "<none>";
+}
+
+// ---------------------------------------------------------------------------
+// The model built from a load
+
+TraceMethodLoad javaLoad() {
+    TraceMethodLoad load;
+    load.hashKey = 77;
+    load.methodId = 5;
+    load.loadTime = 0x1122334455ull;
+    load.regions.push_back(TraceCodeRegion{0x400000, 16, std::vector<uint8_t>(16, 0x10)});
+    load.regions.push_back(TraceCodeRegion{0x400080, 0, {}}); // empty: skipped, takes no jit rva
+    load.regions.push_back(TraceCodeRegion{0x400100, 32, std::vector<uint8_t>(32, 0x40)});
+    load.tail.moduleName = "app.so";
+    load.tail.methodName = "run(Ljava/lang/String;I)V";
+    load.tail.className = "Lpkg/Foo;";
+    load.tail.sourceFile = "Foo.java";
+    load.tail.checksumType = 1;
+    load.tail.checksum = "abc";
+    load.tail.language = quarvel_language_java;
+    load.tail.lines.nativeToSource = {{0, 16, 10}, {16, 48, 11}};
+    return load;
+}
+
+TEST(ReadingPassModel, EveryVersionBuildsTheSameMethodButForItsIdentity) {
+    for (int version = 0; version < 4; ++version) {
+        JitDataManager data;
+        ASSERT_EQ(meSuccess, readTrace(TraceBuilder().load(version, javaLoad()), data).status);
+        const JitMethod::Ptr method = methodOf(data, 5);
+        ASSERT_TRUE(method) << version;
+        EXPECT_EQ(0x1122334455ull, method->getLoadTime());
+        EXPECT_EQ(kBase, method->getStartJitRva());
+        ASSERT_EQ(2u, method->regionCount()) << version;
+        const Region& first = *method->regions()[0];
+        const Region& second = *method->regions()[1];
+        EXPECT_EQ(kBase, first.startJitRva());
+        EXPECT_EQ(kBase + 16, second.startJitRva());
+        EXPECT_EQ(0x400100u, second.startAddress());
+        EXPECT_EQ(kPid, second.processId());
+        EXPECT_EQ(kHost, second.hostId());
+        ASSERT_TRUE(second.content());
+        EXPECT_EQ(0x40, second.content()->data()[31]);
+
+        EXPECT_STREQ("pkg::Foo::run", method->getMethodName());
+        EXPECT_STREQ("pkg::Foo::run(java::lang::String, int)", method->getQualifiedMethodName());
+        EXPECT_EQ("app.so", moduleOf(data, 5));
+        ASSERT_TRUE(method->getSourceFile());
+        EXPECT_STREQ("abc", method->getSourceFile()->getChecksum());
+        ASSERT_TRUE(method->getSourceLocation(kBase + 20));
+        EXPECT_EQ(11u, method->getSourceLocation(kBase + 20)->getLine());
+
+        // Newer records hash their key with host, pid and architecture; older ones the names.
+        const std::string identity = version >= 2 ? "77.1.422"
+                                                  : "0pkg::Foo::run(java::lang::String, int)pkg::Fooapp.so2";
+        EXPECT_EQ(Md5HashGenerator::hashText(identity), method->getMethodId()) << version;
+    }
+}
+
+TEST(ReadingPassModel, ModulesAndTheirStatus) {
+    const struct {
+        int version;
+        const char* module;
+        uint16_t language;
+        const char* path;
+        quarvel_error_t status;
+    } cases[] = {
+        {2, "", quarvel_language_java, "[Compiled Java code]", meSuccess},
+        {3, "", quarvel_language_java, "[Compiled Java code]", meSuccess},
+        {2, "", 0, "[Dynamic code]", meSuccess},
+        {2, "[Dynamic code]", 0, "[Dynamic code]", meSuccess},
+        {3, "[Compiled Java code]", 0, "[Compiled Java code]", meSuccess},
+        {2, "libjvm.so", quarvel_language_java, "libjvm.so", meNotFound},
+        // Older versions know only real modules.
+        {0, "", quarvel_language_java, "[Dynamic code]", meNotFound},
+        {1, "[Dynamic code]", 0, "[Dynamic code]", meNotFound},
+    };
+    TraceBuilder trace;
+    u32 id = 1;
+    for (const auto& c : cases) {
+        TraceMethodLoad l = load(id, 100, 0x1000 * id);
+        l.tail.moduleName = c.module;
+        l.tail.language = c.language;
+        trace.load(c.version, l);
+        ++id;
+    }
     JitDataManager data;
-    const Pass pass = readFile(path, data);
+    ASSERT_EQ(meSuccess, readTrace(trace, data).status);
+    id = 1;
+    for (const auto& c : cases) {
+        const JitMethod::Ptr method = methodOf(data, id++);
+        ASSERT_TRUE(method);
+        EXPECT_STREQ(c.path, method->getModule()->getFilePath()) << c.version << " '" << c.module << "'";
+        EXPECT_EQ(c.status, method->getModule()->isBogus()) << c.version << " '" << c.module << "'";
+    }
+}
+
+TEST(ReadingPassModel, OnlyJavaNamesAreUnmangledAndHiddenClassesKeepTheirAddress) {
+    const struct {
+        const char* className;
+        const char* methodName;
+        uint16_t language;
+        const char* expectedClass;
+        const char* expectedQualified;
+    } cases[] = {
+        // .NET and native names starting with the descriptor letter stay as they are.
+        {"Logger", "Log", 0, "Logger", "Logger::Log"},
+        {"Lib.Loader", "Load(I)V", 0, "Lib::Loader", "Lib::Loader::Load(I)V"},
+        // Descriptor-form class names mark Java code even without a language.
+        {"Lpkg/Foo;", "run(I)V", 0, "pkg::Foo", "pkg::Foo::run(int)"},
+        {"pkg.Foo", "run([J)V", quarvel_language_java, "pkg::Foo", "pkg::Foo::run(long[])"},
+        // Hidden classes (lambdas) in either form the virtual machine gives them.
+        {"LShop$$Lambda$1/0x00007f1700000a08;", "applyAsInt(I)I", quarvel_language_java,
+         "Shop$$Lambda$1/0x00007f1700000a08", "Shop$$Lambda$1/0x00007f1700000a08::applyAsInt(int)"},
+        {"Lpkg/Hot$$Lambda$2.0x00007f90e0001958;", "get()Ljava/lang/Object;", quarvel_language_java,
+         "pkg::Hot$$Lambda$2/0x00007f90e0001958", "pkg::Hot$$Lambda$2/0x00007f90e0001958::get()"},
+    };
+    TraceBuilder trace;
+    u32 id = 1;
+    for (const auto& c : cases) {
+        TraceMethodLoad l = load(id, 100, 0x1000 * id);
+        l.tail.className = c.className;
+        l.tail.methodName = c.methodName;
+        l.tail.language = c.language;
+        trace.load(2, l);
+        ++id;
+    }
+    JitDataManager data;
+    ASSERT_EQ(meSuccess, readTrace(trace, data).status);
+    id = 1;
+    for (const auto& c : cases) {
+        const JitMethod::Ptr method = methodOf(data, id++);
+        ASSERT_TRUE(method);
+        EXPECT_STREQ(c.expectedClass, method->getClassName()) << c.className;
+        EXPECT_STREQ(c.expectedQualified, method->getQualifiedMethodName()) << c.className;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Where a pass ends, and where it reads on
+
+TEST(ReadingPassFlow, MagicAndCollectorTypeAloneRegisterNothing) {
+    JitDataManager data;
+    const Pass pass = readTrace(TraceBuilder().magic(0x1234).collector(ctJitProfiler), data);
     EXPECT_EQ(meSuccess, pass.status);
     EXPECT_TRUE(data.getJitMethods().empty());
     EXPECT_EQ(ctJitProfiler, data.getCollectorType());
@@ -73,267 +222,300 @@ TEST(JitFileReaderTest, MagicAndCollectorTypeAloneRegisterNothing) {
     EXPECT_EQ(1u, pass.stats.records[quarvel_jt_CollectorType]);
 }
 
-TEST(JitFileReaderTest, MagicPastOffsetZeroEndsTheFile) {
-    TempDir dir;
-    const std::string path = TraceBuilder()
-                                 .magic()
-                                 .load(3, load(1, 100, 0x1000))
-                                 .magic()
-                                 .load(3, load(2, 100, 0x2000))
-                                 .writeTo(dir.file("h.1.jit"));
+TEST(ReadingPassFlow, MagicPastOffsetZeroEndsTheFile) {
     JitDataManager data;
-    const Pass pass = readFile(path, data);
+    const Pass pass =
+        readTrace(TraceBuilder().magic().load(3, load(1, 100, 0x1000)).magic().load(3, load(2, 100, 0x2000)), data);
     EXPECT_EQ(meSuccess, pass.status);
     EXPECT_EQ(std::vector<u32>{1}, registeredIds(data));
     EXPECT_EQ(1u, pass.stats.secondTraces);
 }
 
-struct ArchCase {
-    const char* name;
-    target_arch_t arch;
-    std::vector<bool> is64; // one load per entry, ids 1, 2, ...
-    std::vector<u32> registered;
-};
-
-class JitFileReaderArchTest : public ::testing::TestWithParam<ArchCase> {};
-
-TEST_P(JitFileReaderArchTest, OtherVariantEndsTheFile) {
-    const ArchCase& c = GetParam();
-    for (int version = 0; version <= 3; ++version) {
-        TempDir dir;
-        TraceBuilder trace;
-        for (size_t i = 0; i < c.is64.size(); ++i)
-            trace.load(version, load(static_cast<u32>(i + 1), 100, 0x1000 * (i + 1)), c.is64[i]);
-        JitDataManager data;
-        const Pass pass = readFile(trace.writeTo(dir.file("h.1.jit")), data, c.arch);
-        EXPECT_EQ(meSuccess, pass.status) << c.name << " v" << version;
-        EXPECT_EQ(c.registered, registeredIds(data)) << c.name << " v" << version;
-        EXPECT_EQ(c.registered.size() < c.is64.size() ? 1u : 0u, pass.stats.architectureFiltered)
-            << c.name << " v" << version;
-    }
+TEST(ReadingPassFlow, TheOtherVariantEndsTheFile) {
+    const struct {
+        const char* name;
+        target_arch_t arch;
+        std::vector<bool> is64; // one load per entry, ids 1, 2, ...
+        std::vector<u32> registered;
+    } cases[] = {
+        {"any accepts both", taAny, {false, true, false}, {1, 2, 3}},
+        {"x86 stops at the 64-bit variant", taX86, {false, true, false}, {1}},
+        {"x86 with a 64-bit first record", taX86, {true, false}, {}},
+        {"x86-64 stops at the 32-bit variant", taX86_64, {true, false, true}, {1}},
+        {"value 3 refuses the first variant", static_cast<target_arch_t>(3), {false}, {}},
+        {"value 3 refuses the second variant", static_cast<target_arch_t>(3), {true}, {}},
+    };
+    for (const auto& c : cases)
+        for (int version = 0; version <= 3; ++version) {
+            TraceBuilder trace;
+            for (size_t i = 0; i < c.is64.size(); ++i)
+                trace.load(version, load(static_cast<u32>(i + 1), 100, 0x1000 * (i + 1)), c.is64[i]);
+            JitDataManager data;
+            const Pass pass = readTrace(trace, data, c.arch);
+            EXPECT_EQ(meSuccess, pass.status) << c.name << " v" << version;
+            EXPECT_EQ(c.registered, registeredIds(data)) << c.name << " v" << version;
+            EXPECT_EQ(c.registered.size() < c.is64.size() ? 1u : 0u, pass.stats.architectureFiltered)
+                << c.name << " v" << version;
+        }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Filter, JitFileReaderArchTest,
-    ::testing::Values(ArchCase{"any accepts both", taAny, {false, true, false}, {1, 2, 3}},
-                      ArchCase{"x86 stops at the 64-bit variant", taX86, {false, true, false}, {1}},
-                      ArchCase{"x86 with a 64-bit first record", taX86, {true, false}, {}},
-                      ArchCase{"x86-64 stops at the 32-bit variant", taX86_64, {true, false, true}, {1}},
-                      ArchCase{"x86-64 with a 32-bit first record", taX86_64, {false}, {}},
-                      ArchCase{"value 3 refuses the first variant", static_cast<target_arch_t>(3), {false}, {}},
-                      ArchCase{"value 3 refuses the second variant", static_cast<target_arch_t>(3), {true}, {}}));
-
-TEST(JitFileReaderTest, DamagedRecordKeepsWhatWasReadBefore) {
-    TempDir dir;
+TEST(ReadingPassFlow, BrokenFramingEndsTheFileAndSaysWhere) {
     TraceBuilder trace;
     trace.load(3, load(1, 100, 0x1000)).load(3, load(2, 100, 0x2000));
-    // Cut inside the body of the second record.
-    const std::string path = trace.writeTo(dir.file("h.1.jit"), trace.bytes().size() - 5);
-    LogCapture log;
     JitDataManager data;
-    const Pass pass = readFile(path, data);
+    // Cut inside the body of the second record.
+    const Pass pass = readTrace(trace, data, taAny, dmCodeBytes, trace.bytes().size() - 5);
     EXPECT_EQ(meBadRecord, pass.status);
     EXPECT_EQ(std::vector<u32>{1}, registeredIds(data));
     EXPECT_EQ(1u, pass.stats.damagedRecords);
     EXPECT_EQ(1u, pass.stats.failedFiles);
-    bool named = false;
-    for (const std::string& e : log.errors())
-        named = named || (e.find("Stopped reading jit file " + path + " at offset " +
-                                 std::to_string(trace.recordStarts()[1])) != std::string::npos);
-    EXPECT_TRUE(named) << log.dump();
+    ASSERT_EQ(1u, pass.stats.refusals.size());
+    const Reason& reason = pass.stats.refusals[0];
+    EXPECT_EQ("h.42.jit", reason.file);
+    EXPECT_EQ(trace.recordStarts()[1] + 8, reason.offset);
+    EXPECT_EQ("record body", reason.field);
+    EXPECT_NE(std::string::npos, reason.message.find("bytes announced")) << reason.text();
 }
 
-TEST(JitFileReaderTest, RefusedBodyIsDroppedAndReadingGoesOn) {
-    TempDir dir;
-    TraceMethodLoad empty = load(2, 100, 0x2000);
-    empty.regions[0].codeSize = 0; // every region empty: the record is refused
-    const std::string path =
-        TraceBuilder().load(3, load(1, 100, 0x1000)).load(3, empty).load(3, load(3, 100, 0x3000)).writeTo(
-            dir.file("h.1.jit"));
-    LogCapture log;
+// A refused record costs only itself: a damaged body (regions that are all
+// empty), a record the model refuses (an inline that crosses an attached
+// one), and every later record is read. A load without code regions is
+// registered: its names and lines stay, it owns no address.
+TEST(ReadingPassFlow, ARefusedRecordNeverCostsTheRestOfTheFile) {
+    TraceMethodLoad allEmpty = load(2, 100, 0x2000);
+    allEmpty.regions[0].codeSize = 0;
+    TraceMethodLoad noRegions = load(3, 100, 0x3000);
+    noRegions.regions.clear();
+    TraceMethodLoad parent = load(10, 100, 0x10000);
+    parent.regions[0].codeSize = 0x100;
+    parent.regions[0].bytes.assign(0x100, 0x90);
+    const TraceInlineLoad inner = quarvel_test::makeInline(11, 10, 100, 0x10010, 0x20);
+    const TraceInlineLoad crossing = quarvel_test::makeInline(12, 10, 100, 0x10020, 0x20);
+
+    TraceBuilder trace;
+    trace.collector(ctJitProfiler)
+        .load(3, load(1, 100, 0x1000))
+        .load(3, allEmpty)
+        .load(3, noRegions)
+        .load(3, parent)
+        .inlineLoad(inner)
+        .inlineLoad(crossing)
+        .load(3, load(4, 100, 0x4000));
     JitDataManager data;
-    const Pass pass = readFile(path, data);
-    EXPECT_EQ(meSuccess, pass.status);
-    EXPECT_EQ((std::vector<u32>{1, 3}), registeredIds(data));
-    EXPECT_EQ(1u, pass.stats.refusedBodies);
+    LogCapture log;
+    const Pass pass = readTrace(trace, data);
+    EXPECT_EQ(meSuccess, pass.status) << log.dump();
+    const std::vector<u32> ids = registeredIds(data);
+    for (u32 id : {1u, 3u, 10u, 4u})
+        EXPECT_NE(ids.end(), std::find(ids.begin(), ids.end(), id)) << id;
+    ASSERT_TRUE(methodOf(data, 3));
+    EXPECT_EQ(0u, methodOf(data, 3)->regionCount());
+    EXPECT_EQ(1u, pass.stats.refusedBodies);        // every region empty
+    EXPECT_EQ(1u, pass.stats.refusedByDataManager); // the crossing inline
+    // Each refusal names the file and the record it refused.
+    for (const Reason& reason : pass.stats.refusals) {
+        EXPECT_EQ("h.42.jit", reason.file);
+        EXPECT_NE(Reason::kNoOffset, reason.offset);
+    }
+    // Each points into the record it refused; the model's carries its own reason.
+    ASSERT_EQ(2u, pass.stats.refusals.size());
+    EXPECT_GE(pass.stats.refusals.front().offset, trace.recordStarts()[2]);
+    EXPECT_LT(pass.stats.refusals.front().offset, trace.recordStarts()[3]);
+    const Reason& refusal = pass.stats.refusals.back();
+    EXPECT_GE(refusal.offset, trace.recordStarts()[6]);
+    EXPECT_LT(refusal.offset, trace.recordStarts()[7]);
+    EXPECT_EQ(std::string::npos, refusal.message.find("see the log")) << refusal.text();
+    EXPECT_NE(std::string::npos, refusal.message.find("inline")) << refusal.text();
 }
 
-TEST(JitFileReaderTest, RefusedUpdateV2IsLoggedAndReadingGoesOn) {
-    TempDir dir;
-    TraceUpdateV2 update;
-    update.methodId = 9;
-    update.loadTime = 150;
-    update.startAddress = 0x9000; // no region there
-    update.length = 4;
-    update.bytes = {1, 2, 3, 4};
-    const std::string path = TraceBuilder()
-                                 .load(3, load(1, 100, 0x1000))
-                                 .updateV2(update)
-                                 .load(3, load(2, 100, 0x2000))
-                                 .writeTo(dir.file("h.1.jit"));
-    LogCapture log;
+// ---------------------------------------------------------------------------
+// Jit rvas
+
+// Each region takes its jit rva as it is read, whatever becomes of the rest
+// of its record, so both decoding modes hand out the same jit rvas: a
+// version 0 load cut inside its tail is refused in every mode and still
+// takes its jit rvas.
+TEST(ReadingPassJitRvas, EveryModeHandsOutTheSameJitRvas) {
+    TraceMethodLoad cutTail = load(2, 100, 0x2000);
+    std::vector<uint8_t> body = jittrace::encodeMethodLoad(cutTail, 0);
+    body.resize(body.size() - 3);
+    TraceBuilder trace;
+    trace.load(0, load(1, 100, 0x1000)).sized(quarvel_jt_FunctionLoad64, body).load(0, load(3, 100, 0x3000));
+    for (decoding_mode_t mode : {dmCodeBytes, dmSkipSymbolic, dmNone}) {
+        JitDataManager data;
+        const Pass pass = readTrace(trace, data, taAny, mode);
+        ASSERT_EQ(meSuccess, pass.status);
+        EXPECT_EQ(1u, pass.stats.refusedBodies) << mode;
+        const JitMethod::Ptr third = methodOf(data, 3);
+        ASSERT_TRUE(third) << mode;
+        EXPECT_EQ(kBase + 32, third->getStartJitRva()) << mode;
+    }
+}
+
+TEST(ReadingPassJitRvas, AFileCannotRunPastItsRange) {
+    // Two regions that together overrun the file's jit rva range: the second
+    // record is refused with a reason, and nothing lands in the next range.
+    TraceMethodLoad big = load(1, 100, 0x1000);
+    big.regions[0] = TraceCodeRegion{0x1000, 0xFFFFFFF0u, {}};
+    TraceBuilder trace;
+    for (u32 i = 0; i < 300; ++i) {
+        big.methodId = big.hashKey = i + 1;
+        big.regions[0].startAddress = 0x1000 + u64(i) * 0x100000000ull;
+        trace.load(3, big);
+    }
     JitDataManager data;
-    const Pass pass = readFile(path, data);
+    LogCapture log;
+    const Pass pass = readTrace(trace, data);
     EXPECT_EQ(meSuccess, pass.status);
-    EXPECT_EQ((std::vector<u32>{1, 2}), registeredIds(data));
-    EXPECT_TRUE(log.contains("Failed to decode a UPDATE_V2 record", log4cplus::ERROR_LOG_LEVEL)) << log.dump();
+    EXPECT_EQ(256u, data.getJitMethods().size());
+    EXPECT_EQ(44u, pass.stats.refusedBodies);
+    for (const JitMethod::Ptr& m : data.getJitMethods())
+        EXPECT_LE(m->regions()[0]->startJitRva() + m->regions()[0]->length(), kBase + JitFileReader::kJitRvaStride);
+    EXPECT_NE(std::string::npos, pass.stats.refusals.back().message.find("jit rva range")) << pass.stats.refusals.back().text();
+}
+
+// ---------------------------------------------------------------------------
+// 64-bit module names, updates, runtime info
+
+TEST(ReadingPassModules, ModulesOf64BitCodeAreRenamedInProfilerFilesOfBothKinds) {
+    const struct {
+        const char* name;
+        u32 collector;
+        bool withArch0;
+        const char* expected;
+    } cases[] = {
+        {"profiler file of both kinds", ctJitProfiler, true, "b.dll (64)"},
+        {"other collector", ctUnknown, true, "b.dll"},
+        {"no 32-bit module seen", ctJitProfiler, false, "b.dll"},
+    };
+    for (const auto& c : cases) {
+        TraceBuilder trace;
+        trace.collector(c.collector);
+        if (c.withArch0)
+            trace.load(3, load(1, 100, 0x1000, quarvel_arch_vx32, "a.dll"));
+        trace.load(3, load(2, 100, 0x2000, quarvel_arch_varda64, "b.dll"))
+            .load(3, load(3, 100, 0x3000, quarvel_arch_varda64, "b.dll"));
+        JitDataManager data;
+        ASSERT_EQ(meSuccess, readTrace(trace, data).status);
+        EXPECT_EQ(c.expected, moduleOf(data, 2)) << c.name;
+        // Methods of one module share its renamed object.
+        EXPECT_EQ(methodOf(data, 2)->getModule(), methodOf(data, 3)->getModule()) << c.name;
+        if (c.withArch0) {
+            EXPECT_EQ("a.dll", moduleOf(data, 1)) << c.name;
+        }
+    }
 }
 
 // A patched call site (update v2) rewrites the live region's bytes in place:
 // one method, one region, the same jit rva and line tables before and after.
-class JitFileReaderUpdateV2Test : public ::testing::TestWithParam<decoding_mode_t> {};
-
-TEST_P(JitFileReaderUpdateV2Test, PatchesTheLiveRegionInPlace) {
-    TempDir dir;
-    TraceMethodLoad loaded = load(1, 100, 0x1000);
-    loaded.tail.lines.nativeToSource = {{0, 16, 7}};
-    TraceUpdateV2 update;
-    update.methodId = 1;
-    update.loadTime = 150;
-    update.startAddress = 0x1004;
-    update.length = 4;
-    update.bytes = {1, 2, 3, 4};
-    const std::string path = TraceBuilder().collector(ctJitProfiler).load(3, loaded).updateV2(update).writeTo(
-        dir.file("h.1.jit"));
-    LogCapture log;
-    JitDataManager data;
-    const Pass pass = readFile(path, data, taAny, GetParam());
-    EXPECT_EQ(meSuccess, pass.status);
-    EXPECT_TRUE(log.errors().empty()) << log.dump();
-    ASSERT_EQ(std::vector<u32>{1}, registeredIds(data));
-    const JitMethod::Ptr method = data.getJitMethods().front();
-    ASSERT_EQ(1u, method->regionCount());
-    const Region& region = *method->regions().front();
-
-    // Samples before and after the patch resolve to the same jit rva and line.
-    for (u64 time : {120u, 200u}) {
-        JitMethod::Ptr found;
-        u64 jitRva = 0;
-        ASSERT_EQ(meSuccess, data.resolveJitPoint(0x1005, time, kPid, kHost, found, jitRva)) << time;
-        EXPECT_EQ(method.get(), found.get());
-        EXPECT_EQ(region.startJitRva() + 5, jitRva);
-        ASSERT_TRUE(found->getSourceLocation(jitRva));
-        EXPECT_EQ(7u, found->getSourceLocation(jitRva)->getLine());
-    }
-    if (GetParam() & dmCodeBytes) {
-        ASSERT_TRUE(region.content());
-        const unsigned char* bytes = region.content()->data();
-        EXPECT_EQ((std::vector<unsigned char>{0xCC, 0xCC, 0xCC, 0xCC, 1, 2, 3, 4, 0xCC}),
-                  std::vector<unsigned char>(bytes, bytes + 9));
-        EXPECT_EQ(1u, region.markup().size());
-    } else {
-        EXPECT_FALSE(region.content()) << "no bytes are kept in this mode";
+TEST(ReadingPassUpdates, UpdateV2PatchesTheLiveRegionInPlace) {
+    for (decoding_mode_t mode : {dmCodeBytes, dmSkipSymbolic}) {
+        TraceMethodLoad loaded = load(1, 100, 0x1000);
+        loaded.tail.lines.nativeToSource = {{0, 16, 7}};
+        const TraceUpdateV2 update{1, 150, 0x1004, 4, {1, 2, 3, 4}};
+        JitDataManager data;
+        LogCapture log;
+        const Pass pass = readTrace(TraceBuilder().collector(ctJitProfiler).load(3, loaded).updateV2(update), data,
+                                    taAny, mode);
+        EXPECT_EQ(meSuccess, pass.status);
+        EXPECT_TRUE(log.errors().empty()) << log.dump();
+        ASSERT_EQ(std::vector<u32>{1}, registeredIds(data));
+        data.finalize();
+        const JitMethod::Ptr method = data.getJitMethods().front();
+        ASSERT_EQ(1u, method->regionCount());
+        const Region& region = *method->regions().front();
+        for (u64 time : {120u, 200u}) {
+            JitMethod::Ptr found;
+            u64 jitRva = 0;
+            ASSERT_EQ(meSuccess, data.resolveJitPoint(0x1005, time, kPid, kHost, found, jitRva)) << time;
+            EXPECT_EQ(method.get(), found.get());
+            EXPECT_EQ(region.startJitRva() + 5, jitRva);
+            ASSERT_TRUE(found->getSourceLocation(jitRva));
+            EXPECT_EQ(7u, found->getSourceLocation(jitRva)->getLine());
+        }
+        if (mode & dmCodeBytes) {
+            ASSERT_TRUE(region.content());
+            const unsigned char* bytes = region.content()->data();
+            EXPECT_EQ((std::vector<unsigned char>{0xCC, 0xCC, 0xCC, 0xCC, 1, 2, 3, 4, 0xCC}),
+                      std::vector<unsigned char>(bytes, bytes + 9));
+        } else {
+            EXPECT_FALSE(region.content()) << "no bytes are kept in this mode";
+        }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, JitFileReaderUpdateV2Test, ::testing::Values(dmCodeBytes, dmSkipSymbolic));
+TEST(ReadingPassUpdates, UpdateV2WithoutLiveCodeIsRefusedAndReadingGoesOn) {
+    const TraceUpdateV2 nowhere{9, 150, 0x9000, 4, {1, 2, 3, 4}};
+    const TraceUpdateV2 tooLong{1, 150, 0x1008, 32, {1, 2, 3, 4}};
+    JitDataManager data;
+    LogCapture log;
+    const Pass pass = readTrace(
+        TraceBuilder().load(3, load(1, 100, 0x1000)).updateV2(nowhere).updateV2(tooLong).load(3, load(2, 100, 0x2000)),
+        data);
+    EXPECT_EQ(meSuccess, pass.status);
+    EXPECT_EQ((std::vector<u32>{1, 2}), registeredIds(data));
+    EXPECT_EQ(2u, pass.stats.refusedBodies);
+    ASSERT_EQ(2u, pass.stats.refusals.size());
+    EXPECT_EQ(ErrorKind::notFound, pass.stats.refusals[0].kind);
+    EXPECT_NE(std::string::npos, pass.stats.refusals[1].message.find("because it's size is small"));
+    EXPECT_TRUE(log.contains("Failed to decode a UPDATE_V2 record", log4cplus::ERROR_LOG_LEVEL)) << log.dump();
+}
 
 // An update (type 10) applies only under decoding mode exactly dmCodeBytes.
-struct UpdateCase {
-    decoding_mode_t mode;
-    bool applied;
-};
-
-class JitFileReaderUpdateTest : public ::testing::TestWithParam<UpdateCase> {};
-
-TEST_P(JitFileReaderUpdateTest, UpdateRecord) {
-    const UpdateCase& c = GetParam();
-    TempDir dir;
+TEST(ReadingPassUpdates, UpdateRecordsApplyOnlyWhenCodeBytesAreKept) {
+    const struct {
+        decoding_mode_t mode;
+        bool applied;
+    } cases[] = {{dmNone, false},
+                 {dmCodeBytes, true},
+                 {dmSkipSymbolic, false},
+                 {static_cast<decoding_mode_t>(3), false}};
     TraceMethodLoad update = load(1, 200, 0x1004);
     update.regions[0].codeSize = 4;
     update.regions[0].bytes = {1, 2, 3, 4};
-    const std::string path = TraceBuilder()
-                                 .collector(ctJitProfiler)
-                                 .load(3, load(1, 100, 0x1000))
-                                 .update(update)
-                                 .writeTo(dir.file("h.1.jit"));
-    LogCapture log;
-    JitDataManager data;
-    const Pass pass = readFile(path, data, taAny, c.mode);
-    ASSERT_EQ(meSuccess, pass.status) << log.dump();
-    ASSERT_EQ(std::vector<u32>{1}, registeredIds(data));
-    EXPECT_EQ(c.applied ? 0u : 1u, pass.stats.ignoredUpdates);
-    EXPECT_TRUE(log.errors().empty()) << log.dump();
-
-    const Region::Ptr& region = data.getJitMethods()[0]->regions().at(0);
-    const IByteBuffer::Ptr bytes = region->getBytes();
-    if (!(c.mode & dmCodeBytes)) {
-        EXPECT_TRUE(!bytes || bytes->size() == 0);
-        return;
-    }
-    ASSERT_TRUE(bytes);
-    ASSERT_EQ(16u, bytes->size());
-    const std::vector<uint8_t> got(bytes->data(), bytes->data() + bytes->size());
-    std::vector<uint8_t> expected(16, 0xCC);
-    if (c.applied)
-        for (int i = 0; i < 4; ++i)
-            expected[4 + i] = static_cast<uint8_t>(i + 1);
-    EXPECT_EQ(expected, got);
-}
-
-INSTANTIATE_TEST_SUITE_P(Modes, JitFileReaderUpdateTest,
-                         ::testing::Values(UpdateCase{dmNone, false}, UpdateCase{dmCodeBytes, true},
-                                           UpdateCase{dmSkipSymbolic, false},
-                                           UpdateCase{static_cast<decoding_mode_t>(3), false}));
-
-struct RenameCase {
-    const char* name;
-    u32 collector;
-    bool withArch0;
-    const char* expected;
-};
-
-class JitFileReaderRenameTest : public ::testing::TestWithParam<RenameCase> {};
-
-TEST_P(JitFileReaderRenameTest, Modules64) {
-    const RenameCase& c = GetParam();
-    TempDir dir;
-    TraceBuilder trace;
-    trace.collector(c.collector);
-    if (c.withArch0)
-        trace.load(3, load(1, 100, 0x1000, quarvel_arch_vx32, "a.dll"));
-    trace.load(3, load(2, 100, 0x2000, quarvel_arch_varda64, "b.dll"));
-    JitDataManager data;
-    ASSERT_EQ(meSuccess, readFile(trace.writeTo(dir.file("h.1.jit")), data).status);
-    EXPECT_EQ(c.expected, moduleOf(data, 2)) << c.name;
-    if (c.withArch0) {
-        EXPECT_EQ("a.dll", moduleOf(data, 1)) << c.name;
+    const TraceBuilder trace = TraceBuilder().collector(ctJitProfiler).load(3, load(1, 100, 0x1000)).update(update);
+    for (const auto& c : cases) {
+        JitDataManager data;
+        const Pass pass = readTrace(trace, data, taAny, c.mode);
+        ASSERT_EQ(meSuccess, pass.status);
+        EXPECT_EQ(c.applied ? 0u : 1u, pass.stats.ignoredUpdates) << c.mode;
+        const IByteBuffer::Ptr bytes = data.getJitMethods().at(0)->regions().at(0)->getBytes();
+        if (!(c.mode & dmCodeBytes)) {
+            EXPECT_TRUE(!bytes || bytes->size() == 0) << c.mode;
+            continue;
+        }
+        ASSERT_TRUE(bytes);
+        std::vector<uint8_t> expected(16, 0xCC);
+        if (c.applied)
+            for (int i = 0; i < 4; ++i)
+                expected[4 + i] = static_cast<uint8_t>(i + 1);
+        EXPECT_EQ(expected, std::vector<uint8_t>(bytes->data(), bytes->data() + bytes->size())) << c.mode;
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rename, JitFileReaderRenameTest,
-                         ::testing::Values(RenameCase{"profiler file of both kinds", ctJitProfiler, true, "b.dll (64)"},
-                                           RenameCase{"other collector", ctUnknown, true, "b.dll"},
-                                           RenameCase{"no 32-bit module seen", ctJitProfiler, false, "b.dll"}));
-
-TEST(JitFileReaderTest, PatchModuleName64ChecksItsInput) {
-    LogCapture log;
-    JitMethodStorage methods{JitMethod::Ptr(), JitMethod::Ptr(new JitMethod())};
-    JitFileReader::patchModuleName64(methods);
-    EXPECT_EQ((std::vector<std::string>{"method", "module"}), log.assertions());
+TEST(ReadingPassRuntimeInfo, JavaRuntimesGetTheirCategory) {
+    const struct {
+        uint32_t type;
+        const char* version;
+        const char* name;
+        const char* category; // empty: nothing reported
+    } cases[] = {
+        {quarvel_runtime_java, "11.0.2", "Java HotSpot(TM) 64-Bit Server VM", "mrte.java.hotspot11"},
+        {quarvel_runtime_java, "17", "OpenJDK 64-Bit Server VM (HotSpot)", "mrte.java.hotspot17"},
+        {quarvel_runtime_java, "1.8.0_292", "OpenJDK 64-Bit Server VM", "mrte.java.openjdk1"},
+        {quarvel_runtime_java, "R28", "Oracle JRockit(R)", "mrte.java.jrockit28"},
+        {quarvel_runtime_java, "jvm 8", "Eclipse OpenJ9 VM (J9)", "mrte.java.j98"},
+        {quarvel_runtime_java, "", "Java HotSpot(TM)", "mrte.java.hotspotunknown"},
+        {quarvel_runtime_java, "21", "Zing", "mrte.java.unknown21"},
+        {quarvel_runtime_python, "3.11", "CPython", ""},
+        {7, "1", "other", ""},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.category, managedRuntimeCategory(TraceRuntimeInfo{c.type, c.version, c.name})) << c.name;
 }
 
-TEST(JitFileReaderTest, StatsCountRecordsAndBytes) {
-    TempDir dir;
-    TraceRuntimeInfo info;
-    info.runtimeType = quarvel_runtime_java;
-    info.version = "11.0.2";
-    info.name = "OpenJDK";
-    TraceBuilder trace;
-    trace.magic().collector(ctJitProfiler).runtimeInfo(info).load(3, load(1, 100, 0x1000)).load(
-        2, load(2, 100, 0x2000));
-    JitDataManager data;
-    const Pass pass = readFile(trace.writeTo(dir.file("h.1.jit")), data);
-    ASSERT_EQ(meSuccess, pass.status);
-    EXPECT_EQ(1u, pass.stats.files);
-    EXPECT_EQ(trace.bytes().size(), pass.stats.bytes);
-    EXPECT_EQ(5u, pass.stats.totalRecords());
-    EXPECT_EQ(1u, pass.stats.records[quarvel_jt_ManagedRuntimeInfo]);
-    EXPECT_EQ(1u, pass.stats.records[quarvel_jt_FunctionLoad64_v3]);
-    EXPECT_EQ(1u, pass.stats.records[quarvel_jt_FunctionLoad64_v2]);
-}
-
-// --- the file set's passes ---------------------------------------------------
+// ---------------------------------------------------------------------------
+// The file set's passes
 
 quarvel_error_t init(JitFilesManager& files, const std::string& path) {
     std::vector<const char*> raw{path.c_str()};
@@ -341,11 +523,9 @@ quarvel_error_t init(JitFilesManager& files, const std::string& path) {
     return files.initialize(it, taAny);
 }
 
-TEST(JitFilesReadingPassTest, FilesOfOneProcessGetConsecutiveJitRvas) {
+TEST(FileSetPasses, EachFileOwnsAFixedStrideOfJitRvas) {
     TempDir dir;
-    TraceBuilder first;
-    first.load(3, load(1, 100, 0x1000));
-    first.writeTo(dir.file("h.7.jit"));
+    TraceBuilder().load(3, load(1, 100, 0x1000)).writeTo(dir.file("h.7.jit"));
     TraceBuilder().load(3, load(2, 100, 0x2000)).writeTo(dir.file("h.7.trace"));
     JitFilesManager files;
     ASSERT_EQ(meSuccess, init(files, dir.path()));
@@ -353,12 +533,11 @@ TEST(JitFilesReadingPassTest, FilesOfOneProcessGetConsecutiveJitRvas) {
     ASSERT_EQ(meSuccess, files.readJitFiles(7, 1, dmCodeBytes, data));
     ASSERT_EQ((std::vector<u32>{1, 2}), registeredIds(data));
     EXPECT_EQ(JitFilesManager::kFirstJitRva, data.getJitMethods()[0]->regions()[0]->startJitRva());
-    // The second file's code starts where the first file's range ends.
-    EXPECT_EQ(JitFilesManager::kFirstJitRva + first.bytes().size(),
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + JitFileReader::kJitRvaStride,
               data.getJitMethods()[1]->regions()[0]->startJitRva());
 }
 
-TEST(JitFilesReadingPassTest, OneProcessIsReadOnce) {
+TEST(FileSetPasses, OneProcessIsReadOnce) {
     TempDir dir;
     TraceBuilder().load(3, load(1, 100, 0x1000)).writeTo(dir.file("h.1.jit"));
     TraceBuilder().load(3, load(2, 100, 0x2000)).writeTo(dir.file("h.2.jit"));
@@ -372,7 +551,6 @@ TEST(JitFilesReadingPassTest, OneProcessIsReadOnce) {
     EXPECT_EQ(meEndOfData, files.processState(2, 1));
     EXPECT_EQ(meSuccess, files.readJitFiles(1, 1, dmCodeBytes, data));
     EXPECT_EQ(1u, files.readStats().files);
-    EXPECT_EQ(std::vector<u32>{1}, registeredIds(data));
     // The all-processes pass reads only what is left.
     EXPECT_EQ(meSuccess, files.readJitFiles(dmCodeBytes, data));
     EXPECT_EQ(2u, files.readStats().files);
@@ -380,45 +558,32 @@ TEST(JitFilesReadingPassTest, OneProcessIsReadOnce) {
     EXPECT_TRUE(files.isWholeSetRead());
 }
 
-TEST(JitFilesReadingPassTest, UnopenableFileFailsTheProcessUntilItCanBeRead) {
+// A file that cannot be opened is refused once, said once, and the process's
+// other files are read all the same.
+TEST(FileSetPasses, AnUnreadableFileIsRefusedOnceAndTheRestIsRead) {
     TempDir dir;
-    TraceBuilder trace;
-    trace.load(3, load(1, 100, 0x1000));
-    trace.writeTo(dir.file("h.1.jit"));
+    TraceBuilder().load(3, load(1, 100, 0x1000)).writeTo(dir.file("h.1.jit"));
     TraceBuilder().load(3, load(2, 100, 0x2000)).writeTo(dir.file("h.1.trace"));
+    TraceBuilder().load(3, load(3, 100, 0x3000)).writeTo(dir.file("h.1.zzz"));
     JitFilesManager files;
     ASSERT_EQ(meSuccess, init(files, dir.path()));
-    boost::filesystem::rename(dir.file("h.1.trace"), dir.file("moved"));
-    JitDataManager data;
-    LogCapture log;
-    EXPECT_EQ(meFileOpenError, files.readJitFiles(1, 1, dmCodeBytes, data));
-    EXPECT_EQ(meEndOfData, files.processState(1, 1));
-    EXPECT_TRUE(log.contains(dir.file("h.1.trace"), log4cplus::ERROR_LOG_LEVEL)) << log.dump();
-    // Once the file is back only it is read; the first file is not registered twice.
-    boost::filesystem::rename(dir.file("moved"), dir.file("h.1.trace"));
-    log.clear();
-    EXPECT_EQ(meSuccess, files.readJitFiles(1, 1, dmCodeBytes, data));
-    EXPECT_EQ((std::vector<u32>{1, 2}), registeredIds(data));
-    EXPECT_TRUE(log.errors().empty()) << log.dump();
-}
-
-TEST(JitFilesReadingPassTest, DamagedFileKeepsItsMethodsAndTheProcessCountsAsRead) {
-    TempDir dir;
-    TraceBuilder trace;
-    trace.load(3, load(1, 100, 0x1000)).load(3, load(2, 100, 0x2000));
-    trace.writeTo(dir.file("h.1.jit"), trace.bytes().size() - 3);
-    JitFilesManager files;
-    ASSERT_EQ(meSuccess, init(files, dir.path()));
+    boost::filesystem::remove(dir.file("h.1.trace"));
     JitDataManager data;
     LogCapture log;
     EXPECT_EQ(meSuccess, files.readJitFiles(1, 1, dmCodeBytes, data));
+    EXPECT_EQ((std::vector<u32>{1, 3}), registeredIds(data));
     EXPECT_EQ(meSuccess, files.processState(1, 1));
-    EXPECT_EQ(std::vector<u32>{1}, registeredIds(data));
-    EXPECT_EQ(1u, files.readStats().failedFiles);
-    EXPECT_TRUE(log.contains(dir.file("h.1.jit"), log4cplus::ERROR_LOG_LEVEL)) << log.dump();
+    const size_t errors = log.errors().size();
+    EXPECT_EQ(meSuccess, files.readJitFiles(1, 1, dmCodeBytes, data));
+    EXPECT_EQ(errors, log.errors().size()) << "refused once";
+    const JitReadStats stats = files.readStats();
+    EXPECT_EQ(1u, stats.failedFiles);
+    ASSERT_EQ(1u, stats.refusals.size());
+    EXPECT_EQ(dir.file("h.1.trace"), stats.refusals[0].file);
+    EXPECT_EQ(meFileOpenError, stats.refusals[0].code);
 }
 
-TEST(JitFilesReadingPassTest, AllProcessesPassLogsAndSkipsFailingFiles) {
+TEST(FileSetPasses, AllProcessesPassLogsAndSkipsFailingFiles) {
     TempDir dir;
     TraceBuilder().load(3, load(1, 100, 0x1000)).writeTo(dir.file("h.1.jit"));
     TraceBuilder().load(3, load(2, 100, 0x2000)).writeTo(dir.file("h.2.jit"));
@@ -434,13 +599,14 @@ TEST(JitFilesReadingPassTest, AllProcessesPassLogsAndSkipsFailingFiles) {
     LogCapture log;
     EXPECT_EQ(meSuccess, files.readJitFiles(dmCodeBytes, data));
     EXPECT_EQ((std::vector<u32>{1, 3, 4}), registeredIds(data));
-    EXPECT_TRUE(log.contains("Could not read jit file " + dir.file("h.2.jit"), log4cplus::ERROR_LOG_LEVEL))
-        << log.dump();
-    EXPECT_TRUE(log.contains("Could not read jit file " + dir.file("h.3.jit"), log4cplus::ERROR_LOG_LEVEL))
-        << log.dump();
     EXPECT_TRUE(files.isWholeSetRead());
     EXPECT_EQ(meSuccess, files.processState(3, 1));
-    EXPECT_EQ(2u, files.readStats().failedFiles);
+    const JitReadStats stats = files.readStats();
+    EXPECT_EQ(2u, stats.failedFiles);
+    ASSERT_EQ(2u, stats.refusals.size());
+    EXPECT_EQ(dir.file("h.2.jit"), stats.refusals[0].file);
+    EXPECT_EQ(dir.file("h.3.jit"), stats.refusals[1].file);
+    EXPECT_EQ("record type", stats.refusals[1].field);
 }
 
 } // namespace

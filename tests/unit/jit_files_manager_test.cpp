@@ -1,7 +1,9 @@
 // The jit file set: file names, grouping by host and process, jit rva
 // ranges, the pid array, and which paths initialisation accepts.
 
+#include "ingest/jit_file_reader.h"
 #include "ingest/jit_files_manager.h"
+#include "ingest/trace_format.h"
 #include "log_capture.h"
 #include "trace_builder.h"
 
@@ -20,10 +22,17 @@ using quarvel_test::TempDir;
 
 namespace {
 
+// A file of `size` bytes that starts like a trace (a Magic record), so that a
+// directory scan takes it for one.
 void writeFile(const std::string& path, size_t size) {
+    std::string bytes(size, 'x');
+    const char magic[8] = {0, 0, 0x40, 0, 0, 0, 0, 0};
+    bytes.replace(0, std::min<size_t>(size, 8), magic, std::min<size_t>(size, 8));
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << std::string(size, 'x');
+    out << bytes;
 }
+
+const u64 kStride = JitFileReader::kJitRvaStride;
 
 quarvel_error_t init(JitFilesManager& files, const std::vector<std::string>& paths, target_arch_t arch = taAny) {
     std::vector<const char*> raw;
@@ -90,7 +99,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // --- initialisation and grouping -------------------------------------------
 
-TEST(JitFilesManagerTest, DirectoryIsReadInAscendingNameOrderWithConsecutiveRanges) {
+TEST(JitFilesManagerTest, DirectoryIsReadInAscendingNameOrderWithOneStrideEach) {
     TempDir dir;
     writeFile(dir.file("h.5.trace"), 300);
     writeFile(dir.file("h.5.jit"), 200);
@@ -110,10 +119,9 @@ TEST(JitFilesManagerTest, DirectoryIsReadInAscendingNameOrderWithConsecutiveRang
     EXPECT_EQ(JitFilesManager::kFirstJitRva, p10->files[0].jitRvaBase);
     EXPECT_EQ(100u, p10->files[0].size);
     EXPECT_EQ("h.5.jit", p5->files[0].fileName);
-    EXPECT_EQ(JitFilesManager::kFirstJitRva + 100, p5->files[0].jitRvaBase);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + kStride, p5->files[0].jitRvaBase);
     EXPECT_EQ("h.5.trace", p5->files[1].fileName);
-    // The second file of the process follows the first without a gap.
-    EXPECT_EQ(p5->files[0].jitRvaBase + p5->files[0].size, p5->files[1].jitRvaBase);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + 2 * kStride, p5->files[1].jitRvaBase);
     EXPECT_EQ(300u, p5->files[1].size);
     EXPECT_EQ(nullptr, files.getProcessJitInfo(5, host + 1));
     EXPECT_EQ(nullptr, files.getProcessJitInfo(6, host));
@@ -130,7 +138,7 @@ TEST(JitFilesManagerTest, ExplicitFilesKeepTheCallersOrder) {
     ASSERT_EQ(2u, p->files.size());
     EXPECT_EQ("h.1.trace", p->files[0].fileName);
     EXPECT_EQ(JitFilesManager::kFirstJitRva, p->files[0].jitRvaBase);
-    EXPECT_EQ(JitFilesManager::kFirstJitRva + 20, p->files[1].jitRvaBase);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + kStride, p->files[1].jitRvaBase);
 }
 
 TEST(JitFilesManagerTest, HostIdsFollowTheOrderHostsAreMet) {
@@ -150,20 +158,20 @@ TEST(JitFilesManagerTest, HostIdsFollowTheOrderHostsAreMet) {
 
 TEST(JitFilesManagerTest, GetJitFileRange) {
     TempDir dir;
-    writeFile(dir.file("a.1.jit"), 5000 - JitFilesManager::kFirstJitRva);
+    writeFile(dir.file("a.1.jit"), 5000);
     writeFile(dir.file("b.2.jit"), 1000);
     JitFilesManager files;
     ASSERT_EQ(meSuccess, init(files, {dir.path()}));
 
     u64 base = 0, limit = 0;
     ASSERT_EQ(meSuccess, files.getJitFileRange("b.2.jit", base, limit));
-    EXPECT_EQ(5000u, base);
-    EXPECT_EQ(6000u, limit);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + kStride, base);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + 2 * kStride, limit);
     // A path is compared by its file name.
     base = limit = 0;
     ASSERT_EQ(meSuccess, files.getJitFileRange(dir.file("a.1.jit").c_str(), base, limit));
     EXPECT_EQ(JitFilesManager::kFirstJitRva, base);
-    EXPECT_EQ(5000u, limit);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + kStride, limit);
 
     for (const char* name : {"c.3.jit", "b.3.jit", "b.2.trace", "not a name", ""}) {
         base = 77;
@@ -189,7 +197,7 @@ TEST(JitFilesManagerTest, DescriptorsGiveHostAndPid) {
     u64 base = 1, limit = 1;
     ASSERT_EQ(meSuccess, files.getJitFileRange("trace.bin", base, limit));
     EXPECT_EQ(JitFilesManager::kFirstJitRva, base);
-    EXPECT_EQ(JitFilesManager::kFirstJitRva + 64, limit);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + kStride, limit);
 
     JitFilesManager bad;
     std::vector<JitFileDescriptor> missing{{"/nonexistent/trace.bin", 1, "box"}};
@@ -239,7 +247,7 @@ TEST(JitFilesManagerTest, ReinitialisationKeepsRangesDisjoint) {
     ASSERT_EQ(meSuccess, init(files, {dir.file("h.2.jit")}));
     const ProcessJitInfo* p2 = files.getProcessJitInfo(2, 1);
     ASSERT_TRUE(p2);
-    EXPECT_EQ(JitFilesManager::kFirstJitRva + 100, p2->files[0].jitRvaBase);
+    EXPECT_EQ(JitFilesManager::kFirstJitRva + kStride, p2->files[0].jitRvaBase);
 }
 
 // --- which paths initialisation accepts ------------------------------------
@@ -249,6 +257,10 @@ TEST(JitFilesManagerTest, DirectorySkipsEntriesThatAreNotTraceFiles) {
     writeFile(dir.file("h.1.jit"), 10);
     writeFile(dir.file("README"), 10);
     writeFile(dir.file("notes.txt"), 10);
+    // Named like a trace, but its content is of no format read here.
+    std::ofstream(dir.file("other-1234.map")) << "not a symbol, a size and a name\n";
+    // A perf map is routed by its content and belongs to this host.
+    std::ofstream(dir.file("perf-1234.map")) << "7f0000001000 20 JS:~foo\n";
     boost::filesystem::create_directory(dir.file("sub.2.jit"));
     boost::filesystem::create_symlink(dir.file("h.1.jit"), dir.file("link.3.jit"));
     ASSERT_EQ(0, ::mkfifo(dir.file("fifo.4.jit").c_str(), 0600));
@@ -256,9 +268,10 @@ TEST(JitFilesManagerTest, DirectorySkipsEntriesThatAreNotTraceFiles) {
     LogCapture log;
     JitFilesManager files;
     ASSERT_EQ(meSuccess, init(files, {dir.path()}));
-    EXPECT_EQ(1u, files.fileCount());
+    EXPECT_EQ(2u, files.fileCount());
     EXPECT_TRUE(files.getProcessJitInfo(1, files.getHostID("h")));
-    for (const char* skipped : {"README", "notes.txt", "sub.2.jit", "link.3.jit", "fifo.4.jit"})
+    EXPECT_TRUE(files.getProcessJitInfo(1234, files.getHostID(localHostName())));
+    for (const char* skipped : {"README", "notes.txt", "sub.2.jit", "link.3.jit", "fifo.4.jit", "other-1234.map"})
         EXPECT_TRUE(log.contains(std::string("Skipped ") + dir.file(skipped), log4cplus::INFO_LOG_LEVEL))
             << skipped << "\n" << log.dump();
     EXPECT_TRUE(log.errors().empty()) << log.dump();

@@ -1,6 +1,7 @@
 // Line tables and the queries a method answers by jit rva.
 
 #include "model/jit_method.h"
+#include "check_listener.h"
 #include "log_capture.h"
 #include "model/module.h"
 
@@ -213,8 +214,9 @@ TEST(JitMethodTest, ComparingSourceFilesOnlyLogs) {
     EXPECT_TRUE(log.contains("is differ from source file of the first code region (src name = A.java). "
                              "Map to source file will be incorrect."));
     log.clear();
+    quarvel_test::ExpectInternalChecks expected;
     registered.compareSymbolicInfoTo(JitMethod::Ptr());
-    EXPECT_EQ((std::vector<std::string>{"jitMethod"}), log.assertions());
+    EXPECT_EQ((std::vector<std::string>{"jitMethod"}), expected.conditions());
 }
 
 } // namespace

@@ -19,9 +19,12 @@ namespace {
 
 const std::string kSuffix = ", at file: vcs/quarvel3/src/jitreader/jit_file_decoder:";
 
+// A record's body lives as long as its decoder: each read keeps a copy.
 struct Read {
     quarvel_error_t status;
     Record record;
+    std::vector<uint8_t> data;
+    Reason reason;
 };
 
 std::vector<Read> readAll(const std::string& path, size_t limit = 100) {
@@ -30,6 +33,10 @@ std::vector<Read> readAll(const std::string& path, size_t limit = 100) {
     for (size_t i = 0; i < limit; ++i) {
         Read r;
         r.status = decoder.getNextRecord(r.record);
+        r.data.assign(r.record.data.begin(), r.record.data.end());
+        r.record.data = ByteSpan();
+        if (r.status != meSuccess && r.status != meEndOfData)
+            r.reason = decoder.lastError();
         reads.push_back(r);
         if (r.status != meSuccess)
             break;
@@ -53,7 +60,9 @@ struct FramingCase {
     const char* name;
     std::vector<uint8_t> file;
     std::vector<quarvel_error_t> statuses;
-    const char* error; // the ERROR line, or "" for none
+    const char* error;   // the ERROR line, or "" for none
+    const char* field;   // the field the reason names
+    uint64_t offset;     // where the reason points
 };
 
 class RecordFramingTest : public ::testing::TestWithParam<FramingCase> {};
@@ -68,10 +77,15 @@ TEST_P(RecordFramingTest, StatusesAndMessages) {
     for (const Read& r : reads)
         statuses.push_back(r.status);
     EXPECT_EQ(c.statuses, statuses);
-    if (*c.error)
+    if (*c.error) {
         EXPECT_EQ(c.error, errorText(log));
-    else
+        const Reason& reason = reads.back().reason;
+        EXPECT_EQ(c.field, reason.field) << reason.text();
+        EXPECT_EQ(c.offset, reason.offset) << reason.text();
+        EXPECT_EQ(path, reason.file);
+    } else {
         EXPECT_TRUE(log.errors().empty()) << log.dump();
+    }
 }
 
 const std::vector<uint8_t> kLoadBody(20, 0x11);
@@ -79,28 +93,29 @@ const std::vector<uint8_t> kLoadBody(20, 0x11);
 INSTANTIATE_TEST_SUITE_P(
     Cases, RecordFramingTest,
     ::testing::Values(
-        FramingCase{"EmptyFile", {}, {meEndOfData}, ""},
-        FramingCase{"OneByte", bytes({0x01}), {meEndOfData}, ""},
-        FramingCase{"ThreeBytes", bytes({0, 0, 0x40}), {meEndOfData}, ""},
-        FramingCase{"MagicZeroAccepted", TraceBuilder().magic(0).bytes(), {meSuccess, meEndOfData}, ""},
-        FramingCase{"MagicCutInValue", bytes({0, 0, 0x40, 0, 1, 2}), {meBadRecord}, "Couldn't process the magic trace"},
+        FramingCase{"EmptyFile", {}, {meEndOfData}, "", "", 0},
+        FramingCase{"OneByte", bytes({0x01}), {meEndOfData}, "", "", 0},
+        FramingCase{"ThreeBytes", bytes({0, 0, 0x40}), {meEndOfData}, "", "", 0},
+        FramingCase{"MagicZeroAccepted", TraceBuilder().magic(0).bytes(), {meSuccess, meEndOfData}, "", "", 0},
+        FramingCase{"MagicCutInValue", bytes({0, 0, 0x40, 0, 1, 2}), {meBadRecord}, "Couldn't process the magic trace", "magic value", 4},
         FramingCase{"CollectorCutInValue", bytes({13, 0, 0, 0, 1}), {meBadRecord},
-                    "Couldn't process the collector type trace"},
-        FramingCase{"SizedCutAfterType", bytes({0, 0, 0, 0}), {meBadRecord}, "Couldn't read size of the jit trace"},
-        FramingCase{"SizedCutInSize", bytes({6, 0, 0, 0, 9, 0}), {meBadRecord}, "Couldn't read size of the jit trace"},
-        FramingCase{"SizeZero", bytes({8, 0, 0, 0, 0, 0, 0, 0}), {meBadRecord}, "Couldn't read content of the jit trace"},
+                    "Couldn't process the collector type trace", "collector type", 4},
+        FramingCase{"SizedCutAfterType", bytes({0, 0, 0, 0}), {meBadRecord}, "Couldn't read size of the jit trace", "record size", 4},
+        FramingCase{"SizedCutInSize", bytes({6, 0, 0, 0, 9, 0}), {meBadRecord}, "Couldn't read size of the jit trace", "record size", 4},
+        FramingCase{"SizeZero", bytes({8, 0, 0, 0, 0, 0, 0, 0}), {meBadRecord}, "Couldn't read content of the jit trace", "record size", 4},
         FramingCase{"BodyShorterThanSize", bytes({15, 0, 0, 0, 10, 0, 0, 0, 1, 2, 3}), {meBadRecord},
-                    "Couldn't read content of the jit trace"},
+                    "Couldn't read content of the jit trace", "record body", 8},
         FramingCase{"SizeClaimsGigabytes", bytes({15, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 1}), {meBadRecord},
-                    "Couldn't read content of the jit trace"},
-        FramingCase{"TypeOne", bytes({1, 0, 0, 0, 4, 0, 0, 0}), {meBadRecord}, "Couldn't recognize type of the jit trace"},
+                    "Couldn't read content of the jit trace", "record body", 8},
+        FramingCase{"TypeOne", bytes({1, 0, 0, 0, 4, 0, 0, 0}), {meBadRecord}, "Couldn't recognize type of the jit trace",
+                    "record type", 0},
         FramingCase{"TypeThree", bytes({3, 0, 0, 0, 4, 0, 0, 0}), {meBadRecord},
-                    "Couldn't recognize type of the jit trace"},
+                    "Couldn't recognize type of the jit trace", "record type", 0},
         FramingCase{"TypeSixteen", bytes({16, 0, 0, 0, 4, 0, 0, 0}), {meBadRecord},
-                    "Couldn't recognize type of the jit trace"},
+                    "Couldn't recognize type of the jit trace", "record type", 0},
         FramingCase{"NeighboursOfOneAndThreeAreValid",
                     TraceBuilder().sized(0, kLoadBody).sized(2, kLoadBody).sized(4, kLoadBody).bytes(),
-                    {meSuccess, meSuccess, meSuccess, meEndOfData}, ""}),
+                    {meSuccess, meSuccess, meSuccess, meEndOfData}, "", "", 0}),
     [](const ::testing::TestParamInfo<FramingCase>& info) { return info.param.name; });
 
 TEST(RecordReaderTest, EverySizedTypeIsFramedAndOffsetsFollowTheRecords) {
@@ -118,8 +133,8 @@ TEST(RecordReaderTest, EverySizedTypeIsFramedAndOffsetsFollowTheRecords) {
     }
     EXPECT_EQ(0u, reads[0].record.offset);
     EXPECT_EQ(8u, reads[1].record.offset);
-    EXPECT_EQ((std::vector<uint8_t>{7, 0, 0, 0}), reads[0].record.data);
-    EXPECT_EQ(std::vector<uint8_t>(11, 10), reads[2 + 8].record.data);
+    EXPECT_EQ((std::vector<uint8_t>{7, 0, 0, 0}), reads[0].data);
+    EXPECT_EQ(std::vector<uint8_t>(11, 10), reads[2 + 8].data);
     EXPECT_EQ(meEndOfData, reads.back().status);
 }
 

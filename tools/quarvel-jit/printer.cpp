@@ -385,23 +385,126 @@ void printTop(std::ostream& os, Format format, const TopReport& report) {
     lines.print(os);
 }
 
-void printStats(std::ostream& os, Format format, const std::vector<StatRow>& rows) {
+void printStats(std::ostream& os, Format format, const StatsReport& report) {
     if (format == Format::Json) {
         Json stats = Json::object();
-        for (const StatRow& r : rows)
+        for (const StatRow& r : report.counters)
             stats[r.name] = r.value;
-        os << Json{{"stats", stats}}.dump(2) << '\n';
+        Json refusals = Json::array();
+        for (const RefusalRow& r : report.refusals)
+            refusals.push_back(Json{{"file", r.file}, {"offset", r.offset}, {"field", r.field}, {"reason", r.reason}});
+        os << Json{{"stats", stats}, {"refusals", refusals}, {"refusals_not_listed", report.refusalsNotKept}}.dump(2)
+           << '\n';
         return;
     }
     if (format == Format::Csv) {
-        csvRow(os, {"name", "value"});
-        for (const StatRow& r : rows)
-            csvRow(os, {r.name, std::to_string(r.value)});
+        csvRow(os, {"name", "value", "file", "offset", "field", "reason"});
+        for (const StatRow& r : report.counters)
+            csvRow(os, {r.name, std::to_string(r.value), "", "", "", ""});
+        for (const RefusalRow& r : report.refusals)
+            csvRow(os, {"refusal", "", r.file, r.offset, r.field, r.reason});
         return;
     }
     Table t({"COUNTER", "VALUE"});
-    for (const StatRow& r : rows)
+    for (const StatRow& r : report.counters)
         t.add({r.label, std::to_string(r.value)});
+    t.print(os);
+    if (report.refusals.empty())
+        return;
+    os << "\nRefused, and why\n";
+    Table why({"FILE", "OFFSET", "FIELD", "REASON"});
+    for (const RefusalRow& r : report.refusals)
+        why.add({r.file, r.offset, r.field.empty() ? "-" : r.field, r.reason});
+    why.print(os);
+    if (report.refusalsNotKept)
+        os << "(" << report.refusalsNotKept << " more not listed)\n";
+}
+
+void printStackSummary(std::ostream& os, const StackSummary& s, const std::string& prefix) {
+    os << prefix << s.samplesRead << " samples read, " << s.samplesKept << " kept";
+    if (s.samplesRead != s.samplesKept)
+        os << " (" << s.samplesRead - s.samplesKept << " left out by --pid, --tid, --from/--to or --match)";
+    os << "; " << s.distinctStacks << " distinct stacks\n";
+    if (s.malformedLines || s.truncatedSamples) {
+        os << prefix << s.malformedLines << " malformed lines (" << s.droppedSamples << " samples left out), "
+           << s.truncatedSamples << " samples cut short by the end of the input (left out)\n";
+        for (const std::string& e : s.errors)
+            os << prefix << "  line " << e << '\n';
+    }
+    if (s.untracedSamples) {
+        os << prefix << s.untracedSamples << " samples of processes without traces (their frames keep the "
+           << "profiler's names):";
+        size_t shown = 0;
+        for (const auto& p : s.untracedProcesses) {
+            if (shown++ == 10) {
+                os << " ...";
+                break;
+            }
+            os << " pid " << p.first << " (" << p.second << ")";
+        }
+        os << '\n';
+    }
+    if (s.noHostSamples)
+        os << prefix << s.noHostSamples << " samples without a host, and the traces come from several hosts\n";
+    if (s.beforeTraces)
+        os << prefix << s.beforeTraces << " samples outside their traces' time range: taken before their process's "
+           << "first jitted code\n";
+    const uint64_t jit = s.jitFrames + s.unnamedJitFrames;
+    os << prefix << s.frames << " frames: " << s.jitFrames << " named from the traces, " << s.unnamedJitFrames
+       << " in jitted code but not named (" << percent(s.unnamedJitFrames, jit) << "% of jitted frames; in "
+       << s.samplesWithUnnamed << " samples, " << percent(s.samplesWithUnnamed, s.samplesRead) << "%)\n";
+}
+
+void printFrameTop(std::ostream& os, Format format, const FrameTopReport& r) {
+    const StackSummary& s = r.summary;
+    if (format == Format::Json) {
+        Json frames = Json::array();
+        for (const FrameCount& f : r.frames) {
+            Json row{{"name", f.name}, {"module", f.module}, {"kind", f.kind}, {"source_file", f.sourceFile}};
+            if (f.line)
+                row["line"] = f.line;
+            row["self"] = f.self;
+            row["self_percent"] = percentNumber(f.self, r.samples);
+            row["total"] = f.total;
+            row["total_percent"] = percentNumber(f.total, r.samples);
+            frames.push_back(std::move(row));
+        }
+        const Json summary{{"samples_read", s.samplesRead},
+                           {"samples_kept", s.samplesKept},
+                           {"malformed_lines", s.malformedLines},
+                           {"dropped_samples", s.droppedSamples},
+                           {"truncated_samples", s.truncatedSamples},
+                           {"untraced_samples", s.untracedSamples},
+                           {"no_host_samples", s.noHostSamples},
+                           {"samples_before_traces", s.beforeTraces},
+                           {"frames", s.frames},
+                           {"jit_frames", s.jitFrames},
+                           {"unnamed_jit_frames", s.unnamedJitFrames},
+                           {"samples_with_unnamed", s.samplesWithUnnamed},
+                           {"distinct_stacks", s.distinctStacks},
+                           {"errors", s.errors}};
+        os << Json{{"summary", summary}, {"samples", r.samples}, {"frames", frames}}.dump(
+                  2, ' ', false, Json::error_handler_t::replace)
+           << '\n';
+        return;
+    }
+    if (format == Format::Csv) {
+        csvRow(os, {"name", "module", "kind", "source_file", "line", "self", "self_percent", "total", "total_percent"});
+        for (const FrameCount& f : r.frames)
+            csvRow(os, {f.name, f.module, f.kind, f.sourceFile, f.line ? std::to_string(f.line) : "",
+                        std::to_string(f.self), percent(f.self, r.samples), std::to_string(f.total),
+                        percent(f.total, r.samples)});
+        return;
+    }
+    printStackSummary(os, s, "");
+    os << '\n';
+    Table t({"SELF", "SELF%", "TOTAL", "TOTAL%", "KIND", "FRAME", "MODULE"});
+    for (const FrameCount& f : r.frames)
+        t.add({std::to_string(f.self), percent(f.self, r.samples) + "%", std::to_string(f.total),
+               percent(f.total, r.samples) + "%", f.kind,
+               f.line ? f.name + " (" + (f.sourceFile.empty() ? "?" : f.sourceFile) + ":" + std::to_string(f.line) + ")"
+                      : f.name,
+               f.module});
     t.print(os);
 }
 

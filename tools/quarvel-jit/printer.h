@@ -8,6 +8,7 @@
 #include "report.h"
 
 #include <ostream>
+#include <string>
 #include <vector>
 
 namespace quarvel_jit {
@@ -20,7 +21,14 @@ void printDump(std::ostream& os, Format format, const std::vector<DumpEntry>& en
 void printSamples(std::ostream& os, Format format, const std::vector<SampleResult>& results,
                   const ResolveSummary& summary);
 void printTop(std::ostream& os, Format format, const TopReport& report);
-void printStats(std::ostream& os, Format format, const std::vector<StatRow>& rows);
+void printStats(std::ostream& os, Format format, const StatsReport& report);
+
+// Call stacks: the summary of what reading and resolving met, for a person,
+// each line starting with prefix; and the frames by self and total samples.
+// (The profiles themselves have writers of their own: folded_writer,
+// speedscope_writer, flame_writer.)
+void printStackSummary(std::ostream& os, const StackSummary& summary, const std::string& prefix);
+void printFrameTop(std::ostream& os, Format format, const FrameTopReport& report);
 
 } // namespace quarvel_jit
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quarvel_jit {
@@ -16,7 +17,7 @@ struct ProcessRow {
     unsigned files = 0;
     uint64_t bytes = 0;
     uint64_t methods = 0;
-    uint64_t jitRvaStart = 0; // the processes' files own [jitRvaStart, jitRvaEnd)
+    uint64_t jitRvaStart = 0; // the process's code took [jitRvaStart, jitRvaEnd)
     uint64_t jitRvaEnd = 0;
 };
 
@@ -105,10 +106,61 @@ struct TopReport {
     std::vector<Counted> lines;
 };
 
+// What reading and resolving call stacks met, for the summary.
+struct StackSummary {
+    uint64_t samplesRead = 0; // good samples in the input
+    uint64_t samplesKept = 0; // of those, the ones the filters kept
+    uint64_t malformedLines = 0;
+    uint64_t droppedSamples = 0;   // left out for a malformed line
+    uint64_t truncatedSamples = 0; // cut short by the end of the input, left out
+    std::vector<std::string> errors; // the first few bad lines, "<line>: <what>"
+    // Over the samples kept by --pid, --tid and the time window:
+    uint64_t untracedSamples = 0;
+    std::vector<std::pair<std::string, uint64_t>> untracedProcesses; // "pid[@host]", samples; most first
+    uint64_t noHostSamples = 0;
+    uint64_t beforeTraces = 0; // taken before their process's first jitted code
+    uint64_t frames = 0;
+    uint64_t jitFrames = 0;
+    uint64_t unnamedJitFrames = 0;
+    uint64_t samplesWithUnnamed = 0;
+    uint64_t distinctStacks = 0;
+};
+
+// A frame's samples: self (it was the leaf) and total (it was on the stack).
+struct FrameCount {
+    std::string name;
+    std::string module;
+    std::string kind;
+    std::string sourceFile;
+    unsigned line = 0; // with --lines only
+    uint64_t self = 0;
+    uint64_t total = 0;
+};
+
+struct FrameTopReport {
+    StackSummary summary;
+    uint64_t samples = 0;           // the samples in the profile
+    std::vector<FrameCount> frames; // by self, then total, hottest first
+};
+
 struct StatRow {
     std::string name; // stable key, e.g. "records.method_load_v3_64"
     std::string label;
     uint64_t value = 0;
+};
+
+// Why a record or a file did not make it into the model.
+struct RefusalRow {
+    std::string file;
+    std::string offset; // decimal, or "-" when the reason names no place
+    std::string field;
+    std::string reason;
+};
+
+struct StatsReport {
+    std::vector<StatRow> counters;
+    std::vector<RefusalRow> refusals;
+    uint64_t refusalsNotKept = 0;
 };
 
 } // namespace quarvel_jit

@@ -1,6 +1,7 @@
 #include "trace_view.h"
 
 #include <quarvel/generic_iterator.h>
+#include <quarvel/jittrace_format.h>
 
 #include <algorithm>
 #include <sstream>
@@ -47,6 +48,15 @@ SourcePoint pointAt(const q::ISymbol::Ptr& symbol, uint64_t jitRva) {
     return p;
 }
 
+// The resolver completes a .NET method (names from its assembly, lines from
+// its PDB) when getSymbol hands it out; the list of all symbols does not.
+q::ISymbol::Ptr completed(const q::ISymbolResolver::Ptr& resolver, const q::ISymbol::Ptr& symbol) {
+    if (!symbol || symbol->getMethodToken() == 0)
+        return symbol;
+    const q::ISymbol::Ptr full = resolver->getSymbol(symbol->getStartJitRva());
+    return full ? full : symbol;
+}
+
 bool contains(const q::ICodeRegion::Ptr& region, uint64_t jitRva) {
     return region && jitRva >= region->getStartJitRva() && jitRva - region->getStartJitRva() < region->getLength();
 }
@@ -69,8 +79,9 @@ bool TraceView::open(const std::vector<std::string>& paths) {
     for (const std::string& p : m_paths)
         raw.push_back(p.c_str());
     q::generic_iterator_t<const char*> it = q::makeIterator<const char*>(raw);
-    q::ISymbolFileLocator::Ptr noLocator;
-    m_resolver = q::ISymbolResolver::create(it, noLocator);
+    // .NET methods get their names and lines from the assemblies the trace names.
+    q::ISymbolFileLocator::Ptr locator = q::ISymbolFileLocator::createDefault();
+    m_resolver = q::ISymbolResolver::create(it, locator);
     if (!m_resolver)
         return false;
 
@@ -102,24 +113,30 @@ std::vector<ProcessRow> TraceView::processes() const {
             ProcessRow row;
             row.host = f.hostName;
             row.pid = f.pid;
-            row.jitRvaStart = f.jitRvaBase;
-            row.jitRvaEnd = f.jitRvaBase;
             rows.push_back(row);
         }
         ProcessRow& row = rows[found->second];
         ++row.files;
         row.bytes += f.size;
-        row.jitRvaStart = std::min(row.jitRvaStart, f.jitRvaBase);
-        row.jitRvaEnd = std::max(row.jitRvaEnd, f.jitRvaBase + f.size);
     }
+    // The jit rva range is the one the process's code took.
     for (auto it = m_resolver->getSymbols(); !it.atEnd(); it.advance()) {
         q::generic_iterator_t<q::ICodeRegion::Ptr> regions = it.current()->getRegions();
         if (regions.atEnd())
             continue;
         const q::ICodeRegion::Ptr first = regions.current();
         const auto found = index.find({first->getHostID(), first->getProcessId()});
-        if (found != index.end())
-            ++rows[found->second].methods;
+        if (found == index.end())
+            continue;
+        ProcessRow& row = rows[found->second];
+        ++row.methods;
+        for (; !regions.atEnd(); regions.advance()) {
+            const q::ICodeRegion::Ptr& region = regions.current();
+            const uint64_t start = region->getStartJitRva();
+            const uint64_t end = start + region->getLength();
+            row.jitRvaStart = row.jitRvaEnd == 0 ? start : std::min(row.jitRvaStart, start);
+            row.jitRvaEnd = std::max(row.jitRvaEnd, end);
+        }
     }
     return rows;
 }
@@ -177,7 +194,7 @@ SymbolRow TraceView::describe(const q::ISymbol::Ptr& symbol) const {
 std::vector<SymbolRow> TraceView::symbols(const std::regex* match) const {
     std::vector<SymbolRow> rows;
     for (auto it = m_resolver->getSymbols(); !it.atEnd(); it.advance()) {
-        const q::ISymbol::Ptr symbol = it.current();
+        const q::ISymbol::Ptr symbol = completed(m_resolver, it.current());
         if (symbol && (!match || std::regex_search(displayName(symbol), *match)))
             rows.push_back(describe(symbol));
     }
@@ -187,7 +204,7 @@ std::vector<SymbolRow> TraceView::symbols(const std::regex* match) const {
 std::vector<DumpEntry> TraceView::dump(const std::regex* match) const {
     std::vector<DumpEntry> entries;
     for (auto it = m_resolver->getSymbols(); !it.atEnd(); it.advance()) {
-        const q::ISymbol::Ptr symbol = it.current();
+        const q::ISymbol::Ptr symbol = completed(m_resolver, it.current());
         if (!symbol || (match && !std::regex_search(displayName(symbol), *match)))
             continue;
         std::ostringstream os;
@@ -207,7 +224,18 @@ bool TraceView::dumpAt(uint64_t jitRva, DumpEntry& entry) const {
     return true;
 }
 
-std::vector<StatRow> TraceView::stats() const {
+std::string TraceView::whyNotOpen() const {
+    std::vector<const char*> raw;
+    for (const std::string& p : m_paths)
+        raw.push_back(p.c_str());
+    q::generic_iterator_t<const char*> it = q::makeIterator<const char*>(raw);
+    q::TraceRefusal why;
+    if (q::checkTraceFiles(it, why) == meSuccess)
+        return "the traces could not be read";
+    return why.reason;
+}
+
+StatsReport TraceView::stats() const {
     q::TraceStatistics s;
     q::collectTraceStatistics(m_resolver, s);
     struct TypeName {
@@ -216,13 +244,20 @@ std::vector<StatRow> TraceView::stats() const {
         const char* label;
     };
     static const TypeName kTypes[] = {
-        {0, "method_load_v0_32", "method load v0, 32-bit"},   {2, "method_load_v0_64", "method load v0, 64-bit"},
-        {4, "method_load_v1_32", "method load v1, 32-bit"},   {5, "method_load_v1_64", "method load v1, 64-bit"},
-        {6, "method_load_v2_32", "method load v2, 32-bit"},   {7, "method_load_v2_64", "method load v2, 64-bit"},
-        {8, "method_load_v3_32", "method load v3, 32-bit"},   {9, "method_load_v3_64", "method load v3, 64-bit"},
-        {10, "method_update", "method update"},               {11, "inline_load_32", "inline load, 32-bit"},
-        {12, "inline_load_64", "inline load, 64-bit"},        {13, "collector_type", "collector type"},
-        {14, "update_v2", "update v2"},                       {15, "runtime_info", "managed runtime info"},
+        {quarvel_jt_FunctionLoad32, "method_load_v0_32", "method load v0, 32-bit"},
+        {quarvel_jt_FunctionLoad64, "method_load_v0_64", "method load v0, 64-bit"},
+        {quarvel_jt_FunctionLoad32_v1, "method_load_v1_32", "method load v1, 32-bit"},
+        {quarvel_jt_FunctionLoad64_v1, "method_load_v1_64", "method load v1, 64-bit"},
+        {quarvel_jt_FunctionLoad32_v2, "method_load_v2_32", "method load v2, 32-bit"},
+        {quarvel_jt_FunctionLoad64_v2, "method_load_v2_64", "method load v2, 64-bit"},
+        {quarvel_jt_FunctionLoad32_v3, "method_load_v3_32", "method load v3, 32-bit"},
+        {quarvel_jt_FunctionLoad64_v3, "method_load_v3_64", "method load v3, 64-bit"},
+        {quarvel_jt_FunctionUpdate, "method_update", "method update"},
+        {quarvel_jt_FunctionInlineLoad32, "inline_load_32", "inline load, 32-bit"},
+        {quarvel_jt_FunctionInlineLoad64, "inline_load_64", "inline load, 64-bit"},
+        {quarvel_jt_CollectorType, "collector_type", "collector type"},
+        {quarvel_jt_FunctionUpdate_v2, "update_v2", "update v2"},
+        {quarvel_jt_ManagedRuntimeInfo, "runtime_info", "managed runtime info"},
     };
     std::vector<StatRow> rows = {
         {"hosts", "hosts", m_hosts.size()},
@@ -235,6 +270,14 @@ std::vector<StatRow> TraceView::stats() const {
     };
     for (const TypeName& t : kTypes)
         rows.push_back({std::string("records_") + t.key, std::string("  ") + t.label, s.records[t.type]});
+    const std::vector<StatRow> runtimeFiles = {
+        {"records_jitdump_code_load", "  jitdump code load", s.jitdumpCodeLoads},
+        {"records_jitdump_code_move", "  jitdump code move", s.jitdumpCodeMoves},
+        {"records_jitdump_debug_info", "  jitdump debug info", s.jitdumpDebugInfo},
+        {"records_jitdump_other", "  jitdump other (skipped)", s.jitdumpOtherRecords},
+        {"records_perf_map", "  perf map line", s.perfMapEntries},
+    };
+    rows.insert(rows.end(), runtimeFiles.begin(), runtimeFiles.end());
     const std::vector<StatRow> tail = {
         {"refused_bodies", "records refused by a decoder", s.refusedBodies},
         {"refused_by_model", "records refused by the model", s.refusedByDataManager},
@@ -242,58 +285,57 @@ std::vector<StatRow> TraceView::stats() const {
         {"ignored_updates", "method updates not applied", s.ignoredUpdates},
         {"second_traces", "files ended by a second trace", s.secondTraces},
         {"damaged_records", "damaged records", s.damagedRecords},
+        {"perf_map_left_to_jitdump", "perf map lines left to a jitdump", s.perfMapEntriesLeftToJitdump},
         {"methods", "methods", s.methods},
         {"regions", "code regions", s.regions},
         {"inlined_methods", "inlined methods", s.inlinedMethods},
     };
     rows.insert(rows.end(), tail.begin(), tail.end());
-    return rows;
+    StatsReport report;
+    report.counters = std::move(rows);
+    for (const q::TraceRefusal& r : s.refusals)
+        report.refusals.push_back(RefusalRow{r.file, r.offset == q::TraceRefusal::kNoOffset ? "-" : std::to_string(r.offset),
+                                             r.field, r.reason});
+    report.refusalsNotKept = s.refusalsNotKept;
+    return report;
 }
 
-void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
-    r.inputLine = sample.line;
-    r.time = sample.time;
-    r.address = sample.address;
-    r.pid = sample.pid;
-    r.host = sample.host;
-
-    unsigned hostId = 0;
-    if (sample.host.empty()) {
+bool TraceView::hostIdOf(const std::string& host, unsigned& hostId, bool& noHost) {
+    noHost = false;
+    if (host.empty()) {
         // Without a host the sample can only mean the one host there is.
         if (m_hosts.size() != 1) {
-            r.status = m_hosts.empty() ? SampleStatus::UnknownProcess : SampleStatus::NoHost;
-            return;
+            noHost = !m_hosts.empty();
+            return false;
         }
         hostId = 1;
-        r.host = m_hosts[0];
-    } else if (m_loader->getHostIdByName(sample.host.c_str(), &hostId) != meSuccess || hostId == 0) {
-        ++m_unknownHosts[sample.host];
-        r.status = SampleStatus::UnknownProcess;
-        return;
+        return true;
     }
-    if (!m_processes.count({hostId, sample.pid})) {
-        r.status = SampleStatus::UnknownProcess;
-        return;
+    const auto found = std::find(m_hosts.begin(), m_hosts.end(), host);
+    if (found == m_hosts.end()) {
+        ++m_unknownHosts[host];
+        return false;
     }
+    hostId = static_cast<unsigned>(found - m_hosts.begin()) + 1;
+    return true;
+}
 
-    uint64_t jitRva = 0;
-    q::IModule::Ptr module;
-    if (m_loader->resolveJitPoint(sample.time, sample.address, sample.pid, hostId, &jitRva, module) != meSuccess) {
-        r.status = SampleStatus::NotJit;
-        return;
-    }
+// The resolver has read every file: asking it for the code at an address
+// gives the loader's answer without a second reading of the same files.
+bool TraceView::jitRvaAt(uint64_t time, uint64_t address, unsigned pid, unsigned hostId, uint64_t& jitRva) {
+    return q::resolveJitPoint(m_resolver, time, address, pid, hostId, jitRva) == meSuccess;
+}
+
+bool TraceView::describeJitRva(uint64_t jitRva, SampleResult& r) const {
     const q::ISymbol::Ptr symbol = m_resolver->getSymbol(jitRva);
-    if (!symbol) {
-        r.status = SampleStatus::NotJit;
-        return;
-    }
-    r.status = SampleStatus::Resolved;
+    if (!symbol)
+        return false;
     r.jitRva = jitRva;
+    r.module.clear();
     if (const q::IModule::Ptr m = symbol->getModule())
         r.module = text(m->getFilePath());
-    else if (module)
-        r.module = text(module->getFilePath());
     r.method = pointAt(symbol, jitRva);
+    r.inlined.clear();
 
     q::ICodeRegion::Ptr region;
     for (auto it = symbol->getRegions(); !it.atEnd(); it.advance())
@@ -311,23 +353,59 @@ void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
         region = child;
     }
     std::reverse(r.inlined.begin(), r.inlined.end());
+    return true;
+}
+
+const TraceView::CodeExtent* TraceView::codeExtent(unsigned hostId, unsigned pid) {
+    if (!m_extentsDone) {
+        m_extentsDone = true;
+        for (auto it = m_resolver->getSymbols(); !it.atEnd(); it.advance())
+            for (auto regions = it.current()->getRegions(); !regions.atEnd(); regions.advance()) {
+                const q::ICodeRegion::Ptr region = regions.current();
+                if (!region || region->getLength() == 0)
+                    continue;
+                CodeExtent& e = m_extents[{region->getHostID(), region->getProcessId()}];
+                e.lowest = std::min<uint64_t>(e.lowest, region->getStartVirtualAddress());
+                e.highest = std::max<uint64_t>(e.highest, region->getStartVirtualAddress() + region->getLength());
+                e.firstTime = std::min<uint64_t>(e.firstTime, region->getLoadTime());
+            }
+    }
+    const auto found = m_extents.find({hostId, pid});
+    return found == m_extents.end() ? nullptr : &found->second;
+}
+
+void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
+    r.inputLine = sample.line;
+    r.time = sample.time;
+    r.address = sample.address;
+    r.pid = sample.pid;
+    r.host = sample.host;
+
+    unsigned hostId = 0;
+    bool noHost = false;
+    if (!hostIdOf(sample.host, hostId, noHost)) {
+        r.status = noHost ? SampleStatus::NoHost : SampleStatus::UnknownProcess;
+        return;
+    }
+    if (sample.host.empty())
+        r.host = m_hosts[0];
+    if (!hasTraces(hostId, sample.pid)) {
+        r.status = SampleStatus::UnknownProcess;
+        return;
+    }
+    uint64_t jitRva = 0;
+    if (!jitRvaAt(sample.time, sample.address, sample.pid, hostId, jitRva) || !describeJitRva(jitRva, r)) {
+        r.status = SampleStatus::NotJit;
+        return;
+    }
+    r.status = SampleStatus::Resolved;
 }
 
 std::vector<SampleResult> TraceView::resolve(const std::vector<Sample>& samples,
                                              const std::function<void(size_t, size_t)>& progress) {
-    if (!m_loader) {
-        std::vector<const char*> raw;
-        for (const std::string& p : m_paths)
-            raw.push_back(p.c_str());
-        q::generic_iterator_t<const char*> it = q::makeIterator<const char*>(raw);
-        m_loader = q::IJitLoader::create(it);
-    }
     std::vector<SampleResult> results(samples.size());
     for (size_t i = 0; i < samples.size(); ++i) {
-        if (m_loader)
-            resolveOne(samples[i], results[i]);
-        else
-            results[i].status = SampleStatus::NotJit;
+        resolveOne(samples[i], results[i]);
         if (progress && (i % 256 == 0 || i + 1 == samples.size()))
             progress(i + 1, samples.size());
     }

@@ -32,13 +32,37 @@ public:
     std::vector<DumpEntry> dump(const std::regex* match) const;
     // False when no method holds the jit rva.
     bool dumpAt(uint64_t jitRva, DumpEntry& entry) const;
-    std::vector<StatRow> stats() const;
+    StatsReport stats() const;
+    // After a failed open(): why the paths do not make a trace set.
+    std::string whyNotOpen() const;
 
     // progress(done, total) is called now and then.
     std::vector<SampleResult> resolve(const std::vector<Sample>& samples,
                                       const std::function<void(size_t, size_t)>& progress);
     // Hosts named by samples that the trace set does not know, with their sample count.
     const std::map<std::string, uint64_t>& unknownHosts() const { return m_unknownHosts; }
+
+    // One address at one moment, for callers that resolve many addresses per
+    // sample (call stacks). hostId: the host of the process, from hostIdOf.
+    // False when no jitted code was at the address; the jit rva otherwise.
+    bool jitRvaAt(uint64_t time, uint64_t address, unsigned pid, unsigned hostId, uint64_t& jitRva);
+    // The method at a jit rva, its module and its inline chain (r.method,
+    // r.module, r.inlined); false when no method holds the jit rva.
+    bool describeJitRva(uint64_t jitRva, SampleResult& r) const;
+    // The id of a host by name; an empty name means the only host there is.
+    // False when the traces do not know the host (or, for an empty name, when
+    // they come from several hosts: noHost is then set).
+    bool hostIdOf(const std::string& host, unsigned& hostId, bool& noHost);
+    bool hasTraces(unsigned hostId, unsigned pid) const { return m_processes.count({hostId, pid}) != 0; }
+    // Where and since when a process's jitted code was: the lowest and
+    // highest address of its regions and the first load time. Null for a
+    // process without regions.
+    struct CodeExtent {
+        uint64_t lowest = ~0ull;
+        uint64_t highest = 0; // exclusive
+        uint64_t firstTime = ~0ull;
+    };
+    const CodeExtent* codeExtent(unsigned hostId, unsigned pid);
 
     static ResolveSummary summarize(const std::vector<SampleResult>& results);
     static TopReport top(const std::vector<SampleResult>& results, size_t n);
@@ -51,11 +75,12 @@ private:
 
     std::vector<std::string> m_paths;
     quarvel_3_13::ISymbolResolver::Ptr m_resolver;
-    quarvel_3_13::IJitLoader::Ptr m_loader; // made by the first resolve
     std::vector<std::string> m_hosts;       // index = host id - 1
     std::vector<quarvel_3_13::TraceFileInfo> m_files;
     std::set<std::pair<unsigned, unsigned>> m_processes; // (host id, pid)
     std::map<std::string, uint64_t> m_unknownHosts;
+    std::map<std::pair<unsigned, unsigned>, CodeExtent> m_extents; // filled on first use
+    bool m_extentsDone = false;
 };
 
 } // namespace quarvel_jit

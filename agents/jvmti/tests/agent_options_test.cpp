@@ -5,12 +5,13 @@
 using namespace quarvel_jvmti;
 
 TEST(JvmtiAgentOptions, ParsesEveryOption) {
-    const AgentOptions o = parseAgentOptions("dir=/tmp/x y,clock=tsc,stubs=0,inlines=no,verbose=1");
+    const AgentOptions o = parseAgentOptions("dir=/tmp/x y,clock=tsc,stubs=0,inlines=no,verbose=1,stamps=event");
     EXPECT_EQ(o.dir, "/tmp/x y");
     EXPECT_EQ(o.clock, ClockKind::tsc);
     EXPECT_FALSE(o.stubs);
     EXPECT_FALSE(o.inlines);
     EXPECT_TRUE(o.verbose);
+    EXPECT_EQ(o.stamps, StampKind::event);
     EXPECT_TRUE(o.problems.empty());
 }
 
@@ -22,6 +23,7 @@ TEST(JvmtiAgentOptions, DefaultsWithoutText) {
         EXPECT_TRUE(o.stubs);
         EXPECT_TRUE(o.inlines);
         EXPECT_FALSE(o.verbose);
+        EXPECT_EQ(o.stamps, StampKind::history);
         EXPECT_TRUE(o.problems.empty());
     }
 }
@@ -33,6 +35,7 @@ TEST(JvmtiAgentOptions, ProblemsAreReportedAndDefaultsKept) {
     };
     const Case cases[] = {
         {"clock=wall", "bad value 'wall' for option clock (expected monotonic or tsc)"},
+        {"stamps=now", "bad value 'now' for option stamps (expected history or event)"},
         {"stubs=maybe", "bad value 'maybe' for option stubs (expected 0 or 1)"},
         {"stubs", "bad value '' for option stubs (expected 0 or 1)"},
         {"dir=", "empty value for option dir"},
@@ -46,5 +49,6 @@ TEST(JvmtiAgentOptions, ProblemsAreReportedAndDefaultsKept) {
         EXPECT_EQ(o.dir, ".");
         EXPECT_EQ(o.clock, ClockKind::monotonic);
         EXPECT_TRUE(o.stubs);
+        EXPECT_EQ(o.stamps, StampKind::history);
     }
 }

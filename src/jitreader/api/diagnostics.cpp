@@ -3,6 +3,8 @@
 #include <quarvel/diagnostics.h>
 
 #include "ingest/jit_file_reader.h"
+#include "support/assertion.h"
+#include "support/result.h"
 #include "ingest/jit_files_manager.h"
 #include "model/jit_method.h"
 #include "model/region.h"
@@ -53,6 +55,23 @@ quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, Tra
     result.ignoredUpdates = stats.ignoredUpdates;
     result.secondTraces = stats.secondTraces;
     result.damagedRecords = stats.damagedRecords;
+    result.jitdumpCodeLoads = stats.jitdumpCodeLoads;
+    result.jitdumpCodeMoves = stats.jitdumpCodeMoves;
+    result.jitdumpDebugInfo = stats.jitdumpDebugInfo;
+    result.jitdumpOtherRecords = stats.jitdumpOtherRecords;
+    result.perfMapEntries = stats.perfMapEntries;
+    result.perfMapEntriesLeftToJitdump = stats.perfMapEntriesLeftToJitdump;
+    for (const Reason& reason : stats.refusals) {
+        TraceRefusal refusal;
+        refusal.file = reason.file;
+        refusal.offset = reason.offset == Reason::kNoOffset ? TraceRefusal::kNoOffset : reason.offset;
+        refusal.field = reason.field;
+        refusal.reason = reason.message;
+        refusal.kind = errorKindName(reason.kind);
+        refusal.code = reason.code;
+        result.refusals.push_back(std::move(refusal));
+    }
+    result.refusalsNotKept = stats.refusalsNotKept;
 
     // getSymbols is a query of the finished model; it does not read again.
     for (auto it = resolver->getSymbols(); !it.atEnd(); it.advance()) {
@@ -67,6 +86,42 @@ quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, Tra
     }
     out = result;
     return meSuccess;
+}
+
+InternalCheckObserver setInternalCheckObserver(InternalCheckObserver observer) {
+    return setAssertionObserver(observer);
+}
+
+quarvel_error_t checkTraceFiles(generic_iterator_t<const char*>& paths, TraceRefusal& why) {
+    try {
+        JitFilesManager files;
+        const quarvel_error_t status = files.initialize(paths, taAny);
+        if (status != meSuccess) {
+            const Reason& reason = files.lastError();
+            why = TraceRefusal();
+            why.file = reason.file;
+            why.reason = reason.message;
+            why.kind = errorKindName(reason.kind);
+            why.code = status;
+        }
+        return status;
+    } catch (const std::exception& e) {
+        why = TraceRefusal();
+        why.reason = e.what();
+        why.kind = errorKindName(ErrorKind::internal);
+        why.code = meNotFound;
+        return meNotFound;
+    }
+}
+
+quarvel_error_t resolveJitPoint(const ISymbolResolver::Ptr& resolver, u64 timestamp, u64 virtualAddress,
+                                unsigned pid, unsigned hostId, u64& jitRva) {
+    if (!resolver)
+        return meInvalidPointer;
+    const SymbolResolver* impl = asResolver(resolver);
+    if (!impl)
+        return meNotFound;
+    return impl->resolveJitPoint(timestamp, virtualAddress, pid, hostId, jitRva);
 }
 
 quarvel_error_t listTraceFiles(const ISymbolResolver::Ptr& resolver, std::vector<TraceFileInfo>& out) {

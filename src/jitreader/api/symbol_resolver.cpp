@@ -54,17 +54,18 @@ IAssemblyReader::Ptr SymbolResolver::getAssemblyReader(const std::string& module
         const char* debugPath = debugFile ? debugFile->getPath() : nullptr;
         if (IAssemblyReader::create(assembly->getPath(), debugPath, reader) != meSuccess || !reader)
             return IAssemblyReader::Ptr();
-        // Two threads may both have made one: the first insert wins.
-        AssemblyReaderCache::accessor slot;
-        if (m_assemblyReaders.insert(slot, modulePath))
-            slot->second = reader;
-        return slot->second;
-    }
-    // Without a locator the module path itself names the assembly; such a
-    // reader is not cached.
-    if (IAssemblyReader::create(modulePath.c_str(), nullptr, reader) != meSuccess)
+    } else if (IAssemblyReader::create(modulePath.c_str(), nullptr, reader) != meSuccess || !reader) {
+        // Without a locator the module path itself names the assembly, and
+        // the reader looks for its PDB beside it or inside it.
         return IAssemblyReader::Ptr();
-    return reader;
+    }
+    // A failed creation is not cached (the file may appear later; the reader
+    // logs a file's failure once). Two threads may both have made a reader:
+    // the first insert wins.
+    AssemblyReaderCache::accessor slot;
+    if (m_assemblyReaders.insert(slot, modulePath))
+        slot->second = reader;
+    return slot->second;
 }
 
 void SymbolResolver::completeDotNetMethod(const JitMethod::Ptr& method, const DotNetMethod& dotNetMethod) {
@@ -235,6 +236,25 @@ ISymbolResolver::Ptr ISymbolResolver::create(generic_iterator_t<const char*>& ji
 ISymbolResolver::Ptr ISymbolResolver::create(generic_iterator_t<JitFileDescriptor>& jitFiles,
                                              ISymbolFileLocator::Ptr& locator) {
     return createResolver(jitFiles, locator, taAny, true);
+}
+
+quarvel_error_t SymbolResolver::resolveJitPoint(u64 timestamp, u64 virtualAddress, unsigned pid, unsigned hostId,
+                                                u64& jitRva) const {
+    try {
+        JitMethod::Ptr method;
+        u64 rva = 0;
+        const quarvel_error_t ret = m_data.resolveJitPoint(virtualAddress, timestamp, pid, hostId, method, rva);
+        if (ret != meSuccess)
+            return ret;
+        // A jit rva of 0 is never a valid answer.
+        if (!method || rva == 0)
+            return meNotFound;
+        jitRva = rva;
+        return meSuccess;
+    } catch (const std::exception& e) {
+        QV_ERROR("resolveJitPoint failed: " << e.what());
+        return meNotFound;
+    }
 }
 
 } // namespace quarvel_3_13

@@ -39,6 +39,10 @@ public:
     // The cached reader of a module's assembly, or an empty pointer.
     IAssemblyReader::Ptr getAssemblyReader(const std::string& modulePath);
 
+    // The jit rva of the code at an address at a time, as the loader answers.
+    quarvel_error_t resolveJitPoint(u64 timestamp, u64 virtualAddress, unsigned pid, unsigned hostId,
+                                    u64& jitRva) const;
+
     bool isLoaded() const { return m_loaded; }
     const JitFilesManager& files() const { return m_files; }
     JitReadStats readStats() const { return m_files.readStats(); }

@@ -1,84 +1,72 @@
 #ifndef QUARVEL_FORMAT_JIT_FILE_DECODER_H
 #define QUARVEL_FORMAT_JIT_FILE_DECODER_H
 
-#include "model/jit_method.h"
 #include "format/record.h"
-#include "model/region.h"
+#include "support/mapped_file.h"
+#include "support/result.h"
 
 #include <quarvel/types.h>
 
-#include <boost/filesystem/fstream.hpp>
-
+#include <memory>
 #include <string>
 
 namespace quarvel_3_13 {
 
 typedef std::string ustring;
 
-// Reads one trace file record by record and decodes record bodies into
-// methods. Opened once, read forward once.
-class JitFileDecoder : public boost::filesystem::ifstream {
+// The records of one trace file, one at a time: the file is mapped whole and
+// framed record by record. Opened once, read forward once. The bodies it
+// hands out point into the mapping and live as long as the decoder.
+//
+// It also carries what the reading pass needs to know about the file: the
+// process and host it belongs to, the start of its jit rva range and the
+// decoding mode.
+class JitFileDecoder {
 public:
-    // How the update decoder finds the region it patches (the data manager).
-    class SearchRegionCallback {
-    public:
-        virtual ~SearchRegionCallback() = default;
-        virtual quarvel_error_t findRegion(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId,
-                                           Region::Ptr& region, JitMethod::Ptr& method) const = 0;
-    };
-
-    // An unusable file (missing, a symbolic link) leaves the stream closed;
-    // the first getNextRecord reports it.
+    // An unusable file (missing, a symbolic link, not a regular file) leaves
+    // the decoder closed; the first getNextRecord reports it.
     JitFileDecoder(const ustring& path, u32_t pid, u32_t hostId, jit_rva_t jitRvaBase, decoding_mode_t mode);
-    ~JitFileDecoder() override;
+    // Records framed from bytes in memory, named `name` in messages. The
+    // bytes must outlive the decoder.
+    JitFileDecoder(const std::string& name, ByteSpan bytes, u32_t pid = 0, u32_t hostId = 0,
+                   jit_rva_t jitRvaBase = 0, decoding_mode_t mode = dmCodeBytes);
 
     JitFileDecoder(const JitFileDecoder&) = delete;
     JitFileDecoder& operator=(const JitFileDecoder&) = delete;
 
-    // meSuccess, meEndOfData at a clean end, meBadRecord, meFileOpenError.
+    // meSuccess, meEndOfData at a clean end (or within the first four bytes
+    // of a type), meBadRecord for a damaged record, meFileOpenError when the
+    // file is not open. Every failure leaves its reason in lastError().
     quarvel_error_t getNextRecord(Record& record);
 
-    // Body decoders: fill the caller's fresh method; false (with an ERROR
-    // line) for a body they refuse.
-    bool decodeMethodLoadRecordV0(const Record& record, JitMethod::Ptr& method) const;
-    bool decodeMethodLoadRecordV1(const Record& record, JitMethod::Ptr& method) const;
-    bool decodeMethodLoadRecordV2(const Record& record, JitMethod::Ptr& method) const;
-    // inlineFlag receives the record's inline flag.
-    bool decodeMethodLoadRecordV3(const Record& record, JitMethod::Ptr& method, uint8_t* inlineFlag);
-    bool decodeMethodInlineLoadRecord(const Record& record, JitMethod::Ptr& method) const;
-    bool decodeMethodUpdateRecordV2(const Record& record, JitMethod::Ptr& method) const;
-    bool decodeManagedRuntimeInfo(const Record& record, JitMethod::Ptr& method) const;
-    void reportManagedRuntimeInfo(JitMethod::ManagedRuntimeInfo info) const;
-
-    void setSearchRegionCallback(const SearchRegionCallback* callback) { m_searchRegion = callback; }
+    bool isOpen() const { return m_open; }
+    const Reason& lastError() const { return m_lastError; }
+    // Logs why a record was refused, once, as this file's decoder.
+    void logRefusal(const Reason& reason) const;
 
     const std::string& path() const { return m_path; }
     u64 position() const { return m_position; }
+    u64 size() const { return m_bytes.size(); }
     decoding_mode_t mode() const { return m_mode; }
     u32 hostId() const { return m_hostId; }
     u32 pid() const { return m_pid; }
-    jit_rva_t nextJitRva() const { return m_nextJitRva; }
+    jit_rva_t jitRvaBase() const { return m_jitRvaBase; }
     u32 collectorType() const { return m_collectorType; }
-    bool sawArchitecture0() const { return m_archFlag0; }
-    bool sawArchitecture1() const { return m_archFlag1; }
 
 private:
-    enum class LoadVersion { V0, V1, V2, V3 };
-    bool decodeMethodLoad(const Record& record, JitMethod::Ptr& method, LoadVersion version, uint8_t* inlineFlag) const;
+    quarvel_error_t damaged(const char* message, const char* field, u64 offset);
 
     std::string m_path;
+    std::shared_ptr<const MappedFile> m_file;
+    ByteSpan m_bytes;
+    bool m_open = false;
     u64 m_position = 0;
-    u64 m_fileSize = 0;
-    // The stream stands at m_position unless a read failed since the last seek.
-    bool m_streamAtPosition = false;
     decoding_mode_t m_mode;
     u32 m_hostId;
     u32 m_pid;
-    mutable jit_rva_t m_nextJitRva;
+    jit_rva_t m_jitRvaBase;
     u32 m_collectorType = 0;
-    mutable bool m_archFlag0 = false;
-    mutable bool m_archFlag1 = false;
-    const SearchRegionCallback* m_searchRegion = nullptr;
+    Reason m_lastError;
 };
 
 } // namespace quarvel_3_13

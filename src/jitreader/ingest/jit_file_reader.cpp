@@ -1,16 +1,31 @@
 #include "ingest/jit_file_reader.h"
 
-#include "support/assertion.h"
-#include "index/jit_data_manager.h"
 #include "format/jit_file_decoder.h"
-#include "support/log.h"
+#include "format/record_bodies.h"
+#include "format/record_types.h"
+#include "index/jit_data_manager.h"
+#include "ingest/managed_runtime_info.h"
+#include "model/md5_hash_generator.h"
 #include "model/module.h"
-#include "format/record.h"
+#include "support/assertion.h"
+#include "support/log.h"
+
+#include <limits>
+#include <map>
+#include <sstream>
 
 namespace quarvel_3_13 {
 
+void JitReadStats::addRefusal(const Reason& reason) {
+    if (refusals.size() < kKeptRefusals)
+        refusals.push_back(reason);
+    else
+        ++refusalsNotKept;
+}
+
 u64 JitReadStats::totalRecords() const {
-    u64 total = magicRecords;
+    u64 total = magicRecords + jitdumpCodeLoads + jitdumpCodeMoves + jitdumpDebugInfo + jitdumpOtherRecords +
+                perfMapEntries;
     for (u64 n : records)
         total += n;
     return total;
@@ -29,214 +44,330 @@ JitReadStats& JitReadStats::operator+=(const JitReadStats& other) {
     ignoredUpdates += other.ignoredUpdates;
     secondTraces += other.secondTraces;
     damagedRecords += other.damagedRecords;
+    jitdumpCodeLoads += other.jitdumpCodeLoads;
+    jitdumpCodeMoves += other.jitdumpCodeMoves;
+    jitdumpDebugInfo += other.jitdumpDebugInfo;
+    jitdumpOtherRecords += other.jitdumpOtherRecords;
+    perfMapEntries += other.perfMapEntries;
+    perfMapEntriesLeftToJitdump += other.perfMapEntriesLeftToJitdump;
+    for (const Reason& reason : other.refusals)
+        addRefusal(reason);
+    refusalsNotKept += other.refusalsNotKept;
     return *this;
 }
 
 namespace {
 
-// The decoder finds the region an update record patches in the data manager.
-class RegionSearch : public JitFileDecoder::SearchRegionCallback {
+// The end of a file's jit rva range, kept below the top of the 64-bit space.
+jit_rva_t rangeLimit(jit_rva_t base) {
+    const jit_rva_t top = std::numeric_limits<jit_rva_t>::max();
+    return base > top - JitFileReader::kJitRvaStride ? top : base + JitFileReader::kJitRvaStride;
+}
+
+// One file's pass: the record loop's state and one handler per body kind.
+class FilePass {
 public:
-    explicit RegionSearch(const JitDataManager& data) : m_data(data) {}
-    quarvel_error_t findRegion(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, Region::Ptr& region,
-                               JitMethod::Ptr& method) const override {
-        return m_data.findRegion(virtualAddress, timestamp, pid, hostId, region, method);
+    FilePass(JitFileDecoder& decoder, JitDataManager& dataManager, ModuleCache& modules, JitReadStats& stats)
+        : m_decoder(decoder), m_data(dataManager), m_builder(modules), m_stats(stats),
+          m_nextJitRva(decoder.jitRvaBase()), m_jitRvaLimit(rangeLimit(decoder.jitRvaBase())) {
+        m_context.hostId = decoder.hostId();
+        m_context.pid = decoder.pid();
     }
 
+    quarvel_error_t run(target_arch_t arch);
+    JitMethodStorage& methods() { return m_methods; }
+    bool sawBothArchitectures() const { return m_sawArch0 && m_sawArch1; }
+
 private:
-    const JitDataManager& m_data;
+    void methodLoad(const Record& record, const RecordTypeInfo& info);
+    void methodUpdate(const Record& record);
+    void inlineLoad(const Record& record);
+    void updateV2(const Record& record);
+    void runtimeInfo(const Record& record);
+
+    // The jit rvas of a load's regions, taken from the file's range in file
+    // order; 0 for an empty region. False when the range is exhausted.
+    bool takeJitRvas(const TraceMethodLoad& load, std::vector<jit_rva_t>& jitRvas, Reason& overrun);
+    // Hands an inline method to the model once what its content decides is
+    // checked: one code region, and no ids outside profiler files (there the
+    // parent is found by address).
+    void attachInline(const Record& record, const JitMethod::Ptr& method);
+
+    void refuseBody(const Record& record, Reason reason) {
+        ++m_stats.refusedBodies;
+        reason.inFile(m_decoder.path()).at(record.offset);
+        m_decoder.logRefusal(reason);
+        m_stats.addRefusal(reason);
+    }
+    // The data manager's own reason, placed at the record.
+    void refusedByDataManager(const Record& record, Status status) {
+        ++m_stats.refusedByDataManager;
+        m_stats.addRefusal(status.reason().inFile(m_decoder.path()).at(record.offset));
+    }
+
+    JitFileDecoder& m_decoder;
+    JitDataManager& m_data;
+    MethodBuilder m_builder;
+    JitReadStats& m_stats;
+    BuildContext m_context;
+    jit_rva_t m_nextJitRva;
+    const jit_rva_t m_jitRvaLimit;
+    JitMethodStorage m_methods;
+    bool m_sawArch0 = false;
+    bool m_sawArch1 = false;
 };
 
-} // namespace
-
-bool JitFileReader::filteredOut(u32 type, target_arch_t arch) {
-    const bool firstVariant = type == 0 || type == 1 || type == 4 || type == 6 || type == 8;
-    const bool secondVariant = type == 2 || type == 3 || type == 5 || type == 7 || type == 9;
-    if (arch >= taX86_64 && firstVariant)
-        return true;
-    if (arch != taAny && arch != taX86_64 && secondVariant)
-        return true;
-    return false;
+bool FilePass::takeJitRvas(const TraceMethodLoad& load, std::vector<jit_rva_t>& jitRvas, Reason& overrun) {
+    jitRvas.assign(load.regions.size(), 0);
+    for (size_t i = 0; i < load.regions.size(); ++i) {
+        const u32 size = load.regions[i].codeSize;
+        if (size == 0)
+            continue;
+        if (m_jitRvaLimit - m_nextJitRva < size) {
+            std::ostringstream message;
+            message << "the file's jit rva range [" << m_decoder.jitRvaBase() << ", " << m_jitRvaLimit
+                    << ") cannot hold a region of " << size << " bytes at " << m_nextJitRva;
+            overrun = Reason::badInput(message.str());
+            QV_ERROR("Jit file " << m_decoder.path() << " overruns its jit rva range: " << message.str());
+            return false;
+        }
+        jitRvas[i] = m_nextJitRva;
+        m_nextJitRva += size;
+    }
+    return true;
 }
+
+void FilePass::methodLoad(const Record& record, const RecordTypeInfo& info) {
+    const int version = info.loadVersion;
+    const bool legacy = version <= 1;
+    BodyOptions options;
+    options.keepCodeBytes = (m_decoder.mode() & dmCodeBytes) != 0;
+    options.keepLineTables = !(legacy && (m_decoder.mode() & dmSkipSymbolic));
+    DecodedMethodLoad decoded = decodeMethodLoad(record, version, m_decoder.path(), options);
+    const TraceMethodLoad& load = decoded.load;
+    const bool inlined = version >= 3 && load.inlineFlag == 1;
+
+    // The regions read take their jit rvas before anything else is decided.
+    std::vector<jit_rva_t> jitRvas;
+    Reason overrun;
+    const bool placed = inlined || takeJitRvas(load, jitRvas, overrun);
+    if (!decoded.status)
+        return refuseBody(record, decoded.status.reason());
+    if (!placed)
+        return refuseBody(record, overrun);
+
+    BuildContext context = m_context;
+    context.keepSymbolic = options.keepLineTables;
+    JitMethod::Ptr method = m_builder.methodLoad(load, version, jitRvas, context);
+    if (version == 3) {
+        m_sawArch0 |= load.tail.moduleArch == quarvel_arch_vx32;
+        m_sawArch1 |= load.tail.moduleArch == quarvel_arch_varda64;
+    }
+    if (inlined)
+        return attachInline(record, method);
+    // A load without code regions is registered all the same: its names and
+    // line tables are still the method's, it just owns no address.
+    Status status = m_data.processMethodLoadRecord(m_context.pid, m_context.hostId, method);
+    if (!status)
+        return refusedByDataManager(record, std::move(status));
+    m_methods.push_back(method);
+}
+
+void FilePass::methodUpdate(const Record& record) {
+    DecodedMethodLoad decoded = decodeMethodLoad(record, 3, m_decoder.path());
+    if (!decoded.status)
+        return refuseBody(record, decoded.status.reason());
+    // Updates patch code bytes, which only that mode keeps.
+    if (m_decoder.mode() != dmCodeBytes) {
+        ++m_stats.ignoredUpdates;
+        return;
+    }
+    // An update takes no jit rvas of its own: it patches code that has them.
+    std::vector<jit_rva_t> none(decoded.load.regions.size(), 0);
+    JitMethod::Ptr update = m_builder.methodLoad(decoded.load, 3, none, m_context);
+    if (update->regionCount() == 0)
+        return refuseBody(record, Reason::badInput("a method update carries no code range to patch"));
+    Status status = m_data.processMethodUpdateRecord(m_context.pid, m_context.hostId, update);
+    if (!status)
+        refusedByDataManager(record, std::move(status));
+}
+
+void FilePass::inlineLoad(const Record& record) {
+    BodyOptions options;
+    options.keepCodeBytes = (m_decoder.mode() & dmCodeBytes) != 0;
+    Expected<TraceInlineLoad> decoded = decodeInlineLoad(record, m_decoder.path(), options);
+    if (!decoded)
+        return refuseBody(record, decoded.reason());
+    attachInline(record, m_builder.inlineLoad(*decoded, m_context));
+}
+
+void FilePass::attachInline(const Record& record, const JitMethod::Ptr& method) {
+    if (method->regionCount() != 1)
+        return refuseBody(record, Reason::badInput("an inline method has exactly one code region; this one has " +
+                                                   std::to_string(method->regionCount())));
+    if (m_data.getCollectorType() != ctJitProfiler && (method->getRawMethodId() || method->getRawParentId())) {
+        std::ostringstream message;
+        message << "in a file of collector type " << m_data.getCollectorType()
+                << " an inline names its parent by address, so its ids must be 0 (method id "
+                << method->getRawMethodId() << ", parent id " << method->getRawParentId() << ")";
+        return refuseBody(record, Reason::badInput(message.str()));
+    }
+    Status status = m_data.processMethodInlineLoadRecord(m_context.pid, m_context.hostId, method);
+    if (!status)
+        refusedByDataManager(record, std::move(status));
+}
+
+// New bytes for a range of live code: the region live at the range's start
+// at the update's time gets a patched copy, which registration recognises as
+// new bytes for code it already holds (same jit rva, same addresses).
+void FilePass::updateV2(const Record& record) {
+    Expected<TraceUpdateV2> decoded = decodeUpdateV2(record, m_decoder.path());
+    if (!decoded) {
+        QV_ERROR("Failed to decode a UPDATE_V2 record");
+        return refuseBody(record, decoded.reason());
+    }
+    const TraceUpdateV2& update = *decoded;
+    QV_INFO("Update range: " << update.startAddress << "-" << update.startAddress + update.length
+                             << ", loadTime = " << update.loadTime);
+
+    Region::Ptr found;
+    JitMethod::Ptr owner;
+    if (m_data.findRegion(update.startAddress, update.loadTime, m_context.pid, m_context.hostId, found, owner) !=
+            meSuccess ||
+        !found || !owner) {
+        QV_ERROR("Couldn't find a range to be updated (jit file: " << m_decoder.path() << ", record offset "
+                                                                  << record.offset << ")");
+        QV_ERROR("Failed to decode a UPDATE_V2 record");
+        return refuseBody(record, Reason::notFound("Couldn't find a range to be updated at " +
+                                                   std::to_string(update.startAddress) + ", load time " +
+                                                   std::to_string(update.loadTime)));
+    }
+    QV_CHECK(owner->getRawMethodId(), return refuseBody(record, Reason::internal("the patched method has no id")));
+    QV_CHECK(found->length(), return refuseBody(record, Reason::internal("the patched region is empty")));
+
+    // The whole update must lie inside the region found at its start.
+    const u64 offset = update.startAddress - found->startAddress();
+    if (update.startAddress < found->startAddress() || offset > found->length() ||
+        update.length > found->length() - offset) {
+        std::ostringstream message;
+        message << "Couldn't update the detected range (" << found->startAddress() << "-" << found->endAddress()
+                << ") because it's size is small";
+        QV_ERROR(message.str());
+        QV_ERROR("Failed to decode a UPDATE_V2 record");
+        return refuseBody(record, Reason::badInput(message.str()));
+    }
+
+    Region::Ptr patched(new Region(*found));
+    // Without kept code bytes (or a region that has none) there is nothing to patch.
+    if ((m_decoder.mode() & dmCodeBytes) && found->content()) {
+        IByteBuffer::Ptr content = IByteBuffer::create();
+        content->assign(update.bytes.data(), static_cast<unsigned>(update.bytes.size()));
+        if (patched->addBytesUpdate(update.startAddress, update.length, content, quarvel_segment_code,
+                                    std::string()) != meSuccess) {
+            QV_ERROR("Failed to decode a UPDATE_V2 record");
+            return refuseBody(record, Reason::badInput("the update does not fit the region's code bytes"));
+        }
+    }
+    JitMethod::Ptr method(new JitMethod());
+    method->setRawMethodId(update.methodId);
+    method->setLoadTime(update.loadTime);
+    method->setStartJitRva(patched->startJitRva());
+    method->addCodeRegion(patched);
+    // The new method is the found one with new bytes: names, module and source are the same.
+    *method->info() = *owner->info();
+    method->info()->setMethodId(Md5HashGenerator::getHashValue(update.methodId, method));
+    Status status = m_data.processMethodLoadRecord(m_context.pid, m_context.hostId, method);
+    if (!status) {
+        QV_ERROR("Failed to process a UPDATE_V2 record");
+        refusedByDataManager(record, std::move(status));
+    }
+}
+
+void FilePass::runtimeInfo(const Record& record) {
+    Expected<TraceRuntimeInfo> decoded = decodeRuntimeInfo(record, m_decoder.path());
+    if (!decoded)
+        return refuseBody(record, decoded.reason());
+    reportManagedRuntimeInfo(*decoded);
+}
+
+quarvel_error_t FilePass::run(target_arch_t arch) {
+    Record record;
+    for (;;) {
+        const quarvel_error_t status = m_decoder.getNextRecord(record);
+        if (status == meEndOfData)
+            return meSuccess;
+        if (status != meSuccess) {
+            // Broken framing: where the next record starts is unknown.
+            if (status == meBadRecord)
+                ++m_stats.damagedRecords;
+            m_stats.addRefusal(m_decoder.lastError());
+            if (status == meBadRecord)
+                QV_ERROR("Stopped reading jit file " << m_decoder.path() << " at offset " << record.offset
+                                                     << " because of a damaged record; the records before it are kept");
+            return status;
+        }
+        if (record.type < JitReadStats::kTypeSlots)
+            ++m_stats.records[record.type];
+        else if (record.type == quarvel_jt_Magic)
+            ++m_stats.magicRecords;
+
+        const RecordTypeInfo* info = recordTypeInfo(record.type);
+        QV_CHECK(info, return meBadRecord); // the decoder hands out known types only
+        if (excludedByArchitecture(*info, arch)) {
+            // A file of the other variant is not read further; what came before stays.
+            QV_TRACE("Jit file " << m_decoder.path() << ": record of type " << record.type << " at offset "
+                                 << record.offset << " does not match target architecture " << arch
+                                 << "; the rest of the file is skipped");
+            ++m_stats.architectureFiltered;
+            return meSuccess;
+        }
+        switch (info->body) {
+        case BodyKind::collectorType:
+            m_data.setCollectorType(m_decoder.collectorType());
+            break;
+        case BodyKind::magic:
+            if (record.offset != 0) {
+                // A second trace appended to the file is never read.
+                QV_TRACE("Jit file " << m_decoder.path() << ": a new trace starts at offset " << record.offset
+                                     << "; the rest of the file is skipped");
+                ++m_stats.secondTraces;
+                return meSuccess;
+            }
+            break;
+        case BodyKind::methodLoad:
+            methodLoad(record, *info);
+            break;
+        case BodyKind::methodUpdate:
+            methodUpdate(record);
+            break;
+        case BodyKind::inlineLoad:
+            inlineLoad(record);
+            break;
+        case BodyKind::updateV2:
+            updateV2(record);
+            break;
+        case BodyKind::runtimeInfo:
+            runtimeInfo(record);
+            break;
+        }
+    }
+}
+
+} // namespace
 
 quarvel_error_t JitFileReader::readJitFile(JitFileDecoder& decoder, target_arch_t arch, JitDataManager& dataManager) {
     // Counted locally and added at the end, so a caller's totals stay consistent.
     JitReadStats stats;
     stats.files = 1;
-
     dataManager.setCollectorType(ctUnknown);
-    const RegionSearch regionSearch(dataManager);
-    decoder.setSearchRegionCallback(&regionSearch);
-    JitMethodStorage methods;
-    const u32 pid = decoder.pid();
-    const u32 hostId = decoder.hostId();
 
-    quarvel_error_t status = meSuccess;
-    bool done = false;
-    Record record;
-    while (!done) {
-        status = decoder.getNextRecord(record);
-        if (status == meEndOfData) {
-            status = meSuccess;
-            break;
-        }
-        if (status != meSuccess) {
-            if (status == meBadRecord) {
-                ++stats.damagedRecords;
-                QV_ERROR("Stopped reading jit file " << decoder.path() << " at offset " << record.offset
-                                                     << " because of a damaged record; the records before it are kept");
-            }
-            break;
-        }
-
-        if (record.type < JitReadStats::kTypeSlots)
-            ++stats.records[record.type];
-        else if (record.type == quarvel_jt_Magic)
-            ++stats.magicRecords;
-
-        if (record.type >= quarvel_jt_FunctionLoad32 && record.type <= quarvel_jt_FunctionLoad64_v3 &&
-            filteredOut(record.type, arch)) {
-            // A file of the other variant is not read further; what came before stays.
-            QV_TRACE("Jit file " << decoder.path() << ": record of type " << record.type << " at offset "
-                                 << record.offset << " does not match target architecture " << arch
-                                 << "; the rest of the file is skipped");
-            ++stats.architectureFiltered;
-            break;
-        }
-
-        switch (record.type) {
-        case quarvel_jt_CollectorType: {
-            dataManager.setCollectorType(decoder.collectorType());
-            break;
-        }
-        case quarvel_jt_Magic: {
-            if (record.offset != 0) {
-                // A second trace appended to the file is never read.
-                QV_TRACE("Jit file " << decoder.path() << ": a new trace starts at offset " << record.offset
-                                     << "; the rest of the file is skipped");
-                ++stats.secondTraces;
-                done = true;
-            }
-            break;
-        }
-        case quarvel_jt_FunctionLoad32:
-        case quarvel_jt_FunctionLoad64:
-        case quarvel_jt_FunctionLoad32_v1:
-        case quarvel_jt_FunctionLoad64_v1:
-        case quarvel_jt_FunctionLoad32_v2:
-        case quarvel_jt_FunctionLoad64_v2:
-        case quarvel_jt_FunctionLoad32_v3:
-        case quarvel_jt_FunctionLoad64_v3: {
-            JitMethod::Ptr method(new JitMethod());
-            uint8_t inlineFlag = 0;
-            bool decoded = false;
-            switch (record.type) {
-            case quarvel_jt_FunctionLoad32:
-            case quarvel_jt_FunctionLoad64:
-                decoded = decoder.decodeMethodLoadRecordV0(record, method);
-                break;
-            case quarvel_jt_FunctionLoad32_v1:
-            case quarvel_jt_FunctionLoad64_v1:
-                decoded = decoder.decodeMethodLoadRecordV1(record, method);
-                break;
-            case quarvel_jt_FunctionLoad32_v2:
-            case quarvel_jt_FunctionLoad64_v2:
-                decoded = decoder.decodeMethodLoadRecordV2(record, method);
-                break;
-            default:
-                decoded = decoder.decodeMethodLoadRecordV3(record, method, &inlineFlag);
-                break;
-            }
-            if (!decoded) {
-                ++stats.refusedBodies;
-                break;
-            }
-            if (inlineFlag == 1) {
-                status = dataManager.processMethodInlineLoadRecord(pid, hostId, method).code();
-            } else {
-                status = dataManager.processMethodLoadRecord(pid, hostId, method).code();
-                methods.push_back(method);
-            }
-            if (status != meSuccess) {
-                ++stats.refusedByDataManager;
-                QV_ERROR("Stopped reading jit file " << decoder.path() << " at offset " << record.offset
-                                                     << ": the method load record was refused (status " << status
-                                                     << ")");
-                done = true;
-            }
-            break;
-        }
-        case quarvel_jt_FunctionUpdate: {
-            JitMethod::Ptr method(new JitMethod());
-            uint8_t inlineFlag = 0;
-            if (!decoder.decodeMethodLoadRecordV3(record, method, &inlineFlag)) {
-                ++stats.refusedBodies;
-                break;
-            }
-            // Updates patch code bytes, which only that mode keeps.
-            if (decoder.mode() != dmCodeBytes) {
-                ++stats.ignoredUpdates;
-                break;
-            }
-            if (!dataManager.processMethodUpdateRecord(pid, hostId, method).ok())
-                ++stats.refusedByDataManager;
-            break;
-        }
-        case quarvel_jt_FunctionInlineLoad32:
-        case quarvel_jt_FunctionInlineLoad64: {
-            JitMethod::Ptr method(new JitMethod());
-            if (!decoder.decodeMethodInlineLoadRecord(record, method)) {
-                ++stats.refusedBodies;
-                break;
-            }
-            status = dataManager.processMethodInlineLoadRecord(pid, hostId, method).code();
-            if (status != meSuccess) {
-                ++stats.refusedByDataManager;
-                QV_ERROR("Stopped reading jit file " << decoder.path() << " at offset " << record.offset
-                                                     << ": the inline load record was refused (status " << status
-                                                     << ")");
-                done = true;
-            }
-            break;
-        }
-        case quarvel_jt_FunctionUpdate_v2: {
-            JitMethod::Ptr method(new JitMethod());
-            if (!decoder.decodeMethodUpdateRecordV2(record, method)) {
-                QV_ERROR("Failed to decode a UPDATE_V2 record");
-                ++stats.refusedBodies;
-                break;
-            }
-            // The patched copy is registered like a new load; a refusal never ends the pass.
-            if (!dataManager.processMethodLoadRecord(pid, hostId, method).ok()) {
-                QV_ERROR("Failed to process a UPDATE_V2 record");
-                ++stats.refusedByDataManager;
-            }
-            break;
-        }
-        case quarvel_jt_ManagedRuntimeInfo: {
-            JitMethod::Ptr method(new JitMethod());
-            if (!decoder.decodeManagedRuntimeInfo(record, method)) {
-                ++stats.refusedBodies;
-                break;
-            }
-            decoder.reportManagedRuntimeInfo(method->runtimeInfo());
-            break;
-        }
-        default:
-            ++stats.damagedRecords;
-            QV_ERROR("Stopped reading jit file " << decoder.path() << " at offset " << record.offset
-                                                 << ": unexpected record type " << record.type);
-            status = meBadRecord;
-            done = true;
-            break;
-        }
-    }
+    FilePass pass(decoder, dataManager, m_modules, stats);
+    const quarvel_error_t status = pass.run(arch);
 
     // Runs after a damaged record too: the methods read before it are kept,
-    // and they should carry the same module names as in an intact file.
-    if (dataManager.getCollectorType() == ctJitProfiler && decoder.sawArchitecture0() &&
-        decoder.sawArchitecture1() && !methods.empty())
-        patchModuleName64(methods);
+    // and they carry the same module names as in an intact file.
+    if (dataManager.getCollectorType() == ctJitProfiler && pass.sawBothArchitectures() && !pass.methods().empty())
+        patchModuleName64(pass.methods());
 
     stats.bytes = decoder.position();
     if (status != meSuccess)
@@ -247,15 +378,19 @@ quarvel_error_t JitFileReader::readJitFile(JitFileDecoder& decoder, target_arch_
 }
 
 void JitFileReader::patchModuleName64(JitMethodStorage& methods) {
+    // Methods share module objects: each is renamed once.
+    std::map<const IModule*, IModule::Ptr> renamed;
     for (const JitMethod::Ptr& method : methods) {
         QV_CHECK(method, continue);
         const IModule::Ptr module = method->getModule();
         QV_CHECK(module, continue);
         if (module->getArchitecture() != quarvel_arch_varda64)
             continue;
-        IModule::Ptr renamed(new Module(std::string(module->getFilePath()) + " (64)", module->isBogus(),
-                                        module->getArchitecture()));
-        method->info()->setModule(renamed);
+        IModule::Ptr& slot = renamed[module.get()];
+        if (!slot)
+            slot = IModule::Ptr(new Module(std::string(module->getFilePath()) + " (64)", module->isBogus(),
+                                           module->getArchitecture()));
+        method->info()->setModule(slot);
     }
 }
 

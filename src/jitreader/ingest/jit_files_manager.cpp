@@ -2,17 +2,32 @@
 
 #include "index/jit_data_manager.h"
 #include "format/jit_file_decoder.h"
+#include "ingest/jitdump_file_reader.h"
+#include "ingest/perf_map_file_reader.h"
+#include "ingest/trace_format.h"
+#include "support/assertion.h"
 #include "support/log.h"
 
 #include <boost/filesystem/operations.hpp>
 
+#include <fstream>
+#include <sstream>
 #include <limits>
 
 namespace quarvel_3_13 {
 
 namespace fs = boost::filesystem;
 
+// Refuses an initialisation: the reason is logged and kept for lastError().
+#define QV_REFUSE_INIT(code, expr)                                                                                 \
+    do {                                                                                                           \
+        std::ostringstream qv_message_;                                                                            \
+        qv_message_ << expr;                                                                                       \
+        return refuseInit(code, qv_message_.str());                                                                \
+    } while (0)
+
 struct JitFilesManager::PendingFile {
+    TraceFormat format = TraceFormat::jitTrace;
     fs::path path;
     std::string fileName;
     std::string hostName;
@@ -21,6 +36,24 @@ struct JitFilesManager::PendingFile {
 };
 
 namespace {
+
+// The formats the reading pass knows how to read (JitFilesManager::readFile).
+bool isReadable(TraceFormat format) {
+    switch (format) {
+    case TraceFormat::jitTrace:
+    case TraceFormat::jitdump:
+    case TraceFormat::perfMap:
+        return true;
+    case TraceFormat::nettrace:
+        return false;
+    }
+    return false;
+}
+
+// A process's perf maps are read after its other files: they leave to its
+// jitdumps the code those describe.
+int readingRound(TraceFormat format) { return format == TraceFormat::perfMap ? 1 : 0; }
+constexpr int kReadingRounds = 2;
 
 // A non-empty run of decimal digits that fits 32 bits.
 bool parsePid(const std::string& text, unsigned int& pid) {
@@ -41,6 +74,12 @@ bool parsePid(const std::string& text, unsigned int& pid) {
 } // namespace
 
 JitFilesManager::JitFilesManager() { m_hostNames.emplace_back(); }
+
+quarvel_error_t JitFilesManager::refuseInit(quarvel_error_t code, const std::string& message) const {
+    QV_ERROR(message);
+    m_lastError = code == meJitFileNotFound ? Reason::notFound(message, code) : Reason::badInput(message, code);
+    return code;
+}
 
 JitFilesManager::~JitFilesManager() = default;
 
@@ -75,29 +114,58 @@ quarvel_error_t JitFilesManager::parseJitFileName(const std::string& fileName, u
     return meSuccess;
 }
 
+// Every file is routed by its content. Our own traces name their host and
+// process in the file name; the files runtimes write for profilers name only
+// the process (in the name or the content) and come from this host. A file
+// named explicitly whose content is of no known format is taken as one of our
+// traces when its name says so: reading it then says what is wrong.
 quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicitPath,
                                              std::vector<PendingFile>& pending) const {
     PendingFile file;
     file.path = path;
     file.fileName = path.filename().string();
-    if (parseJitFileName(file.fileName, file.pid, file.hostName) != meSuccess) {
-        if (explicitPath) {
-            QV_ERROR("Jit file name " << path.string()
-                                      << " does not have the form <host>.<pid>.<ext> or <host>-<pid>.<ext>");
-            return meNotFound;
-        }
-        QV_INFO("Skipped " << path.string() << ": not a jit file name (<host>.<pid>.<ext> or <host>-<pid>.<ext>)");
-        return meSuccess;
-    }
     boost::system::error_code ec;
     file.size = fs::file_size(path, ec);
     if (ec) {
         if (explicitPath) {
-            QV_ERROR("Couldn't read the size of jit file " << path.string() << ": " << ec.message());
-            return meFileOpenError;
+            QV_REFUSE_INIT(meFileOpenError, "Couldn't read the size of jit file " << path.string() << ": " << ec.message());
         }
         QV_INFO("Skipped " << path.string() << ": couldn't read its size: " << ec.message());
         return meSuccess;
+    }
+    const std::optional<TraceFormat> detected = detectTraceFormat(path.string(), file.size);
+    if (!detected && !explicitPath) {
+        QV_INFO("Skipped " << path.string() << ": its content is of no trace format read here");
+        return meSuccess;
+    }
+    file.format = detected.value_or(TraceFormat::jitTrace);
+    if (!isReadable(file.format)) {
+        if (explicitPath) {
+            QV_REFUSE_INIT(meNotFound, "Jit file " << path.string() << " is a " << traceFormatName(file.format)
+                                                   << " file, which is not read yet");
+        }
+        QV_INFO("Skipped " << path.string() << ": a " << traceFormatName(file.format) << " file, which is not read yet");
+        return meSuccess;
+    }
+    if (file.format == TraceFormat::jitTrace) {
+        if (parseJitFileName(file.fileName, file.pid, file.hostName) != meSuccess) {
+            if (explicitPath) {
+                QV_REFUSE_INIT(meNotFound, "Jit file name " << path.string()
+                                          << " does not have the form <host>.<pid>.<ext> or <host>-<pid>.<ext>");
+            }
+            QV_INFO("Skipped " << path.string() << ": not a jit file name (<host>.<pid>.<ext> or <host>-<pid>.<ext>)");
+            return meSuccess;
+        }
+    } else {
+        if (!processOfRuntimeFile(file.format, path.string(), file.fileName, file.pid)) {
+            if (explicitPath) {
+                QV_REFUSE_INIT(meNotFound, "Couldn't tell which process wrote " << traceFormatName(file.format)
+                                                                                 << " file " << path.string());
+            }
+            QV_INFO("Skipped " << path.string() << ": couldn't tell which process wrote it");
+            return meSuccess;
+        }
+        file.hostName = localHostName();
     }
     pending.push_back(file);
     return meSuccess;
@@ -105,30 +173,26 @@ quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicit
 
 quarvel_error_t JitFilesManager::collectPath(const char* text, std::vector<PendingFile>& pending) const {
     if (!text || !*text) {
-        QV_ERROR("An empty jit file path was given");
-        return meJitFileNotFound;
+        QV_REFUSE_INIT(meJitFileNotFound, "An empty jit file path was given");
     }
     const fs::path path(text);
     boost::system::error_code ec;
     const fs::file_status status = fs::status(path, ec);
     if (status.type() == fs::file_not_found || (ec && status.type() == fs::status_error)) {
-        QV_ERROR("Jit file path " << path.string() << " does not exist"
+        QV_REFUSE_INIT(meJitFileNotFound, "Jit file path " << path.string() << " does not exist"
                                   << (ec && status.type() == fs::status_error ? ": " + ec.message() : std::string()));
-        return meJitFileNotFound;
     }
     if (fs::is_regular_file(status))
         return collectFile(path, true, pending);
     if (!fs::is_directory(status)) {
-        QV_ERROR("Jit file path " << path.string() << " is neither a regular file nor a directory");
-        return meFileOpenError;
+        QV_REFUSE_INIT(meFileOpenError, "Jit file path " << path.string() << " is neither a regular file nor a directory");
     }
 
     // Entries in ascending name order, each name once.
     std::map<std::string, fs::path> entries;
     fs::directory_iterator it(path, ec);
     if (ec) {
-        QV_ERROR("Couldn't list jit file directory " << path.string() << ": " << ec.message());
-        return meFileOpenError;
+        QV_REFUSE_INIT(meFileOpenError, "Couldn't list jit file directory " << path.string() << ": " << ec.message());
     }
     for (; it != fs::directory_iterator(); it.increment(ec)) {
         if (ec)
@@ -136,8 +200,7 @@ quarvel_error_t JitFilesManager::collectPath(const char* text, std::vector<Pendi
         entries.emplace(it->path().filename().string(), it->path());
     }
     if (ec) {
-        QV_ERROR("Couldn't list jit file directory " << path.string() << ": " << ec.message());
-        return meFileOpenError;
+        QV_REFUSE_INIT(meFileOpenError, "Couldn't list jit file directory " << path.string() << ": " << ec.message());
     }
     for (const auto& entry : entries) {
         // Links, devices and subdirectories are passed over: a trace is read only through its real path.
@@ -160,6 +223,7 @@ void JitFilesManager::addPending(const std::vector<PendingFile>& pending, target
         JitFileInfo info;
         info.path = file.path;
         info.fileName = file.fileName;
+        info.format = file.format;
         info.jitRvaBase = next;
         info.size = file.size;
         // Sizes were read while collecting; file them without touching the file system again.
@@ -174,7 +238,7 @@ void JitFilesManager::addPending(const std::vector<PendingFile>& pending, target
         // A process that gained files has something to read again.
         process.read = false;
         m_wholeSetRead = false;
-        m_nextJitRva = next + file.size;
+        m_nextJitRva = next + JitFileReader::kJitRvaStride;
     }
 }
 
@@ -194,19 +258,16 @@ quarvel_error_t JitFilesManager::initialize(generic_iterator_t<JitFileDescriptor
     for (generic_iterator_t<JitFileDescriptor> it(descriptors); !it.atEnd(); it.advance()) {
         const JitFileDescriptor descriptor = it.current();
         if (!descriptor.path || !*descriptor.path) {
-            QV_ERROR("A jit file descriptor without a path was given");
-            return meJitFileNotFound;
+            QV_REFUSE_INIT(meJitFileNotFound, "A jit file descriptor without a path was given");
         }
         const fs::path path(descriptor.path);
         boost::system::error_code ec;
         const fs::file_status status = fs::status(path, ec);
         if (!fs::exists(status)) {
-            QV_ERROR("Jit file path " << path.string() << " does not exist");
-            return meJitFileNotFound;
+            QV_REFUSE_INIT(meJitFileNotFound, "Jit file path " << path.string() << " does not exist");
         }
         if (!fs::is_regular_file(status)) {
-            QV_ERROR("Jit file path " << path.string() << " is not a regular file");
-            return meFileOpenError;
+            QV_REFUSE_INIT(meFileOpenError, "Jit file path " << path.string() << " is not a regular file");
         }
         PendingFile file;
         file.path = path;
@@ -215,8 +276,13 @@ quarvel_error_t JitFilesManager::initialize(generic_iterator_t<JitFileDescriptor
         file.hostName = descriptor.hostName ? descriptor.hostName : "";
         file.size = fs::file_size(path, ec);
         if (ec) {
-            QV_ERROR("Couldn't read the size of jit file " << path.string() << ": " << ec.message());
-            return meFileOpenError;
+            QV_REFUSE_INIT(meFileOpenError, "Couldn't read the size of jit file " << path.string() << ": " << ec.message());
+        }
+        // The descriptor names the process and host; the content names the format.
+        file.format = detectTraceFormat(path.string(), file.size).value_or(TraceFormat::jitTrace);
+        if (!isReadable(file.format)) {
+            QV_REFUSE_INIT(meNotFound, "Jit file " << path.string() << " is a " << traceFormatName(file.format)
+                                                   << " file, which is not read yet");
         }
         pending.push_back(file);
     }
@@ -244,7 +310,7 @@ quarvel_error_t JitFilesManager::addJitFileInfo(const fs::path& path, const std:
     info.fileName = fileName;
     info.jitRvaBase = nextJitRva;
     info.size = size;
-    nextJitRva += size;
+    nextJitRva += JitFileReader::kJitRvaStride;
     process.files.push_back(info);
     process.read = false;
     m_wholeSetRead = false;
@@ -336,7 +402,7 @@ quarvel_error_t JitFilesManager::getJitFileRange(const char* fileName, u64& base
     if (!match)
         return meJitFileNotFound;
     base = match->jitRvaBase;
-    limit = match->jitRvaBase + match->size;
+    limit = match->jitRvaBase + JitFileReader::kJitRvaStride;
     return meSuccess;
 }
 
@@ -360,50 +426,61 @@ JitReadStats JitFilesManager::readStats() const {
     return m_stats;
 }
 
+quarvel_error_t JitFilesManager::readFile(const JitFileInfo& file, ProcessJitInfo& process, unsigned int pid,
+                                          unsigned int hostId, decoding_mode_t mode, JitDataManager& dataManager) {
+    RuntimeFileContext context;
+    context.path = file.path.string();
+    context.pid = pid;
+    context.hostId = hostId;
+    context.jitRvaBase = file.jitRvaBase;
+    context.mode = mode;
+    switch (file.format) {
+    case TraceFormat::jitTrace: {
+        JitFileDecoder decoder(context.path, pid, hostId, file.jitRvaBase, mode);
+        return JitFileReader(&m_stats, m_modules).readJitFile(decoder, m_targetArch, dataManager);
+    }
+    case TraceFormat::jitdump:
+        return JitdumpFileReader(&m_stats, m_modules).readFile(context, dataManager, &process.jitdumpCode);
+    case TraceFormat::perfMap:
+        return PerfMapFileReader(&m_stats, m_modules)
+            .readFile(context, dataManager, process.jitdumpCode.empty() ? nullptr : &process.jitdumpCode);
+    case TraceFormat::nettrace:
+        break;
+    }
+    // The set takes no file of a format it cannot read.
+    QV_CHECK(isReadable(file.format), (void)0);
+    return meNotFound;
+}
+
 quarvel_error_t JitFilesManager::readProcessFiles(ProcessJitInfo& process, unsigned int pid, unsigned int hostId,
                                                   decoding_mode_t mode, JitDataManager& dataManager,
                                                   bool logFailures) {
-    JitFileReader reader(&m_stats);
-    quarvel_error_t result = meSuccess;
-    for (JitFileInfo& file : process.files) {
-        if (file.read)
-            continue;
-        if (file.path.empty()) {
-            if (!logFailures)
-                return meInvalidPointer;
-            QV_ERROR("Skip reading jit file because path is empty");
-            continue;
-        }
-        quarvel_error_t status;
-        try {
-            JitFileDecoder decoder(file.path.string(), pid, hostId, file.jitRvaBase, mode);
-            status = reader.readJitFile(decoder, m_targetArch, dataManager);
-        } catch (const std::exception& e) {
-            // Nothing leaves the library; what the file gave before stays registered.
-            QV_ERROR("Stopped reading jit file " << file.path.string() << ": " << e.what());
-            status = meBadRecord;
-        }
-        if (status == meSuccess) {
+    for (int round = 0; round < kReadingRounds; ++round) {
+        for (JitFileInfo& file : process.files) {
+            if (file.read || readingRound(file.format) != round)
+                continue;
+            if (file.path.empty()) {
+                if (!logFailures)
+                    return meInvalidPointer;
+                QV_ERROR("Skip reading jit file because path is empty");
+                continue;
+            }
+            quarvel_error_t status;
+            try {
+                status = readFile(file, process, pid, hostId, mode, dataManager);
+            } catch (const std::exception& e) {
+                // Nothing leaves the library; what the file gave before stays registered.
+                QV_ERROR("Stopped reading jit file " << file.path.string() << ": " << e.what());
+                m_stats.addRefusal(Reason::internal(e.what(), meBadRecord).inFile(file.path.string()));
+                status = meBadRecord;
+            }
+            // Read once, whatever happened: the reasons are in the statistics.
             file.read = true;
-            continue;
+            if (status != meSuccess)
+                QV_ERROR("Could not read jit file " << file.path.string());
         }
-        if (logFailures)
-            QV_ERROR("Could not read jit file " << file.path.string());
-        if (status == meFileOpenError) {
-            // Nothing of it was registered: a later pass may try again.
-            if (!logFailures)
-                QV_ERROR("Could not open jit file " << file.path.string());
-            if (result == meSuccess)
-                result = status;
-            if (!logFailures)
-                return status;
-            continue;
-        }
-        // The file ended at a damaged or refused record; what came before is
-        // registered, so the file must not be read a second time.
-        file.read = true;
     }
-    return result;
+    return meSuccess;
 }
 
 quarvel_error_t JitFilesManager::readJitFiles(unsigned int pid, unsigned int hostId, decoding_mode_t mode,

@@ -1,7 +1,10 @@
 #ifndef QUARVEL_INGEST_JIT_FILES_MANAGER_H
 #define QUARVEL_INGEST_JIT_FILES_MANAGER_H
 
+#include "ingest/address_ranges.h"
 #include "ingest/jit_file_reader.h"
+#include "ingest/trace_format.h"
+#include "support/result.h"
 
 #include <quarvel/generic_iterator.h>
 #include <quarvel/types.h>
@@ -20,14 +23,19 @@ namespace quarvel_3_13 {
 
 class JitDataManager;
 
-// One trace file of the set; [jitRvaBase, jitRvaBase + size) is its jit rva range.
+// One trace file of the set. Its jit rva range is
+// [jitRvaBase, jitRvaBase + JitFileReader::kJitRvaStride): a fixed stride per
+// file, so that no file's code can run into the next file's range however
+// its records are shaped.
 struct JitFileInfo {
+    TraceFormat format = TraceFormat::jitTrace;
     boost::filesystem::path path;
     std::string fileName;
     u64 jitRvaBase = 0;
     u64 size = 0;
-    // Set once a pass went through the file (even one that ended at a damaged
-    // record), so that the file is never registered twice.
+    // Set once a pass went through the file, whatever became of it (read
+    // whole, ended at a damaged record, or could not be opened), so that the
+    // file is never registered twice nor retried by every query.
     bool read = false;
 };
 
@@ -36,6 +44,9 @@ struct ProcessJitInfo {
     std::deque<JitFileInfo> files;
     // Tested before the reading lock is taken, hence atomic.
     std::atomic<bool> read{false};
+    // Where the process's jitdumps put code, which its perf maps leave to
+    // them; under the reading lock.
+    AddressRanges jitdumpCode;
 };
 
 // The set of trace files: names parsed into host and process, files grouped
@@ -48,7 +59,8 @@ struct ProcessJitInfo {
 class JitFilesManager {
 public:
     // Where the first file's jit rva range starts: no code ever gets jit rva
-    // 0, which queries treat as "no answer".
+    // 0, which queries treat as "no answer". Each file's range is
+    // JitFileReader::kJitRvaStride long.
     static constexpr u64 kFirstJitRva = 0x1000;
 
     JitFilesManager();
@@ -64,6 +76,8 @@ public:
     quarvel_error_t initialize(generic_iterator_t<const char*>& paths, target_arch_t arch);
     // The same for descriptors: pid and host come from the descriptor.
     quarvel_error_t initialize(generic_iterator_t<JitFileDescriptor>& descriptors, target_arch_t arch);
+    // Why the last initialisation failed.
+    const Reason& lastError() const { return m_lastError; }
 
     quarvel_error_t addJitFileInfo(const boost::filesystem::path& path, const std::string& fileName, u64& nextJitRva,
                                    const std::string& hostName, unsigned int pid);
@@ -88,10 +102,10 @@ public:
     quarvel_error_t getJitFileRange(const char* fileName, u64& base, u64& limit) const;
 
     // The reading pass for one process: meSuccess, meNotFound for an unknown
-    // host or process, meInvalidPointer for an empty path, meFileOpenError
-    // when a file cannot be opened (that file stays unread and is retried by
-    // the next call). A file that ends in a damaged record keeps what was read
-    // before it: it is logged and the process counts as read.
+    // host or process, meInvalidPointer for an empty path. Every file of the
+    // process is read once: one that cannot be opened or ends in a damaged
+    // record is logged and counted (readStats) and the others are read all
+    // the same, so an answer never depends on which query came first.
     quarvel_error_t readJitFiles(unsigned int pid, unsigned int hostId, decoding_mode_t mode,
                                  JitDataManager& dataManager);
     // The reading pass over every process not read yet; failing files are logged and skipped.
@@ -108,12 +122,16 @@ public:
 
 private:
     struct PendingFile;
+    quarvel_error_t refuseInit(quarvel_error_t code, const std::string& message) const;
     quarvel_error_t collectPath(const char* path, std::vector<PendingFile>& pending) const;
     quarvel_error_t collectFile(const boost::filesystem::path& path, bool explicitPath,
                                 std::vector<PendingFile>& pending) const;
     void addPending(const std::vector<PendingFile>& pending, target_arch_t arch);
     quarvel_error_t readProcessFiles(ProcessJitInfo& process, unsigned int pid, unsigned int hostId,
                                      decoding_mode_t mode, JitDataManager& dataManager, bool logFailures);
+    // One file, by its format.
+    quarvel_error_t readFile(const JitFileInfo& file, ProcessJitInfo& process, unsigned int pid, unsigned int hostId,
+                             decoding_mode_t mode, JitDataManager& dataManager);
 
     typedef std::map<unsigned int, ProcessJitInfo> ProcessMap;
 
@@ -126,7 +144,9 @@ private:
     mutable boost::mutex m_pidArrayMutex;
     mutable std::shared_ptr<const std::vector<unsigned>> m_pidArray;
     std::atomic<bool> m_wholeSetRead{false};
-    JitReadStats m_stats; // under m_readMutex
+    JitReadStats m_stats;  // under m_readMutex
+    ModuleCache m_modules; // under m_readMutex
+    mutable Reason m_lastError; // of the last initialisation, which runs alone
 };
 
 } // namespace quarvel_3_13

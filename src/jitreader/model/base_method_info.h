@@ -35,6 +35,11 @@ public:
     // Demangles Itanium names; otherwise qualifies the name with the class
     // name and "::" (see the .cpp). Call setClassName first.
     void setMethodName(const std::string& name);
+    // A name kept exactly as written, as both the method name and the
+    // qualified name: runtimes that write names for profilers (jitdump files,
+    // perf maps) already made them readable, and dots or parentheses in them
+    // are not a class path or a parameter list.
+    void setVerbatimName(const std::string& name) { setNames(className(), name, name); }
 
     const IModule::Ptr& module() const { return m_module; }
     void setModule(const IModule::Ptr& module) { m_module = module; }

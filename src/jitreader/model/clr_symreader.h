@@ -3,7 +3,7 @@
 
 #include <quarvel/types.h>
 
-#include <boost/shared_ptr.hpp>
+#include <memory>
 
 #include <string>
 
@@ -13,7 +13,7 @@ namespace quarvel_3_13 {
 // id (the low 24 bits of a MethodDef token).
 class CoreCLRSymbolReader {
 public:
-    typedef boost::shared_ptr<CoreCLRSymbolReader> Ptr;
+    typedef std::shared_ptr<CoreCLRSymbolReader> Ptr;
 
     virtual ~CoreCLRSymbolReader() = default;
 

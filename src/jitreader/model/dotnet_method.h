@@ -10,12 +10,15 @@
 
 #include <ostream>
 #include <string>
+#include <utility>
 
 namespace quarvel_3_13 {
 
-// Joins a .NET metadata token to the portable PDB reader of its assembly.
-// Names come from the assembly reader, not from here: the name accessors
-// answer empty strings.
+// Joins a .NET metadata token to the names the assembly reader read for it
+// and to the portable PDB reader of its assembly. The record does not read
+// metadata itself: a DotNetMethod made from a token alone answers empty
+// names; IAssemblyReader::getMethod fills them (setNames) from the
+// assembly's metadata, along with the PDB reader.
 class DotNetMethod : public BaseObject {
 public:
     typedef boost::intrusive_ptr<DotNetMethod> Ptr;
@@ -36,9 +39,18 @@ public:
     // The managed-to-source table is never delivered through this record: always meNotFound.
     quarvel_error_t getILToSourceMapping(quarvel_line_number_entry* entries, unsigned* count) const;
 
-    std::string getClassName() const { return std::string(); }
-    std::string getMethodName() const { return std::string(); }
-    std::string getMethodSignature() const { return std::string(); }
+    // className: the declaring type's full name, nesting joined with "."
+    // ("Ns.Outer`1.Inner"); methodName as in metadata (".ctor", "Add");
+    // signature: method type parameters and parameter types, "<T>(int, T[])".
+    void setNames(std::string className, std::string methodName, std::string signature) {
+        m_className = std::move(className);
+        m_methodName = std::move(methodName);
+        m_signature = std::move(signature);
+    }
+    const std::string& getClassName() const { return m_className; }
+    const std::string& getMethodName() const { return m_methodName; }
+    const std::string& getMethodSignature() const { return m_signature; }
+    // Other tokens would need the assembly: these stay empty.
     std::string getClassNameByToken(u32 /*token*/) const { return std::string(); }
     std::string getOriginalMethodNameByToken(u32 /*token*/) const { return std::string(); }
     std::string getOriginalClassNameByToken(u32 /*token*/) const { return std::string(); }
@@ -46,6 +58,9 @@ public:
 private:
     u32 m_token;
     CoreCLRSymbolReader::Ptr m_symbolReader;
+    std::string m_className;
+    std::string m_methodName;
+    std::string m_signature;
 };
 
 std::ostream& operator<<(std::ostream& os, const DotNetMethod& method);

@@ -159,4 +159,24 @@ std::string JavaSignatureParser::parseMethodName(const std::string& name) {
     return out;
 }
 
+bool JavaSignatureParser::parseHiddenClassName(const std::string& name, std::string& out) {
+    if (name.size() < 6 || name.front() != 'L' || name.back() != ';')
+        return false;
+    const std::string body = name.substr(1, name.size() - 2);
+    const size_t mark = body.rfind("0x");
+    if (mark == std::string::npos || mark < 2 || (body[mark - 1] != '.' && body[mark - 1] != '/'))
+        return false;
+    const std::string address = body.substr(mark);
+    if (address.size() <= 2 || address.find_first_not_of("0123456789abcdefABCDEF", 2) != std::string::npos)
+        return false;
+    std::string className = body.substr(0, mark - 1);
+    if (className.empty())
+        return false;
+    for (char& c : className)
+        if (c == '/')
+            c = '.';
+    out = className + "/" + address;
+    return true;
+}
+
 } // namespace quarvel_3_13

@@ -20,6 +20,13 @@ public:
     static std::string parseMethodName(const std::string& name);
     // True when the name is already in readable form.
     static bool isParsedName(const std::string& name);
+    // A hidden class (a lambda's, a method handle form's) has a descriptor
+    // whose last part carries the address the VM gave it, after a "." or "/":
+    // "Lpkg/Shop$$Lambda$1.0x00007f1700000a08;". It reads as the class's name
+    // with the address kept behind a "/", the way the VM prints it:
+    // "pkg.Shop$$Lambda$1/0x00007f1700000a08". False (out untouched) for any
+    // other name.
+    static bool parseHiddenClassName(const std::string& name, std::string& out);
 
     // Appends the readable form of the one type that starts at pos and leaves
     // pos on the type's last character. A truncated type appends what was read.

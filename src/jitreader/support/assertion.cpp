@@ -13,6 +13,7 @@ void logAssertion(const char* condition, const char* file, int line) {
 }
 
 std::atomic<AssertionHandler> g_handler{&logAssertion};
+std::atomic<AssertionHandler> g_observer{nullptr};
 
 } // namespace
 
@@ -20,8 +21,12 @@ AssertionHandler setAssertionHandler(AssertionHandler handler) {
     return g_handler.exchange(handler ? handler : &logAssertion);
 }
 
+AssertionHandler setAssertionObserver(AssertionHandler observer) { return g_observer.exchange(observer); }
+
 void assertionFailed(const char* condition, const char* file, int line) {
     g_handler.load()(condition, file, line);
+    if (AssertionHandler observer = g_observer.load())
+        observer(condition, file, line);
 }
 
 } // namespace quarvel_3_13

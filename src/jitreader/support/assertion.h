@@ -12,6 +12,10 @@ typedef void (*AssertionHandler)(const char* condition, const char* file, int li
 // Installs a handler (null restores the default); returns the previous one.
 AssertionHandler setAssertionHandler(AssertionHandler handler);
 
+// Called after the handler for every failed check (null: none); returns the
+// previous observer. Tests and fuzz targets use it to fail on any check.
+AssertionHandler setAssertionObserver(AssertionHandler observer);
+
 void assertionFailed(const char* condition, const char* file, int line);
 
 } // namespace quarvel_3_13

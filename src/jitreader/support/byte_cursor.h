@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quarvel_3_13 {
@@ -76,6 +77,14 @@ public:
 
     // Text up to a zero byte, which is consumed; fails when no zero byte follows.
     bool cString(std::string& value, const char* field) {
+        std::string text;
+        if (!appendCString(text, field))
+            return false;
+        value = std::move(text);
+        return true;
+    }
+    // The same, appended to value (names built from parts need no copies).
+    bool appendCString(std::string& value, const char* field) {
         if (!m_error.empty())
             return false;
         const void* zero = std::memchr(m_data + m_offset, 0, m_size - m_offset);
@@ -84,7 +93,7 @@ public:
             return false;
         }
         const size_t n = static_cast<size_t>(static_cast<const uint8_t*>(zero) - (m_data + m_offset));
-        value.assign(reinterpret_cast<const char*>(m_data + m_offset), n);
+        value.append(reinterpret_cast<const char*>(m_data + m_offset), n);
         m_offset += n + 1;
         return true;
     }

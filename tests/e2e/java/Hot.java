@@ -51,12 +51,14 @@ public class Hot {
         return s + IntStream.range(0, n).map(x -> x * x).filter(x -> (x & 1) == 0).asLongStream().sum();
     }
 
-    static long churn(byte[] payload, int rounds) throws Exception {
+    // Each copy is compiled and runs hot for a while, then is dropped; a later
+    // System.gc() unloads it, and the code cache hands its space to new code.
+    static long churn(byte[] payload, int copies, int calls) throws Exception {
         long s = 0;
-        for (int r = 0; r < rounds; r++) {
+        for (int r = 0; r < copies; r++) {
             Class<?> c = MethodHandles.lookup().defineHiddenClass(payload, true).lookupClass();
             LongUnaryOperator op = (LongUnaryOperator) c.getDeclaredConstructor().newInstance();
-            for (int i = 0; i < 1000; i++) {
+            for (int i = 0; i < calls; i++) {
                 s += op.applyAsLong(i);
             }
         }
@@ -69,16 +71,23 @@ public class Hot {
         try (InputStream in = Hot.class.getResourceAsStream("/Payload.class")) {
             payload = in.readAllBytes();
         }
-        final long end = System.nanoTime() + millis * 1_000_000L;
+        final long start = System.nanoTime();
+        final long end = start + millis * 1_000_000L;
+        // Unloading goes by the clock, not by rounds: a slow machine still
+        // frees code often enough for the cache to hand its space out again.
+        final long gcEvery = 250_000_000L;
+        long nextGc = start + gcEvery;
         long s = 0;
         int round = 0;
-        while (System.nanoTime() < end) {
-            s += sumRange(round, round + 12_000_000);
-            s += deep(20_000);
-            s += lambdas(5_000);
-            s += churn(payload, 6);
-            if (++round % 20 == 0) {
+        for (long now = start; now < end; now = System.nanoTime()) {
+            s += sumRange(round, round + 4_000_000);
+            s += deep(2_000_000);
+            s += lambdas(100_000);
+            s += churn(payload, 1, 30_000);
+            ++round;
+            if (now >= nextGc) {
                 System.gc();
+                nextGc = System.nanoTime() + gcEvery;
             }
         }
         sink = s;

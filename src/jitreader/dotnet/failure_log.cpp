@@ -1,0 +1,15 @@
+#include "dotnet/failure_log.h"
+
+#include <mutex>
+#include <set>
+
+namespace quarvel_3_13 {
+
+bool FailureLog::firstReport(const std::string& file) {
+    static std::mutex mutex;
+    static std::set<std::string> reported;
+    std::lock_guard<std::mutex> lock(mutex);
+    return reported.insert(file).second;
+}
+
+} // namespace quarvel_3_13

@@ -1,0 +1,70 @@
+#include "format/method_tail.h"
+
+namespace quarvel_3_13 {
+
+namespace {
+
+const size_t kLineEntrySize = 12;
+
+bool readTable(ByteCursor& cursor, std::vector<quarvel_line_number_entry>& table, const char* name,
+               const BodyOptions& options) {
+    uint16_t count = 0;
+    if (!cursor.u16(count, name))
+        return false;
+    const size_t bytes = static_cast<size_t>(count) * kLineEntrySize;
+    // The whole table must be there before anything is allocated for it.
+    if (!options.keepLineTables || bytes > cursor.remaining())
+        return cursor.skip(bytes, name);
+    table.resize(count);
+    for (quarvel_line_number_entry& e : table) {
+        cursor.u32(e.startOffset, name);
+        cursor.u32(e.endOffset, name);
+        cursor.u32(e.value, name);
+    }
+    return cursor.ok();
+}
+
+} // namespace
+
+Reason bodyReason(const ByteCursor& cursor, const std::string& file, const char* field, std::string message) {
+    Reason reason = Reason::badInput(cursor.ok() ? std::move(message) : cursor.error());
+    return reason.inFile(file).at(cursor.fileOffset()).ofField(field);
+}
+
+bool readCodeRegion(ByteCursor& cursor, TraceCodeRegion& region, const BodyOptions& options) {
+    uint32_t byteCount = 0;
+    const uint8_t* bytes = nullptr;
+    cursor.u64(region.startAddress, "code start address");
+    cursor.u32(region.codeSize, "code size");
+    cursor.u32(byteCount, "number of code bytes");
+    if (!cursor.bytes(byteCount, bytes, "code bytes"))
+        return false;
+    if (options.keepCodeBytes)
+        region.bytes.assign(bytes, bytes + byteCount);
+    return true;
+}
+
+bool readModule(ByteCursor& cursor, TraceMethodTail& tail) {
+    cursor.countedString(tail.moduleName, "module name");
+    return cursor.u16(tail.moduleArch, "module architecture");
+}
+
+bool readSymbolic(ByteCursor& cursor, TraceMethodTail& tail, const BodyOptions& options) {
+    cursor.countedString(tail.methodName, "method name");
+    cursor.countedString(tail.className, "class name");
+    cursor.countedString(tail.sourceFile, "source file name");
+    cursor.u16(tail.checksumType, "checksum type");
+    cursor.countedString(tail.checksum, "checksum");
+    cursor.u16(tail.language, "source language");
+    return readTable(cursor, tail.lines.managedToSource, "managed-to-source table", options) &&
+           readTable(cursor, tail.lines.nativeToManaged, "native-to-managed table", options) &&
+           readTable(cursor, tail.lines.nativeToSource, "native-to-source table", options);
+}
+
+bool readMetadataToken(ByteCursor& cursor, TraceMethodTail& tail) {
+    if (cursor.remaining() >= 4)
+        return cursor.u32(tail.metadataToken, "metadata token");
+    return cursor.ok();
+}
+
+} // namespace quarvel_3_13

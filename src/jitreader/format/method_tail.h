@@ -1,0 +1,28 @@
+#ifndef QUARVEL_FORMAT_METHOD_TAIL_H
+#define QUARVEL_FORMAT_METHOD_TAIL_H
+
+// The pieces shared by the load and inline bodies: code regions and the
+// descriptive tail (module, names, source file, three line tables, and the
+// optional metadata token of the newer layouts).
+
+#include "format/record_bodies.h"
+#include "support/byte_cursor.h"
+
+namespace quarvel_3_13 {
+
+// Refusal of a body at the cursor's position: the cursor's own error when it
+// ran short, else `message`.
+Reason bodyReason(const ByteCursor& cursor, const std::string& file, const char* field, std::string message);
+
+// One region head and its code bytes.
+bool readCodeRegion(ByteCursor& cursor, TraceCodeRegion& region, const BodyOptions& options);
+
+bool readModule(ByteCursor& cursor, TraceMethodTail& tail);
+// Names, source file and line tables.
+bool readSymbolic(ByteCursor& cursor, TraceMethodTail& tail, const BodyOptions& options);
+// The token follows the tables when four bytes remain.
+bool readMetadataToken(ByteCursor& cursor, TraceMethodTail& tail);
+
+} // namespace quarvel_3_13
+
+#endif

@@ -1,0 +1,41 @@
+#ifndef QUARVEL_FORMAT_RECORD_BODIES_H
+#define QUARVEL_FORMAT_RECORD_BODIES_H
+
+// Record bodies decoded into the plain structs the writer encodes from, so
+// that one set of structs serves both directions. Decoders check every read
+// against the body and refuse a body with a reason that names the file, the
+// offset in the file, the field and the bad value; they build no model
+// objects and keep no state.
+
+#include "format/record.h"
+#include "support/result.h"
+
+#include <quarvel/jittrace_writer.h>
+
+#include <string>
+
+namespace quarvel_3_13 {
+
+struct BodyOptions {
+    bool keepCodeBytes = true; // copy code bytes into the structs
+    bool keepLineTables = true; // false: line tables are checked and skipped
+};
+
+// A method load (versions 0 to 3; a method update uses version 3). On
+// refusal `load` still holds the regions read before the damage, so that a
+// reader can account for the jit rvas they would have taken.
+struct DecodedMethodLoad {
+    TraceMethodLoad load;
+    Status status;
+};
+
+DecodedMethodLoad decodeMethodLoad(const Record& record, int version, const std::string& file,
+                                   const BodyOptions& options = BodyOptions());
+Expected<TraceInlineLoad> decodeInlineLoad(const Record& record, const std::string& file,
+                                           const BodyOptions& options = BodyOptions());
+Expected<TraceUpdateV2> decodeUpdateV2(const Record& record, const std::string& file);
+Expected<TraceRuntimeInfo> decodeRuntimeInfo(const Record& record, const std::string& file);
+
+} // namespace quarvel_3_13
+
+#endif

@@ -1,0 +1,71 @@
+#include "ingest/jitdump_line_table.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace quarvel_3_13 {
+
+namespace {
+
+std::string_view mostNamedFile(const std::vector<JitdumpDebugEntry>& entries) {
+    // Records name one file, or a few: a linear tally is enough.
+    std::vector<std::pair<std::string_view, size_t>> tally;
+    for (const JitdumpDebugEntry& entry : entries) {
+        auto found = std::find_if(tally.begin(), tally.end(), [&](const auto& t) { return t.first == entry.file; });
+        if (found == tally.end())
+            tally.emplace_back(entry.file, 1);
+        else
+            ++found->second;
+    }
+    // The first of the most named wins a tie.
+    const auto best = std::max_element(tally.begin(), tally.end(),
+                                       [](const auto& a, const auto& b) { return a.second < b.second; });
+    return best == tally.end() ? std::string_view() : best->first;
+}
+
+struct Point {
+    u64 offset;
+    u32 line; // 0: no line here (another file, or no line written)
+};
+
+} // namespace
+
+JitdumpLines jitdumpLines(const JitdumpDebugInfo& info, u64 codeAddr, u64 codeSize, u64 bias) {
+    JitdumpLines out;
+    if (info.entries.empty() || codeSize == 0)
+        return out;
+    out.sourceFile = mostNamedFile(info.entries);
+
+    std::vector<Point> points;
+    points.reserve(info.entries.size());
+    for (const JitdumpDebugEntry& entry : info.entries) {
+        if (entry.address < bias)
+            continue;
+        const u64 address = entry.address - bias;
+        if (address < codeAddr || address - codeAddr >= codeSize)
+            continue;
+        const bool counts = entry.line > 0 && entry.file == out.sourceFile;
+        points.push_back(Point{address - codeAddr, counts ? static_cast<u32>(entry.line) : 0});
+    }
+    // Writers list entries by address; stable, so the last of one address stays last.
+    const auto byOffset = [](const Point& a, const Point& b) { return a.offset < b.offset; };
+    if (!std::is_sorted(points.begin(), points.end(), byOffset))
+        std::stable_sort(points.begin(), points.end(), byOffset);
+
+    for (size_t i = 0; i < points.size(); ++i) {
+        if (i + 1 < points.size() && points[i + 1].offset == points[i].offset)
+            continue;
+        const u64 end = i + 1 < points.size() ? points[i + 1].offset : codeSize;
+        if (points[i].line == 0)
+            continue;
+        const u32 start = static_cast<u32>(points[i].offset);
+        if (!out.rows.empty() && out.rows.back().endOffset == start && out.rows.back().value == points[i].line) {
+            out.rows.back().endOffset = static_cast<u32>(end);
+            continue;
+        }
+        out.rows.push_back(quarvel_line_number_entry{start, static_cast<u32>(end), points[i].line});
+    }
+    return out;
+}
+
+} // namespace quarvel_3_13

@@ -1,0 +1,143 @@
+#include "ingest/method_builder.h"
+
+#include "model/java_signature_parser.h"
+#include "model/md5_hash_generator.h"
+#include "model/module.h"
+#include "model/source_file.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace quarvel_3_13 {
+
+namespace {
+
+// Java agents report names in the virtual machine's descriptor form; only
+// those go through the descriptor parser. Names of other runtimes are already
+// readable, and the parser would corrupt some of them: a .NET class "Logger"
+// starts with the descriptor letter L and would come out as "ogger".
+bool isJavaMethod(const TraceMethodTail& tail) {
+    const std::string& cls = tail.className;
+    return tail.language == quarvel_language_java || (cls.size() >= 2 && cls.front() == 'L' && cls.back() == ';');
+}
+
+void applyNames(BaseMethodInfo& info, const TraceMethodTail& tail) {
+    const bool java = isJavaMethod(tail);
+    if (!tail.className.empty()) {
+        std::string className = tail.className;
+        if (java && !JavaSignatureParser::parseHiddenClassName(tail.className, className))
+            className = JavaSignatureParser::parseClassName(tail.className);
+        info.setClassName(className);
+    }
+    const std::string methodName = java ? JavaSignatureParser::parseMethodName(tail.methodName) : tail.methodName;
+    if (!methodName.empty())
+        info.setMethodName(methodName);
+}
+
+const quarvel_line_info_type kTableTypes[3] = {quarvel_line_info_managed_to_source,
+                                               quarvel_line_info_native_to_managed,
+                                               quarvel_line_info_native_to_source};
+
+// Line tables are keyed by offsets from the method's first byte: its regions
+// are consecutive in jit rva space, so one range covers them all. The data
+// manager shifts the key to jit rvas when it registers the method.
+void addLineTables(JitMethod& method, const TraceMethodTail& tail, u64 codeLength) {
+    if (codeLength == 0)
+        return; // no code the tables could describe
+    const Range range(0, static_cast<u32>(std::min<u64>(codeLength, std::numeric_limits<u32>::max())));
+    const std::vector<quarvel_line_number_entry>* tables[3] = {&tail.lines.managedToSource,
+                                                               &tail.lines.nativeToManaged,
+                                                               &tail.lines.nativeToSource};
+    for (int t = 0; t < 3; ++t)
+        if (!tables[t]->empty())
+            method.addLineNumberInfo(kTableTypes[t], *tables[t], range);
+}
+
+} // namespace
+
+IModule::Ptr ModuleCache::get(const std::string& path, quarvel_error_t status, quarvel_arch arch) {
+    IModule::Ptr& slot = m_modules[std::make_tuple(path, status, static_cast<int>(arch))];
+    if (!slot)
+        slot = IModule::Ptr(new Module(path, status, arch));
+    return slot;
+}
+
+void MethodBuilder::applyTail(JitMethod& method, const TraceMethodTail& tail, bool legacy,
+                              const BuildContext& context, u64 codeLength) {
+    BaseMethodInfo& info = *method.info();
+    const quarvel_arch arch = static_cast<quarvel_arch>(tail.moduleArch);
+    info.setMethodToken(tail.metadataToken);
+    applyNames(info, tail);
+    if (legacy) {
+        // The old layouts name modules that are never real files.
+        info.setModule(m_modules.get(tail.moduleName, meNotFound, arch));
+    } else {
+        // Newer layouts: Java code without a module gets its own name; only
+        // named files are real modules.
+        std::string name = tail.moduleName;
+        if (name.empty() && tail.language == quarvel_language_java)
+            name = kCompiledJavaCodeModule;
+        const bool pseudo = name.empty() || name == kDynamicCodeModule || name == kCompiledJavaCodeModule;
+        info.setModule(m_modules.get(name, pseudo ? meSuccess : meNotFound, arch));
+    }
+    if (!context.keepSymbolic)
+        return;
+    info.setSourceFile(SourceFile(tail.sourceFile, tail.checksum, tail.checksumType, tail.language));
+    addLineTables(method, tail, codeLength);
+}
+
+JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int version,
+                                         const std::vector<jit_rva_t>& regionJitRvas, const BuildContext& context) {
+    JitMethod::Ptr method(new JitMethod());
+    const bool inlined = version >= 3 && load.inlineFlag == 1;
+    method->setRawMethodId(load.methodId);
+    method->setLoadTime(load.loadTime);
+    u64 codeLength = 0;
+    jit_rva_t start = 0;
+    for (size_t i = 0; i < load.regions.size(); ++i) {
+        const TraceCodeRegion& r = load.regions[i];
+        if (r.codeSize == 0)
+            continue;
+        IByteBuffer::Ptr content;
+        if (!r.bytes.empty()) {
+            content = IByteBuffer::create();
+            content->assign(r.bytes.data(), static_cast<unsigned>(r.bytes.size()));
+        }
+        const jit_rva_t jitRva = inlined || i >= regionJitRvas.size() ? 0 : regionJitRvas[i];
+        if (!start)
+            start = jitRva;
+        method->addCodeRegion(Region::Ptr(
+            new Region(context.hostId, context.pid, jitRva, load.loadTime, 0, r.startAddress, r.codeSize, content)));
+        codeLength += r.codeSize;
+    }
+    method->setStartJitRva(start);
+    applyTail(*method, load.tail, version <= 1, context, codeLength);
+    // Versions 0 and 1 carry no hash key: their ids come from the names.
+    method->info()->setMethodId(Md5HashGenerator::getHashValue(version <= 1 ? 0 : load.hashKey, method));
+    return method;
+}
+
+JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const BuildContext& context) {
+    JitMethod::Ptr method(new JitMethod());
+    method->setRawMethodId(load.methodId);
+    method->setRawParentId(load.parentId);
+    method->setLoadTime(load.loadTime);
+    // An inline takes its jit rvas from its parent when it is attached.
+    method->setStartJitRva(0);
+    IByteBuffer::Ptr content;
+    if (!load.region.bytes.empty()) {
+        content = IByteBuffer::create();
+        content->assign(load.region.bytes.data(), static_cast<unsigned>(load.region.bytes.size()));
+    }
+    method->addCodeRegion(Region::Ptr(new Region(context.hostId, context.pid, 0, load.loadTime, 0,
+                                                 load.region.startAddress, load.region.codeSize, content)));
+    BuildContext full = context;
+    full.keepSymbolic = true; // inline records have no old layout to skip
+    applyTail(*method, load.tail, false, full, load.region.codeSize);
+    // Host and process of the ids come from the region, so it is added first.
+    method->info()->setMethodId(Md5HashGenerator::getHashValue(load.methodId, method));
+    method->info()->setParentId(Md5HashGenerator::getHashValue(load.parentId, method));
+    return method;
+}
+
+} // namespace quarvel_3_13

@@ -1,0 +1,56 @@
+#ifndef QUARVEL_INGEST_METHOD_BUILDER_H
+#define QUARVEL_INGEST_METHOD_BUILDER_H
+
+// Model objects from decoded record bodies: the methods, regions, modules,
+// names, source files, line tables and identities the data manager keys on.
+
+#include "model/jit_method.h"
+#include "support/result.h"
+
+#include <quarvel/jittrace_writer.h>
+
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace quarvel_3_13 {
+
+// One Module object per distinct (path, status, architecture) of a reading
+// pass, instead of one per record.
+class ModuleCache {
+public:
+    IModule::Ptr get(const std::string& path, quarvel_error_t status, quarvel_arch arch);
+
+private:
+    std::map<std::tuple<std::string, quarvel_error_t, int>, IModule::Ptr> m_modules;
+};
+
+// Where the method's code comes from.
+struct BuildContext {
+    u32 hostId = 0;
+    u32 pid = 0;
+    bool keepSymbolic = true; // false: names only; no source file, no line tables
+};
+
+class MethodBuilder {
+public:
+    explicit MethodBuilder(ModuleCache& modules) : m_modules(modules) {}
+
+    // A method load of a version (0..3). regionJitRvas gives the jit rva of
+    // each region of the record (0 for an empty one, and for every region of
+    // an inline record); empty regions make nothing.
+    JitMethod::Ptr methodLoad(const TraceMethodLoad& load, int version, const std::vector<jit_rva_t>& regionJitRvas,
+                              const BuildContext& context);
+    JitMethod::Ptr inlineLoad(const TraceInlineLoad& load, const BuildContext& context);
+
+private:
+    void applyTail(JitMethod& method, const TraceMethodTail& tail, bool legacy, const BuildContext& context,
+                   u64 codeLength);
+
+    ModuleCache& m_modules;
+};
+
+} // namespace quarvel_3_13
+
+#endif

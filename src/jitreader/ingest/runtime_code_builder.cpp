@@ -1,0 +1,112 @@
+#include "ingest/runtime_code_builder.h"
+
+#include "ingest/code_bytes.h"
+#include "ingest/jit_file_reader.h"
+#include "model/module.h"
+#include "model/source_file.h"
+
+#include <limits>
+#include <utility>
+#include <sstream>
+
+namespace quarvel_3_13 {
+
+namespace {
+
+u64 splitMix64(u64 x) {
+    x += 0x9E3779B97F4A7C15ULL;
+    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ULL;
+    x = (x ^ (x >> 27)) * 0x94D049BB133111EBULL;
+    return x ^ (x >> 31);
+}
+
+// The identity of a raw id of a file, without hashing text: the file's jit
+// rva base is unique in its set and the raw id in its file, so no two loads
+// of any two files share one. The mixed half spreads ids over hash tables.
+BaseMethodId identityOf(jit_rva_t fileJitRvaBase, u64 rawId) {
+    return BaseMethodId(splitMix64(rawId ^ splitMix64(fileJitRvaBase)), fileJitRvaBase);
+}
+
+IByteBuffer::Ptr copyOf(const uint8_t* bytes, u32 size) { return std::make_shared<CodeBytes>(bytes, size); }
+
+} // namespace
+
+RuntimeCodeBuilder::RuntimeCodeBuilder(const RuntimeFileContext& file, ModuleCache& modules)
+    : m_file(file), m_module(modules.get(kDynamicCodeModule, meSuccess, file.arch)), m_nextJitRva(file.jitRvaBase) {
+    const jit_rva_t top = std::numeric_limits<jit_rva_t>::max();
+    const u64 stride = JitFileReader::kJitRvaStride;
+    m_jitRvaLimit = file.jitRvaBase > top - stride ? top : file.jitRvaBase + stride;
+}
+
+std::string RuntimeCodeBuilder::whyUnplaceable(u64 address, u64 size) {
+    if (size == 0)
+        return "code of 0 bytes holds nothing to resolve";
+    if (size > std::numeric_limits<u32>::max())
+        return "code of " + std::to_string(size) + " bytes is larger than a code region can be (4 GiB - 1)";
+    if (address == 0)
+        return "code at address 0";
+    if (address > std::numeric_limits<u64>::max() - size)
+        return "code of " + std::to_string(size) + " bytes at " + std::to_string(address) +
+               " runs past the end of the address space";
+    return std::string();
+}
+
+bool RuntimeCodeBuilder::takeJitRvas(u64 size, jit_rva_t& jitRva, Reason& why) {
+    if (m_jitRvaLimit - m_nextJitRva < size) {
+        std::ostringstream message;
+        message << "the file's jit rva range [" << m_file.jitRvaBase << ", " << m_jitRvaLimit
+                << ") cannot hold code of " << size << " bytes at " << m_nextJitRva;
+        why = Reason::badInput(message.str());
+        return false;
+    }
+    jitRva = m_nextJitRva;
+    m_nextJitRva += size;
+    return true;
+}
+
+JitMethod::Ptr RuntimeCodeBuilder::build(RuntimeCode& code, jit_rva_t jitRva) {
+    const u32 size = static_cast<u32>(code.size);
+    const u64 rawId = m_nextRawId++;
+    JitMethod::Ptr method(new JitMethod());
+    // Past 2^32 - 1 loads (no real file holds that many) the shown id wraps; the identity does not.
+    method->setRawMethodId(static_cast<u32>(rawId) ? static_cast<u32>(rawId) : 1);
+    method->setLoadTime(code.loadTime);
+    method->setStartJitRva(jitRva);
+    const bool keepBytes = code.bytes && m_file.keepCodeBytes();
+    const IByteBuffer::Ptr content = keepBytes ? copyOf(code.bytes, size) : IByteBuffer::Ptr();
+    method->addCodeRegion(Region::Ptr(
+        new Region(m_file.hostId, m_file.pid, jitRva, code.loadTime, 0, code.address, size, content)));
+    BaseMethodInfo& info = *method->info();
+    info.setVerbatimName(std::string(code.name));
+    info.setModule(m_module);
+    info.setMethodId(identityOf(m_file.jitRvaBase, rawId));
+    if (!code.sourceFile.empty())
+        info.setSourceFile(SourceFile(std::string(code.sourceFile), std::string(), 0, 0));
+    if (!code.lines.empty())
+        method->addLineNumberInfo(quarvel_line_info_native_to_source, std::move(code.lines), Range(0, size));
+    return method;
+}
+
+JitMethod::Ptr RuntimeCodeBuilder::moved(const JitMethod& owner, const Region& region, u64 newAddress, u64 time,
+                                         jit_rva_t jitRva) const {
+    JitMethod::Ptr method(new JitMethod());
+    method->setRawMethodId(owner.getRawMethodId());
+    method->setLoadTime(time);
+    method->setStartJitRva(jitRva);
+    method->addCodeRegion(Region::Ptr(new Region(m_file.hostId, m_file.pid, jitRva, time, 0, newAddress,
+                                                 region.length(), region.content())));
+    // Same identity: the registered method takes the new region over.
+    *method->info() = *owner.info();
+    // The owner's tables are keyed by jit rva; the newcomer's by offset from its first byte.
+    const JitMethod::LineInfoMap& tables = owner.getLineNumberInfo();
+    const auto found = tables.find(Range(region.startJitRva(), 1));
+    if (found != tables.end() && found->first.start == region.startJitRva())
+        for (const quarvel_line_info_type type : {quarvel_line_info_native_to_managed,
+                                                  quarvel_line_info_managed_to_source,
+                                                  quarvel_line_info_native_to_source})
+            if (!found->second.tables[type].empty())
+                method->addLineNumberInfo(type, found->second.tables[type], Range(0, found->first.length));
+    return method;
+}
+
+} // namespace quarvel_3_13

@@ -1,0 +1,90 @@
+#include "ingest/trace_format.h"
+
+#include "format/jitdump_reader.h"
+#include "format/nettrace_reader.h"
+#include "format/perf_map_reader.h"
+#include "format/pid_file_name.h"
+#include "format/record_types.h"
+
+#include <fstream>
+
+#include <unistd.h>
+
+namespace quarvel_3_13 {
+
+const char* traceFormatName(TraceFormat format) {
+    switch (format) {
+    case TraceFormat::jitTrace:
+        return "jit trace";
+    case TraceFormat::jitdump:
+        return "jitdump";
+    case TraceFormat::perfMap:
+        return "perf map";
+    case TraceFormat::nettrace:
+        return "event trace";
+    }
+    return "unknown";
+}
+
+std::optional<TraceFormat> detectTraceFormat(const uint8_t* head, size_t headSize, uint64_t fileSize) {
+    // An empty file, or one shorter than a record, holds a trace with nothing in it yet.
+    if (fileSize < 4)
+        return TraceFormat::jitTrace;
+    if (JitdumpReader::detect(head, headSize))
+        return TraceFormat::jitdump;
+    if (NettraceReader::looksLikeNettrace(head, headSize))
+        return TraceFormat::nettrace;
+    if (headSize >= 4) {
+        const u32 type = static_cast<u32>(head[0]) | static_cast<u32>(head[1]) << 8 |
+                         static_cast<u32>(head[2]) << 16 | static_cast<u32>(head[3]) << 24;
+        if (recordTypeInfo(type))
+            return TraceFormat::jitTrace;
+    }
+    if (PerfMapReader::detect(head, headSize))
+        return TraceFormat::perfMap;
+    return std::nullopt;
+}
+
+std::optional<TraceFormat> detectTraceFormat(const std::string& path, uint64_t fileSize) {
+    uint8_t head[kTraceFormatSniffBytes] = {};
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return std::nullopt;
+    in.read(reinterpret_cast<char*>(head), sizeof head);
+    return detectTraceFormat(head, static_cast<size_t>(in.gcount()), fileSize);
+}
+
+bool processOfRuntimeFile(TraceFormat format, const std::string& path, const std::string& fileName, u32& pid) {
+    switch (format) {
+    case TraceFormat::jitdump: {
+        if (JitdumpReader::pidFromFileName(fileName, pid))
+            return true;
+        Expected<JitdumpReader> reader = JitdumpReader::open(path);
+        if (!reader || reader->header().pid == 0)
+            return false;
+        pid = reader->header().pid;
+        return true;
+    }
+    case TraceFormat::perfMap:
+        return parsePidFileName(fileName, "perf-", ".map", pid);
+    case TraceFormat::nettrace: {
+        Expected<std::unique_ptr<NettraceReader>> reader = NettraceReader::open(path);
+        if (!reader || !(*reader)->readHeader() || (*reader)->info().processId == 0)
+            return false;
+        pid = (*reader)->info().processId;
+        return true;
+    }
+    case TraceFormat::jitTrace:
+        return false;
+    }
+    return false;
+}
+
+std::string localHostName() {
+    char name[256] = {};
+    if (::gethostname(name, sizeof name - 1) != 0 || !name[0])
+        return "localhost";
+    return name;
+}
+
+} // namespace quarvel_3_13

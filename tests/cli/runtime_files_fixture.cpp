@@ -1,0 +1,191 @@
+// Writes the command-line tests' directory of runtime files beside our own
+// trace. Files runtimes write for profilers name no host: they are this
+// host's, so the samples name it (the tests print it as LOCALHOST).
+//
+//   mixed/demo-host.7001.jit our trace: Shop.checkout at 0x7000, reloaded at 0x7100 at time 5000
+//   mixed/jit-7002.dump     a jitdump: loads with code bytes and lines (entry addresses biased by
+//                           0x40, as one engine writes them), a reuse of an address, a move, an
+//                           unwinding record and a record type no reader knows
+//   mixed/perf-7002.map     the same process's perf map: lines over the dump's code (left to the
+//                           dump), a stub the dump lacks, a malformed line
+//   mixed/perf-7003.map     a perf map alone: the same start listed twice, a partial overlap
+//   cut/jit-7004.dump       a jitdump cut inside its third record
+//   cut/perf-7005.map       a perf map whose last line has no line end
+//   samples.csv             samples over all of them, before and after each change
+//
+//   quarvel_cli_runtime_files <output directory>
+
+#include "jitdump_writer.h"
+
+#include <quarvel/jittrace_writer.h>
+
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using namespace quarvel_test;
+
+// push rbp; mov rbp, rsp; (add rax, imm8)...; pop rbp; ret
+std::vector<uint8_t> code(uint32_t size, uint8_t seed) {
+    std::vector<uint8_t> b = {0x55, 0x48, 0x89, 0xe5};
+    while (b.size() + 4 + 2 <= size) {
+        const std::vector<uint8_t> add = {0x48, 0x83, 0xc0, seed++};
+        b.insert(b.end(), add.begin(), add.end());
+    }
+    while (b.size() + 2 < size)
+        b.push_back(0x90);
+    b.push_back(0x5d);
+    b.push_back(0xc3);
+    return b;
+}
+
+std::string localHost() {
+    char name[256] = {};
+    if (::gethostname(name, sizeof name - 1) != 0 || !name[0])
+        return "localhost";
+    return name;
+}
+
+void writeText(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+void writeOurTrace(const std::string& path) {
+    using namespace quarvel_3_13;
+    JitTraceWriter writer;
+    writer.open(path);
+    writer.writeMagic();
+    writer.writeCollectorType(1);
+    for (const auto& [time, address] : {std::pair<uint64_t, uint64_t>{1000, 0x7000}, {5000, 0x7100}}) {
+        TraceMethodLoad load;
+        load.methodId = time == 1000 ? 1 : 2;
+        load.hashKey = load.methodId;
+        load.loadTime = time;
+        TraceCodeRegion region;
+        region.startAddress = address;
+        region.codeSize = 0x40;
+        region.bytes = code(0x40, 1);
+        load.regions.push_back(region);
+        load.tail.moduleName = "shop.jar";
+        load.tail.methodName = "checkout";
+        load.tail.className = "Shop";
+        load.tail.sourceFile = "Shop.java";
+        load.tail.language = quarvel_language_java;
+        load.tail.lines.nativeToSource = {{0, 0x20, 12}, {0x20, 0x40, 13}};
+        writer.writeMethodLoad(3, true, load);
+    }
+}
+
+JitdumpLoadFields load(uint64_t time, uint64_t address, uint32_t size, const std::string& name, uint64_t index) {
+    JitdumpLoadFields f;
+    f.timestamp = time;
+    f.pid = f.tid = 7002;
+    f.codeAddr = address;
+    f.codeIndex = index;
+    f.name = name;
+    f.code = code(size, static_cast<uint8_t>(index));
+    return f;
+}
+
+JitdumpDebugFields lines(uint64_t time, uint64_t address, const std::string& file, std::vector<int> lineAt) {
+    JitdumpDebugFields f;
+    f.timestamp = time;
+    f.codeAddr = address;
+    for (size_t i = 0; i < lineAt.size(); ++i) {
+        JitdumpDebugLineFields e;
+        e.address = address + 0x40 + i * 0x10; // biased by the size of an ELF header
+        e.line = lineAt[i];
+        e.file = file;
+        e.sameFile = i > 0;
+        f.entries.push_back(e);
+    }
+    return f;
+}
+
+void writeDump(const std::string& path) {
+    JitdumpHeaderFields header;
+    header.pid = 7002;
+    JitdumpWriter w;
+    w.header(header)
+        .debugInfo(lines(100000, 0x10000, "/app/cart.js", {3, 4, 7}))
+        .codeLoad(load(100000, 0x10000, 0x30, "JS:~addItem /app/cart.js:3", 0))
+        .debugInfo(lines(150000, 0x10100, "/app/cart.js", {20, 21}))
+        .codeLoad(load(150000, 0x10100, 0x20, "JS:*total /app/cart.js:20", 1))
+        .unwindingInfo(JitdumpUnwindingFields{150001, std::vector<uint8_t>(8, 0), 4, 8, std::nullopt})
+        .record(9, 160000, std::vector<uint8_t>(12, 0xAB))
+        // The interpreted addItem is thrown away; optimised code takes its addresses.
+        .debugInfo(lines(200000, 0x10000, "/app/cart.js", {3, 5}))
+        .codeLoad(load(200000, 0x10000, 0x28, "JS:*addItem /app/cart.js:3", 2));
+    JitdumpMoveFields move;
+    move.timestamp = 300000;
+    move.pid = move.tid = 7002;
+    move.oldCodeAddr = 0x10100;
+    move.newCodeAddr = 0x10800;
+    move.codeSize = 0x20;
+    move.codeIndex = 1;
+    w.codeMove(move).close(400000);
+    w.writeTo(path);
+}
+
+void writeCutDump(const std::string& path) {
+    JitdumpHeaderFields header;
+    header.pid = 7004;
+    JitdumpWriter w;
+    w.header(header)
+        .codeLoad(load(1000, 0x20000, 0x20, "JS:*first", 0))
+        .codeLoad(load(2000, 0x20100, 0x20, "JS:*second", 1))
+        .codeLoad(load(3000, 0x20200, 0x20, "JS:*third", 2));
+    // The writer was killed 30 bytes into the third load.
+    w.writeTo(path, w.recordStarts()[2] + 30);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::cerr << "usage: quarvel_cli_runtime_files <output directory>\n";
+        return 1;
+    }
+    const std::string out = argv[1];
+    for (const std::string& dir : {out, out + "/mixed", out + "/cut"})
+        ::mkdir(dir.c_str(), 0755);
+    const std::string host = localHost();
+    writeOurTrace(out + "/mixed/demo-host.7001.jit");
+    writeDump(out + "/mixed/jit-7002.dump");
+    writeText(out + "/mixed/perf-7002.map",
+              "10000 30 JS:~addItem /app/cart.js:3\n"
+              "10100 20 JS:*total /app/cart.js:20\n"
+              "0x10400 0x10 stub<LoadIC>\n"
+              "10500 zz not a size\n");
+    writeText(out + "/mixed/perf-7003.map",
+              "30000 40 Program::Main(string[])[Tier0]\n"
+              "30000 40 Program::Main(string[])[Tier1]\n"
+              "30100 20 Util::Hash(int32)[Tier0]\n"
+              "30110 20 Util::Mix(int32)[Tier1]\n");
+    writeCutDump(out + "/cut/jit-7004.dump");
+    writeText(out + "/cut/perf-7005.map", "40000 10 first\n40010 10 second\n40020 10 thi");
+    // Times are in the traces' units: nanoseconds for the dump, any real time for the maps.
+    writeText(out + "/samples.csv",
+              "time,address,pid,host\n"
+              "3000,0x7010,7001,demo-host\n"    // checkout, first compilation
+              "6000,0x7110,7001,demo-host\n"    // checkout, reloaded
+              "120000,0x10015,7002," + host + "\n" // interpreted addItem, line 4
+              "250000,0x10015,7002," + host + "\n" // optimised addItem over it, line 5
+              "250000,0x10105,7002," + host + "\n" // total, line 20
+              "350000,0x10805,7002," + host + "\n" // total after its move, line 20
+              "350000,0x10405,7002," + host + "\n" // the stub only the perf map names
+              "50,0x10015,7002," + host + "\n"     // before any load of the dump: the map leaves it to the dump
+              "1000000,0x30010,7003," + host + "\n" // Main: the later of two lines
+              "1000000,0x30105,7003," + host + "\n" // Hash ended by Mix, which overlaps it
+              "1000000,0x30115,7003," + host + "\n" // Mix
+              "2500,0x20110,7004," + host + "\n"   // second, before the cut
+              "2500,0x20210,7004," + host + "\n"   // third: cut away
+              "1000,0x40015,7005," + host + "\n"   // second
+              "1000,0x40020,7005," + host + "\n"); // the cut line: left out
+    return 0;
+}
