@@ -3,6 +3,7 @@
 
 #include "api_fixture.h"
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -163,6 +164,65 @@ TEST_F(ConcurrentFacadesTest, ResolverAndProcessListFromManyThreads) {
     for (std::thread& th : threads)
         th.join();
     EXPECT_EQ(0u, mismatches.load());
+}
+
+// The jit id converter is built by the first translation, whichever thread
+// asks: threads that race to build it, and to look jit rvas up meanwhile,
+// give the answers of one thread on a resolver that built it alone.
+TEST_F(ConcurrentFacadesTest, ResolverTranslationsRaceToBuildTheConverter) {
+    struct Translation {
+        std::string file;
+        u64 address;
+    };
+    std::vector<Translation> translations;
+    for (unsigned p = 0; p < kProcesses; ++p)
+        for (const char* suffix : {".jit", ".trace"})
+            for (u64 address = 0x100000 - 4; address < 0x100000 + 0x90; address += 3)
+                translations.push_back(Translation{"node-" + std::to_string(1000 + p) + suffix, address});
+    // A raw method id no method bears: every call converts plainly.
+    const unsigned kNoMethod = 0xFFFFFF;
+    auto translate = [&](const ISymbolResolver::Ptr& resolver, const Translation& t) {
+        u64 rva = 0;
+        return resolver->translateToJitRva(kNoMethod, t.address, t.file.c_str(), &rva) == meSuccess ? rva : ~u64(0);
+    };
+
+    ISymbolResolver::Ptr reference = makeResolver({dir.path()});
+    ASSERT_TRUE(reference);
+    std::vector<u64> expected;
+    for (const Translation& t : translations)
+        expected.push_back(translate(reference, t));
+    ASSERT_GT(std::count_if(expected.begin(), expected.end(), [](u64 v) { return v != ~u64(0); }), 100);
+    const std::vector<ISymbol::Ptr> all = symbols(reference);
+
+    ISymbolResolver::Ptr resolver = makeResolver({dir.path()});
+    ASSERT_TRUE(resolver);
+    std::vector<std::vector<u64>> results(kThreads);
+    std::atomic<unsigned> ready{0};
+    std::atomic<unsigned> mismatches{0};
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            ++ready;
+            while (ready.load() < kThreads)
+                std::this_thread::yield();
+            std::vector<u64>& mine = results[t];
+            mine.resize(translations.size());
+            const size_t start = translations.size() * t / kThreads;
+            for (size_t i = 0; i < translations.size(); ++i) {
+                const size_t k = (start + i) % translations.size();
+                mine[k] = translate(resolver, translations[k]);
+                const ISymbol::Ptr& s = all[k % all.size()];
+                const ISymbol::Ptr got = resolver->getSymbol(s->getStartJitRva());
+                if (!got || got->getStartJitRva() != s->getStartJitRva())
+                    ++mismatches;
+            }
+        });
+    }
+    for (std::thread& th : threads)
+        th.join();
+    EXPECT_EQ(0u, mismatches.load());
+    for (unsigned t = 0; t < kThreads; ++t)
+        EXPECT_TRUE(expected == results[t]) << "thread " << t;
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // The data manager against a naive byte-by-byte model of the same rules, on
 // random histories with loads in and out of time order and unloads, and on
-// the shapes that once made splitting explode; and the same answers from many
-// threads.
+// the shapes that once made splitting explode. (Many threads on one finished
+// index: the concurrency tests.)
 
 #include "jit_data_manager_test_helpers.h"
 
@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <limits>
 #include <random>
-#include <thread>
 
 using namespace dmtest;
 
@@ -304,93 +303,6 @@ TEST(JitDataManagerProperty, MatchesTheByteByByteModel) {
             EXPECT_GT(hits, 200u); // the samples do reach code, not only gaps
         }
     }
-}
-
-// ---------------------------------------------------------------------------
-
-struct Fixture {
-    std::vector<Event> events;
-    std::vector<std::pair<u64, u64>> queries;      // (address, timestamp)
-    std::vector<std::pair<u64, u64>> translations; // (address, base jit rva)
-};
-
-Fixture makeFixture() {
-    std::mt19937 rng(20240601);
-    Fixture f;
-    f.events = makeHistory(rng, 200, Shape::random, false, false);
-    for (size_t i = 0; i < 3000; ++i)
-        f.queries.emplace_back(kSpaceStart - 8 + rng() % (kSpaceSize + 16), rng() % (10 * 202));
-    for (size_t i = 0; i < 1000; ++i) {
-        const Event& e = f.events[rng() % f.events.size()];
-        const RegionShape& region = e.regions[rng() % e.regions.size()];
-        f.translations.emplace_back(region.address + rng() % (region.length + 2), region.jitRva);
-    }
-    return f;
-}
-
-void fill(JitDataManager& manager, const Fixture& f) {
-    for (const Event& e : f.events)
-        apply(manager, e);
-    manager.finalize();
-}
-
-struct Answers {
-    std::vector<ReferenceModel::Answer> points;
-    std::vector<u32> jitRvaOwners;
-    std::vector<u64> translated; // ~0: refused
-    bool operator==(const Answers& o) const {
-        return points == o.points && jitRvaOwners == o.jitRvaOwners && translated == o.translated;
-    }
-};
-
-Answers answer(const JitDataManager& manager, const Fixture& f, size_t rotation) {
-    Answers a;
-    const size_t nq = f.queries.size();
-    a.points.resize(nq);
-    a.jitRvaOwners.resize(nq);
-    for (size_t k = 0; k < nq; ++k) {
-        const size_t i = (k + rotation) % nq;
-        a.points[i] = resolveWith(manager, f.queries[i].first, f.queries[i].second);
-        JitMethod::Ptr method;
-        a.jitRvaOwners[i] = a.points[i].rawId && manager.resolveJitPoint(a.points[i].jitRva, method) == meSuccess
-                                ? method->getRawMethodId()
-                                : 0;
-    }
-    const size_t nt = f.translations.size();
-    a.translated.resize(nt);
-    for (size_t k = 0; k < nt; ++k) {
-        const size_t i = (k + rotation) % nt;
-        u64 jitRva = 0;
-        // Method id 0 names no method: the building call converts plainly too.
-        a.translated[i] = manager.translateToJitRva(0, f.translations[i].first, f.translations[i].second,
-                                                    std::numeric_limits<u64>::max(), jitRva) == meSuccess
-                              ? jitRva
-                              : kNoAnswer;
-    }
-    return a;
-}
-
-TEST(JitDataManagerConcurrent, ManyThreadsGiveTheAnswersOfOne) {
-    const Fixture f = makeFixture();
-    JitDataManager reference;
-    fill(reference, f);
-    const Answers expected = answer(reference, f, 0);
-    ASSERT_GT(std::count_if(expected.translated.begin(), expected.translated.end(),
-                            [](u64 v) { return v != kNoAnswer; }),
-              100);
-
-    // A fresh manager: the threads race to build the jit id converter.
-    JitDataManager shared;
-    fill(shared, f);
-    const size_t kThreads = 8;
-    std::vector<Answers> results(kThreads);
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] { results[t] = answer(shared, f, t * 397); });
-    for (std::thread& thread : threads)
-        thread.join();
-    for (size_t t = 0; t < kThreads; ++t)
-        EXPECT_TRUE(results[t] == expected) << "thread " << t;
 }
 
 } // namespace
