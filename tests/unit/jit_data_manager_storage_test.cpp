@@ -12,57 +12,65 @@ using namespace dmtest;
 
 namespace {
 
-// The sizes while reading (history links, latest regions) and once finalised (query index).
-JitDataManager::IndexStats readShape(JitDataManager& manager, size_t n, u64 (*startOf)(size_t), u32 length) {
-    for (size_t i = 0; i < n; ++i) {
-        const u32 id = static_cast<u32>(i + 1);
-        EXPECT_TRUE(
-            manager.processMethodLoadRecord(kPid, kHost, makeMethod(id, 10 * (i + 1), {{startOf(i), length, 0x100000 + i * 0x10000}}))
-                .ok());
-    }
-    JitDataManager::IndexStats stats = manager.indexStats();
-    manager.finalize();
-    const JitDataManager::IndexStats frozen = manager.indexStats();
-    stats.pieces = frozen.pieces;
-    stats.pieceEntries = frozen.pieceEntries;
-    return stats;
-}
-
-// Load i covers [16i, 16i + 16n) at time i: each overlaps the n - 1 before it.
-TEST(JitDataManagerStorage, StaggeredOverlapStaysLinear) {
-    for (size_t n : {200, 800}) {
-        SCOPED_TRACE(n);
+// The shapes that made splitting copy histories: the counts stay within a
+// few entries per region (the tree of long regions within n log n), where
+// copying gave n^2. Each case also checks a few lives, so a cheap but wrong
+// index fails too.
+TEST(JitDataManagerStorage, PathologicalShapesStayLinear) {
+    struct Probe {
+        u64 address;
+        u64 time;
+        u32 owner; // 0: nothing lives there then
+    };
+    struct Case {
+        const char* name;
+        size_t n;
+        u64 (*startOf)(size_t i, size_t n);
+        u32 (*lengthOf)(size_t n);
+        size_t maxTopIntervals;
+        size_t maxPieces;
+        size_t maxEntriesPerRegion; // for nested shapes, per level of the tree (log2(2n) + 2)
+        bool nested;
+        std::vector<Probe> probes;
+    };
+    const Case cases[] = {
+        // Load i covers [16i, 16i + 16n) at time 10(i + 1): each overlaps the n - 1 before it.
+        {"staggered overlap", 800, [](size_t i, size_t) { return 0x10000 + 16 * u64(i); },
+         [](size_t n) { return static_cast<u32>(16 * n); }, 2 * 800, 2 * 800, 1, true,
+         // Load 5 lives until load 6 covers part of it; at its first 16
+         // bytes, which load 6 does not cover, nothing lives after that.
+         {{0x10000 + 16 * 4 + 8, 55, 5}, {0x10000 + 16 * 4 + 8, 65, 0}, {0x10000 + 16 * 5 + 8, 65, 6},
+          {0x10000 + 16 * 800, 8005, 800}}},
+        // One hot area reloaded with bounds that alternate by 8 bytes.
+        {"alternating hot area", 2000, [](size_t i, size_t) { return 0x10000 + 8 * u64(i % 2); },
+         [](size_t) { return u32(256); }, 3, 3, 2, false,
+         // Load 1002 starts 8 bytes on: 1001 has ended below it.
+         {{0x10004, 10010, 1001}, {0x10004, 10020, 0}, {0x10010, 10020, 1002}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
         JitDataManager manager;
-        const JitDataManager::IndexStats stats =
-            readShape(manager, n, [](size_t i) { return 0x10000 + 16 * u64(i); }, static_cast<u32>(16 * n));
-        EXPECT_EQ(n, stats.regions);
-        EXPECT_LE(stats.topIntervals, 2 * n);
-        EXPECT_LE(stats.belowLinks, 2 * n);
-        EXPECT_LE(stats.pieces, 2 * n);
-        // A region spanning many pieces sits in O(log n) tree nodes.
-        EXPECT_LE(stats.pieceEntries, 2 * n * static_cast<size_t>(std::log2(2.0 * n) + 1) + 4 * n);
-        // Load 5 lives until load 6 covers part of it; at its first 16 bytes,
-        // which load 6 does not cover, nothing lives after that.
-        EXPECT_EQ(5u, ownerAt(manager, 0x10000 + 16 * 4 + 8, 55));
-        EXPECT_EQ(0u, ownerAt(manager, 0x10000 + 16 * 4 + 8, 65));
-        EXPECT_EQ(6u, ownerAt(manager, 0x10000 + 16 * 5 + 8, 65));
-        EXPECT_EQ(n, ownerAt(manager, 0x10000 + 16 * n, 10 * n + 5));
+        for (size_t i = 0; i < c.n; ++i) {
+            const u32 id = static_cast<u32>(i + 1);
+            ASSERT_TRUE(manager
+                            .processMethodLoadRecord(kPid, kHost,
+                                                     makeMethod(id, 10 * (i + 1),
+                                                                {{c.startOf(i, c.n), c.lengthOf(c.n), 0x100000 + i * 0x10000}}))
+                            .ok());
+        }
+        const JitDataManager::IndexStats reading = manager.indexStats();
+        EXPECT_EQ(c.n, reading.regions);
+        EXPECT_LE(reading.topIntervals, c.maxTopIntervals);
+        EXPECT_LE(reading.belowLinks, 2 * c.n);
+        manager.finalize();
+        const JitDataManager::IndexStats frozen = manager.indexStats();
+        EXPECT_LE(frozen.pieces, c.maxPieces);
+        const size_t perRegion = c.nested ? c.maxEntriesPerRegion * (static_cast<size_t>(std::log2(2.0 * c.n)) + 2)
+                                          : c.maxEntriesPerRegion;
+        EXPECT_LE(frozen.pieceEntries, perRegion * c.n);
+        for (const Probe& p : c.probes)
+            EXPECT_EQ(p.owner, ownerAt(manager, p.address, p.time)) << p.address << " at " << p.time;
     }
-}
-
-// One hot area reloaded n times with bounds that alternate by 8 bytes.
-TEST(JitDataManagerStorage, AlternatingHotAreaStaysLinear) {
-    const size_t n = 2000;
-    JitDataManager manager;
-    const JitDataManager::IndexStats stats =
-        readShape(manager, n, [](size_t i) { return 0x10000 + 8 * u64(i % 2); }, 256);
-    EXPECT_LE(stats.topIntervals, 3u);
-    EXPECT_LE(stats.belowLinks, 2 * n);
-    EXPECT_LE(stats.pieces, 3u);
-    EXPECT_LE(stats.pieceEntries, 2 * n);
-    EXPECT_EQ(1001u, ownerAt(manager, 0x10004, 10010));
-    EXPECT_EQ(0u, ownerAt(manager, 0x10004, 10020)); // load 1002 starts 8 bytes on: 1001 has ended
-    EXPECT_EQ(1002u, ownerAt(manager, 0x10010, 10020));
 }
 
 // Processes read one by one, each finalised: each finalisation indexes
