@@ -14,6 +14,8 @@
 //   --hot-area=N,...         loads of the alternating hot-area traces (default 5000,10000,20000)
 //   --processes=P,...        processes the many-process traces spread their loads over (default 1,100,1000)
 //   --process-methods=N      loads of each many-process trace (default 200000)
+//   --once                   one measurement per case (no repeated ingests or
+//                            repetitions): for a machine shared with other work
 
 #include "shape_traces.h"
 #include "trace_corpus.h"
@@ -62,6 +64,7 @@ struct Options {
     std::vector<size_t> hotArea{5000, 10000, 20000};
     std::vector<size_t> processes{1, 100, 1000};
     size_t processMethods = 200000;
+    bool once = false;
 };
 
 Options g_options;
@@ -775,6 +778,8 @@ int main(int argc, char** argv) {
             g_options.processes = parseSizes(arg.substr(12));
         else if (arg.compare(0, 18, "--process-methods=") == 0)
             g_options.processMethods = static_cast<size_t>(std::stoull(arg.substr(18)));
+        else if (arg == "--once")
+            g_options.once = true;
         else
             rest.push_back(argv[i]);
     }
@@ -794,7 +799,7 @@ int main(int argc, char** argv) {
             const std::string name =
                 std::string("ingest/") + (kind == IngestKind::Resolver ? "resolver" : "loader") + "/" + std::to_string(n);
             // Few repetitions of the large runs keep the whole run within minutes.
-            const int iterations = n >= 1000000 ? 2 : n >= 100000 ? 3 : 10;
+            const int iterations = g_options.once ? 1 : n >= 1000000 ? 2 : n >= 100000 ? 3 : 10;
             benchmark::RegisterBenchmark(name.c_str(), BM_Ingest, kind, n)
                 ->UseManualTime()
                 ->Iterations(iterations)
@@ -810,7 +815,7 @@ int main(int argc, char** argv) {
             const std::string name = std::string("shape/") + shapeName(shape.first) + "/" + std::to_string(n);
             benchmark::RegisterBenchmark(name.c_str(), BM_Shape, shape.first, n)
                 ->UseManualTime()
-                ->Iterations(2)
+                ->Iterations(g_options.once ? 1 : 2)
                 ->Unit(benchmark::kMillisecond);
         }
 
@@ -826,7 +831,7 @@ int main(int argc, char** argv) {
                                  {"resolve/resolver_translateToJitRva", BM_TranslateToJitRva, false}};
     for (const ResolveCase& c : cases) {
         benchmark::internal::Benchmark* b = benchmark::RegisterBenchmark(c.name, c.fn);
-        b->Setup(fixtureSetup)->MinTime(0.5)->Repetitions(3)->Threads(1);
+        b->Setup(fixtureSetup)->MinTime(0.5)->Repetitions(g_options.once ? 1 : 3)->Threads(1);
         if (c.threaded && cores > 1)
             b->Threads(cores);
     }
