@@ -12,6 +12,7 @@
 #   FUZZ_SEEDS=build/tests/dotnet/out/seeds scripts/fuzz-dotnet.sh   # seeds a test run already made
 set -euo pipefail
 cd "$(dirname "$0")/.."
+scripts/setup.sh --fuzz --no-build
 
 seconds=${1:-300}
 build=${FUZZ_BUILD:-build-fuzz}
