@@ -141,21 +141,6 @@ TEST(JitFilesManagerTest, ExplicitFilesKeepTheCallersOrder) {
     EXPECT_EQ(JitFilesManager::kFirstJitRva + kStride, p->files[1].jitRvaBase);
 }
 
-TEST(JitFilesManagerTest, HostIdsFollowTheOrderHostsAreMet) {
-    TempDir dir;
-    writeFile(dir.file("zeta.1.jit"), 1);
-    writeFile(dir.file("alpha-2.jit"), 1);
-    JitFilesManager files;
-    ASSERT_EQ(meSuccess, init(files, {dir.file("zeta.1.jit"), dir.file("alpha-2.jit")}));
-    EXPECT_EQ(1u, files.getHostID("zeta"));
-    EXPECT_EQ(2u, files.getHostID("alpha"));
-    EXPECT_EQ(0u, files.getHostID("unknown"));
-    EXPECT_STREQ("zeta", files.getHostName(1));
-    EXPECT_STREQ("alpha", files.getHostName(2));
-    EXPECT_EQ(nullptr, files.getHostName(0));
-    EXPECT_EQ(nullptr, files.getHostName(3));
-}
-
 TEST(JitFilesManagerTest, GetJitFileRange) {
     TempDir dir;
     writeFile(dir.file("a.1.jit"), 5000);
