@@ -4,6 +4,7 @@
 // The methods the API tests write (with the fixture library's trace builder)
 // and the small helpers a caller of the library needs. Only public headers.
 
+#include "path_list.h"
 #include "temp_dir.h"
 #include "trace_builder.h"
 
@@ -45,26 +46,7 @@ inline TraceInlineLoad inlined(uint32_t id, uint32_t parent, uint64_t time, uint
     return l;
 }
 
-// Keeps the strings and the array a path iterator walks.
-class Paths {
-public:
-    Paths(std::initializer_list<std::string> paths) : m_paths(paths) { refresh(); }
-    explicit Paths(std::vector<std::string> paths) : m_paths(std::move(paths)) { refresh(); }
-    generic_iterator_t<const char*>& it() {
-        m_it = generic_iterator_t<const char*>(m_raw.begin(), m_raw.end());
-        return m_it;
-    }
-
-private:
-    void refresh() {
-        m_raw.clear();
-        for (const std::string& p : m_paths)
-            m_raw.push_back(p.c_str());
-    }
-    std::vector<std::string> m_paths;
-    std::vector<const char*> m_raw;
-    generic_iterator_t<const char*> m_it;
-};
+typedef quarvel_test::PathList Paths;
 
 inline IJitLoader::Ptr makeLoader(Paths paths) { return IJitLoader::create(paths.it()); }
 

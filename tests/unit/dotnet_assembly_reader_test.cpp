@@ -4,8 +4,10 @@
 
 #include "dotnet_test_support.h"
 #include "log_capture.h"
+#include "path_list.h"
 #include "temp_dir.h"
 #include "trace_builder.h"
+#include "trace_equality.h"
 
 #include "api/symbol_resolver.h"
 #include "dotnet/assembly_reader_impl.h"
@@ -21,11 +23,6 @@
 #include <functional>
 #include <string>
 #include <vector>
-
-// Global, for the standard algorithms to find it; internal to this file.
-static bool operator==(const quarvel_line_number_entry& a, const quarvel_line_number_entry& b) {
-    return a.startOffset == b.startOffset && a.endOffset == b.endOffset && a.value == b.value;
-}
 
 using namespace quarvel_3_13;
 using namespace dotnet_test;
@@ -335,10 +332,8 @@ TEST_F(AssemblyReaderTest, ResolverCompletesTracedMethods) {
                                   .writeTo(dir.file("host.7.jit"));
     for (bool withLocator : {false, true}) {
         SCOPED_TRACE(withLocator ? "default locator" : "no locator");
-        std::vector<const char*> paths{trace.c_str()};
-        generic_iterator_t<const char*> it(paths.begin(), paths.end());
         ISymbolFileLocator::Ptr locator = withLocator ? ISymbolFileLocator::createDefault() : ISymbolFileLocator::Ptr();
-        ISymbolResolver::Ptr resolver = ISymbolResolver::create(it, locator);
+        ISymbolResolver::Ptr resolver = ISymbolResolver::create(quarvel_test::PathList{trace}.it(), locator);
         ASSERT_TRUE(resolver);
         std::vector<ISymbol::Ptr> methods;
         for (auto s = resolver->getSymbols(); !s.atEnd(); s.advance())

@@ -10,6 +10,7 @@
 #include "model/md5_hash_generator.h"
 
 #include "log_capture.h"
+#include "path_list.h"
 #include "trace_builder.h"
 
 #include <boost/filesystem.hpp>
@@ -509,9 +510,7 @@ TEST(ReadingPassRuntimeInfo, JavaRuntimesGetTheirCategory) {
 // The file set's passes
 
 quarvel_error_t init(JitFilesManager& files, const std::string& path) {
-    std::vector<const char*> raw{path.c_str()};
-    generic_iterator_t<const char*> it(raw.begin(), raw.end());
-    return files.initialize(it, taAny);
+    return files.initialize(quarvel_test::PathList{path}.it(), taAny);
 }
 
 TEST(FileSetPasses, OneProcessIsReadOnce) {

@@ -5,6 +5,7 @@
 #include "ingest/jit_files_manager.h"
 #include "ingest/trace_format.h"
 #include "log_capture.h"
+#include "path_list.h"
 #include "trace_builder.h"
 
 #include <boost/filesystem.hpp>
@@ -35,11 +36,7 @@ void writeFile(const std::string& path, size_t size) {
 const u64 kStride = JitFileReader::kJitRvaStride;
 
 quarvel_error_t init(JitFilesManager& files, const std::vector<std::string>& paths, target_arch_t arch = taAny) {
-    std::vector<const char*> raw;
-    for (const std::string& p : paths)
-        raw.push_back(p.c_str());
-    generic_iterator_t<const char*> it(raw.begin(), raw.end());
-    return files.initialize(it, arch);
+    return files.initialize(quarvel_test::PathList(paths).it(), arch);
 }
 
 std::vector<unsigned> pids(const JitFilesManager& files) {

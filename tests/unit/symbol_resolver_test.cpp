@@ -4,6 +4,7 @@
 
 #include "model/dotnet_method.h"
 #include "log_capture.h"
+#include "path_list.h"
 #include "api/symbol_resolver.h"
 #include "trace_builder.h"
 
@@ -61,9 +62,7 @@ protected:
         load.tail.lines.nativeToManaged = {{0, 8, 0}, {8, 16, 5}};
         const std::string path = TraceBuilder().load(3, load).writeTo(dir.file("h.1.jit"));
         SymbolResolver::Ptr resolver(new SymbolResolver(locator));
-        std::vector<const char*> paths{path.c_str()};
-        generic_iterator_t<const char*> it(paths.begin(), paths.end());
-        EXPECT_EQ(meSuccess, resolver->initializeJitFiles(it, taAny));
+        EXPECT_EQ(meSuccess, resolver->initializeJitFiles(quarvel_test::PathList{path}.it(), taAny));
         return resolver;
     }
     JitMethod::Ptr onlyMethod(const SymbolResolver::Ptr& resolver) {
