@@ -167,14 +167,6 @@ TEST(JitMethodTest, ClonesShareInfoAndRegionsButNotLineMapsOrRuntimeInfo) {
     EXPECT_EQ(1001u, c->getLineNumberInfo().begin()->first.start);
 }
 
-TEST(JitMethodTest, NormalisationShiftsOffsetKeysToJitRvas) {
-    JitMethod m;
-    m.addLineNumberInfo(N2S, {{0, 4, 1}}, Range(0, 16));
-    m.normalizeLineNumberInfoJitRvaRanges(7000);
-    ASSERT_EQ(1u, m.getLineNumberInfo().size());
-    EXPECT_EQ(Range(7000, 16), m.getLineNumberInfo().begin()->first);
-}
-
 TEST(JitMethodTest, ValidationChecksTheFirstRegionsLines) {
     JitMethod m;
     m.addCodeRegion(Region::Ptr(new Region(1, 1, 100, 1, 0, 0x100, 16, nullptr)));
