@@ -75,7 +75,6 @@ TEST(FuzzRegressions, UpdateOfRegionWithoutBytesNeverSizesACopyByTheRegionLength
     EXPECT_EQ(0xFFFFFFFFu, region->length());
     const IByteBuffer::Ptr bytes = region->getBytes();
     EXPECT_TRUE(!bytes || bytes->size() == 0) << bytes->size();
-    EXPECT_TRUE(capture.assertions().empty());
 }
 
 // A region whose length claims 4 GiB holds a 64-byte code copy; a padding
