@@ -7,7 +7,7 @@
 #include <map>
 
 namespace api_test {
-namespace {
+namespace facades_test {
 
 const char* const kAlpha = "alpha";
 const char* const kBeta = "beta.example.com";

@@ -14,7 +14,7 @@
 #include <string>
 #include <unistd.h>
 
-namespace {
+namespace roundtrip_test {
 
 using namespace quarvel_3_13;
 using Json = nlohmann::json;

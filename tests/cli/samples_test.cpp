@@ -7,7 +7,7 @@
 
 #include <sstream>
 
-namespace {
+namespace samples_test {
 
 using namespace quarvel_jit;
 

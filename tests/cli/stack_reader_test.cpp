@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace stack_reader_test {
 
 using namespace quarvel_jit;
 

@@ -30,7 +30,7 @@ using quarvel_test::LogCapture;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
 
-namespace {
+namespace dotnet_assembly_reader_test {
 
 typedef std::function<void(MetadataBuilder&)> Shape;
 const uint32_t kEpilogueOffset = 0xFFFFFFFD; // the runtime's IL offset of epilogue code

@@ -18,7 +18,7 @@ using namespace quarvel_3_13;
 using namespace dotnet_test;
 using quarvel_test::compressed;
 
-namespace {
+namespace dotnet_metadata_test {
 
 struct SignatureCase {
     const char* what;

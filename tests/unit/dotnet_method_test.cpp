@@ -7,7 +7,7 @@
 #include <sstream>
 #include <string>
 
-namespace {
+namespace dotnet_method_test {
 
 using namespace quarvel_3_13;
 

@@ -23,7 +23,7 @@ using quarvel_test::compressedSigned;
 using quarvel_test::LogCapture;
 using quarvel_test::TempDir;
 
-namespace {
+namespace dotnet_pdb_test {
 
 const uint32_t H = SequencePoint::kHiddenLine;
 

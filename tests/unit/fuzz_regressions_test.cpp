@@ -20,7 +20,7 @@ using quarvel_test::makeLoad;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
 
-namespace {
+namespace fuzz_regressions_test {
 
 const u32 kPid = 7;
 const u32 kHost = 1;

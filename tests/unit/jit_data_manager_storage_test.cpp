@@ -10,7 +10,7 @@
 
 using namespace dmtest;
 
-namespace {
+namespace jit_data_manager_storage_test {
 
 // The shapes that made splitting copy histories: the counts stay within a
 // few entries per region (the tree of long regions within n log n), where

@@ -25,7 +25,7 @@ using quarvel_test::makeLoad;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
 
-namespace {
+namespace jit_file_reader_test {
 
 const u32 kPid = 42;
 const u32 kHost = 1;

@@ -21,7 +21,7 @@ using namespace quarvel_3_13;
 using quarvel_test::LogCapture;
 using quarvel_test::TempDir;
 
-namespace {
+namespace jit_files_manager_test {
 
 // A file of `size` bytes that starts like a trace (a Magic record), so that a
 // directory scan takes it for one.

@@ -13,7 +13,7 @@ using namespace quarvel_3_13;
 using quarvel_test::LogCapture;
 using Table = JitMethod::LineTable;
 
-namespace {
+namespace jit_method_test {
 
 const auto N2M = quarvel_line_info_native_to_managed;
 const auto M2S = quarvel_line_info_managed_to_source;

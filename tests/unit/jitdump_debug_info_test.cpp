@@ -13,7 +13,7 @@
 
 using namespace quarvel_3_13;
 
-namespace {
+namespace jitdump_debug_info_test {
 
 JitdumpDebugInfo debugAt(uint64_t codeAddr, std::initializer_list<uint64_t> addresses) {
     JitdumpDebugInfo info;

@@ -21,7 +21,7 @@ using quarvel_test::JitdumpLoadFields;
 using quarvel_test::JitdumpWriter;
 using quarvel_test::TempDir;
 
-namespace {
+namespace jitdump_reader_test {
 
 typedef std::vector<uint8_t> Bytes;
 

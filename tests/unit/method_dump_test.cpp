@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace method_dump_test {
 
 using namespace quarvel_3_13;
 

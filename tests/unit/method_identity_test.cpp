@@ -11,7 +11,7 @@
 
 using namespace quarvel_3_13;
 
-namespace {
+namespace method_identity_test {
 
 TEST(RangeTest, OverlappingRangesAreEquivalent) {
     const Range::Comparator less;

@@ -12,7 +12,7 @@
 
 using namespace quarvel_3_13;
 
-namespace {
+namespace public_types_test {
 
 struct Counted : BaseObject {
     explicit Counted(int* destroyed) : destroyed(destroyed) {}

@@ -15,7 +15,7 @@ using quarvel_test::LogCapture;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
 
-namespace {
+namespace record_reader_test {
 
 const std::string kSuffix = ", at file: vcs/quarvel3/src/jitreader/jit_file_decoder:";
 

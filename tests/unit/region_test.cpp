@@ -11,7 +11,7 @@
 using namespace quarvel_3_13;
 using quarvel_test::LogCapture;
 
-namespace {
+namespace region_test {
 
 IByteBuffer::Ptr bufferOf(std::vector<unsigned char> bytes) {
     IByteBuffer::Ptr buffer = IByteBuffer::create();

@@ -29,7 +29,7 @@ using quarvel_test::JitdumpMoveFields;
 using quarvel_test::JitdumpWriter;
 using quarvel_test::TempDir;
 
-namespace {
+namespace runtime_files_test {
 
 const u32 kPid = 4242;
 

@@ -19,7 +19,7 @@ using quarvel_test::makeLoad;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
 
-namespace {
+namespace symbol_resolver_test {
 
 class FileStub : public ILocatedFile {
 public:
