@@ -7,8 +7,10 @@
 #   tsan    the concurrency tests under ThreadSanitizer (build-tsan/)
 #   e2e     the end-to-end runs of real runtimes (each skips with a reason
 #           when the machine lacks what it needs, e.g. perf events)
-#   fuzz    a short run of every fuzz target (build-fuzz/)
-# Every stage fails when it finds no tests to run.
+# Every stage fails when it finds no tests to run. The fuzz corpus is replayed
+# by the tests and asan stages; fuzzing itself (scripts/fuzz.sh, or
+# scripts/fuzz-smoke.sh for a short run) is a developer's job, not CI's: its
+# clang build alone would take a third of CI's fifteen minutes.
 set -uo pipefail
 cd "$(dirname "$0")"
 export CTEST_OUTPUT_ON_FAILURE=1
@@ -19,11 +21,14 @@ reports=$(pwd)/build/test-reports
 summary=()
 failed=0
 
+timings=()
 stage() { # name command...
-  local name=$1
+  local name=$1 start=$SECONDS rc=0
   shift
   echo "== $name"
-  if "$@"; then return 0; fi
+  "$@" || rc=$?
+  timings+=("$(printf '%5d s  %s' $((SECONDS - start)) "$name")")
+  [ $rc -eq 0 ] && return 0
   failed=1
   return 1
 }
@@ -57,7 +62,7 @@ script_stage() { # name script: exit 0 passed, 77 skipped (the last line says wh
 }
 
 # Everything the tests run is installed before anything is configured.
-scripts/setup.sh --tests --no-build || exit 1
+stage setup scripts/setup.sh --tests --no-build || exit 1
 [ -f build/build.ninja ] || cmake --preset plain >/dev/null
 stage build cmake --build --preset plain || { echo "build failed"; exit 1; }
 stage tests ctest_stage tests plain
@@ -72,9 +77,10 @@ for script in tests/e2e/run.sh tests/e2e/java_stacks.sh tests/e2e/v8/run.sh test
   tests/e2e/dotnet-perfmap/run.sh; do
   stage "e2e $script" script_stage "e2e ${script#tests/e2e/}" "$script"
 done
-stage "fuzz smoke" script_stage "fuzz smoke" scripts/fuzz-smoke.sh
 
 echo
+echo "== time per stage (${SECONDS} s in all)"
+printf '%s\n' "${timings[@]}"
 echo "== summary"
 printf '%s\n' "${summary[@]}"
 if [ $failed -ne 0 ]; then

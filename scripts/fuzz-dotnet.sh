@@ -9,9 +9,10 @@
 #
 #   scripts/fuzz-dotnet.sh [SECONDS]
 #   FUZZ_BUILD=build-fuzz FUZZ_WORK=/dev/shm/quarvel-fuzz-dotnet scripts/fuzz-dotnet.sh 60
-#   FUZZ_SEEDS=build/tests/dotnet/out/seeds scripts/fuzz-dotnet.sh   # seeds a test run already made
+#   FUZZ_SEEDS=build/dotnet-fixtures/seeds scripts/fuzz-dotnet.sh   # seeds a test run already made
 set -euo pipefail
 cd "$(dirname "$0")/.."
+scripts/setup.sh --fuzz --no-build
 
 seconds=${1:-300}
 build=${FUZZ_BUILD:-build-fuzz}

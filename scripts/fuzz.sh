@@ -12,6 +12,7 @@
 #   FUZZ_JOBS=1 FUZZ_BUILD=build-fuzz FUZZ_WORK=/dev/shm/quarvel-fuzz scripts/fuzz.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
+scripts/setup.sh --fuzz --no-build
 
 seconds=${1:-600}
 build=${FUZZ_BUILD:-build-fuzz}

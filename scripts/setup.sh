@@ -6,6 +6,7 @@
 #   scripts/setup.sh             the build's packages, then the build
 #   scripts/setup.sh --tests     also what the tests run for real (a JDK,
 #                                perf, node), before anything is configured
+#   scripts/setup.sh --fuzz      also clang and its libFuzzer runtime
 #   scripts/setup.sh --no-build  packages only
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -16,11 +17,11 @@ PACKAGES=(
   libboost-filesystem-dev libboost-regex-dev libboost-thread-dev
   liblog4cplus-dev libtbb-dev libssl-dev libzydis-dev zlib1g-dev
   libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev
 )
 for arg in "$@"; do
   case $arg in
     --tests) PACKAGES+=(openjdk-17-jdk-headless linux-perf nodejs) ;;
+    --fuzz) PACKAGES+=(clang libclang-rt-14-dev) ;;
     --no-build) build=0 ;;
     *) echo "setup: unknown option $arg" >&2; exit 2 ;;
   esac

@@ -109,9 +109,15 @@ def known_callers(frames):
     if m:
         k = int(m.group(1))
         want = ["Hot::d%d(int)" % i for i in range(k - 1, 0, -1)]
-        got = [f[0] for f in reversed(frames[:-1])]
-        if got[:len(want)] != want:
-            return "callers %s, expected %s" % (got[:len(want)], want)
+        callers = list(reversed(frames[:-1]))
+        got = [f[0] for f in callers]
+        for i, expected in enumerate(want):
+            if i < len(callers) and callers[i] == ("Interpreter", "stub"):
+                # A caller not compiled yet runs in the interpreter, whose
+                # frames carry no Java name: nothing further to compare.
+                return None
+            if i >= len(got) or got[i] != expected:
+                return "callers %s, expected %s" % (got[:len(want)], want)
         below = frames[-1 - k] if len(frames) > k else None
         if below is None or not (below[0] == "Hot::deep(int)" or below[1] == "stub" and below[0] == "Interpreter"):
             return "d1 called from %s, expected Hot.deep or the interpreter" % (below,)
