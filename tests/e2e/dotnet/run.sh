@@ -55,17 +55,28 @@ DUMP=$bin/tests/e2e/dotnet/quarvel_nettrace_dump
 QJ=$bin/tools/quarvel-jit/quarvel-jit
 
 # The workload, its plugin and the peer tool, built in one go into a directory
-# kept across runs (rebuilt when their sources or the SDK change).
+# kept across runs (rebuilt when their sources or the SDK change). The peer
+# tool the .NET tests built is taken when it is there.
 assemblies=$bin/e2e-dotnet-bin
-stamp=$( (dotnet --version; cat "$here"/workload/* "$here"/plugin/* "$root"/tests/dotnet/peer/*) | sha256sum | cut -c1-16)
+fixtures=$(sed -n 's/^QUARVEL_DOTNET_FIXTURES:PATH=//p' "$BUILD_DIR/CMakeCache.txt")
+peer=${fixtures:-$bin/tests/dotnet/out}/bin/MetadataPeer/MetadataPeer.dll
+[ -f "$peer" ] || peer=$assemblies/MetadataPeer/MetadataPeer.dll
+stamp=$( (dotnet --version; echo "$peer"; cat "$here"/workload/* "$here"/plugin/* "$root"/tests/dotnet/peer/*) |
+  sha256sum | cut -c1-16)
 if [ "$(cat "$assemblies/stamp" 2>/dev/null)" != "$stamp" ]; then
-  echo "== building the workload, its plugin and the peer tool"
   rm -rf "$assemblies"
   mkdir -p "$assemblies/src"
   # Built out of the source tree: dotnet writes obj/ beside the projects.
   cp -r "$here/workload" "$here/plugin" "$assemblies/src/"
-  mkdir -p "$assemblies/src/peer"
-  cp "$root/tests/dotnet/peer/MetadataPeer.csproj" "$root/tests/dotnet/peer/Program.cs" "$assemblies/src/peer/"
+  projects='<Project Path="plugin/Plugin.csproj" /><Project Path="workload/Workload.csproj" />'
+  if [ "$peer" = "$assemblies/MetadataPeer/MetadataPeer.dll" ]; then
+    echo "== building the workload, its plugin and the peer tool"
+    mkdir -p "$assemblies/src/peer"
+    cp "$root/tests/dotnet/peer/MetadataPeer.csproj" "$root/tests/dotnet/peer/Program.cs" "$assemblies/src/peer/"
+    projects+='<Project Path="peer/MetadataPeer.csproj" />'
+  else
+    echo "== building the workload and its plugin"
+  fi
   cat >"$assemblies/src/Directory.Build.props" <<'EOF'
 <Project>
   <PropertyGroup>
@@ -73,13 +84,7 @@ if [ "$(cat "$assemblies/stamp" 2>/dev/null)" != "$stamp" ]; then
   </PropertyGroup>
 </Project>
 EOF
-  cat >"$assemblies/src/all.slnx" <<'EOF'
-<Solution>
-  <Project Path="plugin/Plugin.csproj" />
-  <Project Path="workload/Workload.csproj" />
-  <Project Path="peer/MetadataPeer.csproj" />
-</Solution>
-EOF
+  echo "<Solution>$projects</Solution>" >"$assemblies/src/all.slnx"
   restore=()
   [ -d /opt/nuget/packages ] && restore=(--source /opt/nuget/packages)
   dotnet build "$assemblies/src/all.slnx" -c Release "${restore[@]}" -v q --nologo >"$assemblies/build.log" 2>&1 ||
@@ -144,7 +149,7 @@ if [ -z "$perf_reason" ]; then
   # The runtime's stubs are in its perf map only: with the map beside the trace they are named too.
   "$QJ" --log-level off --format csv resolve "$work/trace.nettrace" "$work/maps/perf-$pid.map" \
     --samples "$work/perf.txt" >"$work/resolved-with-map.csv" || status=1
-  dotnet "$assemblies/MetadataPeer/MetadataPeer.dll" "$assemblies/Workload/Workload.dll" \
+  dotnet "$peer" "$assemblies/Workload/Workload.dll" \
     "$assemblies/Plugin/Plugin.dll" >"$work/peer.txt" || status=1
   python3 "$here/resolve_check.py" --resolved "$work/resolved.csv" --samples "$work/perf.txt" --pid "$pid" \
     --jitdump "$work/maps/jit-$pid.dump" --methods "$work/methods.tsv" --ilmaps "$work/ilmaps.tsv" \
