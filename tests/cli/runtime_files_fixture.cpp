@@ -166,9 +166,9 @@ DotnetMethodSpec dotnetMethod(uint64_t start, uint32_t size, uint32_t token, uin
 }
 
 void writeNettrace(const std::string& path) {
-    NettraceTraceSpec spec;
-    spec.processId = 7010;
-    NettraceWriter w(spec);
+    NettraceTraceSpec header;
+    header.processId = 7010;
+    NettraceWriter w(header);
     w.metadata({dotnetEventType(1, kDotnetRuntimeProvider, dotnetMethodLoadVerbose, 2),
                 dotnetEventType(2, kDotnetRuntimeProvider, dotnetMethodILToNativeMap, 1),
                 dotnetEventType(3, kDotnetRuntimeProvider, dotnetModuleLoad, 2),

@@ -77,10 +77,10 @@ public:
     }
     RuntimeRun& map(Type type, uint64_t methodId, std::vector<std::pair<uint32_t, uint32_t>> entries, uint64_t time,
              uint64_t thread = 1) {
-        DotnetILMapSpec spec;
-        spec.methodId = methodId;
-        spec.entries = std::move(entries);
-        return add(type, time, dotnetILMapPayload(spec, 1), thread);
+        DotnetILMapSpec ilMap;
+        ilMap.methodId = methodId;
+        ilMap.entries = std::move(entries);
+        return add(type, time, dotnetILMapPayload(ilMap, 1), thread);
     }
     // The rows so far become a block.
     RuntimeRun& block() {
