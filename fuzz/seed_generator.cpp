@@ -5,6 +5,7 @@
 #include "fuzz_support.h"
 #include "jitdump_seeds.h"
 #include "nettrace_seeds.h"
+#include "trace_builder.h"
 
 #include <quarvel/jittrace_writer.h>
 
@@ -121,38 +122,29 @@ private:
 Bytes fullTrace(bool is64, uint32_t collector) {
     const Bytes& code = is64 ? kCode64 : kCode32;
     const uint16_t arch = is64 ? quarvel_arch_vx64 : quarvel_arch_vx32;
-    Bytes f = cat({jt::frameValue(quarvel_jt_Magic, 0), jt::frameValue(quarvel_jt_CollectorType, collector)});
     TraceRuntimeInfo info;
     info.runtimeType = quarvel_runtime_java;
     info.version = "11.0.2";
     info.name = "OpenJDK 64-Bit Server VM (HotSpot)";
-    f = cat({f, jt::frameSized(quarvel_jt_ManagedRuntimeInfo, jt::encodeRuntimeInfo(info))});
-    for (int version = 0; version < 4; ++version) {
-        const TraceMethodLoad l =
-            load(static_cast<uint32_t>(version + 1), 100 + static_cast<uint64_t>(version),
-                 {region(0x1000 + 0x100 * static_cast<uint64_t>(version), static_cast<uint32_t>(code.size()), code)},
-                 tail("run", "LApp;", arch, quarvel_language_java, true));
-        f = cat({f, jt::frameSized(jt::methodLoadType(version, is64), jt::encodeMethodLoad(l, version))});
-    }
+    quarvel_test::TraceBuilder trace;
+    trace.magic().collector(collector).runtimeInfo(info);
+    for (int version = 0; version < 4; ++version)
+        trace.load(version,
+                   load(static_cast<uint32_t>(version + 1), 100 + static_cast<uint64_t>(version),
+                        {region(0x1000 + 0x100 * static_cast<uint64_t>(version), static_cast<uint32_t>(code.size()), code)},
+                        tail("run", "LApp;", arch, quarvel_language_java, true)),
+                   is64);
     // A reload over the first method's range, later.
-    f = cat({f, jt::frameSized(jt::methodLoadType(3, is64),
-                               jt::encodeMethodLoad(load(9, 500, {region(0x1008, 0x40, Bytes(0x40, 0x90))},
-                                                         tail("reloaded", "Cls", arch, 0, false)),
-                                                    3))});
+    trace.load(3, load(9, 500, {region(0x1008, 0x40, Bytes(0x40, 0x90))}, tail("reloaded", "Cls", arch, 0, false)), is64);
     // Inlines into method 4 (raw parent id 4), by record and by the version 3 flag.
-    f = cat({f, jt::frameSized(is64 ? quarvel_jt_FunctionInlineLoad64 : quarvel_jt_FunctionInlineLoad32,
-                               jt::encodeInlineLoad(inlined(20, 4, 103, 0x1302, 4, Bytes(code.begin() + 2,
-                                                                                        code.begin() + 6))))});
+    trace.inlineLoad(inlined(20, 4, 103, 0x1302, 4, Bytes(code.begin() + 2, code.begin() + 6)), is64);
     TraceMethodLoad flagged = load(21, 103, {region(0x1303, 2, Bytes())}, tail("deeper", "Cls", arch, 0, false));
     flagged.inlineFlag = 1;
-    f = cat({f, jt::frameSized(jt::methodLoadType(3, is64), jt::encodeMethodLoad(flagged, 3))});
+    trace.load(3, flagged, is64);
     // Updates of method 4's bytes: the version 3 layout and version 2.
-    f = cat({f, jt::frameSized(quarvel_jt_FunctionUpdate,
-                               jt::encodeMethodLoad(load(4, 104, {region(0x1300, 4, Bytes(4, 0x90))},
-                                                         tail("run", "LApp;", arch, quarvel_language_java, false)),
-                                                    3))});
-    f = cat({f, jt::frameSized(quarvel_jt_FunctionUpdate_v2, jt::encodeUpdateV2(updateV2(4, 105, 0x1304, 2, {0x90, 0x90})))});
-    return f;
+    trace.update(load(4, 104, {region(0x1300, 4, Bytes(4, 0x90))}, tail("run", "LApp;", arch, quarvel_language_java, false)));
+    trace.updateV2(updateV2(4, 105, 0x1304, 2, {0x90, 0x90}));
+    return trace.bytes();
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 // The methods the API tests write (with the fixture library's trace builder)
 // and the small helpers a caller of the library needs. Only public headers.
 
+#include "path_list.h"
 #include "temp_dir.h"
 #include "trace_builder.h"
 
@@ -26,21 +27,12 @@ namespace stdfs = std::filesystem;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
 
+// The fixture library's load and inline, as a Java agent of a 32-bit process writes them.
 inline TraceMethodLoad method(uint32_t id, uint64_t time, uint64_t address, uint32_t size, const std::string& name,
                               const std::string& module = "app.jar", uint16_t arch = quarvel_arch_vx32) {
-    TraceMethodLoad l;
-    // Agents key versions 2 and 3 by the method id, so inlines find their parent by it.
-    l.hashKey = id;
-    l.methodId = id;
-    l.loadTime = time;
-    std::vector<uint8_t> bytes(size);
-    for (uint32_t i = 0; i < size; ++i)
-        bytes[i] = static_cast<uint8_t>(0x40 + (i % 32));
-    l.regions.push_back(TraceCodeRegion{address, size, bytes});
+    TraceMethodLoad l = quarvel_test::makeLoad(id, time, address, size, name, "com.acme.Worker");
     l.tail.moduleName = module;
     l.tail.moduleArch = arch;
-    l.tail.methodName = name;
-    l.tail.className = "com.acme.Worker";
     l.tail.sourceFile = "Worker.java";
     l.tail.language = quarvel_language_java;
     return l;
@@ -48,39 +40,13 @@ inline TraceMethodLoad method(uint32_t id, uint64_t time, uint64_t address, uint
 
 inline TraceInlineLoad inlined(uint32_t id, uint32_t parent, uint64_t time, uint64_t address, uint32_t size,
                                const std::string& name) {
-    TraceInlineLoad l;
-    l.methodId = id;
-    l.parentId = parent;
-    l.loadTime = time;
-    l.region = TraceCodeRegion{address, size, std::vector<uint8_t>(size, 0x90)};
+    TraceInlineLoad l = quarvel_test::makeInline(id, parent, time, address, size, name);
     l.tail.moduleName = "app.jar";
     l.tail.moduleArch = quarvel_arch_vx32;
-    l.tail.methodName = name;
-    l.tail.className = "com.acme.Util";
-    l.tail.sourceFile = "Util.java";
     return l;
 }
 
-// Keeps the strings and the array a path iterator walks.
-class Paths {
-public:
-    Paths(std::initializer_list<std::string> paths) : m_paths(paths) { refresh(); }
-    explicit Paths(std::vector<std::string> paths) : m_paths(std::move(paths)) { refresh(); }
-    generic_iterator_t<const char*>& it() {
-        m_it = generic_iterator_t<const char*>(m_raw.begin(), m_raw.end());
-        return m_it;
-    }
-
-private:
-    void refresh() {
-        m_raw.clear();
-        for (const std::string& p : m_paths)
-            m_raw.push_back(p.c_str());
-    }
-    std::vector<std::string> m_paths;
-    std::vector<const char*> m_raw;
-    generic_iterator_t<const char*> m_it;
-};
+typedef quarvel_test::PathList Paths;
 
 inline IJitLoader::Ptr makeLoader(Paths paths) { return IJitLoader::create(paths.it()); }
 

@@ -7,7 +7,7 @@
 #include <thread>
 
 namespace api_test {
-namespace {
+namespace concurrency_test {
 
 const unsigned kProcesses = 8;
 const unsigned kMethodsPerProcess = 40;

@@ -9,7 +9,7 @@
 #include <fstream>
 
 namespace api_test {
-namespace {
+namespace front_door_test {
 
 void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);

@@ -11,9 +11,9 @@
 #include <tuple>
 
 namespace api_test {
-namespace {
+namespace one_answer_test {
 
-struct Sample {
+struct RandomSample {
     u64 time;
     u64 address;
     unsigned pid;
@@ -60,9 +60,9 @@ void writeRandomTrace(std::mt19937& rng, const std::string& path, uint32_t& next
     trace.writeTo(path);
 }
 
-std::vector<Answer> resolveAll(const IJitLoader::Ptr& loader, const std::vector<Sample>& samples, unsigned hostId) {
+std::vector<Answer> resolveAll(const IJitLoader::Ptr& loader, const std::vector<RandomSample>& samples, unsigned hostId) {
     std::vector<Answer> answers;
-    for (const Sample& s : samples) {
+    for (const RandomSample& s : samples) {
         Answer a{meSuccess, 0};
         IModule::Ptr module;
         a.status = loader->resolveJitPoint(s.time, s.address, s.pid, hostId, &a.jitRva, module);
@@ -82,9 +82,9 @@ TEST(OneAnswer, LoaderAndResolverAgreeOnEveryRandomTraceInEitherQueryOrder) {
         for (unsigned p = 0; p < processes; ++p)
             for (unsigned f = 0, files = 1 + rng() % 2; f < files; ++f)
                 writeRandomTrace(rng, dir.file("box." + std::to_string(100 + p) + (f ? ".trace" : ".jit")), nextId);
-        std::vector<Sample> samples;
+        std::vector<RandomSample> samples;
         for (unsigned i = 0; i < 300; ++i)
-            samples.push_back(Sample{95 + rng() % 450, 0x10000 + rng() % 0x500, static_cast<unsigned>(100 + rng() % processes)});
+            samples.push_back(RandomSample{95 + rng() % 450, 0x10000 + rng() % 0x500, static_cast<unsigned>(100 + rng() % processes)});
 
         // Order A: addresses first (each process read alone), then a symbol search.
         IJitLoader::Ptr first = makeLoader({dir.path()});
@@ -109,7 +109,7 @@ TEST(OneAnswer, LoaderAndResolverAgreeOnEveryRandomTraceInEitherQueryOrder) {
             if (a[i].status != meSuccess)
                 continue;
             ++resolved;
-            const Sample& s = samples[i];
+            const RandomSample& s = samples[i];
             const ISymbol::Ptr symbol = resolver->getSymbol(a[i].jitRva);
             ASSERT_TRUE(symbol) << "jit rva " << a[i].jitRva;
             u64 address = 0;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace stack_reader_test {
 
 using namespace quarvel_jit;
 
@@ -43,6 +43,8 @@ std::string brief(const StackSample& s) {
     return os.str();
 }
 
+// A damaged frame, a damaged header and an input that ends inside a frame:
+// the stacks_bad_input golden.
 TEST(StackReader, PerfTextInTheShapesPerfPrints) {
     struct Case {
         const char* what;
@@ -77,14 +79,6 @@ TEST(StackReader, PerfTextInTheShapesPerfPrints) {
          "1/1 1.0: \n\t10 a (m)\n2/2 2.0: \n\t20 b (m)\n\n",
          {"1/1@1000000000: 10", "2/2@2000000000: 20"},
          0, 0, 0},
-        {"a damaged frame drops its sample only",
-         "1/1 1.0: \n\t10 a (m)\n\tzz not an address\n\t30 c (m)\n\n2/2 2.0: \n\t20 b (m)\n\n",
-         {"2/2@2000000000: 20"},
-         1, 1, 0},
-        {"a damaged header drops the frames under it",
-         "1/x 1.0: \n\t10 a (m)\n\t11 a (m)\n\n2/2 2.0: \n\t20 b (m)\n\n",
-         {"2/2@2000000000: 20"},
-         1, 1, 0},
         {"frames before the first header (the input starts inside a sample)",
          "\t10 a (m)\n\t11 b (m)\n\n2/2 2.0: \n\t20 b (m)\n\n",
          {"2/2@2000000000: 20"},
@@ -95,10 +89,6 @@ TEST(StackReader, PerfTextInTheShapesPerfPrints) {
          1, 1, 0},
         {"the input ends before the last sample's empty line: it may have lost callers",
          "1/1 1.0: \n\t10 a (m)\n\n2/2 2.0: \n\t20 b (m)\n\t21 c (m)\n",
-         {"1/1@1000000000: 10"},
-         0, 0, 1},
-        {"the input ends in the middle of a frame line",
-         "1/1 1.0: \n\t10 a (m)\n\n2/2 2.0: \n\t20 b (m)\n\t21 c (/usr/li",
          {"1/1@1000000000: 10"},
          0, 0, 1},
         {"the input ends in the middle of a one-line sample",

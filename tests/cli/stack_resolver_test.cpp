@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace stack_resolver_test {
 
 using namespace quarvel_jit;
 using quarvel_test::makeInline;
@@ -182,10 +182,6 @@ TEST_F(StackResolverTest, FiltersAndTheTopTableCountEachStackOnce) {
     EXPECT_EQ(2u, top[0].total); // on the stack twice per sample, counted once
 }
 
-} // namespace
-
-namespace {
-
 // A deterministic generator, the same on every platform.
 class Lcg {
 public:
@@ -217,7 +213,6 @@ std::string damaged(const std::string& text, Lcg& random) {
     return s;
 }
 
-} // namespace
 
 TEST_F(StackResolverTest, DamagedInputOfEitherFormatIsCountedNeverFatal) {
     const std::string perf = "100/1 0.000002000: \n\t1165 [unknown] (/tmp/perf-100.map)\n\t1160 [unknown] ()\n"
@@ -243,3 +238,5 @@ TEST_F(StackResolverTest, DamagedInputOfEitherFormatIsCountedNeverFatal) {
         topFrames(profile, 3);
     }
 }
+
+} // namespace

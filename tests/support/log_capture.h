@@ -30,7 +30,6 @@ public:
     std::vector<std::string> errors() const { return messages(log4cplus::ERROR_LOG_LEVEL); }
     // True when some line of that level contains text.
     bool contains(const std::string& text, log4cplus::LogLevel level = log4cplus::NOT_SET_LOG_LEVEL) const;
-    size_t count(log4cplus::LogLevel level) const { return messages(level).size(); }
     // Condition texts of failed assertions.
     std::vector<std::string> assertions() const;
     void clear();

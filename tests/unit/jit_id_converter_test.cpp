@@ -6,7 +6,7 @@
 
 using namespace quarvel_3_13;
 
-namespace {
+namespace jit_id_converter_test {
 
 const u64 kNoLimit = std::numeric_limits<u64>::max();
 

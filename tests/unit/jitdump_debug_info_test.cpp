@@ -1,24 +1,19 @@
 // Debug records: which load each describes (by code address, whatever came
 // between), and whether their addresses carry the ELF-header bias some writers
-// add, so that exact lines can be recovered.
+// add, so that exact lines can be recovered. Both together on a written dump:
+// runtime_files_test (LinesComeFromTheDebugRecordWithTheBiasRemoved).
 
 #include "format/jitdump_debug_bias.h"
 #include "format/jitdump_debug_pairing.h"
-#include "format/jitdump_reader.h"
-#include "jitdump_writer.h"
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 #include <vector>
 
 using namespace quarvel_3_13;
-using quarvel_test::JitdumpDebugFields;
-using quarvel_test::JitdumpLoadFields;
-using quarvel_test::JitdumpWriter;
 
-namespace {
+namespace jitdump_debug_info_test {
 
 JitdumpDebugInfo debugAt(uint64_t codeAddr, std::initializer_list<uint64_t> addresses) {
     JitdumpDebugInfo info;
@@ -119,70 +114,6 @@ TEST(JitdumpPairing, ByCodeAddressWhateverCameBetween) {
     EXPECT_EQ(1u, pairing.waiting());
     EXPECT_EQ(0xD008u, pairing.takeFor(0xD000)->entries[0].address);
     EXPECT_EQ(0u, pairing.waiting());
-}
-
-// The pieces together on a dump shaped like one a JavaScript engine writes:
-// debug addresses biased by 0x40, debug records of two threads interleaved,
-// the "same file" form. Subtracting the detected bias gives the lines back
-// at the addresses the writer meant.
-TEST(JitdumpDebugInfo, BiasedInterleavedDumpGivesExactLines) {
-    struct Fn {
-        uint64_t addr;
-        uint64_t size;
-        std::map<uint64_t, int> lines; // code offset -> line
-    };
-    const std::vector<Fn> fns = {{0x10000, 0x30, {{0x0, 10}, {0x18, 11}, {0x30, 12}}},
-                                 {0x20000, 0x28, {{0x4, 20}, {0x28, 21}}},
-                                 {0x30000, 0x100, {{0x0, 30}, {0xF0, 31}}}};
-    JitdumpWriter w;
-    w.header();
-    auto debugOf = [](const Fn& f) {
-        JitdumpDebugFields d;
-        d.codeAddr = f.addr;
-        bool first = true;
-        for (const auto& l : f.lines) {
-            d.entries.push_back({f.addr + l.first + 0x40, l.second, 0, first ? "/app/x.js" : "", !first});
-            first = false;
-        }
-        return d;
-    };
-    auto loadOf = [](const Fn& f, uint64_t index) {
-        JitdumpLoadFields l;
-        l.codeAddr = f.addr;
-        l.code.assign(f.size, 0xCC);
-        l.codeIndex = index;
-        return l;
-    };
-    w.debugInfo(debugOf(fns[0])).debugInfo(debugOf(fns[1])).codeLoad(loadOf(fns[1], 0)).codeLoad(loadOf(fns[0], 1));
-    w.debugInfo(debugOf(fns[2])).codeLoad(loadOf(fns[2], 2));
-
-    Expected<JitdumpReader> reader = JitdumpReader::fromBytes(w.bytes().data(), w.size(), "jit-1.dump");
-    ASSERT_TRUE(reader);
-    JitdumpDebugPairing pairing;
-    JitdumpDebugBias bias(reader->header().elfMachine);
-    // Lines as written, by code address; the bias is known only once all are seen.
-    std::map<uint64_t, std::vector<JitdumpDebugEntry>> linesOf;
-    JitdumpRecord r;
-    while (reader->next(r)) {
-        if (r.kind == JitdumpRecordKind::debugInfo)
-            pairing.addDebugInfo(r.debugInfo);
-        if (r.kind == JitdumpRecordKind::codeLoad) {
-            const JitdumpDebugInfo* info = pairing.takeFor(r.load.codeAddr);
-            ASSERT_NE(nullptr, info) << std::hex << r.load.codeAddr;
-            bias.observe(*info, r.load.codeAddr, r.load.codeSize);
-            linesOf[r.load.codeAddr] = info->entries;
-        }
-    }
-    ASSERT_EQ(nullptr, reader->stopReason());
-    ASSERT_EQ(0x40u, bias.bias());
-    for (const Fn& f : fns) {
-        std::map<uint64_t, int> got;
-        for (const JitdumpDebugEntry& e : linesOf[f.addr]) {
-            got[e.address - bias.bias() - f.addr] = e.line;
-            EXPECT_EQ("/app/x.js", e.file);
-        }
-        EXPECT_EQ(f.lines, got) << std::hex << f.addr;
-    }
 }
 
 } // namespace

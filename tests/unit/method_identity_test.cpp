@@ -1,10 +1,9 @@
-// Ranges as map keys, method ids, names, modules, source files and locations.
+// Ranges as map keys, method ids, class and method names, identity digests.
 
 #include "model/base_method_info.h"
 #include "model/jit_method.h"
 #include "model/md5_hash_generator.h"
 #include "model/module.h"
-#include "model/source_location.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +11,7 @@
 
 using namespace quarvel_3_13;
 
-namespace {
+namespace method_identity_test {
 
 TEST(RangeTest, OverlappingRangesAreEquivalent) {
     const Range::Comparator less;
@@ -51,40 +50,6 @@ TEST(BaseMethodIdTest, EmptinessAndOrder) {
     EXPECT_TRUE(less(BaseMethodId(2, 0), BaseMethodId(2, 1)));
     EXPECT_FALSE(less(BaseMethodId(2, 1), BaseMethodId(2, 1)));
     EXPECT_TRUE(less(BaseMethodId(1, 0), BaseMethodId(0xFFFFFFFFFFFFFFFFull, 0))); // unsigned
-}
-
-TEST(ModuleTest, EmptyPathIsDynamicCode) {
-    const Module dynamic("", meNotFound, quarvel_arch_vx64);
-    EXPECT_STREQ("[Dynamic code]", dynamic.getFilePath());
-    EXPECT_EQ(meNotFound, dynamic.isBogus());
-    EXPECT_EQ(quarvel_arch_vx64, dynamic.getArchitecture());
-    EXPECT_STREQ("/opt/app.so", Module("/opt/app.so", meSuccess, quarvel_arch_vx32).getFilePath());
-}
-
-TEST(SourceFileTest, TimesAndSizesAreNotTracked) {
-    const SourceFile file("Hot.java", "abc", 2, 5);
-    EXPECT_STREQ("Hot.java", file.getSourceFileName());
-    EXPECT_STREQ("abc", file.getChecksum());
-    EXPECT_EQ(2u, file.getChecksumType());
-    EXPECT_EQ(5u, file.getLanguageType());
-    EXPECT_EQ(0u, file.getTime());
-    EXPECT_EQ(0u, file.getSize());
-
-    const SourceLocation location(17, file);
-    EXPECT_EQ(17u, location.getLine());
-    ISourceFile::Ptr copy = location.getSourceFile();
-    ASSERT_TRUE(copy);
-    EXPECT_STREQ("Hot.java", copy->getSourceFileName());
-    EXPECT_NE(copy.get(), location.getSourceFile().get()) << "a fresh object per call";
-}
-
-TEST(BaseMethodInfoTest, SourceFileIsNullWithoutANameAndFreshOtherwise) {
-    BaseMethodInfo info;
-    EXPECT_FALSE(info.getSourceFile());
-    info.setSourceFile(SourceFile("A.java", "", 0, 5));
-    ISourceFile::Ptr a = info.getSourceFile();
-    ASSERT_TRUE(a);
-    EXPECT_NE(a.get(), info.getSourceFile().get());
 }
 
 struct ClassNameCase {
@@ -146,40 +111,22 @@ JitMethod::Ptr methodWith(u32 host, u32 pid, quarvel_arch arch, const char* modu
     return method;
 }
 
-TEST(Md5HashGeneratorTest, IdentityTextsAndDigests) {
+// Names make the identity of older records; reading tests check that through
+// the reading pass (ReadingPassModel).
+TEST(Md5HashGeneratorTest, DigestsOfRawIdsScopedByHostProcessAndArchitecture) {
     EXPECT_EQ("7.1.42422", Md5HashGenerator::identityText(7, methodWith(1, 4242, quarvel_arch_vx64)));
     // MD5("7.1.42422") = e9f83e23a24931fe 9c3aa679e1b49e74, read as two little-endian halves.
-    const BaseMethodId id = Md5HashGenerator::getHashValue(7, methodWith(1, 4242, quarvel_arch_vx64));
-    EXPECT_EQ(BaseMethodId(0xfe3149a2233ef8e9ull, 0x749eb4e179a63a9cull), id);
+    const BaseMethodId base = Md5HashGenerator::getHashValue(7, methodWith(1, 4242, quarvel_arch_vx64));
+    EXPECT_EQ(BaseMethodId(0xfe3149a2233ef8e9ull, 0x749eb4e179a63a9cull), base);
     // RFC 1321 test vector "abc" = 900150983cd24fb0 d6963f7d28e17f72.
     EXPECT_EQ(BaseMethodId(0xb04fd23c98500190ull, 0x727fe1287d3f96d6ull), Md5HashGenerator::hashText("abc"));
-}
-
-TEST(Md5HashGeneratorTest, RawIdsAreScopedByHostProcessAndArchitecture) {
-    const BaseMethodId base = Md5HashGenerator::getHashValue(7, methodWith(1, 4242, quarvel_arch_vx64));
-    EXPECT_EQ(base, Md5HashGenerator::getHashValue(7, methodWith(1, 4242, quarvel_arch_vx64)));
     EXPECT_NE(base, Md5HashGenerator::getHashValue(7, methodWith(2, 4242, quarvel_arch_vx64)));
     EXPECT_NE(base, Md5HashGenerator::getHashValue(7, methodWith(1, 4243, quarvel_arch_vx64)));
     EXPECT_NE(base, Md5HashGenerator::getHashValue(7, methodWith(1, 4242, quarvel_arch_vx32)));
-}
-
-TEST(Md5HashGeneratorTest, WithoutARawIdTheNamesMakeTheIdentity) {
-    JitMethod::Ptr a = methodWith(1, 1, quarvel_arch_vx64, "/lib/a.so");
-    a->info()->setMethodToken(0x06000001);
-    a->info()->setClassName("N.C");
-    a->info()->setMethodName("f");
-    EXPECT_EQ("100663297N::C::fN::C/lib/a.so2", Md5HashGenerator::identityText(0, a));
-    JitMethod::Ptr b = methodWith(9, 9, quarvel_arch_vx64, "/lib/a.so");
-    b->info()->setMethodToken(0x06000001);
-    b->info()->setClassName("N.C");
-    b->info()->setMethodName("f");
-    EXPECT_EQ(Md5HashGenerator::getHashValue(0, a), Md5HashGenerator::getHashValue(0, b));
-}
-
-TEST(Md5HashGeneratorTest, AMethodWithoutRegionsUsesZeroHostAndProcess) {
-    JitMethod::Ptr method(new JitMethod());
-    method->info()->setModule(IModule::Ptr(new Module("m", meSuccess, quarvel_arch_varda64)));
-    EXPECT_EQ("3.0.01", Md5HashGenerator::identityText(3, method));
+    // A method without regions has host and process 0.
+    JitMethod::Ptr bare(new JitMethod());
+    bare->info()->setModule(IModule::Ptr(new Module("m", meSuccess, quarvel_arch_varda64)));
+    EXPECT_EQ("3.0.01", Md5HashGenerator::identityText(3, bare));
 }
 
 } // namespace

@@ -10,7 +10,7 @@
 
 using namespace quarvel_3_13;
 
-namespace {
+namespace nettrace_primitives_test {
 
 typedef std::vector<uint8_t> Bytes;
 

@@ -25,7 +25,7 @@ using quarvel_test::NettraceTraceSpec;
 using quarvel_test::NettraceWriter;
 using quarvel_test::NettraceWriterLayout;
 
-namespace {
+namespace nettrace_reader_test {
 
 typedef std::vector<uint8_t> Bytes;
 

@@ -15,7 +15,7 @@
 using namespace quarvel_3_13;
 using quarvel_test::TempDir;
 
-namespace {
+namespace perf_map_reader_test {
 
 struct LineCase {
     const char* name;

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace record_bodies_test {
 
 using namespace quarvel_3_13;
 using Bytes = std::vector<uint8_t>;

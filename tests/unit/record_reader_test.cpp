@@ -15,7 +15,7 @@ using quarvel_test::LogCapture;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
 
-namespace {
+namespace record_reader_test {
 
 const std::string kSuffix = ", at file: vcs/quarvel3/src/jitreader/jit_file_decoder:";
 
@@ -180,18 +180,6 @@ TEST(RecordReaderTest, UnopenableFilesReportFileOpenError) {
     log.clear();
     EXPECT_EQ(meFileOpenError, linked.getNextRecord(record));
     EXPECT_EQ("Couldn't open the jit file", errorText(log));
-}
-
-TEST(RecordReaderTest, ErrorLinesCarryTheSourceSuffix) {
-    TempDir dir;
-    const std::string path = TraceBuilder().raw(bytes({1, 0, 0, 0})).writeTo(dir.file("h.1.jit"));
-    LogCapture log;
-    readAll(path);
-    ASSERT_EQ(1u, log.errors().size());
-    const std::string line = log.errors().front();
-    const size_t at = line.find(kSuffix);
-    ASSERT_NE(std::string::npos, at) << line;
-    EXPECT_GT(std::stoi(line.substr(at + kSuffix.size())), 0);
 }
 
 // A file cut at any byte: no crash, and exactly the records that end before

@@ -11,6 +11,7 @@
 #include "ingest/trace_format.h"
 #include "jitdump_writer.h"
 #include "log_capture.h"
+#include "path_list.h"
 #include "temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -28,7 +29,7 @@ using quarvel_test::JitdumpMoveFields;
 using quarvel_test::JitdumpWriter;
 using quarvel_test::TempDir;
 
-namespace {
+namespace runtime_files_test {
 
 const u32 kPid = 4242;
 
@@ -72,11 +73,7 @@ struct ReadSet {
     u32 host = 0;
 
     ReadSet(const std::vector<std::string>& paths, decoding_mode_t mode = dmCodeBytes) {
-        std::vector<const char*> raw;
-        for (const std::string& p : paths)
-            raw.push_back(p.c_str());
-        generic_iterator_t<const char*> it(raw.begin(), raw.end());
-        EXPECT_EQ(meSuccess, files.initialize(it, taAny));
+        EXPECT_EQ(meSuccess, files.initialize(quarvel_test::PathList(paths).it(), taAny));
         EXPECT_EQ(meSuccess, files.readJitFiles(mode, data));
         host = files.getHostID(localHostName());
     }
@@ -239,10 +236,8 @@ TEST(PerfMapThroughTheFileSet, ACutAtAnyByteKeepsEveryWholeLineAndSaysWhere) {
         // A cut inside the first line's numbers leaves no perf map at all.
         if (detectTraceFormat(path, cut) != TraceFormat::perfMap)
             continue;
-        std::vector<const char*> raw{path.c_str()};
-        generic_iterator_t<const char*> it(raw.begin(), raw.end());
         JitFilesManager files;
-        ASSERT_EQ(meSuccess, files.initialize(it, taAny));
+        ASSERT_EQ(meSuccess, files.initialize(quarvel_test::PathList{path}.it(), taAny));
         JitDataManager data;
         files.readJitFiles(dmCodeBytes, data);
         EXPECT_EQ(lineEnds, data.getJitMethods().size()) << "cut at " << cut;
