@@ -25,9 +25,10 @@
 #include <vector>
 
 using namespace quarvel_3_13;
-using namespace quarvel_test;
 
-namespace {
+namespace nettrace_file_reader_test {
+
+using namespace quarvel_test;
 
 const u32 kPid = 4242;
 const uint32_t kProlog = 0xFFFFFFFE, kEpilog = 0xFFFFFFFD, kNoMapping = 0xFFFFFFFF;
@@ -76,7 +77,7 @@ public:
         return add(type, time, dotnetMethodPayload(m, true, 2), thread);
     }
     RuntimeRun& map(Type type, uint64_t methodId, std::vector<std::pair<uint32_t, uint32_t>> entries, uint64_t time,
-             uint64_t thread = 1) {
+                    uint64_t thread = 1) {
         DotnetILMapSpec ilMap;
         ilMap.methodId = methodId;
         ilMap.entries = std::move(entries);
@@ -117,7 +118,7 @@ private:
 };
 
 DotnetMethodSpec codeSpec(uint64_t id, uint64_t module, uint64_t start, uint32_t size, uint32_t token, uint32_t flags,
-                        const std::string& type, const std::string& name) {
+                          const std::string& type, const std::string& name) {
     DotnetMethodSpec m;
     m.methodId = id;
     m.moduleId = module;
@@ -173,13 +174,18 @@ struct Query {
 TEST(NettraceThroughTheFileSet, EachCodeVersionLivesFromItsLoadUntilFreedOrReplaced) {
     TempDir dir;
     const uint64_t app = 0x7000, plugin = 0x7100;
-    const DotnetMethodSpec tier0 = codeSpec(0x50, app, 0x1000, 0x80, 0x06000001, flagJitted | 3 << 7, "App.Program", "Hot");
-    const DotnetMethodSpec tier1 = codeSpec(0x50, app, 0x2000, 0x40, 0x06000001, flagJitted | 4 << 7, "App.Program", "Hot");
+    const DotnetMethodSpec tier0 =
+        codeSpec(0x50, app, 0x1000, 0x80, 0x06000001, flagJitted | 3 << 7, "App.Program", "Hot");
+    const DotnetMethodSpec tier1 =
+        codeSpec(0x50, app, 0x2000, 0x40, 0x06000001, flagJitted | 4 << 7, "App.Program", "Hot");
     const DotnetMethodSpec spin = codeSpec(0x60, plugin, 0x3000, 0x40, 0x06000002, flagJitted, "Plugin.Worker", "Spin");
-    const DotnetMethodSpec kernel0 = codeSpec(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel0");
-    const DotnetMethodSpec kernel1 = codeSpec(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel1");
+    const DotnetMethodSpec kernel0 =
+        codeSpec(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel0");
+    const DotnetMethodSpec kernel1 =
+        codeSpec(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel1");
     const DotnetMethodSpec precompiled = codeSpec(0x80, app, 0x9000, 0x30, 0x06000003, 2 << 7, "App.Program", "Main");
-    const DotnetMethodSpec lateJitted = codeSpec(0x90, app, 0x5000, 0x10, 0x06000004, flagJitted, "App.Program", "Late");
+    const DotnetMethodSpec lateJitted =
+        codeSpec(0x90, app, 0x5000, 0x10, 0x06000004, flagJitted, "App.Program", "Late");
     RuntimeRun run;
     // The runtime writes each thread's events in order, but the threads'
     // buffers as they fill: threads 2 and 3 come first in the file although
@@ -225,7 +231,8 @@ TEST(NettraceThroughTheFileSet, EachCodeVersionLivesFromItsLoadUntilFreedOrRepla
     };
     for (const Query& q : queries) {
         SCOPED_TRACE(std::to_string(q.address) + " at " + std::to_string(q.time));
-        EXPECT_EQ(kUnloadsEndLives || !q.nameWithoutUnloads ? q.name : q.nameWithoutUnloads, set.nameAt(q.address, q.time));
+        EXPECT_EQ(kUnloadsEndLives || !q.nameWithoutUnloads ? q.name : q.nameWithoutUnloads,
+                  set.nameAt(q.address, q.time));
         EXPECT_EQ(set.jitRvaAt(q.address, q.time), loaderMode.jitRvaAt(q.address, q.time));
     }
     const JitReadStats stats = set.files.readStats();
@@ -246,8 +253,8 @@ void writeSampleAssembly(const TempDir& dir) {
     pdb.pdb(id, {{0x06, 1}});
     const uint32_t file = pdb.blob({'C', 'a', 'l', 'c', '.', 'c', 's'});
     pdb.row(M::Document, {pdb.blob({'/', 0x00, uint8_t(file)}), 0, 0, 0});
-    pdb.row(M::MethodDebugInformation,
-            {1, pdb.blob({0x00, 0x00, 0x00, 0x01, 0x0A, 0x05, 0x02, 0x00, 0x04, 0x02, 0x00, 0x04, 0x00, 0x01, 0x02, 0x00})});
+    pdb.row(M::MethodDebugInformation, {1, pdb.blob({0x00, 0x00, 0x00, 0x01, 0x0A, 0x05, 0x02, 0x00, 0x04, 0x02, 0x00,
+                                                     0x04, 0x00, 0x01, 0x02, 0x00})});
     writeFile(dir.file("Sample.pdb"), pdb.build("PDB v1.0"));
     MetadataBuilder md;
     addModuleAndClass(md);
@@ -262,15 +269,16 @@ void writeSampleAssembly(const TempDir& dir) {
 TEST(NettraceThroughTheResolver, NamesFromTheAssemblyLinesFromItsPdbThroughTheILMap) {
     TempDir dir;
     writeSampleAssembly(dir);
-    const DotnetMethodSpec add = codeSpec(0x50, 0x7000, 0x1000, 0x40, 0x06000001, flagJitted, "Fixture.Sample.Calculator",
-                                        "Add");
-    const DotnetMethodSpec kernel = codeSpec(0x70, 0x7000, 0x2000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass",
-                                           "Kernel0");
+    const DotnetMethodSpec add =
+        codeSpec(0x50, 0x7000, 0x1000, 0x40, 0x06000001, flagJitted, "Fixture.Sample.Calculator", "Add");
+    const DotnetMethodSpec kernel =
+        codeSpec(0x70, 0x7000, 0x2000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel0");
     RuntimeRun run;
     run.assemblyLoad(0x600, 0, 100)
         .moduleLoad(0x7000, 0x600, dir.file("Sample.dll"), 101)
         .code(RuntimeRun::load, add, 200)
-        .map(RuntimeRun::ilMap, 0x50, {{kProlog, 0}, {0, 4}, {6, 4}, {2, 0x10}, {kNoMapping, 0x20}, {kEpilog, 0x30}}, 200)
+        .map(RuntimeRun::ilMap, 0x50, {{kProlog, 0}, {0, 4}, {6, 4}, {2, 0x10}, {kNoMapping, 0x20}, {kEpilog, 0x30}},
+             200)
         .code(RuntimeRun::load, kernel, 300);
     run.write().writeTo(dir.file("app.nettrace"));
 
@@ -307,7 +315,7 @@ TEST(NettraceThroughTheResolver, NamesFromTheAssemblyLinesFromItsPdbThroughTheIL
 
 TEST(DotnetNativeToILRows, EachEntryCoversItsCodeUpToTheNextGreaterNativeOffset) {
     typedef std::vector<std::pair<uint32_t, uint32_t>> Map; // (IL, native)
-    typedef std::vector<std::array<uint32_t, 3>> Rows;       // {start, end, IL}
+    typedef std::vector<std::array<uint32_t, 3>> Rows;      // {start, end, IL}
     struct Case {
         const char* what;
         Map map;
@@ -326,7 +334,10 @@ TEST(DotnetNativeToILRows, EachEntryCoversItsCodeUpToTheNextGreaterNativeOffset)
          {{0, 0}, {5, 0x20}, {9, 0x50}},
          0x30,
          {{0, 0x20, 0}, {0x20, 0x30, 5}}},
-        {"neighbours of one IL offset merge", {{2, 0}, {2, 4}, {kNoMapping, 8}}, 0x10, {{0, 8, 2}, {8, 0x10, kNoMapping}}},
+        {"neighbours of one IL offset merge",
+         {{2, 0}, {2, 4}, {kNoMapping, 8}},
+         0x10,
+         {{0, 8, 2}, {8, 0x10, kNoMapping}}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -349,7 +360,8 @@ TEST(NettraceThroughTheFileSet, ACutKeepsEveryWholeLoadAndSaysWhere) {
     RuntimeRun run;
     run.assemblyLoad(0x600, 0, 100).moduleLoad(0x7000, 0x600, "/gone/App.dll", 101);
     for (uint32_t i = 0; i < 4; ++i) {
-        run.code(RuntimeRun::load, codeSpec(0x50 + i, 0x7000, 0x1000 + 0x100 * i, 0x40, 0x06000001 + i, flagJitted, "App.P", "M"),
+        run.code(RuntimeRun::load,
+                 codeSpec(0x50 + i, 0x7000, 0x1000 + 0x100 * i, 0x40, 0x06000001 + i, flagJitted, "App.P", "M"),
                  200 + i)
             .map(RuntimeRun::ilMap, 0x50 + i, {{0, 0}, {4, 0x10}}, 200 + i);
         if (i == 1)
@@ -398,4 +410,4 @@ TEST(NettraceThroughTheFileSet, ACutKeepsEveryWholeLoadAndSaysWhere) {
     }
 }
 
-} // namespace
+} // namespace nettrace_file_reader_test

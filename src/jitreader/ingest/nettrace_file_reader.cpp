@@ -28,8 +28,8 @@ namespace {
 template <typename Manager, typename = void>
 struct CanEndCodeLife : std::false_type {};
 template <typename Manager>
-struct CanEndCodeLife<Manager, std::void_t<decltype(std::declval<Manager&>().processCodeUnload(u32(), u32(), u64(),
-                                                                                                u32(), u64()))>>
+struct CanEndCodeLife<
+    Manager, std::void_t<decltype(std::declval<Manager&>().processCodeUnload(u32(), u32(), u64(), u32(), u64()))>>
     : std::true_type {};
 
 // Ends the life of the code at [start, start + size) at `time`. A data
@@ -43,8 +43,12 @@ void endCodeLife(Manager& data, const RuntimeFileContext& file, u64 start, u32 s
 
 // The code of a registration answer, whether the data manager answers with a
 // bare code or with a status that carries its reason.
-[[maybe_unused]] quarvel_error_t codeOf(quarvel_error_t code) { return code; }
-[[maybe_unused]] quarvel_error_t codeOf(const Status& status) { return status.code(); }
+[[maybe_unused]] quarvel_error_t codeOf(quarvel_error_t code) {
+    return code;
+}
+[[maybe_unused]] quarvel_error_t codeOf(const Status& status) {
+    return status.code();
+}
 
 // --- events as the pass keeps them until their turn --------------------------
 
@@ -139,8 +143,8 @@ class EventPass {
 public:
     EventPass(const RuntimeFileContext& file, NettraceReader& reader, JitDataManager& data, ModuleCache& modules,
               JitReadStats& stats, AddressRanges* code)
-        : m_file(file), m_reader(reader), m_data(data), m_modules(modules), m_builder(file, modules),
-          m_stats(stats), m_code(code) {}
+        : m_file(file), m_reader(reader), m_data(data), m_modules(modules), m_builder(file, modules), m_stats(stats),
+          m_code(code) {}
 
     // False when damage ended the file.
     bool run();
@@ -318,7 +322,8 @@ void EventPass::handle(Item& item) {
 void EventPass::module(const Item& item, ModuleEvent& event) {
     const auto known = m_moduleInfo.find(event.moduleId);
     // A rundown lists modules loaded before; one seen loaded keeps its time.
-    if (event.phase != DotnetEventPhase::load && known != m_moduleInfo.end() && known->second.assemblyId == event.assemblyId)
+    if (event.phase != DotnetEventPhase::load && known != m_moduleInfo.end() &&
+        known->second.assemblyId == event.assemblyId)
         return;
     // Module ids are reused once a collectible assembly is gone: the newest load counts.
     ModuleInfo& info = m_moduleInfo[event.moduleId];
@@ -496,8 +501,8 @@ void EventPass::touch(u64 start, u64 size, u64 time) {
 u64 EventPass::lastTouchOver(u64 start, u64 size) const {
     u64 last = 0;
     const u64 end = start + size;
-    for (auto it = m_touched.lower_bound(start - std::min(start, m_largestCode)); it != m_touched.end() && it->first < end;
-         ++it)
+    for (auto it = m_touched.lower_bound(start - std::min(start, m_largestCode));
+         it != m_touched.end() && it->first < end; ++it)
         if (it->second.first > start)
             last = std::max(last, it->second.second);
     return last;
