@@ -2,7 +2,10 @@
 // System.Private.CoreLib (a ReadyToRun image): opening its metadata (mapping,
 // headers, table layout, the method-owner and generic-parameter indices) and
 // turning one MethodDef token into its declaring type, name and signature,
-// the way the symbol resolver does per .NET method.
+// the way the symbol resolver does per .NET method. Beside them, the reading
+// pass over a runtime event trace (.nettrace) of 100000 method loads with
+// their IL maps, written by the fixtures' writer: events per second into the
+// model, and the same file through the event reader alone.
 //
 //   quarvel_dotnet_bench [--corelib=PATH] [Google Benchmark flags]
 //
@@ -12,7 +15,14 @@
 #include "dotnet/assembly_metadata.h"
 #include "dotnet/assembly_reader_impl.h"
 #include "dotnet/file_bytes.h"
+#include "format/nettrace_reader.h"
+#include "index/jit_data_manager.h"
+#include "ingest/jit_files_manager.h"
 #include "model/dotnet_method.h"
+
+#include "dotnet_event_payloads.h"
+#include "nettrace_writer.h"
+#include "temp_dir.h"
 
 #include <quarvel/dotnet.h>
 
@@ -143,6 +153,106 @@ void BM_GetMethod(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_GetMethod);
+
+// A process that jitted `loads` methods, one IL map of 12 entries each, spread
+// over 4 threads and 16 modules, with a sequence point every 10000 loads.
+struct EventTrace {
+    quarvel_test::TempDir dir;
+    std::string path;
+    uint64_t events = 0;
+
+    explicit EventTrace(uint32_t loads) {
+        using namespace quarvel_test;
+        NettraceWriter w;
+        w.metadata({dotnetEventType(1, kDotnetRuntimeProvider, dotnetMethodLoadVerbose, 2),
+                    dotnetEventType(2, kDotnetRuntimeProvider, dotnetMethodILToNativeMap, 1),
+                    dotnetEventType(3, kDotnetRuntimeProvider, dotnetModuleLoad, 2)});
+        std::vector<NettraceEventRow> rows;
+        const auto add = [&rows](uint32_t type, uint64_t time, uint64_t thread, std::vector<uint8_t> payload) {
+            NettraceEventRow r;
+            r.metadataId = type;
+            r.timestamp = time;
+            r.threadId = r.captureThreadId = thread;
+            r.payload = std::move(payload);
+            rows.push_back(std::move(r));
+        };
+        for (uint32_t m = 0; m < 16; ++m) {
+            DotnetModuleSpec module;
+            module.moduleId = 0x7000 + m;
+            module.ilPath = "/app/Module" + std::to_string(m) + ".dll";
+            add(3, 1000 + m, 1, dotnetModulePayload(module, 2));
+        }
+        for (uint32_t i = 0; i < loads; ++i) {
+            DotnetMethodSpec m;
+            m.methodId = 0x100000 + i;
+            m.moduleId = 0x7000 + i % 16;
+            m.startAddress = 0x7f0000000000ULL + uint64_t(i) * 0x100;
+            m.size = 0xC0;
+            m.token = 0x06000001 + i % 5000;
+            m.flags = 0x8 | 3 << 7;
+            m.methodNamespace = "App.Namespace.Type" + std::to_string(i % 1000);
+            m.methodName = "Method" + std::to_string(i);
+            m.methodSignature = "instance int64  (int32,class System.String)";
+            DotnetILMapSpec map;
+            map.methodId = m.methodId;
+            map.entries.push_back({0xFFFFFFFE, 0});
+            for (uint32_t e = 1; e < 11; ++e)
+                map.entries.push_back({e * 3, e * 0x10});
+            map.entries.push_back({0xFFFFFFFD, 0xB0});
+            const uint64_t thread = 1 + i % 4, time = 10000 + uint64_t(i) * 10;
+            add(1, time, thread, dotnetMethodPayload(m, true, 2));
+            add(2, time + 1, thread, dotnetILMapPayload(map, 1));
+            if (rows.size() >= 2000) {
+                w.events(rows);
+                rows.clear();
+            }
+            if ((i + 1) % 10000 == 0)
+                w.sequencePoint(time + 2);
+        }
+        if (!rows.empty())
+            w.events(rows);
+        w.end();
+        events = w.eventEnds().size();
+        path = w.writeTo(dir.file("app.4242.nettrace"));
+    }
+};
+
+const EventTrace& eventTrace() {
+    static const EventTrace trace(100000);
+    return trace;
+}
+
+void BM_NettraceIngest(benchmark::State& state) {
+    const EventTrace& trace = eventTrace();
+    for (auto _ : state) {
+        JitFilesManager files;
+        JitDataManager data;
+        const char* paths[] = {trace.path.c_str()};
+        generic_iterator_t<const char*> it(std::begin(paths), std::end(paths));
+        if (files.initialize(it, taAny) != meSuccess || files.readJitFiles(dmCodeBytes, data) != meSuccess ||
+            files.readStats().nettraceCodeLoads != 100000) {
+            state.SkipWithError("the event trace was not read whole");
+            break;
+        }
+    }
+    state.SetItemsProcessed(int64_t(state.iterations() * trace.events));
+    state.counters["loads"] = 100000;
+}
+BENCHMARK(BM_NettraceIngest)->Unit(benchmark::kMillisecond);
+
+void BM_NettraceReadOnly(benchmark::State& state) {
+    const EventTrace& trace = eventTrace();
+    for (auto _ : state) {
+        auto reader = NettraceReader::open(trace.path);
+        NettraceEvent event;
+        uint64_t n = 0;
+        while ((*reader)->next(event))
+            n += event.payloadSize != 0;
+        benchmark::DoNotOptimize(n);
+    }
+    state.SetItemsProcessed(int64_t(state.iterations() * trace.events));
+}
+BENCHMARK(BM_NettraceReadOnly)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

@@ -1,7 +1,8 @@
 // Whole trace files: the file set, the reading pass into a data manager,
 // finalisation, then the queries the facades make and the method dumps.
-// Each file is routed by its content, so jitdump files and perf maps reach
-// their readers too: a file gets the name its format's writers give it.
+// Each file is routed by its content, so jitdump files, perf maps and event
+// traces reach their readers too: a file gets the name its format's writers
+// give it.
 //
 // Input: architecture byte, flags, a u16 split point, the file's bytes.
 //   flags bits 0-1: decoding mode; bit 2: read the process alone first (then
@@ -35,6 +36,8 @@ std::string nameFor(const std::optional<TraceFormat>& format, unsigned pid, cons
         return "jit-" + std::to_string(pid) + ".dump";
     if (format == TraceFormat::perfMap)
         return "perf-" + std::to_string(pid) + ".map";
+    if (format == TraceFormat::nettrace) // the runtime's name when asked for trace.{pid}.nettrace
+        return "trace." + std::to_string(pid) + ".nettrace";
     return ours;
 }
 
@@ -74,19 +77,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             return 0;
         paths.push_back(second);
     }
-    // Event traces are refused by the set until they are read.
-    const bool refusable = formats[0] == TraceFormat::nettrace || ((flags & 8) && formats[1] == TraceFormat::nettrace);
-
     std::vector<const char*> names;
     for (const std::string& p : paths)
         names.push_back(p.c_str());
     generic_iterator_t<const char*> list(names.begin(), names.end());
     JitFilesManager files;
-    if (files.initialize(list, arch) != meSuccess) {
-        if (!refusable)
-            __builtin_trap(); // both names parse and both files exist
-        return 0;
-    }
+    if (files.initialize(list, arch) != meSuccess)
+        __builtin_trap(); // both names parse and both files exist
 
     JitDataManager dataManager;
     // The runtime files' host is this one.

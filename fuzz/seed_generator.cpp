@@ -290,7 +290,11 @@ int main(int argc, char** argv) {
     // Jitdump files and perf maps.
     quarvel_fuzz::addJitdumpAndPerfMapSeeds([&seeds](const std::string& target, const Bytes& input) { seeds.add(target, input); });
     // The runtime's event traces.
-    for (const Bytes& trace : quarvel_fuzz::nettraceSeeds())
+    for (const Bytes& trace : quarvel_fuzz::nettraceSeeds()) {
         seeds.add("fuzz_nettrace", trace);
+        // Through the reading pass too, read by the loader's and the resolver's modes.
+        seeds.add("fuzz_trace_file", cat({header({0, 1, 0, 0}), trace}));
+        seeds.add("fuzz_trace_file", cat({header({0, 2, 0, 0}), trace}));
+    }
     return seeds.failed() ? 1 : 0;
 }

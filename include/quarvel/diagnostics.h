@@ -55,6 +55,14 @@ struct TraceStatistics {
     uint64_t perfMapEntries = 0;              // well-formed lines
     uint64_t perfMapEntriesLeftToJitdump = 0; // lines over code a jitdump of the same process describes
 
+    // .NET event traces (.nettrace). A cut trace counts as a damaged record.
+    uint64_t nettraceEvents = 0;        // events of every provider
+    uint64_t nettraceCodeLoads = 0;     // method loads: one per native code version
+    uint64_t nettraceRundownCode = 0;   // code only the rundown listed (precompiled, or compiled unseen)
+    uint64_t nettraceILMaps = 0;        // native-to-IL maps given to their code
+    uint64_t nettraceUnloads = 0;       // unloads that ended code's life (collectible and dynamic code)
+    uint64_t nettraceDroppedEvents = 0; // events the runtime numbered but did not write (full buffers)
+
     // Why, in the order they were met: refused and damaged records and files
     // that could not be read. The first thousand are kept; the rest counted.
     std::vector<TraceRefusal> refusals;
@@ -67,7 +75,7 @@ struct TraceStatistics {
 
     uint64_t totalRecords() const {
         uint64_t n = magicRecords + jitdumpCodeLoads + jitdumpCodeMoves + jitdumpDebugInfo + jitdumpOtherRecords +
-                     perfMapEntries;
+                     perfMapEntries + nettraceEvents;
         for (uint64_t r : records)
             n += r;
         return n;

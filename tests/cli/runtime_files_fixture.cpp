@@ -11,11 +11,17 @@
 //   mixed/perf-7003.map     a perf map alone: the same start listed twice, a partial overlap
 //   cut/jit-7004.dump       a jitdump cut inside its third record
 //   cut/perf-7005.map       a perf map whose last line has no line end
+//   dotnet/app.nettrace     the .NET runtime's event trace of process 7010: tier 0 and tier 1 of a
+//                           method with their IL maps, two dynamic methods at one address, and the
+//                           rundown's precompiled code (its assembly is not here: the events name it)
 //   samples.csv             samples over all of them, before and after each change
+//   dotnet-samples.csv      samples over the event trace
 //
 //   quarvel_cli_runtime_files <output directory>
 
+#include "dotnet_event_payloads.h"
 #include "jitdump_writer.h"
+#include "nettrace_writer.h"
 
 #include <quarvel/jittrace_writer.h>
 
@@ -144,6 +150,71 @@ void writeCutDump(const std::string& path) {
     w.writeTo(path, w.recordStarts()[2] + 30);
 }
 
+DotnetMethodSpec dotnetMethod(uint64_t start, uint32_t size, uint32_t token, uint32_t flags, const std::string& type,
+                              const std::string& name, const std::string& signature) {
+    DotnetMethodSpec m;
+    m.methodId = 0x5000 + token;
+    m.moduleId = 0x7000;
+    m.startAddress = start;
+    m.size = size;
+    m.token = token;
+    m.flags = flags;
+    m.methodNamespace = type;
+    m.methodName = name;
+    m.methodSignature = signature;
+    return m;
+}
+
+void writeNettrace(const std::string& path) {
+    NettraceTraceSpec header;
+    header.processId = 7010;
+    NettraceWriter w(header);
+    w.metadata({dotnetEventType(1, kDotnetRuntimeProvider, dotnetMethodLoadVerbose, 2),
+                dotnetEventType(2, kDotnetRuntimeProvider, dotnetMethodILToNativeMap, 1),
+                dotnetEventType(3, kDotnetRuntimeProvider, dotnetModuleLoad, 2),
+                dotnetEventType(4, kDotnetRuntimeProvider, dotnetAssemblyLoad, 1),
+                dotnetEventType(5, kDotnetRundownProvider, dotnetMethodDCEndVerbose, 2)});
+    DotnetAssemblySpec assembly;
+    assembly.assemblyId = 0x6000;
+    assembly.fullyQualifiedName = "Shop, Version=1.0.0.0";
+    DotnetModuleSpec module;
+    module.moduleId = 0x7000;
+    module.assemblyId = 0x6000;
+    module.ilPath = "/app/Shop.dll";
+    const uint32_t jitted = 0x8, dynamic = 0x1;
+    const DotnetMethodSpec tier0 = dotnetMethod(0x50000, 0x60, 0x06000002, jitted | 3 << 7, "Shop.Cart", "Total",
+                                                "int64  (class System.String,int32)");
+    DotnetMethodSpec tier1 = tier0;
+    tier1.startAddress = 0x51000;
+    tier1.size = 0x30;
+    tier1.flags = jitted | 4 << 7;
+    const DotnetMethodSpec kernel0 = dotnetMethod(0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel0",
+                                                  "int64  (int64)");
+    const DotnetMethodSpec kernel1 = dotnetMethod(0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel1",
+                                                  "int64  (int64)");
+    const DotnetMethodSpec precompiled = dotnetMethod(0x80000, 0x40, 0x06000001, 2 << 7, "Shop.Program", "Main",
+                                                      "void  (class System.String[])");
+    DotnetILMapSpec map0;
+    map0.methodId = tier0.methodId;
+    map0.entries = {{0xFFFFFFFE, 0}, {0, 0x10}, {8, 0x30}, {0xFFFFFFFD, 0x50}};
+    DotnetILMapSpec map1 = map0;
+    map1.entries = {{0, 0}, {8, 0x18}};
+    const auto row = [](uint32_t type, uint64_t time, std::vector<uint8_t> payload) {
+        NettraceEventRow r;
+        r.metadataId = type;
+        r.timestamp = time;
+        r.payload = std::move(payload);
+        return r;
+    };
+    w.events({row(4, 100, dotnetAssemblyPayload(assembly, 1)), row(3, 110, dotnetModulePayload(module, 2)),
+              row(1, 200, dotnetMethodPayload(tier0, true, 2)), row(2, 200, dotnetILMapPayload(map0, 1)),
+              row(1, 300, dotnetMethodPayload(tier1, true, 2)), row(2, 300, dotnetILMapPayload(map1, 1)),
+              row(1, 310, dotnetMethodPayload(kernel0, true, 2)), row(1, 400, dotnetMethodPayload(kernel1, true, 2)),
+              row(5, 900, dotnetMethodPayload(precompiled, true, 2))});
+    w.end();
+    w.writeTo(path);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -152,7 +223,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     const std::string out = argv[1];
-    for (const std::string& dir : {out, out + "/mixed", out + "/cut"})
+    for (const std::string& dir : {out, out + "/mixed", out + "/cut", out + "/dotnet"})
         ::mkdir(dir.c_str(), 0755);
     const std::string host = localHost();
     writeOurTrace(out + "/mixed/demo-host.7001.jit");
@@ -169,6 +240,16 @@ int main(int argc, char** argv) {
               "30110 20 Util::Mix(int32)[Tier1]\n");
     writeCutDump(out + "/cut/jit-7004.dump");
     writeText(out + "/cut/perf-7005.map", "40000 10 first\n40010 10 second\n40020 10 thi");
+    writeNettrace(out + "/dotnet/app.nettrace");
+    writeText(out + "/dotnet-samples.csv",
+              "time,address,pid,host\n"
+              "150,0x50020,7010," + host + "\n" // before any load: no code there yet
+              "250,0x50020,7010," + host + "\n" // Total, tier 0
+              "350,0x50020,7010," + host + "\n" // tier 0 still: tier 1 is elsewhere
+              "350,0x51020,7010," + host + "\n" // Total, tier 1
+              "350,0x52010,7010," + host + "\n" // Kernel0
+              "450,0x52010,7010," + host + "\n" // Kernel1, at Kernel0's address
+              "450,0x80010,7010," + host + "\n"); // precompiled Main, from the rundown
     // Times are in the traces' units: nanoseconds for the dump, any real time for the maps.
     writeText(out + "/samples.csv",
               "time,address,pid,host\n"

@@ -276,6 +276,7 @@ StatsReport TraceView::stats() const {
         {"records_jitdump_debug_info", "  jitdump debug info", s.jitdumpDebugInfo},
         {"records_jitdump_other", "  jitdump other (skipped)", s.jitdumpOtherRecords},
         {"records_perf_map", "  perf map line", s.perfMapEntries},
+        {"records_nettrace_event", "  event trace event", s.nettraceEvents},
     };
     rows.insert(rows.end(), runtimeFiles.begin(), runtimeFiles.end());
     const std::vector<StatRow> tail = {
@@ -286,6 +287,11 @@ StatsReport TraceView::stats() const {
         {"second_traces", "files ended by a second trace", s.secondTraces},
         {"damaged_records", "damaged records", s.damagedRecords},
         {"perf_map_left_to_jitdump", "perf map lines left to a jitdump", s.perfMapEntriesLeftToJitdump},
+        {"nettrace_code_loads", "event trace method loads", s.nettraceCodeLoads},
+        {"nettrace_rundown_code", "event trace code from the rundown", s.nettraceRundownCode},
+        {"nettrace_il_maps", "event trace IL maps", s.nettraceILMaps},
+        {"nettrace_unloads", "event trace unloads applied", s.nettraceUnloads},
+        {"nettrace_dropped_events", "event trace events dropped", s.nettraceDroppedEvents},
         {"methods", "methods", s.methods},
         {"regions", "code regions", s.regions},
         {"inlined_methods", "inlined methods", s.inlinedMethods},

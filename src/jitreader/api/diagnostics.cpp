@@ -61,6 +61,12 @@ quarvel_error_t collectTraceStatistics(const ISymbolResolver::Ptr& resolver, Tra
     result.jitdumpOtherRecords = stats.jitdumpOtherRecords;
     result.perfMapEntries = stats.perfMapEntries;
     result.perfMapEntriesLeftToJitdump = stats.perfMapEntriesLeftToJitdump;
+    result.nettraceEvents = stats.nettraceEvents;
+    result.nettraceCodeLoads = stats.nettraceCodeLoads;
+    result.nettraceRundownCode = stats.nettraceRundownCode;
+    result.nettraceILMaps = stats.nettraceILMaps;
+    result.nettraceUnloads = stats.nettraceUnloads;
+    result.nettraceDroppedEvents = stats.nettraceDroppedEvents;
     for (const Reason& reason : stats.refusals) {
         TraceRefusal refusal;
         refusal.file = reason.file;

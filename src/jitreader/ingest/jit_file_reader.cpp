@@ -25,7 +25,7 @@ void JitReadStats::addRefusal(const Reason& reason) {
 
 u64 JitReadStats::totalRecords() const {
     u64 total = magicRecords + jitdumpCodeLoads + jitdumpCodeMoves + jitdumpDebugInfo + jitdumpOtherRecords +
-                perfMapEntries;
+                perfMapEntries + nettraceEvents;
     for (u64 n : records)
         total += n;
     return total;
@@ -50,6 +50,12 @@ JitReadStats& JitReadStats::operator+=(const JitReadStats& other) {
     jitdumpOtherRecords += other.jitdumpOtherRecords;
     perfMapEntries += other.perfMapEntries;
     perfMapEntriesLeftToJitdump += other.perfMapEntriesLeftToJitdump;
+    nettraceEvents += other.nettraceEvents;
+    nettraceCodeLoads += other.nettraceCodeLoads;
+    nettraceRundownCode += other.nettraceRundownCode;
+    nettraceILMaps += other.nettraceILMaps;
+    nettraceUnloads += other.nettraceUnloads;
+    nettraceDroppedEvents += other.nettraceDroppedEvents;
     for (const Reason& reason : other.refusals)
         addRefusal(reason);
     refusalsNotKept += other.refusalsNotKept;

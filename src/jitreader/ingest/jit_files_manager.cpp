@@ -3,6 +3,7 @@
 #include "index/jit_data_manager.h"
 #include "format/jit_file_decoder.h"
 #include "ingest/jitdump_file_reader.h"
+#include "ingest/nettrace_file_reader.h"
 #include "ingest/perf_map_file_reader.h"
 #include "ingest/trace_format.h"
 #include "support/assertion.h"
@@ -43,9 +44,8 @@ bool isReadable(TraceFormat format) {
     case TraceFormat::jitTrace:
     case TraceFormat::jitdump:
     case TraceFormat::perfMap:
-        return true;
     case TraceFormat::nettrace:
-        return false;
+        return true;
     }
     return false;
 }
@@ -445,7 +445,7 @@ quarvel_error_t JitFilesManager::readFile(const JitFileInfo& file, ProcessJitInf
         return PerfMapFileReader(&m_stats, m_modules)
             .readFile(context, dataManager, process.jitdumpCode.empty() ? nullptr : &process.jitdumpCode);
     case TraceFormat::nettrace:
-        break;
+        return NettraceFileReader(&m_stats, m_modules).readFile(context, dataManager, &process.jitdumpCode);
     }
     // The set takes no file of a format it cannot read.
     QV_CHECK(isReadable(file.format), (void)0);

@@ -44,8 +44,8 @@ struct ProcessJitInfo {
     std::deque<JitFileInfo> files;
     // Tested before the reading lock is taken, hence atomic.
     std::atomic<bool> read{false};
-    // Where the process's jitdumps put code, which its perf maps leave to
-    // them; under the reading lock.
+    // Where the process's jitdumps and event traces put code, which its
+    // perf maps leave to them; under the reading lock.
     AddressRanges jitdumpCode;
 };
 

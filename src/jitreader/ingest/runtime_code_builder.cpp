@@ -77,13 +77,22 @@ JitMethod::Ptr RuntimeCodeBuilder::build(RuntimeCode& code, jit_rva_t jitRva) {
     method->addCodeRegion(Region::Ptr(
         new Region(m_file.hostId, m_file.pid, jitRva, code.loadTime, 0, code.address, size, content)));
     BaseMethodInfo& info = *method->info();
-    info.setVerbatimName(std::string(code.name));
-    info.setModule(m_module);
+    if (!code.className.empty()) {
+        info.setClassName(std::string(code.className));
+        info.setMethodName(std::string(code.name));
+    } else if (!code.name.empty()) {
+        info.setVerbatimName(std::string(code.name));
+    }
+    info.setModule(code.module ? code.module : m_module);
+    info.setMethodToken(code.metadataToken);
     info.setMethodId(identityOf(m_file.jitRvaBase, rawId));
     if (!code.sourceFile.empty())
         info.setSourceFile(SourceFile(std::string(code.sourceFile), std::string(), 0, 0));
     if (!code.lines.empty())
         method->addLineNumberInfo(quarvel_line_info_native_to_source, std::move(code.lines), Range(0, size));
+    if (!code.nativeToManaged.empty())
+        method->addLineNumberInfo(quarvel_line_info_native_to_managed, std::move(code.nativeToManaged),
+                                  Range(0, size));
     return method;
 }
 

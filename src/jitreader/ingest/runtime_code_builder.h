@@ -37,10 +37,19 @@ struct RuntimeCode {
     u64 address = 0;
     u64 size = 0;
     u64 loadTime = 0;
+    // With a class name: the class and the method (joined and qualified as
+    // every method name is); without one: a name kept as written. Both may
+    // be empty, for a resolver to fill in from metadata.
+    std::string_view className;
     std::string_view name;
     const uint8_t* bytes = nullptr; // size bytes when kept, else null
     std::string_view sourceFile;
     std::vector<quarvel_line_number_entry> lines; // native to source, offsets from the code's first byte
+    // .NET code: its assembly (null: the pseudo module of dynamic code), its
+    // MethodDef token (0: none) and its native-to-IL rows.
+    IModule::Ptr module;
+    u32 metadataToken = 0;
+    std::vector<quarvel_line_number_entry> nativeToManaged;
 };
 
 class RuntimeCodeBuilder {

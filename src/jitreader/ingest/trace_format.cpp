@@ -54,6 +54,31 @@ std::optional<TraceFormat> detectTraceFormat(const std::string& path, uint64_t f
     return detectTraceFormat(head, static_cast<size_t>(in.gcount()), fileSize);
 }
 
+namespace {
+
+// The decimal run right before the extension, after a '.', '-' or '_'.
+bool pidBeforeExtension(const std::string& fileName, const std::string& extension, u32& pid) {
+    if (fileName.size() <= extension.size() ||
+        fileName.compare(fileName.size() - extension.size(), extension.size(), extension) != 0)
+        return false;
+    const size_t end = fileName.size() - extension.size();
+    size_t start = end;
+    while (start > 0 && fileName[start - 1] >= '0' && fileName[start - 1] <= '9')
+        --start;
+    if (start == end || start == 0 || end - start > 10)
+        return false;
+    const char separator = fileName[start - 1];
+    if (separator != '.' && separator != '-' && separator != '_')
+        return false;
+    const unsigned long long value = std::stoull(fileName.substr(start, end - start));
+    if (value == 0 || value > 0xFFFFFFFFull)
+        return false;
+    pid = static_cast<u32>(value);
+    return true;
+}
+
+} // namespace
+
 bool processOfRuntimeFile(TraceFormat format, const std::string& path, const std::string& fileName, u32& pid) {
     switch (format) {
     case TraceFormat::jitdump: {
@@ -68,11 +93,14 @@ bool processOfRuntimeFile(TraceFormat format, const std::string& path, const std
     case TraceFormat::perfMap:
         return parsePidFileName(fileName, "perf-", ".map", pid);
     case TraceFormat::nettrace: {
+        // The trace names its process; a name the runtime made from a
+        // pattern with {pid} in it (app.{pid}.nettrace) is the fallback.
         Expected<std::unique_ptr<NettraceReader>> reader = NettraceReader::open(path);
-        if (!reader || !(*reader)->readHeader() || (*reader)->info().processId == 0)
-            return false;
-        pid = (*reader)->info().processId;
-        return true;
+        if (reader && (*reader)->readHeader() && (*reader)->info().processId != 0) {
+            pid = (*reader)->info().processId;
+            return true;
+        }
+        return pidBeforeExtension(fileName, ".nettrace", pid);
     }
     case TraceFormat::jitTrace:
         return false;

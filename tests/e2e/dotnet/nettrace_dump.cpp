@@ -2,7 +2,7 @@
 // payload decoders and writes what it found, for the end-to-end checks of
 // tests/e2e/dotnet/run.sh:
 //
-//   quarvel_nettrace_dump TRACE [--methods methods.tsv] [--ilmaps ilmaps.tsv]
+//   quarvel_nettrace_dump TRACE [--methods methods.tsv] [--ilmaps ilmaps.tsv (each map's entries too)]
 //                               [--modules modules.tsv] [--repeat N]
 //
 // Prints a JSON summary on stdout: the trace's description, how many events
@@ -88,7 +88,8 @@ int main(int argc, char** argv) {
         *out.methods << "phase\tverbose\tversion\ttime_ns\tmethod_id\tmodule_id\tstart\tsize\ttoken\tflags\ttier\trejit_id"
                         "\tnamespace\tname\tsignature\n";
     if (out.ilmaps)
-        *out.ilmaps << "phase\tversion\ttime_ns\tmethod_id\trejit_id\tentries\tprolog\tepilog\tno_mapping\tmax_native\n";
+        *out.ilmaps << "phase\tversion\ttime_ns\tmethod_id\trejit_id\tentries\tprolog\tepilog\tno_mapping\tmax_native"
+                       "\tmap\n";
     if (out.modules)
         *out.modules << "kind\tphase\tversion\ttime_ns\tid\tassembly_id\tflags\tpath_or_name\tpdb_signature\tpdb_age\tpdb_path\n";
 
@@ -169,15 +170,19 @@ int main(int argc, char** argv) {
             if (status && out.ilmaps) {
                 unsigned prolog = 0, epilog = 0, none = 0;
                 uint32_t maxNative = 0;
+                std::string entries; // "il:native" pairs in decimal, in the event's order
                 for (size_t i = 0; i < map.ilOffsets.size(); ++i) {
                     prolog += map.ilOffsets[i] == DotnetILToNativeMap::kProlog;
                     epilog += map.ilOffsets[i] == DotnetILToNativeMap::kEpilog;
                     none += map.ilOffsets[i] == DotnetILToNativeMap::kNoMapping;
                     maxNative = std::max(maxNative, map.nativeOffsets[i]);
+                    entries += (i ? "," : "") + std::to_string(map.ilOffsets[i]) + ":" +
+                               std::to_string(map.nativeOffsets[i]);
                 }
                 *out.ilmaps << phaseName(map.phase) << '\t' << map.version << '\t' << event.timeNs << '\t'
                             << hex(map.methodId) << '\t' << map.rejitId << '\t' << map.ilOffsets.size() << '\t'
-                            << prolog << '\t' << epilog << '\t' << none << '\t' << maxNative << '\n';
+                            << prolog << '\t' << epilog << '\t' << none << '\t' << maxNative << '\t' << entries
+                            << '\n';
             }
             break;
         case DotnetEventKind::module:
