@@ -34,15 +34,6 @@ const u32 kPid = 4242;
 const uint32_t kProlog = 0xFFFFFFFE, kEpilog = 0xFFFFFFFD, kNoMapping = 0xFFFFFFFF;
 enum : uint32_t { flagDynamic = 0x1, flagJitted = 0x8 };
 
-// Whether the data manager can end code's life without a load over it
-// (until it can, unloads leave code live until other code comes).
-template <typename M, typename = void>
-struct EndsLives : std::false_type {};
-template <typename M>
-struct EndsLives<M, std::void_t<decltype(std::declval<M&>().processCodeUnload(0u, 0u, u64(), 0u, u64()))>>
-    : std::true_type {};
-constexpr bool kUnloadsEndLives = EndsLives<JitDataManager>::value;
-
 // A run of the runtime as its events tell it, rows in the order given.
 class RuntimeRun {
 public:
@@ -231,7 +222,7 @@ TEST(NettraceThroughTheFileSet, EachCodeVersionLivesFromItsLoadUntilFreedOrRepla
     };
     for (const Query& q : queries) {
         SCOPED_TRACE(std::to_string(q.address) + " at " + std::to_string(q.time));
-        EXPECT_EQ(kUnloadsEndLives || !q.nameWithoutUnloads ? q.name : q.nameWithoutUnloads,
+        EXPECT_EQ(q.name,
                   set.nameAt(q.address, q.time));
         EXPECT_EQ(set.jitRvaAt(q.address, q.time), loaderMode.jitRvaAt(q.address, q.time));
     }

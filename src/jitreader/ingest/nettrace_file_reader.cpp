@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <map>
-#include <sstream>
 #include <string>
 #include <type_traits>
 #include <unordered_map>
@@ -25,29 +24,10 @@ namespace {
 
 // --- the end of code's life --------------------------------------------------
 
-template <typename Manager, typename = void>
-struct CanEndCodeLife : std::false_type {};
-template <typename Manager>
-struct CanEndCodeLife<
-    Manager, std::void_t<decltype(std::declval<Manager&>().processCodeUnload(u32(), u32(), u64(), u32(), u64()))>>
-    : std::true_type {};
-
-// Ends the life of the code at [start, start + size) at `time`. A data
-// manager without processCodeUnload keeps such code live until other code
-// is loaded over it (which is what freed code memory gets in time).
-template <typename Manager>
-void endCodeLife(Manager& data, const RuntimeFileContext& file, u64 start, u32 size, u64 time) {
-    if constexpr (CanEndCodeLife<Manager>::value)
-        (void)data.processCodeUnload(file.pid, file.hostId, start, size, time);
-}
-
-// The code of a registration answer, whether the data manager answers with a
-// bare code or with a status that carries its reason.
-[[maybe_unused]] quarvel_error_t codeOf(quarvel_error_t code) {
-    return code;
-}
-[[maybe_unused]] quarvel_error_t codeOf(const Status& status) {
-    return status.code();
+// Ends the life of the code at [start, start + size) at `time`; a refusal
+// (no live code there) leaves nothing to end.
+void endCodeLife(JitDataManager& data, const RuntimeFileContext& file, u64 start, u32 size, u64 time) {
+    (void)data.processCodeUnload(file.pid, file.hostId, start, size, time);
 }
 
 // --- events as the pass keeps them until their turn --------------------------
@@ -462,14 +442,10 @@ void EventPass::place(const PendingCode& pending, const MapEvent* map) {
         ++m_stats.nettraceILMaps;
     }
     const JitMethod::Ptr method = m_builder.build(code, pending.jitRva);
-    const quarvel_error_t status = codeOf(m_data.processMethodLoadRecord(m_file.pid, m_file.hostId, method));
-    if (status != meSuccess) {
+    Status status = m_data.processMethodLoadRecord(m_file.pid, m_file.hostId, method);
+    if (!status) {
         ++m_stats.refusedByDataManager;
-        std::ostringstream message;
-        message << "the code of method id " << event.methodId << " at " << event.start
-                << " was refused by the model (status " << status << "); see the log";
-        Reason reason = Reason::badInput(message.str(), status);
-        return m_stats.addRefusal(reason.inFile(m_file.path).at(pending.offset).ofField("method event"));
+        return m_stats.addRefusal(status.reason().inFile(m_file.path).at(pending.offset).ofField("method event"));
     }
     if (event.phase != DotnetEventPhase::load)
         ++m_stats.nettraceRundownCode;
