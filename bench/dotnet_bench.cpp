@@ -38,7 +38,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace {
 

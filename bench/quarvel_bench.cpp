@@ -48,7 +48,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using quarvel_bench::Corpus;
 using quarvel_bench::CorpusShape;
 using quarvel_bench::Sample;

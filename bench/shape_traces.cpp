@@ -10,9 +10,9 @@
 
 namespace quarvel_bench {
 
-using quarvel_3_13::JitTraceWriter;
-using quarvel_3_13::TraceCodeRegion;
-using quarvel_3_13::TraceMethodLoad;
+using quarvel::JitTraceWriter;
+using quarvel::TraceCodeRegion;
+using quarvel::TraceMethodLoad;
 
 namespace {
 
@@ -59,7 +59,7 @@ uint64_t writeOnce(const std::string& path, const std::function<void(JitTraceWri
         return size;
     const std::string partial = path + ".part";
     JitTraceWriter writer;
-    if (!writer.open(partial) || !writer.writeMagic() || !writer.writeCollectorType(quarvel_3_13::ctJitProfiler))
+    if (!writer.open(partial) || !writer.writeMagic() || !writer.writeCollectorType(quarvel::ctJitProfiler))
         throw std::runtime_error(writer.errorText());
     write(writer);
     writer.close();

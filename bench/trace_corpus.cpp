@@ -11,11 +11,11 @@
 
 namespace quarvel_bench {
 
-using quarvel_3_13::JitTraceWriter;
-using quarvel_3_13::TraceCodeRegion;
-using quarvel_3_13::TraceInlineLoad;
-using quarvel_3_13::TraceMethodLoad;
-using quarvel_3_13::TraceMethodTail;
+using quarvel::JitTraceWriter;
+using quarvel::TraceCodeRegion;
+using quarvel::TraceInlineLoad;
+using quarvel::TraceMethodLoad;
+using quarvel::TraceMethodTail;
 
 namespace {
 
@@ -118,9 +118,9 @@ void generate(const CorpusShape& shape, JitTraceWriter* writer, Corpus& out) {
     uint32_t inlineIds = kInlineIdBase;
 
     if (writer) {
-        if (!writer->writeMagic() || !writer->writeCollectorType(quarvel_3_13::ctJitProfiler))
+        if (!writer->writeMagic() || !writer->writeCollectorType(quarvel::ctJitProfiler))
             throw std::runtime_error(writer->errorText());
-        quarvel_3_13::TraceRuntimeInfo info;
+        quarvel::TraceRuntimeInfo info;
         info.runtimeType = quarvel_runtime_java;
         info.version = "17.0";
         info.name = "bench-vm";

@@ -33,7 +33,7 @@
 
 namespace {
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 const char* const kHost = "demo-host";
 

@@ -17,7 +17,7 @@
 #include <algorithm>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace {
 

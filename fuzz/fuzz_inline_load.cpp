@@ -11,7 +11,7 @@
 #include "model/md5_hash_generator.h"
 #include "model/module.h"
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     quarvel_fuzz::setUpLogging();

@@ -10,7 +10,7 @@
 #include "format/jitdump_debug_pairing.h"
 #include "format/jitdump_reader.h"
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace {
 

@@ -16,7 +16,7 @@
 
 #include <quarvel/jittrace_writer.h>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     quarvel_fuzz::setUpLogging();

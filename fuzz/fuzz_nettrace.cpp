@@ -10,7 +10,7 @@
 
 #include <cstdint>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     quarvel_fuzz::setUpLogging();

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <limits>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     quarvel_fuzz::setUpLogging();

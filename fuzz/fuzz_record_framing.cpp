@@ -7,7 +7,7 @@
 
 #include <cstdlib>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     quarvel_fuzz::setUpLogging();

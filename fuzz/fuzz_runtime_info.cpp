@@ -8,7 +8,7 @@
 #include "format/record_bodies.h"
 #include "ingest/managed_runtime_info.h"
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     quarvel_fuzz::setUpLogging();

@@ -21,7 +21,7 @@
 
 namespace quarvel_fuzz {
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace {
 

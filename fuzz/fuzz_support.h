@@ -51,19 +51,19 @@ private:
 // module, source, regions and their inline trees, line tables at several
 // jit rvas, the dumps with disassembly), so that whatever the decoders let
 // through is also safe to look at.
-void exerciseMethod(quarvel_3_13::JitMethod& method);
+void exerciseMethod(quarvel::JitMethod& method);
 
 // Queries a filled data manager the way the facades do: resolves addresses
 // in and around every registered region at times around its life, by jit
 // rva too, looks symbols up by module and id, translates addresses, finds
 // call targets and overlapped regions, and exercises every method it finds.
 // seed varies the extra probes.
-void queryDataManager(quarvel_3_13::JitDataManager& dataManager, uint64_t seed);
+void queryDataManager(quarvel::JitDataManager& dataManager, uint64_t seed);
 
 // Reads trace bytes held in memory through the reading pass into
 // dataManager, as process 7 of host 1 with the given jit rva base.
-void readTrace(const std::vector<uint8_t>& trace, quarvel_3_13::decoding_mode_t mode,
-               quarvel_3_13::jit_rva_t jitRvaBase, quarvel_3_13::JitDataManager& dataManager);
+void readTrace(const std::vector<uint8_t>& trace, quarvel::decoding_mode_t mode,
+               quarvel::jit_rva_t jitRvaBase, quarvel::JitDataManager& dataManager);
 
 // One sized record around a body, preceded by a CollectorType record when
 // collector is not 0.

@@ -22,7 +22,7 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace {
 

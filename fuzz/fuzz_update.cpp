@@ -26,7 +26,7 @@
 #include <algorithm>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace {
 

@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
-namespace jt = quarvel_3_13::jittrace;
+using namespace quarvel;
+namespace jt = quarvel::jittrace;
 
 namespace {
 

@@ -26,7 +26,7 @@
 #include <unistd.h>
 #include <x86intrin.h>
 
-namespace qv = quarvel_3_13;
+namespace qv = quarvel;
 
 namespace quarvel_jvmti {
 namespace {

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <boost/intrusive_ptr.hpp>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Root of every reference-counted public object. A factory hands an object
 // out through boost::intrusive_ptr, which brings the count from 0 to 1.
@@ -32,6 +32,6 @@ private:
 inline void intrusive_ptr_add_ref(const BaseObject* object) { object->addRef(); }
 inline void intrusive_ptr_release(const BaseObject* object) { object->release(); }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Shared byte buffer for code bytes, held through std::shared_ptr (a buffer
 // handed out stays valid after the region that held it takes new bytes).
@@ -25,6 +25,6 @@ protected:
     ~IByteBuffer() = default;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

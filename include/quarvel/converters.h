@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Text crosses the boundary as UTF-8 in both directions, so both converters
 // copy bytes unchanged: min(destinationLength, sourceLength) of them, no
@@ -18,6 +18,6 @@ struct QUARVEL_API WcharToUtf8 {
     static char* convert(const char* source, size_t sourceLength, char* destination, size_t& destinationLength);
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Why a record, or a whole file, did not make it into the model.
 struct TraceRefusal {
@@ -140,6 +140,6 @@ QUARVEL_API std::vector<InlinedCode> inlinedRegions(const ICodeRegion::Ptr& regi
 // The raw id of the method a symbol was inlined into (0 for a top-level method).
 QUARVEL_API unsigned rawParentId(const ISymbol::Ptr& symbol);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

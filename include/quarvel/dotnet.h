@@ -7,7 +7,7 @@
 
 #include <boost/intrusive_ptr.hpp>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class DotNetMethod; // opaque to callers
 
@@ -29,6 +29,6 @@ public:
     static quarvel_error_t create(const char* assemblyPath, const char* debugFilePath, Ptr& reader);
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

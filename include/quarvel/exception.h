@@ -7,7 +7,7 @@
 #include <exception>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Offered to callers that prefer exceptions; the library itself reports every
 // failure through quarvel_error_t and never throws this.
@@ -27,6 +27,6 @@ private:
     std::string m_reserved;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

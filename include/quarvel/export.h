@@ -1,6 +1,8 @@
 #ifndef QUARVEL_EXPORT_H
 #define QUARVEL_EXPORT_H
 
+#include <quarvel/namespace.h>
+
 /* Everything a caller may use carries QUARVEL_API; the library is built with
    hidden default visibility, so anything else stays private to it. */
 #if defined(__GNUC__)

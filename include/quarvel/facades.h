@@ -13,7 +13,7 @@
 
 #include <boost/intrusive_ptr.hpp>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Per-sample resolution for profilers: reads a process's trace files the
 // first time a query names that process.
@@ -97,6 +97,6 @@ public:
     static Ptr create(generic_iterator_t<const char*>& jitFiles);
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -1,12 +1,14 @@
 #ifndef QUARVEL_GENERIC_ITERATOR_H
 #define QUARVEL_GENERIC_ITERATOR_H
 
+#include <quarvel/namespace.h>
+
 #include <iterator>
 #include <memory>
 #include <utility>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // A forward sequence of T behind one type, so that any container or iterator
 // pair can cross the library boundary without being copied:
@@ -94,6 +96,6 @@ generic_iterator_t<T> makeOwningIterator(std::vector<T> values) {
     return generic_iterator_t<T>(held->begin(), held->end(), held);
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

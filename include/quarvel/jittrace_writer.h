@@ -138,7 +138,7 @@ QUARVEL_API int quarvel_trace_write_runtime_info(quarvel_trace_writer* writer,
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // One code region of a load record. bytes may be shorter than codeSize, or
 // empty when the code bytes are not written.
@@ -263,7 +263,7 @@ private:
     std::string m_error;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif /* __cplusplus */
 

@@ -13,7 +13,7 @@
 
 #include <boost/intrusive_ptr.hpp>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class ISymbol;
 
@@ -98,6 +98,6 @@ public:
     virtual unsigned getMethodID() const = 0;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

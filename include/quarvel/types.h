@@ -4,6 +4,8 @@
 /* Plain types that cross the library boundary. They live at global scope so
    that C callers can use them too. */
 
+#include <quarvel/namespace.h>
+
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -63,7 +65,7 @@ QUARVEL_ENUM(quarvel_language_type, uint32_t){
 };
 
 #ifdef __cplusplus
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 typedef uint64_t u64;
 typedef uint32_t u32;
@@ -99,7 +101,7 @@ enum collector_type_t : uint32_t {
     ctJitProfiler = 1
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 #endif
 
 #endif

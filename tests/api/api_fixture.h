@@ -21,7 +21,7 @@
 
 namespace api_test {
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 namespace stdfs = std::filesystem;
 
 using quarvel_test::TempDir;

@@ -17,7 +17,7 @@
 namespace {
 
 using namespace quarvel_test;
-namespace q = quarvel_3_13;
+namespace q = quarvel;
 
 std::vector<uint8_t> readAll(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

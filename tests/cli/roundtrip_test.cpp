@@ -16,7 +16,7 @@
 
 namespace roundtrip_test {
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using Json = nlohmann::json;
 
 struct RunResult {

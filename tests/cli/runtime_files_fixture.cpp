@@ -62,7 +62,7 @@ void writeText(const std::string& path, const std::string& text) {
 }
 
 void writeOurTrace(const std::string& path) {
-    using namespace quarvel_3_13;
+    using namespace quarvel;
     JitTraceWriter writer;
     writer.open(path);
     writer.writeMagic();

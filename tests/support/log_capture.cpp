@@ -34,15 +34,15 @@ void recordAssertion(const char* condition, const char* file, int line) {
         std::lock_guard<std::mutex> lock(g_mutex);
         g_assertions.push_back(condition);
     }
-    LOG4CPLUS_ERROR(quarvel_3_13::log::logger(),
-                    "Assertion failed: " << condition << quarvel_3_13::log::errorSuffix(file, line));
+    LOG4CPLUS_ERROR(quarvel::log::logger(),
+                    "Assertion failed: " << condition << quarvel::log::errorSuffix(file, line));
 }
 
 } // namespace
 
 LogCapture::LogCapture() {
     clear();
-    log4cplus::Logger logger = quarvel_3_13::log::logger();
+    log4cplus::Logger logger = quarvel::log::logger();
     m_previousLevel = logger.getLogLevel();
     m_appender = new CaptureAppender();
     logger.addAppender(m_appender);
@@ -50,16 +50,16 @@ LogCapture::LogCapture() {
     // Keep the console quiet while capturing: only our appender sees TRACE lines.
     if (auto console = logger.getAppender(LOG4CPLUS_TEXT("quarvel-stderr")))
         console->setThreshold(log4cplus::OFF_LOG_LEVEL);
-    m_previousHandler = reinterpret_cast<void*>(quarvel_3_13::setAssertionHandler(&recordAssertion));
+    m_previousHandler = reinterpret_cast<void*>(quarvel::setAssertionHandler(&recordAssertion));
 }
 
 LogCapture::~LogCapture() {
-    log4cplus::Logger logger = quarvel_3_13::log::logger();
+    log4cplus::Logger logger = quarvel::log::logger();
     logger.removeAppender(m_appender);
     logger.setLogLevel(m_previousLevel);
     if (auto console = logger.getAppender(LOG4CPLUS_TEXT("quarvel-stderr")))
         console->setThreshold(log4cplus::NOT_SET_LOG_LEVEL);
-    quarvel_3_13::setAssertionHandler(reinterpret_cast<quarvel_3_13::AssertionHandler>(m_previousHandler));
+    quarvel::setAssertionHandler(reinterpret_cast<quarvel::AssertionHandler>(m_previousHandler));
 }
 
 std::vector<LogLine> LogCapture::lines() const {

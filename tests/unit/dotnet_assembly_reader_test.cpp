@@ -24,7 +24,7 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using namespace dotnet_test;
 using quarvel_test::LogCapture;
 using quarvel_test::TempDir;

@@ -9,7 +9,7 @@
 
 namespace dotnet_method_test {
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 // Lines through a real PDB: dotnet_assembly_reader_test and dotnet_pdb_test.
 TEST(DotNetMethod, WithoutAPdbReaderFindsNothingAndWritesNothing) {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using namespace quarvel_test;
 
 namespace dotnet_runtime_event_decoder_test {

@@ -26,8 +26,8 @@ inline void writeFile(const std::string& path, const Bytes& bytes) {
     out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
 }
 
-inline quarvel_3_13::FileBytes hold(const Bytes& bytes, const std::string& name = "test.dll") {
-    return quarvel_3_13::FileBytes::hold(bytes, name);
+inline quarvel::FileBytes hold(const Bytes& bytes, const std::string& name = "test.dll") {
+    return quarvel::FileBytes::hold(bytes, name);
 }
 
 inline std::array<uint8_t, 20> pdbId(uint8_t seed) {
@@ -57,9 +57,9 @@ inline uint32_t method(MetadataBuilder& md, const std::string& name, const Bytes
     return md.row(M::MethodDef, {rva, implFlags, 0x86, md.string(name), md.blob(signature), 1});
 }
 
-inline std::shared_ptr<const quarvel_3_13::AssemblyMetadata> open(const Bytes& image,
+inline std::shared_ptr<const quarvel::AssemblyMetadata> open(const Bytes& image,
                                                                    const std::string& name = "test.dll") {
-    auto opened = quarvel_3_13::AssemblyMetadata::open(hold(image, name));
+    auto opened = quarvel::AssemblyMetadata::open(hold(image, name));
     EXPECT_TRUE(opened.ok()) << (opened.ok() ? "" : opened.reason().text());
     return opened.ok() ? opened.value() : nullptr;
 }

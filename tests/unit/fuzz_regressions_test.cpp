@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using quarvel_test::LogCapture;
 using quarvel_test::makeLoad;
 using quarvel_test::TempDir;

@@ -7,7 +7,7 @@
 
 namespace java_signature_parser_test {
 
-using quarvel_3_13::JavaSignatureParser;
+using quarvel::JavaSignatureParser;
 
 struct NameCase {
     const char* input;

@@ -15,7 +15,7 @@
 
 namespace dmtest {
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 const u32 kPid = 100;
 const u32 kHost = 1;

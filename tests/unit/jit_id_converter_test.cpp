@@ -4,7 +4,7 @@
 
 #include <limits>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace jit_id_converter_test {
 

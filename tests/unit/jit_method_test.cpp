@@ -9,7 +9,7 @@
 
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using quarvel_test::LogCapture;
 using Table = JitMethod::LineTable;
 

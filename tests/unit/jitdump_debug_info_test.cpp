@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace jitdump_debug_info_test {
 

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using quarvel_test::JitdumpDebugFields;
 using quarvel_test::JitdumpLoadFields;
 using quarvel_test::JitdumpWriter;

@@ -14,7 +14,7 @@
 
 namespace method_dump_test {
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 std::string disassemble(const std::vector<uint8_t>& bytes, uint64_t address, quarvel_arch arch) {
     std::ostringstream os;

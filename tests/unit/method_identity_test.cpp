@@ -9,7 +9,7 @@
 
 #include <map>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace method_identity_test {
 

@@ -24,7 +24,7 @@
 #include <utility>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace nettrace_file_reader_test {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace nettrace_primitives_test {
 

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using quarvel_test::NettraceBlockOptions;
 using quarvel_test::NettraceEventRow;
 using quarvel_test::NettraceEventType;

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using quarvel_test::TempDir;
 
 namespace perf_map_reader_test {

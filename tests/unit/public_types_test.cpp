@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace public_types_test {
 

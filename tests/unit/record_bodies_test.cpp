@@ -17,7 +17,7 @@
 
 namespace record_bodies_test {
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using Bytes = std::vector<uint8_t>;
 
 const char* const kFile = "host.4242.jit";

@@ -10,7 +10,7 @@
 
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using quarvel_test::LogCapture;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
@@ -189,8 +189,8 @@ TEST(RecordReaderTest, TruncatedAtEveryOffsetKeepsTheCompleteRecords) {
     trace.magic().collector(1);
     quarvel_test::TraceMethodLoad load = quarvel_test::makeLoad(1, 100, 0x1000, 24);
     trace.load(3, load).load(2, load).inlineLoad(quarvel_test::makeInline(2, 1, 100, 0x1004, 4));
-    trace.updateV2(quarvel_3_13::TraceUpdateV2{1, 150, 0x1000, 4, {1, 2, 3, 4}});
-    trace.runtimeInfo(quarvel_3_13::TraceRuntimeInfo{1, "17.0.15", "OpenJDK 64-Bit Server VM"});
+    trace.updateV2(quarvel::TraceUpdateV2{1, 150, 0x1000, 4, {1, 2, 3, 4}});
+    trace.runtimeInfo(quarvel::TraceRuntimeInfo{1, "17.0.15", "OpenJDK 64-Bit Server VM"});
     std::vector<size_t> ends(trace.recordStarts().begin() + 1, trace.recordStarts().end());
     ends.push_back(trace.bytes().size());
 

@@ -8,7 +8,7 @@
 
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using quarvel_test::LogCapture;
 
 namespace region_test {

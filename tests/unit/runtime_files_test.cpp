@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 using quarvel_test::JitdumpDebugFields;
 using quarvel_test::JitdumpDebugLineFields;
 using quarvel_test::JitdumpLoadFields;

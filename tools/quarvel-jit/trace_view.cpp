@@ -8,7 +8,7 @@
 
 namespace quarvel_jit {
 
-namespace q = quarvel_3_13;
+namespace q = quarvel;
 
 namespace {
 

@@ -68,15 +68,15 @@ public:
     static TopReport top(const std::vector<SampleResult>& results, size_t n);
 
 private:
-    SymbolRow describe(const quarvel_3_13::ISymbol::Ptr& symbol) const;
-    std::vector<InlineNode> inlinesOf(const quarvel_3_13::ICodeRegion::Ptr& region, unsigned depth) const;
+    SymbolRow describe(const quarvel::ISymbol::Ptr& symbol) const;
+    std::vector<InlineNode> inlinesOf(const quarvel::ICodeRegion::Ptr& region, unsigned depth) const;
     std::string hostName(unsigned hostId) const;
     void resolveOne(const Sample& sample, SampleResult& result);
 
     std::vector<std::string> m_paths;
-    quarvel_3_13::ISymbolResolver::Ptr m_resolver;
+    quarvel::ISymbolResolver::Ptr m_resolver;
     std::vector<std::string> m_hosts;       // index = host id - 1
-    std::vector<quarvel_3_13::TraceFileInfo> m_files;
+    std::vector<quarvel::TraceFileInfo> m_files;
     std::set<std::pair<unsigned, unsigned>> m_processes; // (host id, pid)
     std::map<std::string, uint64_t> m_unknownHosts;
     std::map<std::pair<unsigned, unsigned>, CodeExtent> m_extents; // filled on first use

@@ -6,7 +6,7 @@
 
 #include <sys/stat.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -39,4 +39,4 @@ void DefaultSymbolFileLocator::locate(const char* modulePath, ILocatedFile::Ptr&
 
 ISymbolFileLocator::Ptr ISymbolFileLocator::createDefault() { return Ptr(new DefaultSymbolFileLocator()); }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

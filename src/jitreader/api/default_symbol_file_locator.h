@@ -3,7 +3,7 @@
 
 #include <quarvel/facades.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // ISymbolFileLocator::createDefault: the assembly at the module path itself,
 // the PDB of the same name beside it (see facades.h).
@@ -12,6 +12,6 @@ public:
     void locate(const char* modulePath, ILocatedFile::Ptr& assembly, ILocatedFile::Ptr& debugFile) override;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

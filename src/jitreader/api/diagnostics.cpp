@@ -13,7 +13,7 @@
 #include <set>
 #include <sstream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -199,4 +199,4 @@ unsigned rawParentId(const ISymbol::Ptr& symbol) {
     return method ? method->getRawParentId() : 0;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -7,7 +7,7 @@
 #include <new>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 JitLoader::JitLoader() = default;
 
@@ -140,4 +140,4 @@ IJitLoader::Ptr IJitLoader::create(generic_iterator_t<const char*>& jitFiles) { 
 
 IJitLoader::Ptr IJitLoader::create(generic_iterator_t<JitFileDescriptor>& jitFiles) { return createLoader(jitFiles); }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

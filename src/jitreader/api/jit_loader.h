@@ -8,7 +8,7 @@
 
 #include <shared_mutex>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Per-sample resolution: a process's files are read (decoding mode
 // dmSkipSymbolic) on the first address query that names it, every file
@@ -49,6 +49,6 @@ private:
     mutable std::shared_mutex m_modelMutex;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -2,7 +2,7 @@
 
 #include "support/log.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 JitProcesses::JitProcesses() = default;
 
@@ -35,4 +35,4 @@ IJitProcesses::Ptr IJitProcesses::create(generic_iterator_t<const char*>& jitFil
     return IJitProcesses::Ptr();
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

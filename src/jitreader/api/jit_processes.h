@@ -5,7 +5,7 @@
 
 #include <quarvel/facades.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Which processes left trace files in the given locations; reads no record.
 class JitProcesses : public IJitProcesses {
@@ -24,6 +24,6 @@ private:
     JitFilesManager m_files;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

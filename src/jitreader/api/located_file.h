@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // A path a locator found.
 class LocatedFile : public ILocatedFile {
@@ -17,6 +17,6 @@ private:
     std::string m_path;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

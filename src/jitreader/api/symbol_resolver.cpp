@@ -7,7 +7,7 @@
 #include <new>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 SymbolResolver::SymbolResolver(const ISymbolFileLocator::Ptr& locator) : m_locator(locator) {}
 
@@ -257,4 +257,4 @@ quarvel_error_t SymbolResolver::resolveJitPoint(u64 timestamp, u64 virtualAddres
     }
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

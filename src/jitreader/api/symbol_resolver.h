@@ -12,7 +12,7 @@
 #include <mutex>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // The full symbol view: every file is read (decoding mode dmCodeBytes) when
 // the resolver is created; queries never read afterwards. .NET methods are
@@ -64,6 +64,6 @@ private:
     std::mutex m_completionMutex;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

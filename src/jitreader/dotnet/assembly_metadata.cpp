@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -179,4 +179,4 @@ void AssemblyMetadata::readIlBody(MethodDescription& m) const {
     }
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 struct MethodDescription {
     enum class IlBody { none, present, damaged };
@@ -79,6 +79,6 @@ private:
     std::vector<uint32_t> m_owner; // TypeDef rid by MethodDef rid
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

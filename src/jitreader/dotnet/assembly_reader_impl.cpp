@@ -10,7 +10,7 @@
 
 #include <sstream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -96,4 +96,4 @@ bool isDotNetCoreValidPdb(const std::string& path) {
     return reader.initialize() != meNotFound;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

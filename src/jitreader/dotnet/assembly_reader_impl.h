@@ -10,7 +10,7 @@
 #include <memory>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // IAssemblyReader over our own metadata reader: getMethod(token) gives the
 // DotNetMethod with the declaring type's full name, the method's name and
@@ -38,6 +38,6 @@ bool isDotNetCore(const std::string& path);
 // Whether the file at path is a readable portable PDB.
 bool isDotNetCoreValidPdb(const std::string& path);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -3,7 +3,7 @@
 #include "dotnet/failure_log.h"
 #include "support/log.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 ClrSymReader::ClrSymReader(std::string pdbPath) : m_path(std::move(pdbPath)) {}
 
@@ -80,4 +80,4 @@ quarvel_error_t ClrSymReader::getSourceLineWithFuncRowIDAndILOffset(u32 rowId, u
     return meSuccess;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // The portable PDB reader behind DotNetMethod: source files and lines of
 // methods by MethodDef row id. Made over a PDB file (read by initialize())
@@ -44,6 +44,6 @@ private:
     std::vector<SequencePoint> m_cachedPoints;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

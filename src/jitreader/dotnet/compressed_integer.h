@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Reads one compressed unsigned integer; `width` receives its byte count.
 inline bool readCompressedUnsigned(ByteCursor& c, uint32_t& value, const char* field, unsigned* width = nullptr) {
@@ -64,6 +64,6 @@ inline bool readCompressedSigned(ByteCursor& c, int32_t& value, const char* fiel
     return true;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

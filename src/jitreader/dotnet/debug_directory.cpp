@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -78,4 +78,4 @@ Expected<ByteCursor> DebugDirectory::data(const PeImage& image, const DebugDirec
     return image.at(entry.dataRva, entry.dataSize, "debug entry data");
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 typedef std::array<uint8_t, 20> PdbId;
 
@@ -54,6 +54,6 @@ private:
     std::vector<CodeViewRecord> m_codeViews;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

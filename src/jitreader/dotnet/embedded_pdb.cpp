@@ -5,7 +5,7 @@
 #include <limits>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -65,4 +65,4 @@ Expected<std::vector<uint8_t>> inflateEmbeddedPdb(ByteCursor c) {
     return out;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Deflate expands at most this much; an embedded PDB that claims more than
 // its compressed bytes could give is refused before anything is allocated.
@@ -19,6 +19,6 @@ const uint64_t kMaxEmbeddedPdb = uint64_t(1) << 30;
 // PDB, then the PDB compressed with raw deflate. Gives the PDB's bytes.
 Expected<std::vector<uint8_t>> inflateEmbeddedPdb(ByteCursor data);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

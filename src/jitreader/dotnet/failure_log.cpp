@@ -3,7 +3,7 @@
 #include <mutex>
 #include <set>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 bool FailureLog::firstReport(const std::string& file) {
     static std::mutex mutex;
@@ -12,4 +12,4 @@ bool FailureLog::firstReport(const std::string& file) {
     return reported.insert(file).second;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

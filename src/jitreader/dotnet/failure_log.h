@@ -1,9 +1,11 @@
 #ifndef QUARVEL_DOTNET_FAILURE_LOG_H
 #define QUARVEL_DOTNET_FAILURE_LOG_H
 
+#include <quarvel/namespace.h>
+
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Remembers which files' problems were logged, so that a missing or damaged
 // assembly or PDB is reported once per file rather than once per method
@@ -14,6 +16,6 @@ public:
     static bool firstReport(const std::string& file);
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

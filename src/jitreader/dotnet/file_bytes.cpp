@@ -5,7 +5,7 @@
 #include <climits>
 #include <cstdlib>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 Expected<FileBytes> FileBytes::map(const std::string& path) {
     // The mapping refuses links; an assembly is read through its real path
@@ -29,4 +29,4 @@ FileBytes FileBytes::hold(std::vector<uint8_t> bytes, std::string name) {
     return FileBytes(std::move(name), owned->data(), owned->size(), owned);
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // The bytes of one whole file that the .NET readers walk: mapped from disk,
 // or held in memory (an inflated embedded PDB, a fuzzer's input). Copies
@@ -40,6 +40,6 @@ private:
     std::shared_ptr<const void> m_owner;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -41,4 +41,4 @@ Status GenericParameterIndex::appendName(bool forMethod, uint32_t ownerRid, uint
     return Status::success();
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

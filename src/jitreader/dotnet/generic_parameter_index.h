@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // The GenericParam rows of each type and method, so that signatures can name
 // !0 and !!0 as the source did ("T", "TKey"). The i-th parameter of an owner
@@ -37,6 +37,6 @@ private:
     std::vector<Entry> m_entries; // stable-sorted by owner
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

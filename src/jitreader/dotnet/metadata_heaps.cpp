@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 std::string guidText(const Guid& g) {
     // Data1, Data2 and Data3 are little-endian; Data4 is eight bytes as they come.
@@ -72,4 +72,4 @@ Status MetadataHeaps::guid(uint32_t index, Guid& out) const {
     return Status::success();
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 typedef std::array<uint8_t, 16> Guid;
 
@@ -41,6 +41,6 @@ private:
     std::string m_fileName;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

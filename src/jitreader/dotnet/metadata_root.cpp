@@ -1,7 +1,7 @@
 #include "dotnet/metadata_root.h"
 
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -82,4 +82,4 @@ ByteCursor MetadataRoot::stream(const char* name) const {
     return ByteCursor(nullptr, 0, ByteCursor::Order::little, m_block.fileOffset());
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

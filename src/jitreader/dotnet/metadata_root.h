@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 struct MetadataStream {
     std::string name;
@@ -37,6 +37,6 @@ private:
     std::vector<MetadataStream> m_streams;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

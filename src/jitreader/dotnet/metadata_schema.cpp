@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -140,4 +140,4 @@ bool decodeCodedIndex(CodedIndex kind, uint32_t value, uint8_t& tableId, uint32_
     return true;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -5,9 +5,11 @@
 // ECMA-335 II.22 and the debug tables of portable PDBs. Every present table
 // before the one wanted must be sized to find it, so the schema is complete.
 
+#include <quarvel/namespace.h>
+
 #include <cstdint>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace table {
 enum Id : uint8_t {
@@ -124,6 +126,6 @@ const CodedIndexSchema& codedIndexSchema(CodedIndex kind);
 // Splits a coded index into table and row; false for a tag no table uses.
 bool decodeCodedIndex(CodedIndex kind, uint32_t value, uint8_t& table, uint32_t& rid);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

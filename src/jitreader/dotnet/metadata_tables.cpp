@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -114,4 +114,4 @@ Expected<MetadataTables> MetadataTables::parse(const ByteCursor& stream, const s
     return t;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

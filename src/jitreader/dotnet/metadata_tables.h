@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 typedef std::array<uint32_t, table::count> TableRowCounts;
 
@@ -83,6 +83,6 @@ private:
     std::array<std::array<uint8_t, TableSchema::kMaxColumns>, table::count> m_width{};
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -7,7 +7,7 @@
 
 #include <sys/stat.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -129,4 +129,4 @@ PdbFinder::Result PdbFinder::find(const AssemblyMetadata& assembly, const char* 
     return result;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Finds the portable PDB of an assembly and checks that it belongs to it.
 // Candidates, in order: the debug file the caller named; beside the
@@ -28,6 +28,6 @@ public:
     static Result find(const AssemblyMetadata& assembly, const char* debugFilePath);
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

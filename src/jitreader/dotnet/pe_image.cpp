@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -220,4 +220,4 @@ Expected<ByteCursor> PeImage::atFileOffset(uint32_t offset, uint32_t size, const
     return ByteCursor(m_file.data() + offset, size, ByteCursor::Order::little, offset);
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 struct DataDirectory {
     uint32_t rva = 0;
@@ -99,6 +99,6 @@ private:
     CliHeader m_cli;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

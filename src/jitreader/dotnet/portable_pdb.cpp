@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -137,4 +137,4 @@ Status PortablePdb::sequencePoints(uint32_t methodRid, std::vector<SequencePoint
     return s;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 struct PdbDocument {
     std::string name;
@@ -56,6 +56,6 @@ private:
     uint32_t m_entryPoint = 0;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

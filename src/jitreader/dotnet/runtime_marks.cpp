@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -147,4 +147,4 @@ uint32_t runtimeMarks(const AssemblyMetadata& a) {
     return marks;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // What an assembly says about the runtime that runs it. Either bit marks a
 // .NET Core (.NET 5 and later) module.
@@ -23,6 +23,6 @@ enum RuntimeMark : uint32_t {
 // and assemblies that say nothing.
 uint32_t runtimeMarks(const AssemblyMetadata& assembly);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

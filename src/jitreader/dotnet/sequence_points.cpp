@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -125,4 +125,4 @@ const SequencePoint* sequencePointAt(const std::vector<SequencePoint>& points, u
     return found;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

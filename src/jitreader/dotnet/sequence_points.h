@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 struct SequencePoint {
     // Hidden points (compiler-generated code) carry this line and column 0.
@@ -39,6 +39,6 @@ Status decodeSequencePoints(ByteCursor blob, uint32_t document, std::vector<Sequ
 // have none (null).
 const SequencePoint* sequencePointAt(const std::vector<SequencePoint>& points, uint32_t ilOffset);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

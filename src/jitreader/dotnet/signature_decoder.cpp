@@ -2,7 +2,7 @@
 
 #include "dotnet/compressed_integer.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -402,4 +402,4 @@ bool SignatureDecoder::functionPointer(ByteCursor& c, const GenericContext& cont
     return true;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Whose generic parameters !n and !!n name.
 struct GenericContext {
@@ -69,6 +69,6 @@ private:
     const GenericParameterIndex* m_generics = nullptr;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

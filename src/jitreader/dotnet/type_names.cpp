@@ -1,6 +1,6 @@
 #include "dotnet/type_names.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -137,4 +137,4 @@ Status TypeNames::spellTypeRef(uint32_t rid, std::string& out) const {
     return Status::success();
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

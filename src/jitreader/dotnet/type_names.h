@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Full names of defined and referenced types: "Namespace.Name", nested
 // types after their enclosing type with a ".", generic arity kept as the
@@ -54,6 +54,6 @@ private:
     std::vector<bool> m_typeRefSpelled;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <strings.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 const char* const DotnetRuntimeEventDecoder::kRuntimeProvider = "Microsoft-Windows-DotNETRuntime";
 const char* const DotnetRuntimeEventDecoder::kRundownProvider = "Microsoft-Windows-DotNETRuntimeRundown";
@@ -240,4 +240,4 @@ Status DotnetRuntimeEventDecoder::decodeAssembly(const NettraceEvent& event, con
     return Status::success();
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

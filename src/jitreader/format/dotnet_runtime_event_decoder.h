@@ -11,7 +11,7 @@
 #include "format/nettrace_types.h"
 #include "support/result.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class DotnetRuntimeEventDecoder {
 public:
@@ -29,6 +29,6 @@ public:
     static Status decodeAssembly(const NettraceEvent& event, const DotnetEventType& type, DotnetAssemblyEvent& out);
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -6,12 +6,14 @@
 // runtime provider (as code is compiled, loaded and freed) and from the
 // rundown provider (what is alive when a session starts or ends).
 
+#include <quarvel/namespace.h>
+
 #include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 enum class DotnetEventKind : uint8_t {
     other,
@@ -131,6 +133,6 @@ struct DotnetAssemblyEvent {
     uint16_t clrInstanceId = 0;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -2,7 +2,7 @@
 
 #include <limits>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Raw id, raw parent id, load time, a region count that must be 1, the one
 // region, then the descriptive tail of the load records.
@@ -64,4 +64,4 @@ Expected<TraceInlineLoad> decodeInlineLoad(const Record& record, const std::stri
     return load;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -5,7 +5,7 @@
 
 #include <boost/filesystem.hpp>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -115,4 +115,4 @@ quarvel_error_t JitFileDecoder::getNextRecord(Record& record) {
     return meSuccess;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

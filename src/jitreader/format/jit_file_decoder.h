@@ -10,7 +10,7 @@
 #include <memory>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 typedef std::string ustring;
 
@@ -69,6 +69,6 @@ private:
     Reason m_lastError;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

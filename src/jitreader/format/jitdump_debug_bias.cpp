@@ -1,6 +1,6 @@
 #include "format/jitdump_debug_bias.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -62,4 +62,4 @@ uint64_t JitdumpDebugBias::bias() const {
     return kElf64HeaderSize;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -19,7 +19,7 @@
 
 #include <cstdint>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class JitdumpDebugBias {
 public:
@@ -57,6 +57,6 @@ private:
     uint64_t m_undecided = 0;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 void JitdumpDebugPairing::addDebugInfo(const JitdumpDebugInfo& info) {
     auto inserted = m_waiting.try_emplace(info.codeAddr, info);
@@ -22,4 +22,4 @@ const JitdumpDebugInfo* JitdumpDebugPairing::takeFor(uint64_t codeAddr) {
     return &m_taken;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

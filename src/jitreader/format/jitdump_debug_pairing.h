@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <unordered_map>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class JitdumpDebugPairing {
 public:
@@ -35,6 +35,6 @@ private:
     uint64_t m_paired = 0;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -312,4 +312,4 @@ bool JitdumpReader::readUnwindingInfo(ByteCursor& body, JitdumpUnwindingInfo& un
     return body.bytes(static_cast<size_t>(unwinding.unwindDataSize), unwinding.data, "CODE_UNWINDING_INFO data");
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -25,7 +25,7 @@
 #include <optional>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class ByteCursor;
 
@@ -89,6 +89,6 @@ private:
     bool m_truncated = false;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -6,11 +6,13 @@
 // bytes the reader walks: they stay valid while the reader (or the buffer it
 // was given) lives, so a dump of many megabytes is never copied.
 
+#include <quarvel/namespace.h>
+
 #include <cstdint>
 #include <string_view>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 struct JitdumpHeader {
     static constexpr uint64_t kArchTimestampFlag = 1; // record times are raw cycle counts
@@ -104,6 +106,6 @@ struct JitdumpRecord {
     uint64_t end() const { return offset + totalSize; }
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -234,4 +234,4 @@ bool JitTraceWriter::writeRuntimeInfo(const TraceRuntimeInfo& info) {
 
 bool JitTraceWriter::writeRaw(const std::vector<uint8_t>& bytes) { return writeAll(bytes); }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -10,14 +10,14 @@
 #include <string>
 
 struct quarvel_trace_writer {
-    quarvel_3_13::JitTraceWriter writer;
+    quarvel::JitTraceWriter writer;
     mutable std::mutex errorMutex;
     std::string error;
 };
 
 namespace {
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 constexpr size_t kMaxCount = 0xFFFF;
 

@@ -2,7 +2,7 @@
 
 #include <limits>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Layouts by version (docs/trace-format.md): 0 and 1 start with the method id
 // and the load time; 2 adds a hash key in front; 3 adds an inline flag after
@@ -61,4 +61,4 @@ DecodedMethodLoad decodeMethodLoad(const Record& record, int version, const std:
     return result;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -1,6 +1,6 @@
 #include "format/method_tail.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -67,4 +67,4 @@ bool readMetadataToken(ByteCursor& cursor, TraceMethodTail& tail) {
     return cursor.ok();
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

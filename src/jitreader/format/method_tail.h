@@ -8,7 +8,7 @@
 #include "format/record_bodies.h"
 #include "support/byte_cursor.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Refusal of a body at the cursor's position: the cursor's own error when it
 // ran short, else `message`.
@@ -23,6 +23,6 @@ bool readSymbolic(ByteCursor& cursor, TraceMethodTail& tail, const BodyOptions& 
 // The token follows the tables when four bytes remain.
 bool readMetadataToken(ByteCursor& cursor, TraceMethodTail& tail);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -106,4 +106,4 @@ bool NettraceEventHeaderDecoder::decodeUncompressed(ByteCursor& c, NettraceEvent
     return true;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

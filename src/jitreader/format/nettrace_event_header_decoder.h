@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 struct NettraceEventHeader {
     uint32_t metadataId = 0;
@@ -50,6 +50,6 @@ private:
     NettraceEventHeader m_previous;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -2,7 +2,7 @@
 
 #include "format/nettrace_primitives.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -233,4 +233,4 @@ bool NettraceMetadataParser::parseOptionalMetadata(ByteCursor c, NettraceEventMe
     return static_cast<bool>(c);
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

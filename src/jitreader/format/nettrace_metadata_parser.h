@@ -7,7 +7,7 @@
 #include "format/nettrace_types.h"
 #include "support/byte_cursor.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class NettraceMetadataParser {
 public:
@@ -29,6 +29,6 @@ private:
     static bool parseOptionalMetadata(ByteCursor c, NettraceEventMetadata& out);
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -1,6 +1,6 @@
 #include "format/nettrace_primitives.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 namespace nettrace {
 
 namespace {
@@ -125,4 +125,4 @@ void utf16ToUtf8(const uint8_t* data, size_t units, std::string& out) {
 }
 
 } // namespace nettrace
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

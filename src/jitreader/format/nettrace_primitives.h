@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 namespace nettrace {
 
 // Seven bits a byte, low bits first, high bit set while more follow. A value
@@ -34,6 +34,6 @@ std::string utf16ToUtf8(const uint8_t* data, size_t units);
 void utf16ToUtf8(const uint8_t* data, size_t units, std::string& out);
 
 } // namespace nettrace
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

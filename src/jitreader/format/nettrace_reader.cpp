@@ -7,7 +7,7 @@
 #include <cstring>
 #include <limits>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -661,4 +661,4 @@ bool NettraceReader::nextInBlock(NettraceEvent& event) {
     return true;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -29,7 +29,7 @@
 #include <string>
 #include <unordered_map>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class NettraceReader {
 public:
@@ -137,6 +137,6 @@ private:
     std::unordered_map<uint64_t, uint32_t> m_sequences;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

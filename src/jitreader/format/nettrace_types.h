@@ -5,13 +5,15 @@
 // whole, the event types it defines and one event at a time. Plain data; an
 // event's payload points into the reader's bytes (the mapped file).
 
+#include <quarvel/namespace.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // The two layouts the runtime has written: versions 4 and 5 frame every block
 // as a serialized object ("!FastSerialization.1" after the magic; what .NET 8
@@ -123,6 +125,6 @@ struct NettraceReaderStats {
     uint64_t otherBlocks = 0; // thread, label list and blocks of unknown kinds
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <limits>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -175,4 +175,4 @@ bool PerfMapReader::next(PerfMapEntry& entry) {
     return false;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -23,7 +23,7 @@
 #include <string_view>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class PerfMapReader {
 public:
@@ -77,6 +77,6 @@ private:
     std::vector<PerfMapProblem> m_problems;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

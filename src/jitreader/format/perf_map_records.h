@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // "START SIZE name": the symbol name of [start, start + size).
 struct PerfMapEntry {
@@ -26,6 +26,6 @@ struct PerfMapProblem {
     Reason reason; // its offset is the line's start
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

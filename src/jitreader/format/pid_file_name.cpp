@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 bool parsePidFileName(const std::string& fileName, const char* prefix, const char* suffix, uint32_t& pid) {
     const size_t p = std::strlen(prefix), s = std::strlen(suffix);
@@ -22,4 +22,4 @@ bool parsePidFileName(const std::string& fileName, const char* prefix, const cha
     return true;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

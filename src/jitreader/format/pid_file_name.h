@@ -4,15 +4,17 @@
 // Runtimes name the files they write for profilers after the process:
 // jit-<pid>.dump, perf-<pid>.map.
 
+#include <quarvel/namespace.h>
+
 #include <cstdint>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // The pid of a file named "<prefix><decimal pid><suffix>" (a name without its
 // directory); false for any other name or a pid past 32 bits.
 bool parsePidFileName(const std::string& fileName, const char* prefix, const char* suffix, uint32_t& pid);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -11,7 +11,7 @@
 // The agent's name of a record type: QUARVEL3_TRACE_JITTRACE(FunctionUpdate_v2) is 14.
 #define QUARVEL3_TRACE_JITTRACE(name) quarvel_jt_##name
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Bytes owned by someone else (a mapped file, a test's vector).
 class ByteSpan {
@@ -44,6 +44,6 @@ struct Record {
     u64 bodyOffset() const { return offset + 8; }
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

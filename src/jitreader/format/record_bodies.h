@@ -14,7 +14,7 @@
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 struct BodyOptions {
     bool keepCodeBytes = true; // copy code bytes into the structs
@@ -36,6 +36,6 @@ Expected<TraceInlineLoad> decodeInlineLoad(const Record& record, const std::stri
 Expected<TraceUpdateV2> decodeUpdateV2(const Record& record, const std::string& file);
 Expected<TraceRuntimeInfo> decodeRuntimeInfo(const Record& record, const std::string& file);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

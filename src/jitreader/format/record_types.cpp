@@ -2,7 +2,7 @@
 
 #include <quarvel/jittrace_format.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -44,4 +44,4 @@ bool excludedByArchitecture(const RecordTypeInfo& info, target_arch_t arch) {
     return info.secondVariant ? secondExcluded : firstExcluded;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -6,7 +6,7 @@
 
 #include <quarvel/types.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 enum class Framing {
     sized, // type, size, body
@@ -39,6 +39,6 @@ const RecordTypeInfo* recordTypeInfo(u32 type);
 // taX86 only first variants, taX86_64 only second ones, larger values none.
 bool excludedByArchitecture(const RecordTypeInfo& info, target_arch_t arch);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -1,6 +1,6 @@
 #include "format/method_tail.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Runtime type, then the version text and the name text, each counted.
 Expected<TraceRuntimeInfo> decodeRuntimeInfo(const Record& record, const std::string& file) {
@@ -14,4 +14,4 @@ Expected<TraceRuntimeInfo> decodeRuntimeInfo(const Record& record, const std::st
     return info;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

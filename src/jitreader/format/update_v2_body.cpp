@@ -2,7 +2,7 @@
 
 #include <limits>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Raw id, load time, the range to patch and its new bytes; nothing follows.
 Expected<TraceUpdateV2> decodeUpdateV2(const Record& record, const std::string& file) {
@@ -51,4 +51,4 @@ Expected<TraceUpdateV2> decodeUpdateV2(const Record& record, const std::string& 
     return update;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

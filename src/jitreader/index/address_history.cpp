@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 using index::IpRange;
 using index::ipSpan;
@@ -331,4 +331,4 @@ void AddressHistory::thaw() {
     }
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -10,7 +10,7 @@
 
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // The code regions of one address space (host id, process id) over time, as
 // they are registered. Each region is a rectangle [start, end) x [load time,
@@ -124,6 +124,6 @@ private:
     std::vector<u32> m_shadowed;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -6,7 +6,7 @@
 
 #include <quarvel/types.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // What an address lookup in one address space found, or why it found nothing.
 struct AddressLookup {
@@ -27,6 +27,6 @@ struct AddressLookup {
     bool ok() const { return outcome == found; }
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 using index::IpRange;
 using index::ipSpan;
@@ -76,4 +76,4 @@ Status CodePatcher::patch(const Region& update, u32 methodId, Region& region, co
     return Status::success();
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

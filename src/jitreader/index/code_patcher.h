@@ -6,7 +6,7 @@
 #include "model/region.h"
 #include "support/result.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Rewrites the code copies of registered regions: a patch of some bytes
 // (an update record), or a whole patched copy handed over as a method load.
@@ -22,6 +22,6 @@ public:
     static Status patch(const Region& update, u32 methodId, Region& region, const JitMethod& method);
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

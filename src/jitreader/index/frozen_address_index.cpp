@@ -5,7 +5,7 @@
 
 #include <sys/mman.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -344,4 +344,4 @@ AddressLookup FrozenAddressIndex::findLoadedAfter(u64 start, u64 end, u64 timest
     return result;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -8,7 +8,7 @@
 
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // The query side of one address space, built once its regions are all read:
 // flat arrays searched without allocating and without touching the model
@@ -66,6 +66,6 @@ private:
     std::vector<u32> m_nodeFirst;  // inner node i (1 <= i < pieces) lists m_entries[m_nodeFirst[i], m_nodeFirst[i + 1])
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <set>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 using index::IpRange;
 using index::ipSpan;
@@ -298,4 +298,4 @@ void InlineAttacher::normalizePending() {
     }
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

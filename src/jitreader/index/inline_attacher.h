@@ -11,7 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Puts inlined methods into the inline trees of their parents' regions.
 //
@@ -72,6 +72,6 @@ private:
     std::vector<Grown> m_grown;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -13,9 +13,9 @@
 // A failed precondition that file content can reach: reported with its text
 // and refused with it.
 #define QV_INDEX_CHECK(cond, code) \
-    QV_CHECK(cond, return ::quarvel_3_13::index::refusal(ErrorKind::badInput, code, #cond))
+    QV_CHECK(cond, return ::quarvel::index::refusal(ErrorKind::badInput, code, #cond))
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 using index::IpRange;
 using index::ipSpan;
@@ -609,4 +609,4 @@ JitDataManager::IndexStats JitDataManager::indexStats() const {
     return stats;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

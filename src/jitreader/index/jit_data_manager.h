@@ -22,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // The registry that merges decoded methods into per-process address
 // histories over time, attaches inlines, applies updates and answers
@@ -141,6 +141,6 @@ private:
     mutable boost::mutex m_mutex;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

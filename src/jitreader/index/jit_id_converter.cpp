@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 void JitIdConverter::initialize(const std::vector<u64>& startJitRvas, const std::vector<u64>& lengths,
                                 const std::vector<u64>& startAddresses) {
@@ -67,4 +67,4 @@ quarvel_error_t JitIdConverter::findJitRva(u64 jitRva, u32& index) const {
     return meSuccess;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Flat, sorted view of the jit rva domain (start jit rva, length, start
 // address per region) that turns an address into a jit rva by binary search,
@@ -29,6 +29,6 @@ private:
     std::vector<u64> m_startAddresses;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

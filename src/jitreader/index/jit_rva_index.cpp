@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -79,4 +79,4 @@ std::vector<const RegionInfo*> JitRvaIndex::ordered() const {
     return all;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -8,7 +8,7 @@
 
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // A registered region and its method, by jit rva.
 struct RegionInfo {
@@ -52,6 +52,6 @@ private:
     u64 m_maxEnd = 0; // nothing registered ends above it
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

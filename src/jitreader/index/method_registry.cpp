@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string_view>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -147,4 +147,4 @@ JitMethod* MethodRegistry::findByModule(const std::string& modulePath, u32 rawId
     return found == m_symbols.end() ? nullptr : m_methods[found->second].get();
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

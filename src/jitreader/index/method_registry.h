@@ -13,7 +13,7 @@
 #include <unordered_set>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 typedef std::vector<JitMethod::Ptr> JitMethodStorage;
 
@@ -82,6 +82,6 @@ private:
     size_t m_symbolsIndexed = 0;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

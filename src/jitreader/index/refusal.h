@@ -13,7 +13,7 @@
 
 // ERROR line whose tail names the data manager, whichever index file logs it.
 #define QV_INDEX_ERROR(expr) \
-    QV_LOG_AT(log4cplus::ERROR_LOG_LEVEL, expr << ::quarvel_3_13::log::errorSuffix("jit_data_manager.cpp", __LINE__))
+    QV_LOG_AT(log4cplus::ERROR_LOG_LEVEL, expr << ::quarvel::log::errorSuffix("jit_data_manager.cpp", __LINE__))
 
 // Logs the message built by expr at error level and returns it as a refusal
 // of the given kind (ErrorKind::badInput, ...) and code (4, 14).
@@ -22,10 +22,10 @@
         std::ostringstream qv_refusal_;                                          \
         qv_refusal_ << expr;                                                     \
         QV_INDEX_ERROR(qv_refusal_.str());                                       \
-        return ::quarvel_3_13::index::refusal(kind, code, qv_refusal_.str());    \
+        return ::quarvel::index::refusal(kind, code, qv_refusal_.str());    \
     } while (0)
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 namespace index {
 
 inline Status refusal(ErrorKind kind, quarvel_error_t code, std::string message) {
@@ -52,6 +52,6 @@ inline std::ostream& operator<<(std::ostream& os, const IpRange& r) {
 inline IpRange ipSpan(u64 start, u64 end) { return IpRange{start, end}; }
 
 } // namespace index
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 void TopMap::clear() {
     std::vector<Chunk>().swap(m_chunks);
@@ -115,4 +115,4 @@ void TopMap::assign(u64 start, u64 end, u32 slot) {
     insertAt(at, Interval{start, end, slot});
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

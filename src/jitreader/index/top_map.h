@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Disjoint address intervals, each naming the region (a slot number) that was
 // loaded last over it: the latest moment of an address space's history. A new
@@ -69,6 +69,6 @@ private:
     size_t m_size = 0;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -4,7 +4,7 @@
 #include <iterator>
 #include <limits>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -42,4 +42,4 @@ bool AddressRanges::overlaps(u64 start, u64 size) const {
     return it->second > start;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

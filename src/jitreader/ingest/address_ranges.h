@@ -8,7 +8,7 @@
 
 #include <map>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class AddressRanges {
 public:
@@ -22,6 +22,6 @@ private:
     std::map<u64, u64> m_ranges; // start -> end (exclusive), disjoint, not touching
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

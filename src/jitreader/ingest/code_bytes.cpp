@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 void CodeBytes::assign(const void* bytes, unsigned length) {
     m_size = 0;
@@ -17,4 +17,4 @@ void CodeBytes::assign(const void* bytes, unsigned length) {
     m_size = length;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

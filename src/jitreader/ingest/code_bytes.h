@@ -10,7 +10,7 @@
 
 #include <memory>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class CodeBytes final : public IByteBuffer {
 public:
@@ -26,6 +26,6 @@ private:
     unsigned m_capacity = 0;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

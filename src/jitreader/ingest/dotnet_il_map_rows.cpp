@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <numeric>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 std::vector<quarvel_line_number_entry> dotnetNativeToILRows(const std::vector<uint32_t>& ilOffsets,
                                                             const std::vector<uint32_t>& nativeOffsets,
@@ -33,4 +33,4 @@ std::vector<quarvel_line_number_entry> dotnetNativeToILRows(const std::vector<ui
     return rows;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

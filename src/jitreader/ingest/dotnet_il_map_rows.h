@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Entry i of the map (parallel arrays) covers its native offset up to the
 // next greater native offset of the map, the last one up to the end of the
@@ -24,6 +24,6 @@ std::vector<quarvel_line_number_entry> dotnetNativeToILRows(const std::vector<ui
                                                             const std::vector<uint32_t>& nativeOffsets,
                                                             uint32_t codeSize);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

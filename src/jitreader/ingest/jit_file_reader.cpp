@@ -14,7 +14,7 @@
 #include <map>
 #include <sstream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 void JitReadStats::addRefusal(const Reason& reason) {
     if (refusals.size() < kKeptRefusals)
@@ -400,4 +400,4 @@ void JitFileReader::patchModuleName64(JitMethodStorage& methods) {
     }
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

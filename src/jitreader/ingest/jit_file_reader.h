@@ -10,7 +10,7 @@
 #include <array>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class JitDataManager;
 class JitFileDecoder;
@@ -91,6 +91,6 @@ private:
     ModuleCache& m_modules;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

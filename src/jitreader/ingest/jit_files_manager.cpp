@@ -15,7 +15,7 @@
 #include <sstream>
 #include <limits>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace fs = boost::filesystem;
 
@@ -522,4 +522,4 @@ quarvel_error_t JitFilesManager::readJitFiles(decoding_mode_t mode, JitDataManag
     return meSuccess;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

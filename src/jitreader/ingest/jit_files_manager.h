@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class JitDataManager;
 
@@ -149,6 +149,6 @@ private:
     mutable Reason m_lastError; // of the last initialisation, which runs alone
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

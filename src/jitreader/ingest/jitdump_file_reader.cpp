@@ -8,7 +8,7 @@
 #include "support/log.h"
 
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -224,4 +224,4 @@ quarvel_error_t JitdumpFileReader::readFile(const RuntimeFileContext& file, JitD
     return status;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

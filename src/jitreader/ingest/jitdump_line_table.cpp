@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -68,4 +68,4 @@ JitdumpLines jitdumpLines(const JitdumpDebugInfo& info, u64 codeAddr, u64 codeSi
     return out;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

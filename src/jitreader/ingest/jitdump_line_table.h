@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 struct JitdumpLines {
     std::string_view sourceFile; // a view into the dump, as the entries' names are
@@ -27,6 +27,6 @@ struct JitdumpLines {
 // the code); of entries at one address the last one written counts.
 JitdumpLines jitdumpLines(const JitdumpDebugInfo& info, u64 codeAddr, u64 codeSize, u64 bias);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -5,7 +5,7 @@
 
 #include <boost/regex.hpp>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 std::string managedRuntimeCategory(const TraceRuntimeInfo& info) {
     if (info.runtimeType == quarvel_runtime_java) {
@@ -50,4 +50,4 @@ void reportManagedRuntimeInfo(const TraceRuntimeInfo& info) {
     UsageStatistics::instance()->reportCategory(category);
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // The usage category of a runtime: "mrte.java" + vendor + the first run of
 // digits of the version ("mrte.java.hotspot17"); empty for other runtimes.
@@ -14,6 +14,6 @@ std::string managedRuntimeCategory(const TraceRuntimeInfo& info);
 // Reports the runtime's category to the usage-statistics sink.
 void reportManagedRuntimeInfo(const TraceRuntimeInfo& info);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <limits>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -140,4 +140,4 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
     return method;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

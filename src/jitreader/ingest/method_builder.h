@@ -14,7 +14,7 @@
 #include <tuple>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // One Module object per distinct (path, status, architecture) of a reading
 // pass, instead of one per record.
@@ -51,6 +51,6 @@ private:
     ModuleCache& m_modules;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

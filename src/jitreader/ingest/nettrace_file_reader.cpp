@@ -18,7 +18,7 @@
 #include <variant>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -529,4 +529,4 @@ quarvel_error_t NettraceFileReader::readFile(const RuntimeFileContext& file, Jit
     return status;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -28,7 +28,7 @@
 #include "ingest/jit_file_reader.h"
 #include "ingest/runtime_code_builder.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class JitDataManager;
 
@@ -47,6 +47,6 @@ private:
     ModuleCache& m_modules;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -5,7 +5,7 @@
 #include "support/log.h"
 
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -127,4 +127,4 @@ quarvel_error_t PerfMapFileReader::readFile(const RuntimeFileContext& file, JitD
     return status;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -9,7 +9,7 @@
 #include <utility>
 #include <sstream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -118,4 +118,4 @@ JitMethod::Ptr RuntimeCodeBuilder::moved(const JitMethod& owner, const Region& r
     return method;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

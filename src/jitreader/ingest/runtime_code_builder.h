@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // The file a runtime file reader works on, and where its code goes.
 struct RuntimeFileContext {
@@ -84,6 +84,6 @@ private:
     u64 m_nextRawId = 1;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

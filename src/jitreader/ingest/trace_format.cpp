@@ -10,7 +10,7 @@
 
 #include <unistd.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 const char* traceFormatName(TraceFormat format) {
     switch (format) {
@@ -115,4 +115,4 @@ std::string localHostName() {
     return name;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 enum class TraceFormat {
     jitTrace, // our own record stream (no header; the first word is a record type)
@@ -40,6 +40,6 @@ bool processOfRuntimeFile(TraceFormat format, const std::string& path, const std
 // The name of this machine, the host of files runtimes write for profilers.
 std::string localHostName();
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

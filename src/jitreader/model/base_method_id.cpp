@@ -2,7 +2,7 @@
 
 #include <iomanip>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 std::ostream& operator<<(std::ostream& os, const BaseMethodId& id) {
     const std::ios_base::fmtflags flags = os.flags();
@@ -13,4 +13,4 @@ std::ostream& operator<<(std::ostream& os, const BaseMethodId& id) {
     return os;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -5,7 +5,7 @@
 
 #include <ostream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // 128-bit identity of a method: the MD5 digest of its identity text, read as
 // two little-endian 64-bit halves.
@@ -31,6 +31,6 @@ inline bool operator!=(const BaseMethodId& a, const BaseMethodId& b) { return !(
 // Printed as 32 hexadecimal digits, part0 first.
 std::ostream& operator<<(std::ostream& os, const BaseMethodId& id);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -165,4 +165,4 @@ ISourceFile::Ptr BaseMethodInfo::getSourceFile() const {
     return ISourceFile::Ptr(new SourceFile(*m_sourceFile));
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Names, identity, module and source file of a method; shared by a method and its clones.
 class BaseMethodInfo : public BaseObject {
@@ -71,6 +71,6 @@ private:
     SourceFile::Ptr m_sourceFile;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Source files and lines of .NET methods from a portable PDB, by method row
 // id (the low 24 bits of a MethodDef token).
@@ -25,6 +25,6 @@ public:
     virtual quarvel_error_t getSourceLineWithFuncRowIDAndILOffset(u32 rowId, u32 ilOffset, unsigned& line) = 0;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

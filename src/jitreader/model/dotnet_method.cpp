@@ -2,7 +2,7 @@
 
 #include <iomanip>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 quarvel_error_t DotNetMethod::getSourceFileInfo(SourceFile& out) const {
     if (!m_symbolReader)
@@ -41,4 +41,4 @@ std::ostream& operator<<(std::ostream& os, const DotNetMethod& method) {
     return os;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

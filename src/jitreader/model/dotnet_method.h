@@ -12,7 +12,7 @@
 #include <string>
 #include <utility>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Joins a .NET metadata token to the names the assembly reader read for it
 // and to the portable PDB reader of its assembly. The record does not read
@@ -65,6 +65,6 @@ private:
 
 std::ostream& operator<<(std::ostream& os, const DotNetMethod& method);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -179,4 +179,4 @@ bool JavaSignatureParser::parseHiddenClassName(const std::string& name, std::str
     return true;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -1,10 +1,12 @@
 #ifndef QUARVEL_MODEL_JAVA_SIGNATURE_PARSER_H
 #define QUARVEL_MODEL_JAVA_SIGNATURE_PARSER_H
 
+#include <quarvel/namespace.h>
+
 #include <cstdint>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Turns the virtual machine's internal names into readable Java:
 // "Ljava/lang/String;" -> "java.lang.String",
@@ -37,6 +39,6 @@ public:
     static void unmangleName(const std::string& signature, uint32_t& pos, std::string& out);
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -7,7 +7,7 @@
 #include <sstream>
 #include <utility>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -272,4 +272,4 @@ std::string JitMethod::describe() const {
     return os.str();
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // One jitted method: its descriptive record (shared with clones), raw ids,
 // times, code regions and line tables.
@@ -123,6 +123,6 @@ private:
 // The full diagnostic dump of a method, with disassembly.
 std::ostream& operator<<(std::ostream& os, JitMethod& method);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -6,7 +6,7 @@
 
 #include <sstream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 std::string Md5HashGenerator::identityText(u32 rawId, const JitMethod::Ptr& method) {
     if (!method)
@@ -67,4 +67,4 @@ BaseMethodId Md5HashGenerator::getHashValue(u32 rawId, const JitMethod::Ptr& met
     return hashText(identityText(rawId, method));
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Turns a raw id (or, without one, the method's names) into its 128-bit id.
 class Md5HashGenerator {
@@ -20,6 +20,6 @@ public:
     static BaseMethodId hashText(const std::string& text);
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -8,7 +8,7 @@
 #include <iomanip>
 #include <sstream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -166,4 +166,4 @@ std::ostream& operator<<(std::ostream& os, JitMethod& method) {
     return os;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

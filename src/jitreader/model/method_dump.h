@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <ostream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // One "  XDIS <address>: <bytes> <instruction>" line per instruction.
 // Architecture 0 is 32-bit code, 1 and 2 are 64-bit code; anything else
@@ -22,6 +22,6 @@ void dumpCodeDisassembly(std::ostream& os, const uint8_t* bytes, uint32_t length
 // bufferLength characters including the NUL.
 void krad_print_hex_line(char* buffer, const uint8_t* bytes, int32_t length, int32_t bufferLength);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

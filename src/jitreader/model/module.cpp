@@ -1,6 +1,6 @@
 #include "model/module.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 const char* const kDynamicCodeModule = "[Dynamic code]";
 const char* const kCompiledJavaCodeModule = "[Compiled Java code]";
@@ -8,4 +8,4 @@ const char* const kCompiledJavaCodeModule = "[Compiled Java code]";
 Module::Module(const std::string& path, quarvel_error_t status, quarvel_arch arch)
     : m_filePath(path.empty() ? kDynamicCodeModule : path), m_status(status), m_architecture(arch) {}
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class Module : public IModule {
 public:
@@ -29,6 +29,6 @@ private:
 extern const char* const kDynamicCodeModule;      // "[Dynamic code]"
 extern const char* const kCompiledJavaCodeModule; // "[Compiled Java code]"
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

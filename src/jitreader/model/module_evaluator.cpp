@@ -1,6 +1,6 @@
 #include "model/module_evaluator.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 quarvel_error_t isNativeImage(const std::string& path) {
     // Substring tests, case-sensitive: Windows cache paths and Linux memory-map names.
@@ -12,6 +12,6 @@ quarvel_error_t isNativeImage(const std::string& path) {
     return meNotFound;
 }
 
-quarvel_error_t ModuleEvaluator::isNativeImage() const { return quarvel_3_13::isNativeImage(m_path); }
+quarvel_error_t ModuleEvaluator::isNativeImage() const { return quarvel::isNativeImage(m_path); }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // meSuccess when the path names precompiled or non-file code (an assembly of
 // the global assembly cache, a native image, the Dalvik code cache, an
@@ -24,6 +24,6 @@ private:
     std::string m_path;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

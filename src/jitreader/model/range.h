@@ -3,7 +3,7 @@
 
 #include <quarvel/types.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // A half-open interval [start, start + length) of addresses or jit rvas.
 struct Range {
@@ -27,6 +27,6 @@ struct Range {
 inline bool operator==(const Range& a, const Range& b) { return a.start == b.start && a.length == b.length; }
 inline bool operator!=(const Range& a, const Range& b) { return !(a == b); }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -8,7 +8,7 @@
 #include <iomanip>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -244,4 +244,4 @@ void Region::dumpInlines(std::ostringstream& os, u32 indent) const {
     }
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

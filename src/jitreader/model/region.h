@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class JitMethod;
 
@@ -106,6 +106,6 @@ private:
     std::unique_ptr<Extras> m_extras;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -1,6 +1,6 @@
 #include "model/source_file.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 SourceFile::SourceFile(const std::string& name, const std::string& checksum, unsigned checksumType,
                        unsigned languageType)
@@ -24,4 +24,4 @@ SourceFile& SourceFile::operator=(const SourceFile& other) {
     return *this;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class SourceFile : public ISourceFile {
 public:
@@ -32,6 +32,6 @@ private:
     unsigned m_languageType = 0;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -1,9 +1,9 @@
 #include "model/source_location.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 SourceLocation::SourceLocation(unsigned line, const SourceFile& file) : m_line(line), m_file(file) {}
 
 ISourceFile::Ptr SourceLocation::getSourceFile() const { return ISourceFile::Ptr(new SourceFile(m_file)); }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

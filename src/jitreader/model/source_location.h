@@ -3,7 +3,7 @@
 
 #include "model/source_file.h"
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class SourceLocation : public ISourceLocation {
 public:
@@ -18,6 +18,6 @@ private:
     SourceFile m_file;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

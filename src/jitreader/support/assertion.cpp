@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -29,4 +29,4 @@ void assertionFailed(const char* condition, const char* file, int line) {
         observer(condition, file, line);
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

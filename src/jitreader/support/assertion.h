@@ -5,7 +5,9 @@
 // failed check hands the condition's text to the assertion handler (by
 // default an ERROR line) and the caller refuses the operation. Nothing aborts.
 
-namespace quarvel_3_13 {
+#include <quarvel/namespace.h>
+
+QUARVEL_NAMESPACE_BEGIN
 
 typedef void (*AssertionHandler)(const char* condition, const char* file, int line);
 
@@ -18,7 +20,7 @@ AssertionHandler setAssertionObserver(AssertionHandler observer);
 
 void assertionFailed(const char* condition, const char* file, int line);
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 // QV_CHECK(cond, onFailure): when cond is false, reports "cond" and runs
 // onFailure (`return meNotFound`, `continue`, `break`, ...). Written as an
@@ -27,7 +29,7 @@ void assertionFailed(const char* condition, const char* file, int line);
 #define QV_CHECK(cond, onFailure)                                              \
     if (cond) {                                                                \
     } else {                                                                   \
-        ::quarvel_3_13::assertionFailed(#cond, __FILE__, __LINE__);            \
+        ::quarvel::assertionFailed(#cond, __FILE__, __LINE__);            \
         onFailure;                                                             \
     }
 
@@ -35,7 +37,7 @@ void assertionFailed(const char* condition, const char* file, int line);
 #define QV_CHECK_TEXT(cond, text, onFailure)                                   \
     if (cond) {                                                                \
     } else {                                                                   \
-        ::quarvel_3_13::assertionFailed(text, __FILE__, __LINE__);             \
+        ::quarvel::assertionFailed(text, __FILE__, __LINE__);             \
         onFailure;                                                             \
     }
 

@@ -1,6 +1,6 @@
 #include <quarvel/base_object.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 BaseObject::~BaseObject() = default;
 
@@ -17,4 +17,4 @@ unsigned BaseObject::release() const noexcept {
     return before - 1;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

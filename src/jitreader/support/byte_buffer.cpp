@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 ByteBuffer::ByteBuffer() : m_bytes(512, 0) {}
 
@@ -20,4 +20,4 @@ void ByteBuffer::assign(const void* bytes, unsigned length) {
 
 IByteBuffer::Ptr IByteBuffer::create() { return IByteBuffer::Ptr(new ByteBuffer()); }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

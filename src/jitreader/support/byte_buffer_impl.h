@@ -5,7 +5,7 @@
 
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // A growable vector with a separate logical size: the storage never shrinks.
 class ByteBuffer final : public IByteBuffer {
@@ -24,6 +24,6 @@ private:
     unsigned m_size = 0;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -13,6 +13,8 @@
 // Offsets in messages are absolute: a cursor made with a base offset (or cut
 // from another with sub()) reports where the byte lies in the file.
 
+#include <quarvel/namespace.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -20,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class ByteCursor {
 public:
@@ -175,6 +177,6 @@ private:
     std::string m_error;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 char* copyBytes(const char* source, size_t sourceLength, char* destination, size_t& destinationLength) {
@@ -23,4 +23,4 @@ char* WcharToUtf8::convert(const char* source, size_t sourceLength, char* destin
     return copyBytes(source, sourceLength, destination, destinationLength);
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -1,6 +1,6 @@
 #include <quarvel/exception.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 Exception::Exception(quarvel_error_t code, const std::string& detail) : m_code(code), m_detail(detail) {}
 
@@ -12,4 +12,4 @@ std::string Exception::getDetail() const { return m_detail; }
 
 const char* Exception::what() const noexcept { return nullptr; }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

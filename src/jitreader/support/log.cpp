@@ -10,7 +10,7 @@
 #include <cstring>
 #include <mutex>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 namespace log {
 
 namespace {
@@ -83,4 +83,4 @@ std::string errorSuffix(const char* file, int line) {
 }
 
 } // namespace log
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -9,12 +9,14 @@
 // The macros test the level before the message is built, so a TRACE line
 // costs one comparison when TRACE is off.
 
+#include <quarvel/namespace.h>
+
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 namespace log {
 
 const log4cplus::Logger& logger();
@@ -26,14 +28,14 @@ std::string errorSuffix(const char* file, int line);
 void reconfigure();
 
 } // namespace log
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 // Like the LOG4CPLUS_* macros, but the logger is used through a reference:
 // theirs copy it, a reference-count round trip on one shared object per log
 // statement, which every thread's queries would contend on.
 #define QV_LOG_AT(level, expr)                                                                                   \
     do {                                                                                                         \
-        const log4cplus::Logger& qv_logger_ = ::quarvel_3_13::log::logger();                                     \
+        const log4cplus::Logger& qv_logger_ = ::quarvel::log::logger();                                     \
         if (qv_logger_.isEnabledFor(level)) {                                                                    \
             LOG4CPLUS_MACRO_INSTANTIATE_OSTRINGSTREAM(qv_log_buffer_);                                           \
             qv_log_buffer_ << expr;                                                                              \
@@ -47,7 +49,7 @@ void reconfigure();
 #define QV_INFO(expr) QV_LOG_AT(log4cplus::INFO_LOG_LEVEL, expr)
 #define QV_WARN(expr) QV_LOG_AT(log4cplus::WARN_LOG_LEVEL, expr)
 #define QV_ERROR(expr) \
-    QV_LOG_AT(log4cplus::ERROR_LOG_LEVEL, expr << ::quarvel_3_13::log::errorSuffix(__FILE__, __LINE__))
-#define QV_TRACE_ENABLED() ::quarvel_3_13::log::logger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)
+    QV_LOG_AT(log4cplus::ERROR_LOG_LEVEL, expr << ::quarvel::log::errorSuffix(__FILE__, __LINE__))
+#define QV_TRACE_ENABLED() ::quarvel::log::logger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)
 
 #endif

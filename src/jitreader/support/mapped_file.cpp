@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -55,4 +55,4 @@ MappedFile::~MappedFile() {
         ::munmap(const_cast<uint8_t*>(m_data), m_size);
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

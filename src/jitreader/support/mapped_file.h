@@ -12,7 +12,7 @@
 #include <memory>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 class MappedFile {
 public:
@@ -35,6 +35,6 @@ private:
     size_t m_size;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

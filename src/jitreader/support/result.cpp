@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 const char* errorKindName(ErrorKind kind) {
     switch (kind) {
@@ -35,4 +35,4 @@ std::string Reason::text() const {
     return os.str();
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

@@ -14,7 +14,7 @@
 #include <utility>
 #include <variant>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 enum class ErrorKind {
     notFound, // nothing matched: a missing file, region, parent
@@ -116,6 +116,6 @@ private:
     bool m_failed = false;
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
@@ -33,4 +33,4 @@ UsageStatistics::Ptr UsageStatistics::install(Ptr sink) {
     return sink;
 }
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END

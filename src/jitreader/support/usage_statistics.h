@@ -1,10 +1,12 @@
 #ifndef QUARVEL_SUPPORT_USAGE_STATISTICS_H
 #define QUARVEL_SUPPORT_USAGE_STATISTICS_H
 
+#include <quarvel/namespace.h>
+
 #include <memory>
 #include <string>
 
-namespace quarvel_3_13 {
+QUARVEL_NAMESPACE_BEGIN
 
 // Where usage categories such as "mrte.java.hotspot11" go. The library's own
 // sink does nothing: it never touches the network or the disk.
@@ -22,6 +24,6 @@ public:
     static Ptr install(Ptr sink);
 };
 
-} // namespace quarvel_3_13
+QUARVEL_NAMESPACE_END
 
 #endif

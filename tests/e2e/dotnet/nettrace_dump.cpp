@@ -23,7 +23,7 @@
 #include <string>
 #include <tuple>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace {
 

@@ -23,7 +23,7 @@
 #include <string>
 #include <unordered_map>
 
-using namespace quarvel_3_13;
+using namespace quarvel;
 
 namespace {
 
