@@ -141,8 +141,7 @@ void BM_GetMethod(benchmark::State& state) {
     IAssemblyReader::Ptr reader;
     if (g_corelib.empty() || IAssemblyReader::create(g_corelib.c_str(), nullptr, reader) != meSuccess)
         return state.SkipWithError("System.Private.CoreLib could not be read");
-    const std::vector<uint32_t> tokens =
-        shuffledTokens(static_cast<const AssemblyReader&>(*reader).metadata());
+    const std::vector<uint32_t> tokens = shuffledTokens(static_cast<const AssemblyReader&>(*reader).metadata());
     size_t i = 0;
     for (auto _ : state) {
         DotNetMethod::Ptr m = reader->getMethod(tokens[i]);

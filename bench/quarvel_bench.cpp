@@ -44,8 +44,8 @@
 #include <vector>
 
 #include <sys/resource.h>
-#include <time.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 using namespace quarvel;
@@ -90,7 +90,7 @@ const Corpus& ingestCorpus(size_t methods) {
 enum class IngestKind { Resolver, Loader };
 
 struct IngestResult {
-    double seconds = 0;    // CPU time of the child: the machine may be shared
+    double seconds = 0; // CPU time of the child: the machine may be shared
     double wallSeconds = 0;
     long baselineKb = 0;
     long peakKb = 0;
@@ -293,8 +293,8 @@ struct ResolveFixture {
     ISymbolResolver::Ptr resolver;
     unsigned hostId = 0;
     std::vector<Sample> samples;
-    std::vector<u64> jitRvas;      // the loader's answer for each sample
-    std::vector<FlatEntry> flat;   // [start, end) -> region, no time dimension
+    std::vector<u64> jitRvas;    // the loader's answer for each sample
+    std::vector<FlatEntry> flat; // [start, end) -> region, no time dimension
     size_t loaderMisses = 0;
     double loaderIngestSeconds = 0;
 };
@@ -350,7 +350,8 @@ void buildFixture() {
         const quarvel_bench::RegionTruth& r = f->corpus.regions[i];
         flat.push_back(FlatEntry{r.start, r.start + r.size, static_cast<u32>(i)});
     }
-    std::stable_sort(flat.begin(), flat.end(), [](const FlatEntry& a, const FlatEntry& b) { return a.start < b.start; });
+    std::stable_sort(flat.begin(), flat.end(),
+                     [](const FlatEntry& a, const FlatEntry& b) { return a.start < b.start; });
     std::vector<FlatEntry> unique;
     unique.reserve(flat.size());
     for (const FlatEntry& e : flat) {
@@ -363,7 +364,9 @@ void buildFixture() {
     g_fixture = std::move(f);
 }
 
-void fixtureSetup(const benchmark::State&) { std::call_once(g_fixtureOnce, buildFixture); }
+void fixtureSetup(const benchmark::State&) {
+    std::call_once(g_fixtureOnce, buildFixture);
+}
 
 size_t firstSample(const benchmark::State& state) {
     return (kSamples / static_cast<size_t>(state.threads())) * static_cast<size_t>(state.thread_index());
@@ -378,8 +381,8 @@ void BM_LoaderResolve(benchmark::State& state) {
     for (auto _ : state) {
         for (int k = 0; k < kBatch; ++k, ++i) {
             const Sample& s = f.samples[i & (kSamples - 1)];
-            failures += f.loader->resolveJitPoint(s.timestamp, s.address, f.corpus.pid, f.hostId, &jitRva, module) !=
-                        meSuccess;
+            failures +=
+                f.loader->resolveJitPoint(s.timestamp, s.address, f.corpus.pid, f.hostId, &jitRva, module) != meSuccess;
         }
     }
     benchmark::DoNotOptimize(failures);
@@ -390,7 +393,9 @@ void BM_FlatBaseline(benchmark::State& state) {
     const ResolveFixture& f = *g_fixture;
     size_t i = firstSample(state);
     u64 sum = 0;
-    const auto byStart = [](u64 address, const FlatEntry& e) { return address < e.start; };
+    const auto byStart = [](u64 address, const FlatEntry& e) {
+        return address < e.start;
+    };
     for (auto _ : state) {
         for (int k = 0; k < kBatch; ++k, ++i) {
             const Sample& s = f.samples[i & (kSamples - 1)];
@@ -426,8 +431,8 @@ void BM_TranslateToJitRva(benchmark::State& state) {
     for (auto _ : state) {
         for (int k = 0; k < kBatch; ++k, ++i) {
             const Sample& s = f.samples[i & (kSamples - 1)];
-            hits += f.resolver->translateToJitRva(f.corpus.regions[s.region].methodId, s.address, fileName,
-                                                  &jitRva) == meSuccess;
+            hits += f.resolver->translateToJitRva(f.corpus.regions[s.region].methodId, s.address, fileName, &jitRva) ==
+                    meSuccess;
         }
     }
     benchmark::DoNotOptimize(hits);
@@ -588,8 +593,8 @@ private:
         row.what = label;
         row.size = count(double(lo)) + " -> " + count(double(hi));
         row.time = "x" + fixed(counter(*b, "seconds") / counter(*a, "seconds"), 1);
-        row.memory = fixed(counter(*a, "peak_b_per_method"), 0) + " -> " +
-                     fixed(counter(*b, "peak_b_per_method"), 0) + " B";
+        row.memory =
+            fixed(counter(*a, "peak_b_per_method"), 0) + " -> " + fixed(counter(*b, "peak_b_per_method"), 0) + " B";
         row.note = "n grows x" + fixed(n, 0) + ", n log n x" + fixed(nlogn, 0) + "; time per load x" +
                    fixed((counter(*b, "seconds") / double(hi)) / (counter(*a, "seconds") / double(lo)), 2);
         rows.push_back(row);
@@ -636,15 +641,12 @@ private:
         if (cores > 1)
             addResolve(rows, "resolve/loader_resolveJitPoint" + all, "IJitLoader::resolveJitPoint",
                        "resolve/flat_upper_bound" + all, regions);
-        addResolve(rows, "resolve/flat_upper_bound/threads:1", "flat sorted array + upper_bound", "",
-                   regions);
+        addResolve(rows, "resolve/flat_upper_bound/threads:1", "flat sorted array + upper_bound", "", regions);
         if (cores > 1)
-            addResolve(rows, "resolve/flat_upper_bound" + all, "flat sorted array + upper_bound", "",
-                       regions);
-        addResolve(rows, "resolve/resolver_getSymbol/threads:1", "ISymbolResolver::getSymbol(jitRva)", "",
+            addResolve(rows, "resolve/flat_upper_bound" + all, "flat sorted array + upper_bound", "", regions);
+        addResolve(rows, "resolve/resolver_getSymbol/threads:1", "ISymbolResolver::getSymbol(jitRva)", "", regions);
+        addResolve(rows, "resolve/resolver_translateToJitRva/threads:1", "ISymbolResolver::translateToJitRva", "",
                    regions);
-        addResolve(rows, "resolve/resolver_translateToJitRva/threads:1",
-                   "ISymbolResolver::translateToJitRva", "", regions);
         addShapes(rows, ShapeKind::Staggered, "staggered overlap, read lazily", g_options.staggered, " loads");
         addShapes(rows, ShapeKind::HotArea, "alternating hot area, read lazily", g_options.hotArea, " loads");
         addShapes(rows, ShapeKind::Processes, "processes read lazily, one sample each", g_options.processes,
@@ -655,7 +657,7 @@ private:
 
         size_t widths[9] = {};
         for (const Row& r : rows) {
-            const std::string* cells[9] = {&r.section, &r.what, &r.size, &r.time, &r.rate,
+            const std::string* cells[9] = {&r.section, &r.what, &r.size,   &r.time, &r.rate,
                                            &r.perCore, &r.mbs,  &r.memory, &r.note};
             for (int c = 0; c < 9; ++c)
                 widths[c] = std::max(widths[c], cells[c]->size());
@@ -663,7 +665,7 @@ private:
         os << "\nQuarvel benchmarks: " << cores << " cores, " << cpuModel() << "\n\n";
         for (size_t i = 0; i < rows.size(); ++i) {
             const Row& r = rows[i];
-            const std::string* cells[9] = {&r.section, &r.what, &r.size, &r.time, &r.rate,
+            const std::string* cells[9] = {&r.section, &r.what, &r.size,   &r.time, &r.rate,
                                            &r.perCore, &r.mbs,  &r.memory, &r.note};
             os << "|";
             for (int c = 0; c < 9; ++c)
@@ -681,8 +683,8 @@ private:
               "started with.\n";
         if (g_fixture)
             os << "Resolution trace: " << g_fixture->corpus.regions.size() << " regions of "
-               << g_fixture->corpus.methodLoads << " method loads, " << g_fixture->corpus.fileBytes / 1000000
-               << " MB; " << g_fixture->samples.size() << " live samples, " << g_fixture->loaderMisses
+               << g_fixture->corpus.methodLoads << " method loads, " << g_fixture->corpus.fileBytes / 1000000 << " MB; "
+               << g_fixture->samples.size() << " live samples, " << g_fixture->loaderMisses
                << " of them unresolved; the loader read it in " << duration(g_fixture->loaderIngestSeconds) << ".\n";
     }
 
@@ -691,7 +693,8 @@ private:
             rows.push_back({"goal", what, size, "", "", "", "", "", value + (met ? ": met" : ": MISSED")});
         };
         const std::string biggest = g_options.sizes.empty() ? "" : std::to_string(g_options.sizes.back());
-        const std::string biggestLabel = g_options.sizes.empty() ? "" : count(double(g_options.sizes.back())) + " loads";
+        const std::string biggestLabel =
+            g_options.sizes.empty() ? "" : count(double(g_options.sizes.back())) + " loads";
         if (const Run* run = find("ingest/loader/" + biggest + "/threads:1")) {
             const double v = counter(*run, "loads_per_s");
             goal(">= 500k loads/s per core (mode 2)", biggestLabel, rate(v), v >= 5e5);
@@ -796,8 +799,8 @@ int main(int argc, char** argv) {
 
     for (IngestKind kind : {IngestKind::Resolver, IngestKind::Loader})
         for (size_t n : g_options.sizes) {
-            const std::string name =
-                std::string("ingest/") + (kind == IngestKind::Resolver ? "resolver" : "loader") + "/" + std::to_string(n);
+            const std::string name = std::string("ingest/") + (kind == IngestKind::Resolver ? "resolver" : "loader") +
+                                     "/" + std::to_string(n);
             // Few repetitions of the large runs keep the whole run within minutes.
             const int iterations = g_options.once ? 1 : n >= 1000000 ? 2 : n >= 100000 ? 3 : 10;
             benchmark::RegisterBenchmark(name.c_str(), BM_Ingest, kind, n)
@@ -806,10 +809,9 @@ int main(int argc, char** argv) {
                 ->Unit(benchmark::kMillisecond);
         }
 
-    const std::pair<ShapeKind, const std::vector<size_t>*> shapes[] = {
-        {ShapeKind::Staggered, &g_options.staggered},
-        {ShapeKind::HotArea, &g_options.hotArea},
-        {ShapeKind::Processes, &g_options.processes}};
+    const std::pair<ShapeKind, const std::vector<size_t>*> shapes[] = {{ShapeKind::Staggered, &g_options.staggered},
+                                                                       {ShapeKind::HotArea, &g_options.hotArea},
+                                                                       {ShapeKind::Processes, &g_options.processes}};
     for (const auto& shape : shapes)
         for (size_t n : *shape.second) {
             const std::string name = std::string("shape/") + shapeName(shape.first) + "/" + std::to_string(n);

@@ -118,8 +118,8 @@ ShapeTrace processesTrace(const std::string& cacheDir, size_t methods, size_t pr
         // jit rvas must stay within the range its size gives it.
         trace.fileBytes += writeOnce(trace.paths.back(), [&](JitTraceWriter& writer) {
             for (size_t i = 0; i < perProcess; ++i)
-                if (!writer.writeMethodLoad(3, true,
-                                            load(static_cast<uint32_t>(i + 1), kFirstTime + 10 * i, kBase + 256 * i, 48)))
+                if (!writer.writeMethodLoad(
+                        3, true, load(static_cast<uint32_t>(i + 1), kFirstTime + 10 * i, kBase + 256 * i, 48)))
                     throw std::runtime_error(writer.errorText());
         });
         trace.probeAddress.push_back(kBase);

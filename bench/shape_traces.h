@@ -14,7 +14,7 @@ namespace quarvel_bench {
 
 struct ShapeTrace {
     std::string hostName;
-    std::vector<std::string> paths;  // one file per process
+    std::vector<std::string> paths; // one file per process
     std::vector<unsigned> pids;
     std::vector<uint64_t> probeAddress; // per process: a sample that hits its first load
     std::vector<uint64_t> probeTime;

@@ -31,8 +31,13 @@ const uint32_t kInlineIdBase = 0x40000000u;
 const unsigned kPid = 4242;
 const char* const kHost = "benchhost";
 
-const char* const kSignatures[] = {"()V", "(I)I", "(Ljava/lang/String;)V", "(JJ)Z", "([BII)I",
-                                   "(Ljava/lang/Object;I)Ljava/lang/Object;", "(DLjava/util/List;)D"};
+const char* const kSignatures[] = {"()V",
+                                   "(I)I",
+                                   "(Ljava/lang/String;)V",
+                                   "(JJ)Z",
+                                   "([BII)I",
+                                   "(Ljava/lang/Object;I)Ljava/lang/Object;",
+                                   "(DLjava/util/List;)D"};
 
 bool fileExists(const std::string& path, uint64_t* size) {
     struct stat st;
@@ -83,8 +88,8 @@ TraceMethodTail methodTail(Rng& rng, uint32_t classNo, uint32_t methodNo, uint32
     tail.moduleName = ""; // Java code: the reader files it under its compiled-code module
     tail.moduleArch = quarvel_arch_vx64;
     tail.className = "Lcom/quarvel/bench/p" + std::to_string(classNo % 64) + "/Class" + std::to_string(classNo) + ";";
-    tail.methodName = "method" + std::to_string(methodNo) +
-                      kSignatures[methodNo % (sizeof kSignatures / sizeof kSignatures[0])];
+    tail.methodName =
+        "method" + std::to_string(methodNo) + kSignatures[methodNo % (sizeof kSignatures / sizeof kSignatures[0])];
     tail.sourceFile = "Class" + std::to_string(classNo) + ".java";
     tail.language = quarvel_language_java;
     const uint32_t firstLine = 10 + methodNo % 500;

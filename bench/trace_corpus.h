@@ -19,9 +19,9 @@
 namespace quarvel_bench {
 
 struct CorpusShape {
-    size_t methods = 0;     // method-load records to write
-    size_t maxRegions = 0;  // stop earlier once this many code regions exist (0: no limit)
-    bool codeBytes = true;  // write the code bytes of every region
+    size_t methods = 0;    // method-load records to write
+    size_t maxRegions = 0; // stop earlier once this many code regions exist (0: no limit)
+    bool codeBytes = true; // write the code bytes of every region
     uint64_t seed = 0x5eed;
 };
 
@@ -35,13 +35,13 @@ struct RegionTruth {
 };
 
 struct Corpus {
-    std::string path;        // the trace file
-    std::string fileName;    // its name, as the file set knows it
+    std::string path;     // the trace file
+    std::string fileName; // its name, as the file set knows it
     unsigned pid = 0;
     std::string hostName;
     size_t methodLoads = 0;
     size_t inlineLoads = 0;
-    size_t records = 0;      // every record, header records included
+    size_t records = 0; // every record, header records included
     uint64_t fileBytes = 0;
     uint64_t lastLoadTime = 0;
     // The first region of the first method: a query that hits it reads the process.

@@ -9,9 +9,9 @@ namespace quarvel_x86 {
 namespace {
 
 bool initDecoder(Mode mode, ZydisDecoder& decoder) {
-    const ZyanStatus status =
-        mode == Mode::Bits64 ? ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64)
-                             : ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LEGACY_32, ZYDIS_STACK_WIDTH_32);
+    const ZyanStatus status = mode == Mode::Bits64
+                                  ? ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64)
+                                  : ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LEGACY_32, ZYDIS_STACK_WIDTH_32);
     return ZYAN_SUCCESS(status);
 }
 
@@ -31,8 +31,8 @@ Disassembled Decoder::disassemble(const uint8_t* bytes, size_t length, uint64_t 
     }
     ZydisDecodedInstruction instruction;
     ZydisDecodedOperand operands[ZYDIS_MAX_OPERAND_COUNT];
-    const ZyanStatus decoded = ZydisDecoderDecodeFull(&decoder, bytes, std::min(length, kMaxInstructionLength),
-                                                      &instruction, operands);
+    const ZyanStatus decoded =
+        ZydisDecoderDecodeFull(&decoder, bytes, std::min(length, kMaxInstructionLength), &instruction, operands);
     if (!ZYAN_SUCCESS(decoded)) {
         result.error = decoded;
         return result;
@@ -40,9 +40,9 @@ Disassembled Decoder::disassemble(const uint8_t* bytes, size_t length, uint64_t 
     ZydisFormatter formatter;
     ZyanStatus formatted = ZydisFormatterInit(&formatter, ZYDIS_FORMATTER_STYLE_INTEL);
     if (ZYAN_SUCCESS(formatted))
-        formatted = ZydisFormatterFormatInstruction(&formatter, &instruction, operands,
-                                                    instruction.operand_count_visible, text, textLength, address,
-                                                    ZYAN_NULL);
+        formatted =
+            ZydisFormatterFormatInstruction(&formatter, &instruction, operands, instruction.operand_count_visible, text,
+                                            textLength, address, ZYAN_NULL);
     if (!ZYAN_SUCCESS(formatted)) {
         result.stage = Disassembled::FormatFailed;
         result.error = formatted;
@@ -59,8 +59,8 @@ bool Decoder::branchTarget(const uint8_t* bytes, size_t length, uint64_t address
         return false;
     ZydisDecodedInstruction instruction;
     ZydisDecodedOperand operands[ZYDIS_MAX_OPERAND_COUNT];
-    if (!ZYAN_SUCCESS(ZydisDecoderDecodeFull(&decoder, bytes, std::min(length, kMaxInstructionLength), &instruction,
-                                             operands)))
+    if (!ZYAN_SUCCESS(
+            ZydisDecoderDecodeFull(&decoder, bytes, std::min(length, kMaxInstructionLength), &instruction, operands)))
         return false;
     if (!(instruction.attributes & ZYDIS_ATTRIB_IS_RELATIVE) || instruction.operand_count_visible < 1)
         return false;

@@ -19,8 +19,8 @@ constexpr size_t kTextBufferLength = 200;
 struct Disassembled {
     enum Stage { Ok, DecodeFailed, FormatFailed };
     Stage stage = DecodeFailed;
-    uint32_t error = 0;  // the decoder's status when stage != Ok
-    uint8_t length = 0;  // instruction length when stage == Ok
+    uint32_t error = 0; // the decoder's status when stage != Ok
+    uint8_t length = 0; // instruction length when stage == Ok
 };
 
 class Decoder {

@@ -57,10 +57,18 @@ struct Frame {
     const char* module; // null: anonymous memory of the process
 };
 
-Frame jit(uint64_t address, uint32_t spread = 0) { return Frame{address, spread, "[unknown]", nullptr}; }
-Frame libc(uint64_t offset, const char* symbol) { return Frame{offset, 0, symbol, kLibc}; }
-Frame libjvm(uint64_t offset, const char* symbol) { return Frame{offset, 0, symbol, kLibjvm}; }
-Frame kernel(uint64_t address, const char* symbol) { return Frame{address, 0, symbol, kKernel}; }
+Frame jit(uint64_t address, uint32_t spread = 0) {
+    return Frame{address, spread, "[unknown]", nullptr};
+}
+Frame libc(uint64_t offset, const char* symbol) {
+    return Frame{offset, 0, symbol, kLibc};
+}
+Frame libjvm(uint64_t offset, const char* symbol) {
+    return Frame{offset, 0, symbol, kLibjvm};
+}
+Frame kernel(uint64_t address, const char* symbol) {
+    return Frame{address, 0, symbol, kKernel};
+}
 
 struct Shape {
     unsigned pid;
@@ -110,12 +118,20 @@ std::vector<Shape> shapes() {
              jit(0x7f3a10001431), jit(0x7f3a10004190)},
             server)},
         // The runtime compiling, and starting up before any code was jitted.
-        {4242, 4246, 1000000, forever, 3,
+        {4242,
+         4246,
+         1000000,
+         forever,
+         3,
          {libjvm(0x5a2f10, "PhaseChaitin::gather_lrg_masks"), libjvm(0x5a9a31, "PhaseChaitin::Register_Allocate"),
           libjvm(0x4bd0e2, "Compile::Code_Gen"), libjvm(0x4c4e07, "C2Compiler::compile_method"),
           libjvm(0x4e2b9c, "CompileBroker::compiler_thread_loop"), libjvm(0x7b1c42, "JavaThread::run"),
           libjvm(0xe2c1a1, "thread_native_entry"), libc(0x891f5, "start_thread")}},
-        {4242, 4242, 1000000, 1000100, 2,
+        {4242,
+         4242,
+         1000000,
+         1000100,
+         2,
          {libjvm(0xbab0e4, "MetaspaceShared::map_archive"), libjvm(0xea5659, "Threads::create_vm"),
           libjvm(0x8be9cf, "JNI_CreateJavaVM"), libc(0x891f5, "start_thread")}},
         // The worker: poll, and send with Template.fill inlined.
@@ -129,7 +145,11 @@ std::vector<Shape> shapes() {
              jit(0x7f5b2000118b)},
             worker)},
         // Another process, without traces.
-        {977, 977, 1000000, forever, 2,
+        {977,
+         977,
+         1000000,
+         forever,
+         2,
          {kernel(0xffffffff81e4f6a3, "tcp_sendmsg"), kernel(0xffffffff82259cc1, "do_syscall_64"),
           libc(0x114a37, "__GI___libc_write"), Frame{0x1e4a0, 0, "channel_output_poll", "/usr/sbin/sshd"}}},
     };

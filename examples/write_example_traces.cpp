@@ -102,7 +102,8 @@ struct Known {
     std::vector<quarvel_line_number_entry> managedToSource;
 
     unsigned lineAt(uint64_t offset) const {
-        const auto find = [](const std::vector<quarvel_line_number_entry>& t, uint64_t v) -> const quarvel_line_number_entry* {
+        const auto find = [](const std::vector<quarvel_line_number_entry>& t,
+                             uint64_t v) -> const quarvel_line_number_entry* {
             for (const quarvel_line_number_entry& e : t)
                 if (e.startOffset <= v && v < e.endOffset)
                     return &e;
@@ -178,13 +179,13 @@ bool writeServer(const std::string& dir, std::vector<Live>& live) {
                                   javaTail("shop.jar", "Lcom/acme/shop/PriceCalculator;",
                                            "total(Lcom/acme/shop/Order;)J", "PriceCalculator.java"));
     total1.tail.lines.nativeToSource = lines(0x100, 0x40, 17);
-    TraceMethodLoad reserve1 = load(103, 1000300, 0x7f3a10001400, 0xc0,
-                                    javaTail("shop.jar", "Lcom/acme/shop/Inventory;", "reserve(Ljava/lang/String;I)Z",
-                                             "Inventory.java"));
+    TraceMethodLoad reserve1 =
+        load(103, 1000300, 0x7f3a10001400, 0xc0,
+             javaTail("shop.jar", "Lcom/acme/shop/Inventory;", "reserve(Ljava/lang/String;I)Z", "Inventory.java"));
     reserve1.tail.lines.nativeToSource = lines(0xc0, 0x30, 88);
-    TraceMethodLoad hashGet = load(104, 1000400, 0x7f3a10001500, 0x80,
-                                   javaTail("java.base", "Ljava/util/HashMap;",
-                                            "get(Ljava/lang/Object;)Ljava/lang/Object;", "HashMap.java"));
+    TraceMethodLoad hashGet =
+        load(104, 1000400, 0x7f3a10001500, 0x80,
+             javaTail("java.base", "Ljava/util/HashMap;", "get(Ljava/lang/Object;)Ljava/lang/Object;", "HashMap.java"));
     // Compiled Java code maps code offsets to bytecode indices, and those to lines.
     hashGet.tail.lines.nativeToManaged = {{0x00, 0x20, 0}, {0x20, 0x50, 6}, {0x50, 0x80, 14}};
     hashGet.tail.lines.managedToSource = {{0, 6, 556}, {6, 14, 557}, {14, 20, 558}};
@@ -195,20 +196,20 @@ bool writeServer(const std::string& dir, std::vector<Live>& live) {
     TraceMethodLoad placeOrder2 = load(201, 1050000, 0x7f3a10004000, 0x300,
                                        javaTail("shop.jar", "Lcom/acme/shop/OrderService;",
                                                 "placeOrder(Lcom/acme/shop/Order;)V", "OrderService.java"));
-    placeOrder2.tail.lines.nativeToSource = {{0x000, 0x080, 42}, {0x080, 0x180, 44}, {0x180, 0x200, 45},
-                                             {0x200, 0x260, 46}, {0x260, 0x300, 48}};
+    placeOrder2.tail.lines.nativeToSource = {
+        {0x000, 0x080, 42}, {0x080, 0x180, 44}, {0x180, 0x200, 45}, {0x200, 0x260, 46}, {0x260, 0x300, 48}};
     // The inline records name the parent by its raw id; the nested one names total's inline id.
     TraceInlineLoad totalInline = inlined(202, 201, 1050000, 0x7f3a10004080, 0x100,
                                           javaTail("shop.jar", "Lcom/acme/shop/PriceCalculator;",
                                                    "total(Lcom/acme/shop/Order;)J", "PriceCalculator.java"));
     totalInline.tail.lines.nativeToSource = {{0x00, 0x40, 17}, {0x40, 0x80, 18}, {0x80, 0x100, 20}};
-    TraceInlineLoad discountInline = inlined(203, 202, 1050000, 0x7f3a100040c0, 0x40,
-                                             javaTail("shop.jar", "Lcom/acme/shop/PriceCalculator;",
-                                                      "applyDiscount(J)J", "PriceCalculator.java"));
+    TraceInlineLoad discountInline =
+        inlined(203, 202, 1050000, 0x7f3a100040c0, 0x40,
+                javaTail("shop.jar", "Lcom/acme/shop/PriceCalculator;", "applyDiscount(J)J", "PriceCalculator.java"));
     discountInline.tail.lines.nativeToSource = {{0x00, 0x20, 31}, {0x20, 0x40, 32}};
-    TraceInlineLoad reserveInline = inlined(204, 201, 1050000, 0x7f3a10004200, 0x60,
-                                            javaTail("shop.jar", "Lcom/acme/shop/Inventory;",
-                                                     "reserve(Ljava/lang/String;I)Z", "Inventory.java"));
+    TraceInlineLoad reserveInline =
+        inlined(204, 201, 1050000, 0x7f3a10004200, 0x60,
+                javaTail("shop.jar", "Lcom/acme/shop/Inventory;", "reserve(Ljava/lang/String;I)Z", "Inventory.java"));
     reserveInline.tail.lines.nativeToSource = {{0x00, 0x30, 88}, {0x30, 0x60, 90}};
     ok = ok && w.writeMethodLoad(3, true, placeOrder2) && w.writeInlineLoad(true, totalInline) &&
          w.writeInlineLoad(true, discountInline) && w.writeInlineLoad(true, reserveInline);
@@ -242,14 +243,32 @@ bool writeServer(const std::string& dir, std::vector<Live>& live) {
     live.push_back({pid, 0x7f3a10001000, 0x180, 1000100, 1080000, 3, known(placeOrder, placeOrder1.tail), {}});
     live.push_back({pid, 0x7f3a10001200, 0x100, 1000200, forever, 2, known(total, total1.tail), {}});
     live.push_back({pid, 0x7f3a10001400, 0xc0, 1000300, forever, 1, known(reserve, reserve1.tail), {}});
-    live.push_back({pid, 0x7f3a10001500, 0x80, 1000400, forever, 3,
-                    known("java::util::HashMap::get(java::lang::Object)", hashGet.tail), {}});
-    live.push_back({pid, 0x7f3a10004000, 0x300, 1050000, forever, 8, known(placeOrder, placeOrder2.tail),
+    live.push_back({pid,
+                    0x7f3a10001500,
+                    0x80,
+                    1000400,
+                    forever,
+                    3,
+                    known("java::util::HashMap::get(java::lang::Object)", hashGet.tail),
+                    {}});
+    live.push_back({pid,
+                    0x7f3a10004000,
+                    0x300,
+                    1050000,
+                    forever,
+                    8,
+                    known(placeOrder, placeOrder2.tail),
                     {{0x80, 0x100, known(total, totalInline.tail)},
                      {0xc0, 0x40, known("com::acme::shop::PriceCalculator::applyDiscount(long)", discountInline.tail)},
                      {0x200, 0x60, known(reserve, reserveInline.tail)}}});
-    live.push_back({pid, 0x7f3a10001000, 0x180, 1080000, forever, 4,
-                    known("com::acme::shop::ReportBuilder::render(java::lang::StringBuilder)", render.tail), {}});
+    live.push_back({pid,
+                    0x7f3a10001000,
+                    0x180,
+                    1080000,
+                    forever,
+                    4,
+                    known("com::acme::shop::ReportBuilder::render(java::lang::StringBuilder)", render.tail),
+                    {}});
     return true;
 }
 
@@ -262,26 +281,31 @@ bool writeWorker(const std::string& dir, std::vector<Live>& live) {
               w.writeRuntimeInfo(TraceRuntimeInfo{quarvel_runtime_java, "17.0.2+8", "OpenJDK 64-Bit Server VM"});
 
     // The same raw id as in the server is a different method: ids are per process.
-    TraceMethodLoad poll = load(101, 1000500, 0x7f5b20001000, 0x100,
-                                javaTail("shop.jar", "Lcom/acme/shop/OrderQueue;", "poll()Lcom/acme/shop/Order;",
-                                         "OrderQueue.java"));
+    TraceMethodLoad poll =
+        load(101, 1000500, 0x7f5b20001000, 0x100,
+             javaTail("shop.jar", "Lcom/acme/shop/OrderQueue;", "poll()Lcom/acme/shop/Order;", "OrderQueue.java"));
     poll.tail.lines.nativeToSource = lines(0x100, 0x40, 23);
     TraceMethodLoad send = load(102, 1001000, 0x7f5b20001200, 0x140,
                                 javaTail("shop.jar", "Lcom/acme/shop/EmailSender;",
                                          "send(Lcom/acme/shop/Order;Ljava/lang/String;)V", "EmailSender.java"));
     send.tail.lines.nativeToSource = {{0x00, 0x40, 61}, {0x40, 0xc0, 63}, {0xc0, 0x140, 65}};
-    TraceInlineLoad fill = inlined(103, 102, 1001000, 0x7f5b20001240, 0x80,
-                                   javaTail("shop.jar", "Lcom/acme/shop/Template;",
-                                            "fill(Ljava/util/Map;)Ljava/lang/String;", "Template.java"));
+    TraceInlineLoad fill = inlined(
+        103, 102, 1001000, 0x7f5b20001240, 0x80,
+        javaTail("shop.jar", "Lcom/acme/shop/Template;", "fill(Ljava/util/Map;)Ljava/lang/String;", "Template.java"));
     fill.tail.lines.nativeToSource = {{0x00, 0x40, 12}, {0x40, 0x80, 14}};
     ok = ok && w.writeMethodLoad(3, true, poll) && w.writeMethodLoad(3, true, send) && w.writeInlineLoad(true, fill);
     if (!check(ok, w))
         return false;
 
     const uint64_t forever = ~0ull;
-    live.push_back({pid, 0x7f5b20001000, 0x100, 1000500, forever, 2,
-                    known("com::acme::shop::OrderQueue::poll()", poll.tail), {}});
-    live.push_back({pid, 0x7f5b20001200, 0x140, 1001000, forever, 3,
+    live.push_back(
+        {pid, 0x7f5b20001000, 0x100, 1000500, forever, 2, known("com::acme::shop::OrderQueue::poll()", poll.tail), {}});
+    live.push_back({pid,
+                    0x7f5b20001200,
+                    0x140,
+                    1001000,
+                    forever,
+                    3,
                     known("com::acme::shop::EmailSender::send(com::acme::shop::Order, java::lang::String)", send.tail),
                     {{0x40, 0x80, known("com::acme::shop::Template::fill(java::util::Map)", fill.tail)}}});
     return true;

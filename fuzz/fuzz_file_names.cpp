@@ -21,8 +21,8 @@ namespace {
 
 // A name the file system accepts as one entry: no '/', no NUL, not "." or "..", at most 255 bytes.
 bool usableAsFileName(const std::string& name) {
-    return !name.empty() && name.size() <= 255 && name != "." && name != ".." &&
-           name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
+    return !name.empty() && name.size() <= 255 && name != "." && name != ".." && name.find('/') == std::string::npos &&
+           name.find('\0') == std::string::npos;
 }
 
 } // namespace
@@ -77,8 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Pointers into paths only once it stops growing.
     std::vector<JitFileDescriptor> descriptors;
     for (size_t k = 0; k < paths.size(); ++k)
-        descriptors.push_back(JitFileDescriptor{paths[k].c_str(), static_cast<unsigned>(nameOf[k]),
-                                                names[nameOf[k]].c_str()});
+        descriptors.push_back(
+            JitFileDescriptor{paths[k].c_str(), static_cast<unsigned>(nameOf[k]), names[nameOf[k]].c_str()});
 
     std::vector<const char*> list{dir.c_str()};
     if (flags & 1)

@@ -7,9 +7,9 @@
 
 #include "index/jit_data_manager.h"
 
-#include <quarvel/jittrace_format.h>
 #include "model/md5_hash_generator.h"
 #include "model/module.h"
+#include <quarvel/jittrace_format.h>
 
 using namespace quarvel;
 

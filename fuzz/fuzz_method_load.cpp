@@ -29,7 +29,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t modeByte = in.u8();
     const int version = selector & 3;
     const bool update = version == 3 && (selector & 8);
-    const u32 type = update ? static_cast<u32>(quarvel_jt_FunctionUpdate) : jittrace::methodLoadType(version, selector & 4);
+    const u32 type =
+        update ? static_cast<u32>(quarvel_jt_FunctionUpdate) : jittrace::methodLoadType(version, selector & 4);
 
     // The body alone, at its exact size: a read past it shows. Decoding twice
     // gives the same answer, and the reading modes agree on acceptance.
@@ -49,7 +50,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const jit_rva_t base = (modeByte & 0x80) ? ~u64(0) - 0x1000 : 0x10000;
     const auto mode = static_cast<decoding_mode_t>(modeByte & 3);
     JitDataManager dataManager;
-    quarvel_fuzz::readTrace(quarvel_fuzz::frameRecord(type, body.data(), body.size(), selector & 0x10 ? static_cast<uint32_t>(ctJitProfiler) : 0u),
+    quarvel_fuzz::readTrace(quarvel_fuzz::frameRecord(type, body.data(), body.size(),
+                                                      selector & 0x10 ? static_cast<uint32_t>(ctJitProfiler) : 0u),
                             mode, base, dataManager);
     dataManager.finalize();
     for (const JitMethod::Ptr& method : dataManager.getJitMethods())

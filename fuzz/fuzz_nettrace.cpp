@@ -18,7 +18,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    (void)NettraceReader::looksLikeNettrace(data, size < NettraceReader::kSniffBytes ? size : NettraceReader::kSniffBytes);
+    (void)NettraceReader::looksLikeNettrace(data,
+                                            size < NettraceReader::kSniffBytes ? size : NettraceReader::kSniffBytes);
     NettraceReader reader(data, size, "fuzz.nettrace");
     DotnetMethodEvent method;
     DotnetILToNativeMap map;

@@ -3,9 +3,9 @@
 #include "format/jit_file_decoder.h"
 #include "ingest/jit_file_reader.h"
 
+#include "model/method_dump.h"
 #include "support/assertion.h"
 #include "support/log.h"
-#include "model/method_dump.h"
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loglevel.h>
@@ -266,8 +266,8 @@ void queryDataManager(JitDataManager& mutableManager, uint64_t seed) {
             const u32 host = region->hostId();
             const u64 times[] = {region->loadTime(), region->loadTime() ? region->loadTime() - 1 : 0,
                                  region->unloadTime(), ~u64(0)};
-            const u64 addresses[] = {start, start + length / 2, length ? start + length - 1 : start,
-                                     start + length, start ? start - 1 : 0};
+            const u64 addresses[] = {start, start + length / 2, length ? start + length - 1 : start, start + length,
+                                     start ? start - 1 : 0};
             for (const u64 time : times)
                 for (const u64 address : addresses) {
                     JitMethod::Ptr found;
@@ -278,8 +278,7 @@ void queryDataManager(JitDataManager& mutableManager, uint64_t seed) {
                         u64 callee = 0;
                         (void)dataManager.getCalleeTarget(jitRva, address, callee);
                         u64 translated = 0;
-                        (void)dataManager.translateToJitRva(found->getRawMethodId(), address, 0, ~u64(0),
-                                                            translated);
+                        (void)dataManager.translateToJitRva(found->getRawMethodId(), address, 0, ~u64(0), translated);
                     }
                     ICodeRegion::Ptr overlapped;
                     (void)dataManager.findOverlappedRegion(address, address + length, time, pid, host, overlapped);

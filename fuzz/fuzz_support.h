@@ -62,8 +62,8 @@ void queryDataManager(quarvel::JitDataManager& dataManager, uint64_t seed);
 
 // Reads trace bytes held in memory through the reading pass into
 // dataManager, as process 7 of host 1 with the given jit rva base.
-void readTrace(const std::vector<uint8_t>& trace, quarvel::decoding_mode_t mode,
-               quarvel::jit_rva_t jitRvaBase, quarvel::JitDataManager& dataManager);
+void readTrace(const std::vector<uint8_t>& trace, quarvel::decoding_mode_t mode, quarvel::jit_rva_t jitRvaBase,
+               quarvel::JitDataManager& dataManager);
 
 // One sized record around a body, preceded by a CollectorType record when
 // collector is not 0.

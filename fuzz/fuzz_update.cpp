@@ -19,9 +19,9 @@
 
 #include "index/jit_data_manager.h"
 
-#include <quarvel/jittrace_format.h>
 #include "model/md5_hash_generator.h"
 #include "model/module.h"
+#include <quarvel/jittrace_format.h>
 
 #include <algorithm>
 #include <vector>
@@ -112,9 +112,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // 14 finds the live region and registers a patched copy.
     const u32 type = layoutV3 ? quarvel_jt_FunctionUpdate : quarvel_jt_FunctionUpdate_v2;
     const std::vector<uint8_t> body = in.restBytes();
-    quarvel_fuzz::readTrace(quarvel_fuzz::frameRecord(type, body.data(), body.size(),
-                                                      (selector & 2) ? ctUnknown : ctJitProfiler),
-                            mode, 0x500000000ull, dataManager);
+    quarvel_fuzz::readTrace(
+        quarvel_fuzz::frameRecord(type, body.data(), body.size(), (selector & 2) ? ctUnknown : ctJitProfiler), mode,
+        0x500000000ull, dataManager);
     dataManager.finalize();
     quarvel_fuzz::queryDataManager(dataManager, size);
     return 0;

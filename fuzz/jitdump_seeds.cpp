@@ -31,7 +31,8 @@ JitdumpDebugFields linesOf(uint64_t addr, bool biased) {
     JitdumpDebugFields d;
     d.codeAddr = addr;
     const uint64_t b = biased ? 0x40 : 0;
-    d.entries = {{addr + b, 3, 0, "/app/main.js", false}, {addr + b + 4, 4, 0, "", true}, {addr + b + 9, 7, 1, "lib.js", false}};
+    d.entries = {
+        {addr + b, 3, 0, "/app/main.js", false}, {addr + b + 4, 4, 0, "", true}, {addr + b + 9, 7, 1, "lib.js", false}};
     return d;
 }
 

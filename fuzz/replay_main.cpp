@@ -29,7 +29,9 @@
 
 #ifdef QUARVEL_REPLAY_ASAN
 // The sanitizer reports an allocation above this and stops.
-extern "C" const char* __asan_default_options() { return "max_allocation_size_mb=2048"; }
+extern "C" const char* __asan_default_options() {
+    return "max_allocation_size_mb=2048";
+}
 #endif
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);

@@ -25,8 +25,8 @@ typedef std::vector<uint8_t> Bytes;
 
 // push rbp; mov rbp, rsp; sub rsp, 16; mov [rbp-4], edi; call +0; mov eax, [rbp-4];
 // imul eax, eax; leave; ret
-const Bytes kCode64 = {0x55, 0x48, 0x89, 0xE5, 0x48, 0x83, 0xEC, 0x10, 0x89, 0x7D, 0xFC, 0xE8, 0x00, 0x00,
-                       0x00, 0x00, 0x8B, 0x45, 0xFC, 0x0F, 0xAF, 0xC0, 0xC9, 0xC3};
+const Bytes kCode64 = {0x55, 0x48, 0x89, 0xE5, 0x48, 0x83, 0xEC, 0x10, 0x89, 0x7D, 0xFC, 0xE8,
+                       0x00, 0x00, 0x00, 0x00, 0x8B, 0x45, 0xFC, 0x0F, 0xAF, 0xC0, 0xC9, 0xC3};
 // push ebp; mov ebp, esp; mov eax, [ebp+8]; call +0; pop ebp; ret
 const Bytes kCode32 = {0x55, 0x89, 0xE5, 0x8B, 0x45, 0x08, 0xE8, 0x00, 0x00, 0x00, 0x00, 0x5D, 0xC3};
 
@@ -37,10 +37,11 @@ Bytes cat(std::initializer_list<Bytes> parts) {
     return out;
 }
 
-Bytes header(std::initializer_list<uint8_t> bytes) { return Bytes(bytes); }
+Bytes header(std::initializer_list<uint8_t> bytes) {
+    return Bytes(bytes);
+}
 
-TraceMethodTail tail(const std::string& method, const std::string& cls, uint16_t arch, uint16_t language,
-                     bool lines) {
+TraceMethodTail tail(const std::string& method, const std::string& cls, uint16_t arch, uint16_t language, bool lines) {
     TraceMethodTail t;
     t.moduleName = language == quarvel_language_java ? "" : "App.dll";
     t.moduleArch = arch;
@@ -129,20 +130,23 @@ Bytes fullTrace(bool is64, uint32_t collector) {
     quarvel_test::TraceBuilder trace;
     trace.magic().collector(collector).runtimeInfo(info);
     for (int version = 0; version < 4; ++version)
-        trace.load(version,
-                   load(static_cast<uint32_t>(version + 1), 100 + static_cast<uint64_t>(version),
-                        {region(0x1000 + 0x100 * static_cast<uint64_t>(version), static_cast<uint32_t>(code.size()), code)},
-                        tail("run", "LApp;", arch, quarvel_language_java, true)),
-                   is64);
+        trace.load(
+            version,
+            load(static_cast<uint32_t>(version + 1), 100 + static_cast<uint64_t>(version),
+                 {region(0x1000 + 0x100 * static_cast<uint64_t>(version), static_cast<uint32_t>(code.size()), code)},
+                 tail("run", "LApp;", arch, quarvel_language_java, true)),
+            is64);
     // A reload over the first method's range, later.
-    trace.load(3, load(9, 500, {region(0x1008, 0x40, Bytes(0x40, 0x90))}, tail("reloaded", "Cls", arch, 0, false)), is64);
+    trace.load(3, load(9, 500, {region(0x1008, 0x40, Bytes(0x40, 0x90))}, tail("reloaded", "Cls", arch, 0, false)),
+               is64);
     // Inlines into method 4 (raw parent id 4), by record and by the version 3 flag.
     trace.inlineLoad(inlined(20, 4, 103, 0x1302, 4, Bytes(code.begin() + 2, code.begin() + 6)), is64);
     TraceMethodLoad flagged = load(21, 103, {region(0x1303, 2, Bytes())}, tail("deeper", "Cls", arch, 0, false));
     flagged.inlineFlag = 1;
     trace.load(3, flagged, is64);
     // Updates of method 4's bytes: the version 3 layout and version 2.
-    trace.update(load(4, 104, {region(0x1300, 4, Bytes(4, 0x90))}, tail("run", "LApp;", arch, quarvel_language_java, false)));
+    trace.update(
+        load(4, 104, {region(0x1300, 4, Bytes(4, 0x90))}, tail("run", "LApp;", arch, quarvel_language_java, false)));
     trace.updateV2(updateV2(4, 105, 0x1304, 2, {0x90, 0x90}));
     return trace.bytes();
 }
@@ -165,32 +169,29 @@ int main(int argc, char** argv) {
             const TraceMethodLoad one = load(1, 100, {region(0x1000, static_cast<uint32_t>(code.size()), code)},
                                              tail("run", "LApp;", arch, quarvel_language_java, true));
             seeds.add("fuzz_method_load", cat({header({sel, 1}), jt::encodeMethodLoad(one, version)}));
-            const TraceMethodLoad two =
-                load(2, 200,
-                     {region(0x2000, 16, Bytes(code.begin(), code.begin() + 8)), region(0x3000, 0, Bytes()),
-                      region(0x3000, 32, code)},
-                     tail("twice", "Plain.Class", arch, 0, true));
+            const TraceMethodLoad two = load(2, 200,
+                                             {region(0x2000, 16, Bytes(code.begin(), code.begin() + 8)),
+                                              region(0x3000, 0, Bytes()), region(0x3000, 32, code)},
+                                             tail("twice", "Plain.Class", arch, 0, true));
             seeds.add("fuzz_method_load", cat({header({sel, 3}), jt::encodeMethodLoad(two, version)}));
             const TraceMethodLoad none = load(3, 300, {}, tail("", "", arch, quarvel_language_java, false));
             seeds.add("fuzz_method_load", cat({header({sel, 0x80}), jt::encodeMethodLoad(none, version)}));
         }
-    TraceMethodLoad inlineFlagged =
-        load(5, 100, {region(0x1004, 4, Bytes(kCode64.begin() + 4, kCode64.begin() + 8))},
-             tail("inl", "LApp;", quarvel_arch_varda64, quarvel_language_java, true));
+    TraceMethodLoad inlineFlagged = load(5, 100, {region(0x1004, 4, Bytes(kCode64.begin() + 4, kCode64.begin() + 8))},
+                                         tail("inl", "LApp;", quarvel_arch_varda64, quarvel_language_java, true));
     inlineFlagged.inlineFlag = 1;
     seeds.add("fuzz_method_load", cat({header({3 | 4 | 0x10, 1}), jt::encodeMethodLoad(inlineFlagged, 3)}));
-    seeds.add("fuzz_method_load",
-              cat({header({3 | 8 | 0x10, 1}),
-                   jt::encodeMethodLoad(load(1, 150, {region(0x1000, 4, Bytes(4, 0x90))},
-                                             tail("run", "LApp;", quarvel_arch_vx64, 0, false)),
-                                        3)}));
+    seeds.add("fuzz_method_load", cat({header({3 | 8 | 0x10, 1}),
+                                       jt::encodeMethodLoad(load(1, 150, {region(0x1000, 4, Bytes(4, 0x90))},
+                                                                 tail("run", "LApp;", quarvel_arch_vx64, 0, false)),
+                                                            3)}));
 
     // Inline loads into the harness's parent over [0x1000, 0x3000) (raw id 1).
     for (uint8_t sel = 0; sel < 4; ++sel) {
-        seeds.add("fuzz_inline_load",
-                  cat({header({sel, 1}), jt::encodeInlineLoad(inlined(sel & 2 ? 10 : 0, sel & 2 ? 1 : 0, 5,
-                                                                      0x1100, static_cast<uint32_t>(kCode64.size()),
-                                                                      kCode64))}));
+        seeds.add(
+            "fuzz_inline_load",
+            cat({header({sel, 1}), jt::encodeInlineLoad(inlined(sel & 2 ? 10 : 0, sel & 2 ? 1 : 0, 5, 0x1100,
+                                                                static_cast<uint32_t>(kCode64.size()), kCode64))}));
         seeds.add("fuzz_inline_load",
                   cat({header({sel, 0}), jt::encodeInlineLoad(inlined(11, 1, 7, 0x2FF0, 0x20, Bytes()))}));
     }
@@ -202,9 +203,9 @@ int main(int argc, char** argv) {
         uint64_t start;
         uint32_t length;
         size_t bytes;
-    } updates[] = {{1, 150, 0x1010, 16, 16},      {2, 250, 0x1000, 0x100, 0x100}, {3, 150, 0x2800, 8, 8},
-                   {4, 60, 0x10000000 + 0xFFFFFF00ull, 0x10, 0x10},               {5, 150, 0x4020, 0x20, 0x20},
-                   {1, 150, 0x10F8, 16, 16}};
+    } updates[] = {{1, 150, 0x1010, 16, 16},     {2, 250, 0x1000, 0x100, 0x100},
+                   {3, 150, 0x2800, 8, 8},       {4, 60, 0x10000000 + 0xFFFFFF00ull, 0x10, 0x10},
+                   {5, 150, 0x4020, 0x20, 0x20}, {1, 150, 0x10F8, 16, 16}};
     for (const auto& u : updates)
         for (uint8_t sel = 0; sel < 2; ++sel) {
             const Bytes body =
@@ -262,7 +263,8 @@ int main(int argc, char** argv) {
             const Bytes trace = fullTrace(is64, collector);
             seeds.add("fuzz_record_framing", trace);
             for (uint8_t arch = 0; arch < 3; ++arch)
-                seeds.add("fuzz_trace_file", cat({header({arch, static_cast<uint8_t>(1 | (arch ? 4 : 0)), 0, 0}), trace}));
+                seeds.add("fuzz_trace_file",
+                          cat({header({arch, static_cast<uint8_t>(1 | (arch ? 4 : 0)), 0, 0}), trace}));
             // Two files of one process, and of two hosts, cut between records.
             const size_t cut = trace.size() / 2;
             const Bytes split = {static_cast<uint8_t>(cut), static_cast<uint8_t>(cut >> 8)};
@@ -288,7 +290,8 @@ int main(int argc, char** argv) {
         }
 
     // Jitdump files and perf maps.
-    quarvel_fuzz::addJitdumpAndPerfMapSeeds([&seeds](const std::string& target, const Bytes& input) { seeds.add(target, input); });
+    quarvel_fuzz::addJitdumpAndPerfMapSeeds(
+        [&seeds](const std::string& target, const Bytes& input) { seeds.add(target, input); });
     // The runtime's event traces.
     for (const Bytes& trace : quarvel_fuzz::nettraceSeeds()) {
         seeds.add("fuzz_nettrace", trace);

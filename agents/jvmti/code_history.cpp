@@ -30,8 +30,8 @@ bool CodeHistory::isLive(uint64_t start, uint64_t size) const {
 uint64_t CodeHistory::load(uint64_t start, uint64_t size, uint64_t now) {
     if (size == 0)
         size = 1;
-    const uint64_t end = start > std::numeric_limits<uint64_t>::max() - size ? std::numeric_limits<uint64_t>::max()
-                                                                            : start + size;
+    const uint64_t end =
+        start > std::numeric_limits<uint64_t>::max() - size ? std::numeric_limits<uint64_t>::max() : start + size;
     bool overlapped = false;
     uint64_t stamp = 0;
     uint64_t floor = 0;

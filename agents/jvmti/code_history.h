@@ -9,8 +9,8 @@
 // was never used: any earlier sample in the range then still belongs to the
 // old occupant, and no sample of the new code falls before its stamp.
 
-#include <cstdint>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 
 namespace quarvel_jvmti {

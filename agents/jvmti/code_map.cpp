@@ -6,7 +6,9 @@ namespace quarvel_jvmti {
 
 namespace {
 
-uint32_t bciValue(int32_t bci) { return bci < 0 ? kNoBci : static_cast<uint32_t>(bci); }
+uint32_t bciValue(int32_t bci) {
+    return bci < 0 ? kNoBci : static_cast<uint32_t>(bci);
+}
 
 // Appends [start, end) -> value, growing the last entry when it continues it.
 void appendRun(std::vector<quarvel_line_number_entry>& table, uint32_t start, uint32_t end, uint32_t value) {
@@ -127,8 +129,9 @@ std::vector<quarvel_line_number_entry> nativeToSource(const std::vector<quarvel_
             continue;
         // The entry with the greatest start at or below the bci; the last entry
         // also stands for bcis past its end.
-        auto it = std::upper_bound(bciToLine.begin(), bciToLine.end(), n.value,
-                                   [](uint32_t bci, const quarvel_line_number_entry& e) { return bci < e.startOffset; });
+        auto it =
+            std::upper_bound(bciToLine.begin(), bciToLine.end(), n.value,
+                             [](uint32_t bci, const quarvel_line_number_entry& e) { return bci < e.startOffset; });
         if (it == bciToLine.begin())
             continue;
         --it;

@@ -41,10 +41,10 @@ constexpr uint32_t kNoBci = 0xFFFFFFFFu;
 // One inlined instance: a contiguous code range where one inlined frame holds.
 struct InlineInstance {
     static constexpr size_t kTopLevel = static_cast<size_t>(-1);
-    size_t parent = kTopLevel;  // index of the enclosing instance, or kTopLevel
+    size_t parent = kTopLevel; // index of the enclosing instance, or kTopLevel
     MethodKey method = 0;
-    int32_t callerBci = -1;     // bci of the call site in the enclosing frame
-    uint32_t start = 0;         // offsets from the start of the compiled code
+    int32_t callerBci = -1; // bci of the call site in the enclosing frame
+    uint32_t start = 0;     // offsets from the start of the compiled code
     uint32_t end = 0;
     // Offsets relative to start; values are this instance's own bcis.
     std::vector<quarvel_line_number_entry> nativeToManaged;

@@ -52,7 +52,9 @@ private:
     T* m_ptr = nullptr;
 };
 
-std::string text(const char* s) { return s ? std::string(s) : std::string(); }
+std::string text(const char* s) {
+    return s ? std::string(s) : std::string();
+}
 
 struct MethodInfo {
     std::string name;       // name and signature: sumRange(II)J
@@ -422,7 +424,7 @@ bool makeDirectories(const std::string& dir) {
         if (::mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST)
             return false;
     }
-    struct stat st{};
+    struct stat st {};
     return ::stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 

@@ -29,8 +29,12 @@ private:
     mutable std::atomic<unsigned> m_refCount;
 };
 
-inline void intrusive_ptr_add_ref(const BaseObject* object) { object->addRef(); }
-inline void intrusive_ptr_release(const BaseObject* object) { object->release(); }
+inline void intrusive_ptr_add_ref(const BaseObject* object) {
+    object->addRef();
+}
+inline void intrusive_ptr_release(const BaseObject* object) {
+    object->release();
+}
 
 QUARVEL_NAMESPACE_END
 

@@ -22,11 +22,11 @@ QUARVEL_NAMESPACE_BEGIN
 struct TraceRefusal {
     static constexpr uint64_t kNoOffset = ~uint64_t(0);
 
-    std::string file;             // the trace file
-    uint64_t offset = kNoOffset;  // where in it: the record's start or the bad field
-    std::string field;            // the field that was wrong, when known
-    std::string reason;           // what was wrong, with the bad value
-    std::string kind;             // "bad input", "not found" or "internal"
+    std::string file;                 // the trace file
+    uint64_t offset = kNoOffset;      // where in it: the record's start or the bad field
+    std::string field;                // the field that was wrong, when known
+    std::string reason;               // what was wrong, with the bad value
+    std::string kind;                 // "bad input", "not found" or "internal"
     quarvel_error_t code = meSuccess; // the status the operation gave
 };
 
@@ -69,9 +69,9 @@ struct TraceStatistics {
     uint64_t refusalsNotKept = 0;
 
     // The model that came out.
-    uint64_t methods = 0;         // registered methods
-    uint64_t regions = 0;         // their code regions
-    uint64_t inlinedMethods = 0;  // methods attached into the inline trees, nested ones included
+    uint64_t methods = 0;        // registered methods
+    uint64_t regions = 0;        // their code regions
+    uint64_t inlinedMethods = 0; // methods attached into the inline trees, nested ones included
 
     uint64_t totalRecords() const {
         uint64_t n = magicRecords + jitdumpCodeLoads + jitdumpCodeMoves + jitdumpDebugInfo + jitdumpOtherRecords +

@@ -33,8 +33,7 @@ public:
     generic_iterator_t(It begin, It end, std::shared_ptr<const void> keepAlive = {})
         : m_impl(std::make_shared<Range<It>>(begin, end, std::move(keepAlive))) {}
 
-    generic_iterator_t(const generic_iterator_t& other)
-        : m_impl(other.m_impl ? other.m_impl->clone() : nullptr) {}
+    generic_iterator_t(const generic_iterator_t& other) : m_impl(other.m_impl ? other.m_impl->clone() : nullptr) {}
     generic_iterator_t& operator=(const generic_iterator_t& other) {
         if (this != &other)
             m_impl = other.m_impl ? other.m_impl->clone() : nullptr;

@@ -51,28 +51,28 @@ typedef struct quarvel_trace_line_table {
    empty; a string is at most 65535 bytes. */
 typedef struct quarvel_trace_method_tail {
     const char* module_name;
-    uint16_t module_arch;      /* a quarvel_arch value */
+    uint16_t module_arch; /* a quarvel_arch value */
     const char* method_name;
-    const char* class_name;    /* dotted; the reader joins its parts with "::" */
+    const char* class_name; /* dotted; the reader joins its parts with "::" */
     const char* source_file;
     uint16_t checksum_type;
     const char* checksum;
-    uint16_t language;         /* a quarvel_language_type value */
+    uint16_t language;                          /* a quarvel_language_type value */
     quarvel_trace_line_table managed_to_source; /* IL offset range -> source line */
     quarvel_trace_line_table native_to_managed; /* code offset range -> IL offset */
     quarvel_trace_line_table native_to_source;  /* code offset range -> source line */
-    uint32_t metadata_token;   /* .NET MethodDef token; 0 for other runtimes.
-                                  Written by version 3 loads and inline loads only.
-                                  A .NET method needs only this, module_name (the
-                                  assembly's path) and native_to_managed (the
-                                  runtime's native-to-IL map): the symbol resolver
-                                  reads names and lines from the assembly and its
-                                  PDB (docs/trace-format.md, ".NET methods"). */
+    uint32_t metadata_token;                    /* .NET MethodDef token; 0 for other runtimes.
+                                                   Written by version 3 loads and inline loads only.
+                                                   A .NET method needs only this, module_name (the
+                                                   assembly's path) and native_to_managed (the
+                                                   runtime's native-to-IL map): the symbol resolver
+                                                   reads names and lines from the assembly and its
+                                                   PDB (docs/trace-format.md, ".NET methods"). */
 } quarvel_trace_method_tail;
 
 /* A method load (versions 0 to 3) or a method update (the version 3 layout). */
 typedef struct quarvel_trace_method_load {
-    uint32_t hash_key;   /* versions 2 and 3: set it to method_id (see TraceMethodLoad below) */
+    uint32_t hash_key; /* versions 2 and 3: set it to method_id (see TraceMethodLoad below) */
     uint32_t method_id;
     uint8_t inline_flag; /* version 3: 1 makes the record an inline load */
     uint64_t load_time;
@@ -127,8 +127,7 @@ QUARVEL_API int quarvel_trace_write_method_update(quarvel_trace_writer* writer,
 QUARVEL_API int quarvel_trace_write_inline_load(quarvel_trace_writer* writer, int is64,
                                                 const quarvel_trace_inline_load* load);
 QUARVEL_API int quarvel_trace_write_update_v2(quarvel_trace_writer* writer, const quarvel_trace_update_v2* update);
-QUARVEL_API int quarvel_trace_write_runtime_info(quarvel_trace_writer* writer,
-                                                 const quarvel_trace_runtime_info* info);
+QUARVEL_API int quarvel_trace_write_runtime_info(quarvel_trace_writer* writer, const quarvel_trace_runtime_info* info);
 
 #ifdef __cplusplus
 } /* extern "C" */
@@ -184,7 +183,7 @@ struct TraceMethodLoad {
     // hashes the names instead, so loads with equal names become one method.
     uint32_t hashKey = 0;
     uint32_t methodId = 0;
-    uint8_t inlineFlag = 0;  // version 3
+    uint8_t inlineFlag = 0; // version 3
     uint64_t loadTime = 0;
     std::vector<TraceCodeRegion> regions;
     TraceMethodTail tail;

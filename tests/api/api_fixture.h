@@ -48,14 +48,18 @@ inline TraceInlineLoad inlined(uint32_t id, uint32_t parent, uint64_t time, uint
 
 typedef quarvel_test::PathList Paths;
 
-inline IJitLoader::Ptr makeLoader(Paths paths) { return IJitLoader::create(paths.it()); }
+inline IJitLoader::Ptr makeLoader(Paths paths) {
+    return IJitLoader::create(paths.it());
+}
 
 inline ISymbolResolver::Ptr makeResolver(Paths paths) {
     ISymbolFileLocator::Ptr none;
     return ISymbolResolver::create(paths.it(), none);
 }
 
-inline IJitProcesses::Ptr makeProcesses(Paths paths) { return IJitProcesses::create(paths.it()); }
+inline IJitProcesses::Ptr makeProcesses(Paths paths) {
+    return IJitProcesses::create(paths.it());
+}
 
 inline std::vector<ISymbol::Ptr> symbols(const ISymbolResolver::Ptr& resolver) {
     std::vector<ISymbol::Ptr> out;

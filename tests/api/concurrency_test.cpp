@@ -40,9 +40,8 @@ protected:
                     const unsigned index = part * (kMethodsPerProcess / 2) + m;
                     const u64 time = 100 + index * 10;
                     const u64 slot = 0x100000 + (index % 5) * 0x100;
-                    trace.load(3,
-                               method(index + 1, time, slot, 0x80, "m" + std::to_string(index),
-                                      "mod" + std::to_string(p) + ".jar", quarvel_arch_vx64));
+                    trace.load(3, method(index + 1, time, slot, 0x80, "m" + std::to_string(index),
+                                         "mod" + std::to_string(p) + ".jar", quarvel_arch_vx64));
                 }
                 trace.writeTo(dir.file("node-" + std::to_string(pid) + (part ? ".trace" : ".jit")));
             }

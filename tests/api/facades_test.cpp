@@ -22,11 +22,11 @@ struct Sample {
 
 // Method ids: 1 A, 2 B, 3 C (over A), 4 D, 5 E, 6 F, 7 G; 11 and 12 inlined into A.
 const std::vector<Sample> kSamples = {
-    {150, 0x10005, 100, kAlpha, 1},  {199, 0x1003f, 100, kAlpha, 1}, {100, 0x10000, 100, kAlpha, 1},
-    {200, 0x10005, 100, kAlpha, 3},  {900, 0x10005, 100, kAlpha, 3}, {99, 0x10005, 100, kAlpha, 0},
-    {120, 0x20004, 100, kAlpha, 2},  {350, 0x30001, 100, kAlpha, 4}, {250, 0x30001, 100, kAlpha, 0},
-    {55, 0x10005, 200, kAlpha, 5},   {65, 0x11010, 200, kAlpha, 6},  {150, 0x10005, 100, kBeta, 7},
-    {150, 0x50000, 100, kAlpha, 0},  {150, 0x10040, 100, kAlpha, 0}, {150, 0x10005, 999, kAlpha, 0},
+    {150, 0x10005, 100, kAlpha, 1}, {199, 0x1003f, 100, kAlpha, 1}, {100, 0x10000, 100, kAlpha, 1},
+    {200, 0x10005, 100, kAlpha, 3}, {900, 0x10005, 100, kAlpha, 3}, {99, 0x10005, 100, kAlpha, 0},
+    {120, 0x20004, 100, kAlpha, 2}, {350, 0x30001, 100, kAlpha, 4}, {250, 0x30001, 100, kAlpha, 0},
+    {55, 0x10005, 200, kAlpha, 5},  {65, 0x11010, 200, kAlpha, 6},  {150, 0x10005, 100, kBeta, 7},
+    {150, 0x50000, 100, kAlpha, 0}, {150, 0x10040, 100, kAlpha, 0}, {150, 0x10005, 999, kAlpha, 0},
 };
 
 class FacadesTest : public ::testing::Test {
@@ -58,13 +58,21 @@ protected:
             .inlineLoad(inlined(12, 11, 110, 0x10012, 2, "leaf"))
             .load(3, method(3, 200, 0x10000, 64, "runAgain"), false)
             .update(update)
-            .updateV2(updateV2).writeTo(dir.file("alpha.100.jit"));
-        TraceBuilder().magic().load(2, method(4, 300, 0x30000, 16, "later"), false).writeTo(dir.file("alpha.100.trace"));
+            .updateV2(updateV2)
+            .writeTo(dir.file("alpha.100.jit"));
+        TraceBuilder()
+            .magic()
+            .load(2, method(4, 300, 0x30000, 16, "later"), false)
+            .writeTo(dir.file("alpha.100.trace"));
         TraceBuilder()
             .magic()
             .load(0, method(5, 50, 0x10000, 32, "old0"), true)
-            .load(1, method(6, 60, 0x11000, 32, "old1"), true).writeTo(dir.file("alpha-200.jit"));
-        TraceBuilder().magic().load(3, method(7, 100, 0x10000, 64, "other"), true).writeTo(dir.file("beta.example.com.100.jit"));
+            .load(1, method(6, 60, 0x11000, 32, "old1"), true)
+            .writeTo(dir.file("alpha-200.jit"));
+        TraceBuilder()
+            .magic()
+            .load(3, method(7, 100, 0x10000, 64, "other"), true)
+            .writeTo(dir.file("beta.example.com.100.jit"));
         TraceBuilder().raw({'h', 'i'}).writeTo(dir.file("README.txt"));
     }
 

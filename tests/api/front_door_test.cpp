@@ -41,8 +41,7 @@ TEST(FrontDoorTest, MissingPathsAndUnparsableNamesFailEveryFactory) {
     TempDir dir;
     TraceBuilder().load(3, method(1, 100, 0x1000, 16, "m"), true).writeTo(dir.file("h.1.jit"));
     writeBytes(dir.file("notes.txt"), {1, 2, 3});
-    for (const std::string& bad : {dir.file("h.2.jit"), dir.file("missing/"), dir.file("notes.txt"),
-                                   std::string("")}) {
+    for (const std::string& bad : {dir.file("h.2.jit"), dir.file("missing/"), dir.file("notes.txt"), std::string("")}) {
         SCOPED_TRACE(bad);
         EXPECT_FALSE(makeLoader({dir.file("h.1.jit"), bad}));
         EXPECT_FALSE(makeResolver({dir.file("h.1.jit"), bad}));
@@ -136,7 +135,8 @@ TEST(FrontDoorTest, TruncatedFilesKeepWhatWasWrittenBeforeTheCut) {
         .collector(ctJitProfiler)
         .load(3, method(1, 100, 0x1000, 16, "first"), true)
         .inlineLoad(inlined(11, 1, 110, 0x1004, 4, "inner"))
-        .load(3, method(2, 100, 0x2000, 16, "second"), true).writeTo(source.file("h.1.jit"));
+        .load(3, method(2, 100, 0x2000, 16, "second"), true)
+        .writeTo(source.file("h.1.jit"));
     const std::vector<uint8_t> whole = readBytes(source.file("h.1.jit"));
 
     // Cut the file at every length: the first method resolves once its

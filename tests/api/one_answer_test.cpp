@@ -28,7 +28,9 @@ struct Answer {
 // Writes one random trace file; the addresses of every process fall into
 // one small window so that code is reloaded over older code.
 void writeRandomTrace(std::mt19937& rng, const std::string& path, uint32_t& nextId) {
-    auto pick = [&rng](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
+    auto pick = [&rng](uint32_t n) {
+        return static_cast<uint32_t>(rng() % n);
+    };
     TraceBuilder trace;
     trace.magic();
     if (pick(2))
@@ -37,8 +39,8 @@ void writeRandomTrace(std::mt19937& rng, const std::string& path, uint32_t& next
     for (uint32_t r = 0; r < records; ++r) {
         const int version = static_cast<int>(pick(4));
         const uint32_t id = nextId++;
-        TraceMethodLoad load = method(id, 100 + pick(40) * 10, 0x10000 + pick(16) * 0x40, 0x40 + pick(3) * 0x40,
-                                      "m" + std::to_string(id));
+        TraceMethodLoad load =
+            method(id, 100 + pick(40) * 10, 0x10000 + pick(16) * 0x40, 0x40 + pick(3) * 0x40, "m" + std::to_string(id));
         const uint32_t shape = pick(10);
         if (shape == 0)
             load.regions.clear(); // a load without code
@@ -60,7 +62,8 @@ void writeRandomTrace(std::mt19937& rng, const std::string& path, uint32_t& next
     trace.writeTo(path);
 }
 
-std::vector<Answer> resolveAll(const IJitLoader::Ptr& loader, const std::vector<RandomSample>& samples, unsigned hostId) {
+std::vector<Answer> resolveAll(const IJitLoader::Ptr& loader, const std::vector<RandomSample>& samples,
+                               unsigned hostId) {
     std::vector<Answer> answers;
     for (const RandomSample& s : samples) {
         Answer a{meSuccess, 0};
@@ -84,7 +87,8 @@ TEST(OneAnswer, LoaderAndResolverAgreeOnEveryRandomTraceInEitherQueryOrder) {
                 writeRandomTrace(rng, dir.file("box." + std::to_string(100 + p) + (f ? ".trace" : ".jit")), nextId);
         std::vector<RandomSample> samples;
         for (unsigned i = 0; i < 300; ++i)
-            samples.push_back(RandomSample{95 + rng() % 450, 0x10000 + rng() % 0x500, static_cast<unsigned>(100 + rng() % processes)});
+            samples.push_back(RandomSample{95 + rng() % 450, 0x10000 + rng() % 0x500,
+                                           static_cast<unsigned>(100 + rng() % processes)});
 
         // Order A: addresses first (each process read alone), then a symbol search.
         IJitLoader::Ptr first = makeLoader({dir.path()});

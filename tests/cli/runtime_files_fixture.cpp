@@ -188,12 +188,12 @@ void writeNettrace(const std::string& path) {
     tier1.startAddress = 0x51000;
     tier1.size = 0x30;
     tier1.flags = jitted | 4 << 7;
-    const DotnetMethodSpec kernel0 = dotnetMethod(0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel0",
-                                                  "int64  (int64)");
-    const DotnetMethodSpec kernel1 = dotnetMethod(0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel1",
-                                                  "int64  (int64)");
-    const DotnetMethodSpec precompiled = dotnetMethod(0x80000, 0x40, 0x06000001, 2 << 7, "Shop.Program", "Main",
-                                                      "void  (class System.String[])");
+    const DotnetMethodSpec kernel0 =
+        dotnetMethod(0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel0", "int64  (int64)");
+    const DotnetMethodSpec kernel1 =
+        dotnetMethod(0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel1", "int64  (int64)");
+    const DotnetMethodSpec precompiled =
+        dotnetMethod(0x80000, 0x40, 0x06000001, 2 << 7, "Shop.Program", "Main", "void  (class System.String[])");
     DotnetILMapSpec map0;
     map0.methodId = tier0.methodId;
     map0.entries = {{0xFFFFFFFE, 0}, {0, 0x10}, {8, 0x30}, {0xFFFFFFFD, 0x50}};
@@ -228,45 +228,81 @@ int main(int argc, char** argv) {
     const std::string host = localHost();
     writeOurTrace(out + "/mixed/demo-host.7001.jit");
     writeDump(out + "/mixed/jit-7002.dump");
-    writeText(out + "/mixed/perf-7002.map",
-              "10000 30 JS:~addItem /app/cart.js:3\n"
-              "10100 20 JS:*total /app/cart.js:20\n"
-              "0x10400 0x10 stub<LoadIC>\n"
-              "10500 zz not a size\n");
-    writeText(out + "/mixed/perf-7003.map",
-              "30000 40 Program::Main(string[])[Tier0]\n"
-              "30000 40 Program::Main(string[])[Tier1]\n"
-              "30100 20 Util::Hash(int32)[Tier0]\n"
-              "30110 20 Util::Mix(int32)[Tier1]\n");
+    writeText(out + "/mixed/perf-7002.map", "10000 30 JS:~addItem /app/cart.js:3\n"
+                                            "10100 20 JS:*total /app/cart.js:20\n"
+                                            "0x10400 0x10 stub<LoadIC>\n"
+                                            "10500 zz not a size\n");
+    writeText(out + "/mixed/perf-7003.map", "30000 40 Program::Main(string[])[Tier0]\n"
+                                            "30000 40 Program::Main(string[])[Tier1]\n"
+                                            "30100 20 Util::Hash(int32)[Tier0]\n"
+                                            "30110 20 Util::Mix(int32)[Tier1]\n");
     writeCutDump(out + "/cut/jit-7004.dump");
     writeText(out + "/cut/perf-7005.map", "40000 10 first\n40010 10 second\n40020 10 thi");
     writeNettrace(out + "/dotnet/app.nettrace");
     writeText(out + "/dotnet-samples.csv",
               "time,address,pid,host\n"
-              "150,0x50020,7010," + host + "\n" // before any load: no code there yet
-              "250,0x50020,7010," + host + "\n" // Total, tier 0
-              "350,0x50020,7010," + host + "\n" // tier 0 still: tier 1 is elsewhere
-              "350,0x51020,7010," + host + "\n" // Total, tier 1
-              "350,0x52010,7010," + host + "\n" // Kernel0
-              "450,0x52010,7010," + host + "\n" // Kernel1, at Kernel0's address
-              "450,0x80010,7010," + host + "\n"); // precompiled Main, from the rundown
+              "150,0x50020,7010," +
+                  host +
+                  "\n" // before any load: no code there yet
+                  "250,0x50020,7010," +
+                  host +
+                  "\n" // Total, tier 0
+                  "350,0x50020,7010," +
+                  host +
+                  "\n" // tier 0 still: tier 1 is elsewhere
+                  "350,0x51020,7010," +
+                  host +
+                  "\n" // Total, tier 1
+                  "350,0x52010,7010," +
+                  host +
+                  "\n" // Kernel0
+                  "450,0x52010,7010," +
+                  host +
+                  "\n" // Kernel1, at Kernel0's address
+                  "450,0x80010,7010," +
+                  host + "\n"); // precompiled Main, from the rundown
     // Times are in the traces' units: nanoseconds for the dump, any real time for the maps.
     writeText(out + "/samples.csv",
               "time,address,pid,host\n"
-              "3000,0x7010,7001,demo-host\n"    // checkout, first compilation
-              "6000,0x7110,7001,demo-host\n"    // checkout, reloaded
-              "120000,0x10015,7002," + host + "\n" // interpreted addItem, line 4
-              "250000,0x10015,7002," + host + "\n" // optimised addItem over it, line 5
-              "250000,0x10105,7002," + host + "\n" // total, line 20
-              "350000,0x10805,7002," + host + "\n" // total after its move, line 20
-              "350000,0x10405,7002," + host + "\n" // the stub only the perf map names
-              "50,0x10015,7002," + host + "\n"     // before any load of the dump: the map leaves it to the dump
-              "1000000,0x30010,7003," + host + "\n" // Main: the later of two lines
-              "1000000,0x30105,7003," + host + "\n" // Hash ended by Mix, which overlaps it
-              "1000000,0x30115,7003," + host + "\n" // Mix
-              "2500,0x20110,7004," + host + "\n"   // second, before the cut
-              "2500,0x20210,7004," + host + "\n"   // third: cut away
-              "1000,0x40015,7005," + host + "\n"   // second
-              "1000,0x40020,7005," + host + "\n"); // the cut line: left out
+              "3000,0x7010,7001,demo-host\n" // checkout, first compilation
+              "6000,0x7110,7001,demo-host\n" // checkout, reloaded
+              "120000,0x10015,7002," +
+                  host +
+                  "\n" // interpreted addItem, line 4
+                  "250000,0x10015,7002," +
+                  host +
+                  "\n" // optimised addItem over it, line 5
+                  "250000,0x10105,7002," +
+                  host +
+                  "\n" // total, line 20
+                  "350000,0x10805,7002," +
+                  host +
+                  "\n" // total after its move, line 20
+                  "350000,0x10405,7002," +
+                  host +
+                  "\n" // the stub only the perf map names
+                  "50,0x10015,7002," +
+                  host +
+                  "\n" // before any load of the dump: the map leaves it to the dump
+                  "1000000,0x30010,7003," +
+                  host +
+                  "\n" // Main: the later of two lines
+                  "1000000,0x30105,7003," +
+                  host +
+                  "\n" // Hash ended by Mix, which overlaps it
+                  "1000000,0x30115,7003," +
+                  host +
+                  "\n" // Mix
+                  "2500,0x20110,7004," +
+                  host +
+                  "\n" // second, before the cut
+                  "2500,0x20210,7004," +
+                  host +
+                  "\n" // third: cut away
+                  "1000,0x40015,7005," +
+                  host +
+                  "\n" // second
+                  "1000,0x40020,7005," +
+                  host + "\n"); // the cut line: left out
     return 0;
 }

@@ -81,7 +81,9 @@ protected:
     StackResolver m_resolver{m_view, m_frames};
 };
 
-RawFrame anon(uint64_t address) { return RawFrame{address, "[unknown]", "/tmp/perf-100.map"}; }
+RawFrame anon(uint64_t address) {
+    return RawFrame{address, "[unknown]", "/tmp/perf-100.map"};
+}
 
 StackSample sample(uint64_t time, std::vector<RawFrame> leafFirst, unsigned pid = 100) {
     StackSample s;
@@ -196,23 +198,32 @@ private:
 };
 
 std::string damaged(const std::string& text, Lcg& random) {
-    static const char kBytes[] = {'\t', '\n', ' ', '(', ')', ':', '/', ';', ',', '.', '0', 'f', 'x', '\0', '\xff',
-                                  '\xc3'};
+    static const char kBytes[] = {'\t', '\n', ' ', '(', ')', ':',  '/',    ';',
+                                  ',',  '.',  '0', 'f', 'x', '\0', '\xff', '\xc3'};
     std::string s = text;
     const uint64_t edits = 1 + random.below(6);
     for (uint64_t i = 0; i < edits && !s.empty(); ++i) {
         const size_t at = random.below(s.size());
         switch (random.below(5)) {
-        case 0: s.erase(at, random.below(40)); break;
-        case 1: s.insert(at, 1, kBytes[random.below(sizeof kBytes)]); break;
-        case 2: s[at] = kBytes[random.below(sizeof kBytes)]; break;
-        case 3: s.resize(at); break;
-        default: s.insert(at, s.substr(random.below(s.size()), random.below(80))); break;
+        case 0:
+            s.erase(at, random.below(40));
+            break;
+        case 1:
+            s.insert(at, 1, kBytes[random.below(sizeof kBytes)]);
+            break;
+        case 2:
+            s[at] = kBytes[random.below(sizeof kBytes)];
+            break;
+        case 3:
+            s.resize(at);
+            break;
+        default:
+            s.insert(at, s.substr(random.below(s.size()), random.below(80)));
+            break;
         }
     }
     return s;
 }
-
 
 TEST_F(StackResolverTest, DamagedInputOfEitherFormatIsCountedNeverFatal) {
     const std::string perf = "100/1 0.000002000: \n\t1165 [unknown] (/tmp/perf-100.map)\n\t1160 [unknown] ()\n"

@@ -36,9 +36,12 @@ std::string fileNameOf(const std::string& path) {
 
 std::string ilSize(const MethodDescription& m) {
     switch (m.ilBody) {
-    case MethodDescription::IlBody::none: return "-";
-    case MethodDescription::IlBody::damaged: return "bad";
-    case MethodDescription::IlBody::present: return std::to_string(m.ilSize);
+    case MethodDescription::IlBody::none:
+        return "-";
+    case MethodDescription::IlBody::damaged:
+        return "bad";
+    case MethodDescription::IlBody::present:
+        return std::to_string(m.ilSize);
     }
     return "?";
 }
@@ -90,10 +93,10 @@ bool dump(const std::string& path, std::vector<std::string>& lines) {
             return false;
         }
         for (const SequencePoint& p : points) {
-            const std::string where = p.hidden() ? std::string("hidden")
-                                                 : std::to_string(p.startLine) + ":" + std::to_string(p.startColumn) +
-                                                       "-" + std::to_string(p.endLine) + ":" +
-                                                       std::to_string(p.endColumn);
+            const std::string where = p.hidden()
+                                          ? std::string("hidden")
+                                          : std::to_string(p.startLine) + ":" + std::to_string(p.startColumn) + "-" +
+                                                std::to_string(p.endLine) + ":" + std::to_string(p.endColumn);
             lines.push_back("point\t" + hex(token, 8) + "\t0x" + hex(p.ilOffset) + "\t" + std::to_string(p.document) +
                             "\t" + where);
         }
@@ -104,13 +107,15 @@ bool dump(const std::string& path, std::vector<std::string>& lines) {
 int writeEmbeddedPdb(const std::string& assembly, const std::string& output) {
     Expected<FileBytes> file = FileBytes::map(assembly);
     Expected<PeImage> image = file ? PeImage::parse(file.value()) : Expected<PeImage>(file.reason());
-    Expected<DebugDirectory> debug = image ? DebugDirectory::read(image.value()) : Expected<DebugDirectory>(image.reason());
+    Expected<DebugDirectory> debug =
+        image ? DebugDirectory::read(image.value()) : Expected<DebugDirectory>(image.reason());
     if (!debug || !debug.value().embeddedPdb()) {
         std::cerr << assembly << ": no embedded PDB\n";
         return 1;
     }
     Expected<ByteCursor> data = DebugDirectory::data(image.value(), *debug.value().embeddedPdb());
-    Expected<std::vector<uint8_t>> pdb = data ? inflateEmbeddedPdb(data.value()) : Expected<std::vector<uint8_t>>(data.reason());
+    Expected<std::vector<uint8_t>> pdb =
+        data ? inflateEmbeddedPdb(data.value()) : Expected<std::vector<uint8_t>>(data.reason());
     if (!pdb) {
         std::cerr << pdb.reason().text() << '\n';
         return 1;

@@ -214,7 +214,8 @@ TEST_P(DotNetResolver, NamesAndLinesOfTracedMethodsAgreeWithThePeer) {
         unsigned n = 0;
         ASSERT_EQ(meSuccess, symbol->getLineNumberInfo(quarvel_line_info_native_to_source, nullptr, &n, 0));
         std::vector<quarvel_line_number_entry> nativeToSource(n);
-        ASSERT_EQ(meSuccess, symbol->getLineNumberInfo(quarvel_line_info_native_to_source, nativeToSource.data(), &n, 0));
+        ASSERT_EQ(meSuccess,
+                  symbol->getLineNumberInfo(quarvel_line_info_native_to_source, nativeToSource.data(), &n, 0));
         ASSERT_EQ(t.nativeToIl.size(), nativeToSource.size());
         for (size_t i = 0; i < nativeToSource.size(); ++i) {
             EXPECT_EQ(t.nativeToIl[i].startOffset, nativeToSource[i].startOffset);
@@ -272,7 +273,8 @@ TEST(DotNetTool, ListsAndResolvesWithCompletedNamesAndLines) {
     const std::string symbols = run(tool + "symbols " + dir.path());
     EXPECT_NE(std::string::npos, symbols.find(name)) << symbols;
     EXPECT_NE(std::string::npos, symbols.find(source)) << symbols;
-    const std::string resolved = run(tool + "--format csv resolve " + dir.path() + " --samples " + dir.file("samples.csv"));
+    const std::string resolved =
+        run(tool + "--format csv resolve " + dir.path() + " --samples " + dir.file("samples.csv"));
     EXPECT_NE(std::string::npos, resolved.find(name)) << resolved;
     EXPECT_NE(std::string::npos, resolved.find(source + "," + std::to_string(add->points[1].line))) << resolved;
     const std::string dump = run(tool + "dump " + dir.path() + " --match Add");

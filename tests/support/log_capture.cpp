@@ -34,8 +34,7 @@ void recordAssertion(const char* condition, const char* file, int line) {
         std::lock_guard<std::mutex> lock(g_mutex);
         g_assertions.push_back(condition);
     }
-    LOG4CPLUS_ERROR(quarvel::log::logger(),
-                    "Assertion failed: " << condition << quarvel::log::errorSuffix(file, line));
+    LOG4CPLUS_ERROR(quarvel::log::logger(), "Assertion failed: " << condition << quarvel::log::errorSuffix(file, line));
 }
 
 } // namespace

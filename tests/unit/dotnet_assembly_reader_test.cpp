@@ -43,8 +43,8 @@ Bytes samplePdb(const Id& id) {
     const uint32_t src = md.blob({'s', 'r', 'c'});
     const uint32_t file = md.blob({'C', 'a', 'l', 'c', 'u', 'l', 'a', 't', 'o', 'r', '.', 'c', 's'});
     md.row(M::Document, {md.blob({'/', 0x00, uint8_t(src), uint8_t(file)}), 0, 0, 0});
-    md.row(M::MethodDebugInformation,
-           {1, md.blob({0x00, 0x00, 0x00, 0x01, 0x0A, 0x05, 0x02, 0x00, 0x04, 0x02, 0x00, 0x04, 0x00, 0x01, 0x02, 0x00})});
+    md.row(M::MethodDebugInformation, {1, md.blob({0x00, 0x00, 0x00, 0x01, 0x0A, 0x05, 0x02, 0x00, 0x04, 0x02, 0x00,
+                                                   0x04, 0x00, 0x01, 0x02, 0x00})});
     md.row(M::MethodDebugInformation, {0, 0});
     return md.build("PDB v1.0");
 }
@@ -99,10 +99,31 @@ TEST_F(AssemblyReaderTest, FindsThePdbWhereverItIs) {
         const char* debugFile;
     };
     const std::vector<Case> cases = {
-        {"embedded", [&] { SampleAssembly a; a.embedded = &pdb; return write("e/Sample.dll", a.build()); }, nullptr},
-        {"beside, under the CodeView name", [&] { write("b/Sample.pdb", pdb); return write("b/Renamed.dll", SampleAssembly().build()); }, nullptr},
-        {"beside, under the assembly's name", [&] { write("s/Other.pdb", pdb); return write("s/Other.dll", SampleAssembly().build()); }, nullptr},
-        {"named by the caller", [&] { write("n/symbols.pdb", pdb); return write("n/Sample.dll", SampleAssembly().build()); }, "n/symbols.pdb"},
+        {"embedded",
+         [&] {
+             SampleAssembly a;
+             a.embedded = &pdb;
+             return write("e/Sample.dll", a.build());
+         },
+         nullptr},
+        {"beside, under the CodeView name",
+         [&] {
+             write("b/Sample.pdb", pdb);
+             return write("b/Renamed.dll", SampleAssembly().build());
+         },
+         nullptr},
+        {"beside, under the assembly's name",
+         [&] {
+             write("s/Other.pdb", pdb);
+             return write("s/Other.dll", SampleAssembly().build());
+         },
+         nullptr},
+        {"named by the caller",
+         [&] {
+             write("n/symbols.pdb", pdb);
+             return write("n/Sample.dll", SampleAssembly().build());
+         },
+         "n/symbols.pdb"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -161,7 +182,11 @@ TEST_F(AssemblyReaderTest, DamagedEmbeddedPdbs) {
     const std::vector<Case> cases = {
         {"a size deflate cannot reach", [](Bytes& b, size_t at) { b[at + 7] = 0x7F; },
          ": embedded PDB: claims 2130706"},
-        {"bad deflate data", [](Bytes& b, size_t at) { b[at + 8] = 0xFF; b[at + 9] = 0xFF; },
+        {"bad deflate data",
+         [](Bytes& b, size_t at) {
+             b[at + 8] = 0xFF;
+             b[at + 9] = 0xFF;
+         },
          ": embedded PDB: the compressed data does not inflate to "},
         {"no MPDB signature", [](Bytes& b, size_t at) { b[at] = 'X'; }, ": embedded PDB: no MPDB signature"},
     };
@@ -202,7 +227,8 @@ TEST_F(AssemblyReaderTest, DamagedAssembliesAreRefused) {
     EXPECT_EQ(meBadRecord, IAssemblyReader::create(text.c_str(), nullptr, reader));
     EXPECT_FALSE(reader);
     ASSERT_EQ(1u, log.errors().size());
-    EXPECT_NE(std::string::npos, log.errors()[0].find(text + ": offset 0: not a PE image: no MZ signature (found 0x6f6e)"))
+    EXPECT_NE(std::string::npos,
+              log.errors()[0].find(text + ": offset 0: not a PE image: no MZ signature (found 0x6f6e)"))
         << log.errors()[0];
 }
 
@@ -218,7 +244,8 @@ TEST_F(AssemblyReaderTest, DotNetCoreClassification) {
         return [=](MetadataBuilder& md) {
             const uint32_t type = md.row(M::TypeRef, {(1 << 2) | 2, md.string("TargetFrameworkAttribute"),
                                                       md.string("System.Runtime.Versioning")});
-            const uint32_t ctor = md.row(M::MemberRef, {(type << 3) | 1, md.string(".ctor"), md.blob({0x20, 0x01, 0x01, 0x0E})});
+            const uint32_t ctor =
+                md.row(M::MemberRef, {(type << 3) | 1, md.string(".ctor"), md.blob({0x20, 0x01, 0x01, 0x0E})});
             Bytes value = {0x01, 0x00, uint8_t(text.size())};
             for (char ch : text)
                 value.push_back(uint8_t(ch));
@@ -228,7 +255,12 @@ TEST_F(AssemblyReaderTest, DotNetCoreClassification) {
             md.row(M::CustomAttribute, {(1 << 5) | 14, (ctor << 3) | 3, md.blob(value)});
         };
     };
-    auto both = [](Shape a, Shape b) { return [=](MetadataBuilder& md) { a(md); b(md); }; };
+    auto both = [](Shape a, Shape b) {
+        return [=](MetadataBuilder& md) {
+            a(md);
+            b(md);
+        };
+    };
     struct Case {
         const char* what;
         Shape shape;
@@ -243,10 +275,16 @@ TEST_F(AssemblyReaderTest, DotNetCoreClassification) {
         {"System.Private.CoreLib", ref("System.Private.CoreLib", 10, 0, true), nullptr, true},
         {"mscorlib", ref("mscorlib", 4, 0, true), nullptr, false},
         {"netstandard", ref("netstandard", 2, 0, true), nullptr, false},
-        {"a keyless mscorlib before the real corlib", both(ref("mscorlib", 0, 0, false), ref("System.Runtime", 9, 0, true)), nullptr, true},
+        {"a keyless mscorlib before the real corlib",
+         both(ref("mscorlib", 0, 0, false), ref("System.Runtime", 9, 0, true)), nullptr, true},
         {".NETCoreApp target", framework(".NETCoreApp,Version=v8.0"), nullptr, true},
-        {".NETFramework target wins over a reference", both(framework(".NETFramework,Version=v4.7.2"), ref("System.Runtime", 8, 0, true)), nullptr, false},
-        {"the Core corlib itself", [](MetadataBuilder& md) { md.row(M::Assembly, {0x8004, 10, 0, 0, 0, 0, 0, md.string("System.Private.CoreLib"), 0}); }, nullptr, true},
+        {".NETFramework target wins over a reference",
+         both(framework(".NETFramework,Version=v4.7.2"), ref("System.Runtime", 8, 0, true)), nullptr, false},
+        {"the Core corlib itself",
+         [](MetadataBuilder& md) {
+             md.row(M::Assembly, {0x8004, 10, 0, 0, 0, 0, 0, md.string("System.Private.CoreLib"), 0});
+         },
+         nullptr, true},
         {"ReadyToRun code", nullptr, [](PeBuilder& pe) { pe.readyToRun(); }, true},
         {"a Linux ReadyToRun machine", nullptr, [](PeBuilder& pe) { pe.pe32Plus().machine(0x8664 ^ 0x7B79); }, true},
     };
@@ -348,8 +386,9 @@ TEST_F(AssemblyReaderTest, ResolverCompletesTracedMethods) {
         EXPECT_STREQ("/src/Calculator.cs", add->getSourceFile()->getSourceFileName());
         EXPECT_EQ((std::vector<quarvel_line_number_entry>{{0, 4, 10}, {4, 10, 11}, {10, 16, 12}}),
                   table(add, quarvel_line_info_native_to_source));
-        EXPECT_EQ((std::vector<quarvel_line_number_entry>{{0, 0, 10}, {2, 2, 11}, {kEpilogueOffset, kEpilogueOffset, 12}}),
-                  table(add, quarvel_line_info_managed_to_source));
+        EXPECT_EQ(
+            (std::vector<quarvel_line_number_entry>{{0, 0, 10}, {2, 2, 11}, {kEpilogueOffset, kEpilogueOffset, 12}}),
+            table(add, quarvel_line_info_managed_to_source));
         ISourceLocation::Ptr at = add->getSourceLocation(add->getStartJitRva() + 5);
         ASSERT_TRUE(at);
         EXPECT_EQ(11u, at->getLine());

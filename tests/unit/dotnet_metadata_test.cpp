@@ -83,22 +83,31 @@ TEST_F(Signatures, ReadAsText) {
         {"static void", {0x00, 0x00, 0x01}, "()", "void"},
         {"instance two ints", {0x20, 0x02, 0x08, 0x08, 0x08}, "(int, int)", "int"},
         {"primitives",
-         {0x00, 0x10, 0x16, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x18, 0x19, 0x1C},
+         {0x00, 0x10, 0x16, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x18, 0x19,
+          0x1C},
          "(bool, char, sbyte, byte, short, ushort, int, uint, long, ulong, float, double, string, nint, nuint, object)",
          "TypedReference"},
         // void* (int32*, int32&, int32[], int32[,], int32[0...2,1...], string[][]), as monodis reads it.
         {"pointers and arrays",
-         {0x00, 0x06, 0x0F, 0x01, 0x0F, 0x08, 0x10, 0x08, 0x1D, 0x08, 0x14, 0x08, 0x02, 0x00, 0x00, 0x14, 0x08, 0x02,
-          0x01, 0x03, 0x02, 0x00, 0x02, 0x1D, 0x1D, 0x0E},
-         "(int*, int&, int[], int[,], int[0...2,1...], string[][])", "void*"},
-        {"rank 1 array, negative bound", {0x00, 0x02, 0x01, 0x14, 0x08, 0x01, 0x00, 0x00, 0x14, 0x08, 0x01, 0x01, 0x02, 0x01, 0x7B},
-         "(int[*], int[-3...-2])", "void"},
-        {"classes", {0x00, 0x03, 0x01, 0x15, 0x12, kList, 0x01, 0x0E, 0x11, kCalculator, 0x12, kInner},
-         "(System.Collections.Generic.List`1<string>, Fixture.Sample.Calculator, Ext.Outer.Inner)", "void"},
+         {0x00, 0x06, 0x0F, 0x01, 0x0F, 0x08, 0x10, 0x08, 0x1D, 0x08, 0x14, 0x08, 0x02,
+          0x00, 0x00, 0x14, 0x08, 0x02, 0x01, 0x03, 0x02, 0x00, 0x02, 0x1D, 0x1D, 0x0E},
+         "(int*, int&, int[], int[,], int[0...2,1...], string[][])",
+         "void*"},
+        {"rank 1 array, negative bound",
+         {0x00, 0x02, 0x01, 0x14, 0x08, 0x01, 0x00, 0x00, 0x14, 0x08, 0x01, 0x01, 0x02, 0x01, 0x7B},
+         "(int[*], int[-3...-2])",
+         "void"},
+        {"classes",
+         {0x00, 0x03, 0x01, 0x15, 0x12, kList, 0x01, 0x0E, 0x11, kCalculator, 0x12, kInner},
+         "(System.Collections.Generic.List`1<string>, Fixture.Sample.Calculator, Ext.Outer.Inner)",
+         "void"},
         {"unnamed generic parameters", {0x00, 0x02, 0x01, 0x13, 0x01, 0x1E, 0x03}, "(!1, !!3)", "void"},
-        {"function pointers", {0x00, 0x03, 0x01, 0x1B, 0x00, 0x01, 0x08, 0x08, 0x1B, 0x01, 0x00, 0x01, 0x1B, 0x29, 0x01, 0x01, 0x0D},
-         "(delegate*<int, int>, delegate* unmanaged[Cdecl]<void>, delegate* instance unmanaged<double, void>)", "void"},
-        {"modifiers", {0x00, 0x02, 0x1F, kIn, 0x10, 0x08, 0x10, 0x20, kIn, 0x08, 0x45, 0x0E},
+        {"function pointers",
+         {0x00, 0x03, 0x01, 0x1B, 0x00, 0x01, 0x08, 0x08, 0x1B, 0x01, 0x00, 0x01, 0x1B, 0x29, 0x01, 0x01, 0x0D},
+         "(delegate*<int, int>, delegate* unmanaged[Cdecl]<void>, delegate* instance unmanaged<double, void>)",
+         "void"},
+        {"modifiers",
+         {0x00, 0x02, 0x1F, kIn, 0x10, 0x08, 0x10, 0x20, kIn, 0x08, 0x45, 0x0E},
          "(int modopt(System.Runtime.InteropServices.InAttribute)&, string pinned)",
          "int& modreq(System.Runtime.InteropServices.InAttribute)"},
         {"vararg with sentinel", {0x05, 0x02, 0x01, 0x08, 0x41, 0x0E}, "(int, string, __arglist)", "void"},
@@ -160,10 +169,12 @@ TEST_F(Signatures, DamageIsNamedWithItsOffset) {
         "method signature: 127 parameters in a signature of 3 bytes at offset " + at(2, 0),
         "method signature: array of rank 0 with 0 sizes at offset " + at(3, 5),
         "method signature: types nested deeper than 64 at offset ", // where the 65th TypeSpec starts
-        "method signature: unexpected end of data at offset " + at(5, 4) + " while reading element type: 1 bytes needed, 0 left",
+        "method signature: unexpected end of data at offset " + at(5, 4) +
+            " while reading element type: 1 bytes needed, 0 left",
         "method signature: not a method signature (header 6) at offset " + at(6, 0),
         "method signature: TypeSpec row 99 does not exist at offset " + at(7, 4),
-        "method signature: bad compressed integer (first byte 224) at offset " + at(8, 1) + " while reading parameter count",
+        "method signature: bad compressed integer (first byte 224) at offset " + at(8, 1) +
+            " while reading parameter count",
         "method signature: 536870911 generic parameters, but 2 GenericParam rows at offset " + at(9, 0),
         "method signature: more than 4096 types in one signature at offset ",
     };
@@ -202,8 +213,9 @@ TEST(MethodOwners, RunsOfMethodsBelongToTheLastTypeThatStartsThem) {
         }
         std::shared_ptr<const AssemblyMetadata> a = open(pe.build(md.build()));
         ASSERT_TRUE(a);
-        const std::vector<std::string> owners = pointers ? std::vector<std::string>{"Edge.Last", "Edge.Last", "Edge.A", "Edge.A", "<Module>"}
-                                                         : std::vector<std::string>{"<Module>", "Edge.A", "Edge.A", "Edge.Last", "Edge.Last"};
+        const std::vector<std::string> owners =
+            pointers ? std::vector<std::string>{"Edge.Last", "Edge.Last", "Edge.A", "Edge.A", "<Module>"}
+                     : std::vector<std::string>{"<Module>", "Edge.A", "Edge.A", "Edge.Last", "Edge.Last"};
         for (uint32_t rid = 1; rid <= 5; ++rid) {
             Expected<MethodDescription> m = a->describeMethod(0x06000000 | rid);
             ASSERT_TRUE(m.ok()) << m.reason().text();
@@ -261,7 +273,7 @@ TEST(TableLayout, IndexWidthsFollowFlagsAndRowCounts) {
     struct Case {
         const char* what;
         std::function<void(MetadataBuilder&)> shape;
-        uint32_t farTypeRef; // a TypeRef row named "Far" that the signature uses
+        uint32_t farTypeRef;   // a TypeRef row named "Far" that the signature uses
         unsigned extendsWidth; // TypeDef.Extends, a TypeDefOrRef coded index
         unsigned paramListWidth;
     };
@@ -409,7 +421,11 @@ TEST(DamagedImages, AreRefusedWithTheirReason) {
          "test.dll: offset 152: unknown optional header magic 0x30b"},
         {"too many directories", [&](Bytes& b) { patch32(b, optional + 92, 100); },
          "test.dll: offset 244: NumberOfRvaAndSizes 100 does not fit the optional header (224 bytes)"},
-        {"too many sections", [&](Bytes& b) { b[0x80 + 6] = 0xFF; b[0x80 + 7] = 0xFF; },
+        {"too many sections",
+         [&](Bytes& b) {
+             b[0x80 + 6] = 0xFF;
+             b[0x80 + 7] = 0xFF;
+         },
          "test.dll: offset 376: 65535 sections do not fit in the file (" + std::to_string(good.size() - 376) +
              " bytes left)"},
         {"no CLI header", [&](Bytes& b) { patch32(b, cliDirectory, 0); },
@@ -426,8 +442,11 @@ TEST(DamagedImages, AreRefusedWithTheirReason) {
          "test.dll: the metadata has no table stream (#~ or #-)"},
         {"unknown table", [&](Bytes& b) { b[tables + 8 + 5] |= 0x20; },
          "test.dll: offset " + std::to_string(tables + 8) + ": unknown table 0x2d marked present in Valid"},
-        {"rows past the stream", [&](Bytes& b) { patch32(b, tables + 32, 0x100000); }, // Module, TypeDef, MethodDef
-         // The claimed rows widen TypeDef.MethodList to 4 bytes, so MethodDef starts 2 x 2 bytes later.
+        {"rows past the stream",
+         [&](Bytes& b) {
+             patch32(b, tables + 32, 0x100000);
+         }, // Module, TypeDef, MethodDef
+            // The claimed rows widen TypeDef.MethodList to 4 bytes, so MethodDef starts 2 x 2 bytes later.
          "test.dll: offset " + std::to_string(md.tableOffset(M::MethodDef) + root + 4) +
              ": table MethodDef (1048576 rows of 14 bytes) runs past the end of the table stream"},
     };
@@ -453,7 +472,7 @@ TEST(Heaps, IndexChecks) {
     const std::string strings = std::to_string(a->heaps().stringsSize());
     EXPECT_EQ("string index 65520 lies past the end of #Strings (" + strings + " bytes)",
               a->describeMethod(0x06000001).reason().message);
-    EXPECT_EQ(0u, a->describeMethod(0x06000002).reason().message.find("blob index 65520: offset ")) 
+    EXPECT_EQ(0u, a->describeMethod(0x06000002).reason().message.find("blob index 65520: offset "))
         << a->describeMethod(0x06000002).reason().message;
     Guid g{};
     EXPECT_TRUE(a->heaps().guid(1, g).ok());

@@ -79,8 +79,15 @@ TEST(SequencePoints, DecodeTheFormatsShapes) {
          4,
          {{0, H, 0, H, 0, 4}, {3, 7, 3, 7, 5, 4}}},
         {"four-byte deltas",
-         cat({{0x00}, compressed(0x4000), {0x00, 0x01}, compressed(90000), {0x0D}, compressed(0x100), {0x01, 0x02},
-              compressedSigned(3 - 90000), {0x00}}),
+         cat({{0x00},
+              compressed(0x4000),
+              {0x00, 0x01},
+              compressed(90000),
+              {0x0D},
+              compressed(0x100),
+              {0x01, 0x02},
+              compressedSigned(3 - 90000),
+              {0x00}}),
          1,
          {{0x4000, 90000, 13, 90000, 14, 1}, {0x4100, 3, 13, 4, 14, 1}}},
         {"no points", {0x05}, 1, {}},
@@ -102,15 +109,23 @@ TEST(SequencePoints, DamageKeepsThePointsBeforeIt) {
         std::string reason;
     };
     const std::vector<Case> cases = {
-        {"truncated record", {0x01, 0x00, 0x00, 0x01, 0x09, 0x09, 0x01, 0x00}, 1,
-         "offset 6: sequence points: unexpected end of data at offset 8 while reading column delta: 1 bytes needed, 0 left"},
-        {"IL offset past the limit", cat({{0x00}, compressed(0x1FFFFFFF), {0x00, 0x01, 0x05, 0x01}, compressed(0x1FFFFFFF)}), 1,
+        {"truncated record",
+         {0x01, 0x00, 0x00, 0x01, 0x09, 0x09, 0x01, 0x00},
+         1,
+         "offset 6: sequence points: unexpected end of data at offset 8 while reading column delta: 1 bytes needed, 0 "
+         "left"},
+        {"IL offset past the limit",
+         cat({{0x00}, compressed(0x1FFFFFFF), {0x00, 0x01, 0x05, 0x01}, compressed(0x1FFFFFFF)}), 1,
          "offset 9: sequence points: IL offset 1073741822 out of range"},
         {"the hidden line as a real line", cat({{0x00, 0x00, 0x00, 0x01}, compressed(0xFEEFEE), {0x01}}), 0,
          "offset 1: sequence points: point 16707566:1-16707566:2 out of range"},
-        {"negative column", {0x00, 0x00, 0x00, 0x01, 0x09, 0x09, 0x01, 0x00, 0x01, 0x00, 0x41}, 1,
+        {"negative column",
+         {0x00, 0x00, 0x00, 0x01, 0x09, 0x09, 0x01, 0x00, 0x01, 0x00, 0x41},
+         1,
          "offset 6: sequence points: point 9:-23-9:-22 out of range"},
-        {"bad compressed integer", {0x00, 0x00, 0xE0}, 0,
+        {"bad compressed integer",
+         {0x00, 0x00, 0xE0},
+         0,
          "offset 1: sequence points: bad compressed integer (first byte 224) at offset 2 while reading line delta"},
     };
     for (const Case& c : cases) {
@@ -126,13 +141,23 @@ TEST(SequencePoints, DamageKeepsThePointsBeforeIt) {
 TEST(SequencePoints, LineOfAnIlOffset) {
     std::vector<SequencePoint> points;
     // IL 0 hidden, 2 line 10, 6 line 11, 9 hidden, 12 line 14.
-    const Bytes blob = {0x00, 0x00, 0x00, 0x00, 0x02, 0x00, 0x01, 0x0A, 0x05, 0x04, 0x00, 0x01, 0x02,
-                        0x00, 0x03, 0x00, 0x00, 0x03, 0x00, 0x01, 0x06, 0x00};
+    const Bytes blob = {0x00, 0x00, 0x00, 0x00, 0x02, 0x00, 0x01, 0x0A, 0x05, 0x04, 0x00,
+                        0x01, 0x02, 0x00, 0x03, 0x00, 0x00, 0x03, 0x00, 0x01, 0x06, 0x00};
     ASSERT_TRUE(decodeSequencePoints(ByteCursor(blob), 1, points).ok());
     ASSERT_EQ(5u, points.size());
-    const std::vector<std::pair<uint32_t, uint32_t>> lines = {
-        {0, 0},  {1, 0},  {2, 10}, {5, 10}, {6, 11}, {8, 11}, {9, 11} /* hidden: the last visible line */,
-        {11, 11}, {12, 14}, {500, 14}, {kPrologue, 10}, {kEpilogue, 14}, {kNoMapping, 0}};
+    const std::vector<std::pair<uint32_t, uint32_t>> lines = {{0, 0},
+                                                              {1, 0},
+                                                              {2, 10},
+                                                              {5, 10},
+                                                              {6, 11},
+                                                              {8, 11},
+                                                              {9, 11} /* hidden: the last visible line */,
+                                                              {11, 11},
+                                                              {12, 14},
+                                                              {500, 14},
+                                                              {kPrologue, 10},
+                                                              {kEpilogue, 14},
+                                                              {kNoMapping, 0}};
     for (const auto& l : lines) {
         const SequencePoint* p = sequencePointAt(points, l.first);
         EXPECT_EQ(l.second, p ? p->startLine : 0) << "IL offset " << l.first;
@@ -146,14 +171,16 @@ class PdbFile : public ::testing::Test {
 protected:
     Bytes build(const std::map<uint8_t, uint32_t>& typeSystemRows = {{0x06, 3}}) {
         md.pdb(pdbId(9), typeSystemRows);
-        const Guid csharp = {0xf8, 0x62, 0x51, 0x3f, 0xc6, 0x07, 0xd3, 0x11, 0x90, 0x53, 0x00, 0xc0, 0x4f, 0xa3, 0x02, 0xa1};
+        const Guid csharp = {0xf8, 0x62, 0x51, 0x3f, 0xc6, 0x07, 0xd3, 0x11,
+                             0x90, 0x53, 0x00, 0xc0, 0x4f, 0xa3, 0x02, 0xa1};
         const uint32_t language = md.guid(csharp);
         const uint32_t src = md.blob({'s', 'r', 'c'});
         const uint32_t a = md.blob({'a', '.', 'c', 's'});
         md.row(M::Document, {md.blob(cat({{'/'}, compressed(0), compressed(src), compressed(a)})), 0, 0, language});
         const uint32_t drive = md.blob({'C', ':', '\\', 'x', '\\'});
         md.row(M::Document, {md.blob(cat({{0x00}, compressed(drive), compressed(0), compressed(a)})), 0, 0, 0});
-        md.row(M::MethodDebugInformation, {1, md.blob({0x00, 0x00, 0x00, 0x01, 0x09, 0x09, 0x04, 0x00, 0x01, 0x02, 0x02})});
+        md.row(M::MethodDebugInformation,
+               {1, md.blob({0x00, 0x00, 0x00, 0x01, 0x09, 0x09, 0x04, 0x00, 0x01, 0x02, 0x02})});
         md.row(M::MethodDebugInformation, {0, 0});
         md.row(M::MethodDebugInformation, {0, md.blob({0x00, 0x02, 0x00, 0x00, 0x00, 0x01, 0x00, 0x02, 0x0C, 0x03})});
         return md.build("PDB v1.0");
@@ -227,7 +254,8 @@ TEST_F(PdbFile, IndicesIntoAssemblyTablesAreSizedByTheAssemblysRows) {
 }
 
 TEST(PdbRefusals, OtherSymbolFormatsAndDamage) {
-    Bytes msf = {'M', 'i', 'c', 'r', 'o', 's', 'o', 'f', 't', ' ', 'C', '/', 'C', '+', '+', ' ', 'M', 'S', 'F', ' ', '7', '.', '0', '0', '\r', '\n'};
+    Bytes msf = {'M', 'i', 'c', 'r', 'o', 's', 'o', 'f', 't', ' ', 'C', '/',  'C',
+                 '+', '+', ' ', 'M', 'S', 'F', ' ', '7', '.', '0', '0', '\r', '\n'};
     const Bytes mdb = {0x14, 0xa6, 0x7f, 0xfd, 0x23, 0x26, 0xe8, 0x45, 0, 0, 0, 0};
     MetadataBuilder plain;
     plain.row(M::Module, {0, 0, 0, 0, 0});
@@ -263,7 +291,8 @@ TEST(PdbRefusals, DamagedPointsAreLoggedOncePerFile) {
     md.row(M::Document, {0, 0, 0, 0});
     md.row(M::MethodDebugInformation, {1, md.blob({0x00, 0x00, 0x00, 0x01, 0x09, 0x09, 0x01})});
     md.row(M::MethodDebugInformation, {1, md.blob({0x00, 0x00, 0xE0})});
-    Expected<std::shared_ptr<const PortablePdb>> pdb = PortablePdb::open(hold(md.build("PDB v1.0"), "damaged-once.pdb"));
+    Expected<std::shared_ptr<const PortablePdb>> pdb =
+        PortablePdb::open(hold(md.build("PDB v1.0"), "damaged-once.pdb"));
     ASSERT_TRUE(pdb.ok());
     ClrSymReader reader(pdb.value());
     LogCapture log;

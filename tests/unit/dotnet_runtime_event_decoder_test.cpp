@@ -3,8 +3,8 @@
 // newer versions decoded as far as their known fields go, short payloads
 // refused with the field that is missing.
 
-#include "format/dotnet_runtime_event_decoder.h"
 #include "dotnet_event_payloads.h"
+#include "format/dotnet_runtime_event_decoder.h"
 
 #include <gtest/gtest.h>
 
@@ -105,7 +105,7 @@ DotnetMethodSpec sampleMethod() {
     m.token = 0x06000001;
     m.flags = 0x288; // jitted, tier 5 (OSR)
     m.methodNamespace = "Workload.Generic`1[System.Int32]";
-    m.methodName = "Sum\xE2\x82\xAC";      // a euro sign: one UTF-16 unit
+    m.methodName = "Sum\xE2\x82\xAC";               // a euro sign: one UTF-16 unit
     m.methodSignature = "int32 (\xF0\x9F\x98\x80)"; // outside the BMP: a surrogate pair
     m.clrInstanceId = 9;
     m.rejitId = 0x1234;
@@ -116,13 +116,13 @@ TEST(DotnetRuntimeEvents, MethodEventsOfEveryVersionDecode) {
     const DotnetMethodSpec m = sampleMethod();
     const struct {
         bool verbose;
-        uint32_t writtenVersion; // the layout of the payload
+        uint32_t writtenVersion;  // the layout of the payload
         uint32_t declaredVersion; // what the metadata says
         size_t trailing;
     } cases[] = {
-        {false, 0, 0, 0}, {false, 1, 1, 0}, {false, 2, 2, 0}, {true, 0, 0, 0}, {true, 1, 1, 0},
-        {true, 2, 2, 0},  {true, 2, 3, 12}, {false, 2, 7, 3}, // newer versions: the known prefix
-        {true, 1, 1, 5},                                     // extra bytes after a known version
+        {false, 0, 0, 0}, {false, 1, 1, 0}, {false, 2, 2, 0}, {true, 0, 0, 0},
+        {true, 1, 1, 0},  {true, 2, 2, 0},  {true, 2, 3, 12}, {false, 2, 7, 3}, // newer versions: the known prefix
+        {true, 1, 1, 5},                                                        // extra bytes after a known version
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.verbose ? "verbose" : "plain") + " v" + std::to_string(c.declaredVersion));

@@ -57,8 +57,7 @@ inline uint32_t method(MetadataBuilder& md, const std::string& name, const Bytes
     return md.row(M::MethodDef, {rva, implFlags, 0x86, md.string(name), md.blob(signature), 1});
 }
 
-inline std::shared_ptr<const quarvel::AssemblyMetadata> open(const Bytes& image,
-                                                                   const std::string& name = "test.dll") {
+inline std::shared_ptr<const quarvel::AssemblyMetadata> open(const Bytes& image, const std::string& name = "test.dll") {
     auto opened = quarvel::AssemblyMetadata::open(hold(image, name));
     EXPECT_TRUE(opened.ok()) << (opened.ok() ? "" : opened.reason().text());
     return opened.ok() ? opened.value() : nullptr;

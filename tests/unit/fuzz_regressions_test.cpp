@@ -2,8 +2,8 @@
 // what it broke. The fuzz corpus replay (tests/fuzz_replay) keeps the raw
 // inputs; these say what must hold.
 
-#include "index/jit_data_manager.h"
 #include "format/jit_file_decoder.h"
+#include "index/jit_data_manager.h"
 #include "ingest/jit_file_reader.h"
 #include "log_capture.h"
 #include "trace_builder.h"
@@ -87,8 +87,8 @@ TEST(FuzzRegressions, PaddingOfAHugeRegionFillsOnlyTheCodeCopy) {
     Region region(1, 7, 0x300000000ull, 100, 0, 0x20000000, 0xFFFFFFFFu, bufferOf(std::vector<uint8_t>(64, 0xCC)));
     const u64 start = region.startAddress();
     const u64 before = peakRssKb();
-    ASSERT_EQ(meSuccess, region.addBytesUpdate(start + 8, 4, bufferOf({0x90, 0x90, 0x90, 0x90}),
-                                               quarvel_segment_code, "patch"));
+    ASSERT_EQ(meSuccess,
+              region.addBytesUpdate(start + 8, 4, bufferOf({0x90, 0x90, 0x90, 0x90}), quarvel_segment_code, "patch"));
     ASSERT_EQ(meSuccess, region.addBytesUpdate(start + 8, 4, bufferOf({}), quarvel_segment_padding, "patch"));
     ASSERT_EQ(meSuccess, region.addBytesUpdate(start + 8, 4, bufferOf({0xCC}), quarvel_segment_unchanged, "patch"));
     ASSERT_EQ(meSuccess,

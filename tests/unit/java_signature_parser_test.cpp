@@ -46,7 +46,7 @@ TEST(JavaSignatureParser, ParsesMethodNames) {
         {"none()V", "none()"},
         // Unknown letters contribute nothing, not even a separator.
         {"odd(QI)V", "odd(int)"},
-        {"cut(Ljava/lang/Str", "cut(Ljava/lang/Str"}, // no ")": unchanged
+        {"cut(Ljava/lang/Str", "cut(Ljava/lang/Str"},     // no ")": unchanged
         {"cut(Ljava/lang/Str)V", "cut(java.lang.Str)V)"}, // the class runs past ")" to the end
         // Already readable names pass unchanged.
         {"run(int)", "run(int)"},

@@ -1,7 +1,7 @@
 // Inline attachment, finalisation of the inline tree and method updates.
 
-#include "jit_data_manager_test_helpers.h"
 #include "check_listener.h"
+#include "jit_data_manager_test_helpers.h"
 #include "log_capture.h"
 
 #include <gtest/gtest.h>
@@ -66,9 +66,7 @@ TEST(JitDataManagerInline, Scenarios) {
          nullptr},
         {"nested inlines by address go one level down",
          0,
-         {{false, 1, 0, 0, 0, meSuccess},
-          {true, 0, 0, 0x1010, 0x40, meSuccess},
-          {true, 0, 0, 0x1020, 0x10, meSuccess}},
+         {{false, 1, 0, 0, 0, meSuccess}, {true, 0, 0, 0x1010, 0x40, meSuccess}, {true, 0, 0, 0x1020, 0x10, meSuccess}},
          {{kParentJitRva + 0x25, {0, 0}}, {kParentJitRva + 0x45, {0}}},
          nullptr},
         {"a crossing inline is refused",
@@ -119,10 +117,12 @@ TEST(JitDataManagerInline, Scenarios) {
         for (const Step& step : scenario.steps) {
             if (step.isInline) {
                 const std::string name = "inline@" + std::to_string(step.address);
-                EXPECT_EQ(step.expected, manager.processMethodInlineLoadRecord(
-                                             kPid, kHost,
-                                             makeInlineMethod(step.id, step.parentId, 100, step.address, step.length,
-                                                              name)).code());
+                EXPECT_EQ(
+                    step.expected,
+                    manager
+                        .processMethodInlineLoadRecord(
+                            kPid, kHost, makeInlineMethod(step.id, step.parentId, 100, step.address, step.length, name))
+                        .code());
             } else {
                 parent = makeParent(step.id);
                 EXPECT_EQ(step.expected, manager.processMethodLoadRecord(kPid, kHost, parent).code());
@@ -274,8 +274,10 @@ TEST(JitDataManagerInline, InlinesAttachOnlyToLiveRegionsOfTheParent) {
     // is reloaded at 0x2000: only the reload is live.
     const JitMethod::Ptr first = makeMethod(1, 100, {{0x1000, 0x100, 0x10000}});
     ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, first).code());
-    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, makeMethod(2, 200, {{0x1000, 0x100, 0x20000}})).code());
-    ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, makeMethod(1, 300, {{0x2000, 0x100, 0x30000}})).code());
+    ASSERT_EQ(meSuccess,
+              manager.processMethodLoadRecord(kPid, kHost, makeMethod(2, 200, {{0x1000, 0x100, 0x20000}})).code());
+    ASSERT_EQ(meSuccess,
+              manager.processMethodLoadRecord(kPid, kHost, makeMethod(1, 300, {{0x2000, 0x100, 0x30000}})).code());
     const JitMethod::Ptr oldPlace = makeInlineMethod(10, 1, 300, 0x1010, 0x10);
     EXPECT_EQ(meSuccess, manager.processMethodInlineLoadRecord(kPid, kHost, oldPlace).code());
     EXPECT_FALSE(oldPlace->isInlineAttached());
@@ -305,11 +307,32 @@ TEST(JitDataManagerUpdate, Scenarios) {
     const std::vector<unsigned char> untouched(8, 0x11);
     const std::vector<UpdateCase> cases = {
         {"exact cover", ctJitProfiler, 1, 0x1000, 8, 150, meSuccess, nullptr, std::vector<unsigned char>(8, 0xEE)},
-        {"tail", ctJitProfiler, 1, 0x1005, 3, 150, meSuccess, nullptr,
+        {"tail",
+         ctJitProfiler,
+         1,
+         0x1005,
+         3,
+         150,
+         meSuccess,
+         nullptr,
          {0x11, 0x11, 0x11, 0x11, 0x11, 0xEE, 0xEE, 0xEE}},
-        {"head", ctJitProfiler, 1, 0x1000, 2, 150, meSuccess, nullptr,
+        {"head",
+         ctJitProfiler,
+         1,
+         0x1000,
+         2,
+         150,
+         meSuccess,
+         nullptr,
          {0xEE, 0xEE, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11}},
-        {"middle", ctJitProfiler, 1, 0x1003, 2, 150, meSuccess, nullptr,
+        {"middle",
+         ctJitProfiler,
+         1,
+         0x1003,
+         2,
+         150,
+         meSuccess,
+         nullptr,
          {0x11, 0x11, 0x11, 0xEE, 0xEE, 0x11, 0x11, 0x11}},
         {"another collector", 0, 1, 0x1000, 8, 150, meNotFound,
          "Couldn't accept update because jit file must be                                      collected by old "
@@ -320,8 +343,7 @@ TEST(JitDataManagerUpdate, Scenarios) {
         {"before the load", ctJitProfiler, 1, 0x1000, 8, 50, meNotFound,
          "Couldn't accept update (method id = 1) because a range to be updated is not found", untouched},
         {"another method", ctJitProfiler, 2, 0x1000, 8, 150, meNotFound,
-         "Couldn't accept update (method id = 2) because a range to be updated has different method id = 1",
-         untouched},
+         "Couldn't accept update (method id = 2) because a range to be updated has different method id = 1", untouched},
         {"sticking out", ctJitProfiler, 1, 0x1006, 4, 150, meNotFound,
          "Couldn't accept update (ip range = 4102-4106) because it overlaps parent's ip range 4096-4104", untouched},
     };

@@ -71,7 +71,8 @@ std::vector<Event> makeHistory(std::mt19937& rng, size_t count, Shape shape, boo
         case Shape::random:
             for (size_t r = 0, n = 1 + rng() % 3; r < n; ++r) {
                 const u64 start = kSpaceStart + rng() % kSpaceSize;
-                const Range range(start, static_cast<u32>(std::min<u64>(1 + rng() % 48, kSpaceStart + kSpaceSize - start)));
+                const Range range(start,
+                                  static_cast<u32>(std::min<u64>(1 + rng() % 48, kSpaceStart + kSpaceSize - start)));
                 if (std::none_of(ranges.begin(), ranges.end(), [&](const Range& other) {
                         return range.start < other.end() && other.start < range.end();
                     }))
@@ -236,9 +237,9 @@ ReferenceModel::Answer resolveWith(const JitDataManager& manager, u64 address, u
         const ReferenceModel::Answer expected = model.resolve(address, timestamp);
         const ReferenceModel::Answer actual = resolveWith(manager, address, timestamp);
         if (!(expected == actual))
-            return ::testing::AssertionFailure() << "address " << address << ", tsc " << timestamp << ": expected "
-                                                 << expected.rawId << "/" << expected.jitRva << ", got "
-                                                 << actual.rawId << "/" << actual.jitRva;
+            return ::testing::AssertionFailure()
+                   << "address " << address << ", tsc " << timestamp << ": expected " << expected.rawId << "/"
+                   << expected.jitRva << ", got " << actual.rawId << "/" << actual.jitRva;
         hits += expected.rawId != 0;
 
         const u64 end = address + rng() % 24;
@@ -256,8 +257,8 @@ ReferenceModel::Answer resolveWith(const JitDataManager& manager, u64 address, u
         const u32 expected = model.resolveJitRva(jitRva);
         const u32 actual = manager.resolveJitPoint(jitRva, method) == meSuccess ? method->getRawMethodId() : 0;
         if (expected != actual)
-            return ::testing::AssertionFailure() << "jit rva " << jitRva << ": expected " << expected << ", got "
-                                                 << actual;
+            return ::testing::AssertionFailure()
+                   << "jit rva " << jitRva << ": expected " << expected << ", got " << actual;
     }
     return ::testing::AssertionSuccess();
 }
@@ -270,16 +271,20 @@ TEST(JitDataManagerProperty, MatchesTheByteByByteModel) {
         bool withUnloads;
     };
     const Variant variants[] = {
-        {"random", Shape::random, false, false},        {"random with unloads", Shape::random, false, true},
-        {"random in time order", Shape::random, true, true}, {"staggered", Shape::staggered, true, false},
-        {"staggered out of order", Shape::staggered, false, true}, {"hot area", Shape::hotArea, true, true},
+        {"random", Shape::random, false, false},
+        {"random with unloads", Shape::random, false, true},
+        {"random in time order", Shape::random, true, true},
+        {"staggered", Shape::staggered, true, false},
+        {"staggered out of order", Shape::staggered, false, true},
+        {"hot area", Shape::hotArea, true, true},
         {"hot area out of order", Shape::hotArea, false, false},
     };
     for (const Variant& variant : variants) {
         for (unsigned seed = 1; seed <= 12; ++seed) {
             SCOPED_TRACE(std::string(variant.name) + ", seed " + std::to_string(seed));
             std::mt19937 rng(seed);
-            const std::vector<Event> events = makeHistory(rng, 60, variant.shape, variant.inTimeOrder, variant.withUnloads);
+            const std::vector<Event> events =
+                makeHistory(rng, 60, variant.shape, variant.inTimeOrder, variant.withUnloads);
             JitDataManager manager;
             ReferenceModel model;
             size_t hits = 0;

@@ -1,8 +1,8 @@
 // Registration of method loads and unloads, refusals, and the queries over a
 // small fixed model.
 
-#include "jit_data_manager_test_helpers.h"
 #include "check_listener.h"
+#include "jit_data_manager_test_helpers.h"
 #include "log_capture.h"
 
 #include <gtest/gtest.h>
@@ -82,7 +82,8 @@ TEST(JitDataManagerRegistration, Scenarios) {
         {"overlapping jit rva ranges",
          {{1, 100, 1000, 100, 0x10000, meSuccess}, {2, 200, 3000, 100, 0x10040, meBadRecord}},
          {{1050, 300, 1, 0x10032}, {3050, 300, 0, 0}},
-         "Couldn't add a region (addr=3000, size=100, methodID=2, jitRva=65600) because jit rva ranges are overlapped."},
+         "Couldn't add a region (addr=3000, size=100, methodID=2, jitRva=65600) because jit rva ranges are "
+         "overlapped."},
     };
 
     for (const Scenario& scenario : scenarios) {
@@ -91,8 +92,9 @@ TEST(JitDataManagerRegistration, Scenarios) {
         JitDataManager manager;
         for (const Load& load : scenario.loads)
             EXPECT_EQ(load.expected,
-                      manager.processMethodLoadRecord(kPid, kHost,
-                                                      makeMethod(load.id, load.time, {{load.address, load.length, load.jitRva}}))
+                      manager
+                          .processMethodLoadRecord(
+                              kPid, kHost, makeMethod(load.id, load.time, {{load.address, load.length, load.jitRva}}))
                           .code());
         for (bool finalized : {false, true}) {
             if (finalized)
@@ -135,9 +137,11 @@ TEST(JitDataManagerRegistration, RefusedRecordsLeaveNoTrace) {
          "because jit rva ranges are overlapped."},
         {"regions of one record cross each other", makeMethod(3, 200, {{1050, 100, 0x30000}, {1080, 16, 0x40000}}),
          meNotFound, "in the single time domain"},
-        {"second region meets a region of the same moment", makeMethod(4, 200, {{1050, 10, 0x50000}, {2000, 16, 0x60000}}),
-         meNotFound, "Couldn't add a splitted region (ip range = 2000-2016, loadTime=200) in the single time domain"},
-        {"reload of a known method at the same time and address", makeMethod(1, 100, {{1000, 16, 0x70000}}), meBadRecord,
+        {"second region meets a region of the same moment",
+         makeMethod(4, 200, {{1050, 10, 0x50000}, {2000, 16, 0x60000}}), meNotFound,
+         "Couldn't add a splitted region (ip range = 2000-2016, loadTime=200) in the single time domain"},
+        {"reload of a known method at the same time and address", makeMethod(1, 100, {{1000, 16, 0x70000}}),
+         meBadRecord,
          "there are two pre-jitted code ranges                         located on the same address space for the "
          "same method"},
     };
@@ -221,7 +225,8 @@ TEST(JitDataManagerRegistration, MalformedRegionsAreRefusedWithoutAborting) {
     quarvel_test::ExpectInternalChecks expectedChecks; // these precondition checks are the point
     LogCapture capture;
     JitDataManager manager;
-    EXPECT_EQ(meBadRecord, manager.processMethodLoadRecord(kPid, kHost, makeMethod(2, 100, {{0x1000, 0, 0x100}})).code());
+    EXPECT_EQ(meBadRecord,
+              manager.processMethodLoadRecord(kPid, kHost, makeMethod(2, 100, {{0x1000, 0, 0x100}})).code());
     EXPECT_EQ(meBadRecord,
               manager
                   .processMethodLoadRecord(kPid, kHost,
@@ -237,18 +242,18 @@ TEST(JitDataManagerRegistration, MalformedRegionsAreRefusedWithoutAborting) {
 TEST(JitDataManagerRegistration, UnloadsEndLivesOnce) {
     struct Step {
         bool unload;
-        u32 id;       // load
+        u32 id; // load
         u64 time;
         u64 address;
         u32 length;
     };
     const std::vector<Step> steps = {
-        {false, 1, 100, 1000, 100}, {false, 2, 150, 2000, 100}, {false, 3, 300, 3000, 100},
-        {true, 0, 200, 1050, 1},     // ends 1 (at 200), not 3 (loaded later)
-        {true, 0, 250, 900, 3000},   // ends 2; 1 keeps 200
-        {false, 4, 400, 1000, 100},  // a later load over the unloaded range
-        {true, 0, 99, 2000, 10},     // ends nothing: what is there was loaded later
-        {true, 0, 500, 7000, 10},    // nothing there
+        {false, 1, 100, 1000, 100}, {false, 2, 150, 2000, 100},
+        {false, 3, 300, 3000, 100}, {true, 0, 200, 1050, 1}, // ends 1 (at 200), not 3 (loaded later)
+        {true, 0, 250, 900, 3000},                           // ends 2; 1 keeps 200
+        {false, 4, 400, 1000, 100},                          // a later load over the unloaded range
+        {true, 0, 99, 2000, 10},                             // ends nothing: what is there was loaded later
+        {true, 0, 500, 7000, 10},                            // nothing there
     };
     JitDataManager manager;
     u64 jitRva = 0x10000;
@@ -256,7 +261,9 @@ TEST(JitDataManagerRegistration, UnloadsEndLivesOnce) {
         if (s.unload) {
             EXPECT_TRUE(manager.processCodeUnload(kPid, kHost, s.address, s.length, s.time).ok());
         } else {
-            ASSERT_TRUE(manager.processMethodLoadRecord(kPid, kHost, makeMethod(s.id, s.time, {{s.address, s.length, jitRva}})).ok());
+            ASSERT_TRUE(
+                manager.processMethodLoadRecord(kPid, kHost, makeMethod(s.id, s.time, {{s.address, s.length, jitRva}}))
+                    .ok());
             jitRva += 0x1000;
         }
     }
@@ -324,9 +331,8 @@ TEST_F(JitDataManagerQueries, OverlappedRegionIsTheFirstLoadedStrictlyAfterTheTi
         u64 expectedLoadTime; // 0: not found
     };
     const Case cases[] = {
-        {1000, 1100, 50, 100}, {1000, 1100, 100, 200}, {1010, 1020, 150, 200},
-        {1050, 1200, 200, 300}, {900, 1001, 250, 300}, {1000, 1100, 300, 0},
-        {1100, 1200, 0, 0},    {1050, 1050, 0, 100},
+        {1000, 1100, 50, 100}, {1000, 1100, 100, 200}, {1010, 1020, 150, 200}, {1050, 1200, 200, 300},
+        {900, 1001, 250, 300}, {1000, 1100, 300, 0},   {1100, 1200, 0, 0},     {1050, 1050, 0, 100},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.start) + "-" + std::to_string(c.end) + " at " + std::to_string(c.timestamp));
@@ -417,7 +423,8 @@ TEST(JitDataManagerFindMethod, LowestAddressSpaceWinsAndRenamesCount) {
                                           makeMethod(7, 100, {{1000, 16, 0x30000}}, "c", 400, 1)};
         for (size_t i = 0; i < 3; ++i) {
             const JitMethod::Ptr& m = methods[reversed ? 2 - i : i];
-            ASSERT_TRUE(manager.processMethodLoadRecord(m->regions()[0]->processId(), m->regions()[0]->hostId(), m).ok());
+            ASSERT_TRUE(
+                manager.processMethodLoadRecord(m->regions()[0]->processId(), m->regions()[0]->hostId(), m).ok());
         }
         // The reading pass renames a module after registration.
         const JitMethod::Ptr renamed = makeMethod(8, 100, {{2000, 16, 0x40000}}, "d", 300, 1);

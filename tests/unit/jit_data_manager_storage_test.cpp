@@ -35,15 +35,29 @@ TEST(JitDataManagerStorage, PathologicalShapesStayLinear) {
     };
     const Case cases[] = {
         // Load i covers [16i, 16i + 16n) at time 10(i + 1): each overlaps the n - 1 before it.
-        {"staggered overlap", 800, [](size_t i, size_t) { return 0x10000 + 16 * u64(i); },
-         [](size_t n) { return static_cast<u32>(16 * n); }, 2 * 800, 2 * 800, 1, true,
+        {"staggered overlap",
+         800,
+         [](size_t i, size_t) { return 0x10000 + 16 * u64(i); },
+         [](size_t n) { return static_cast<u32>(16 * n); },
+         2 * 800,
+         2 * 800,
+         1,
+         true,
          // Load 5 lives until load 6 covers part of it; at its first 16
          // bytes, which load 6 does not cover, nothing lives after that.
-         {{0x10000 + 16 * 4 + 8, 55, 5}, {0x10000 + 16 * 4 + 8, 65, 0}, {0x10000 + 16 * 5 + 8, 65, 6},
+         {{0x10000 + 16 * 4 + 8, 55, 5},
+          {0x10000 + 16 * 4 + 8, 65, 0},
+          {0x10000 + 16 * 5 + 8, 65, 6},
           {0x10000 + 16 * 800, 8005, 800}}},
         // One hot area reloaded with bounds that alternate by 8 bytes.
-        {"alternating hot area", 2000, [](size_t i, size_t) { return 0x10000 + 8 * u64(i % 2); },
-         [](size_t) { return u32(256); }, 3, 3, 2, false,
+        {"alternating hot area",
+         2000,
+         [](size_t i, size_t) { return 0x10000 + 8 * u64(i % 2); },
+         [](size_t) { return u32(256); },
+         3,
+         3,
+         2,
+         false,
          // Load 1002 starts 8 bytes on: 1001 has ended below it.
          {{0x10004, 10010, 1001}, {0x10004, 10020, 0}, {0x10010, 10020, 1002}}},
     };
@@ -52,11 +66,12 @@ TEST(JitDataManagerStorage, PathologicalShapesStayLinear) {
         JitDataManager manager;
         for (size_t i = 0; i < c.n; ++i) {
             const u32 id = static_cast<u32>(i + 1);
-            ASSERT_TRUE(manager
-                            .processMethodLoadRecord(kPid, kHost,
-                                                     makeMethod(id, 10 * (i + 1),
-                                                                {{c.startOf(i, c.n), c.lengthOf(c.n), 0x100000 + i * 0x10000}}))
-                            .ok());
+            ASSERT_TRUE(
+                manager
+                    .processMethodLoadRecord(
+                        kPid, kHost,
+                        makeMethod(id, 10 * (i + 1), {{c.startOf(i, c.n), c.lengthOf(c.n), 0x100000 + i * 0x10000}}))
+                    .ok());
         }
         const JitDataManager::IndexStats reading = manager.indexStats();
         EXPECT_EQ(c.n, reading.regions);
@@ -65,8 +80,8 @@ TEST(JitDataManagerStorage, PathologicalShapesStayLinear) {
         manager.finalize();
         const JitDataManager::IndexStats frozen = manager.indexStats();
         EXPECT_LE(frozen.pieces, c.maxPieces);
-        const size_t perRegion = c.nested ? c.maxEntriesPerRegion * (static_cast<size_t>(std::log2(2.0 * c.n)) + 2)
-                                          : c.maxEntriesPerRegion;
+        const size_t perRegion =
+            c.nested ? c.maxEntriesPerRegion * (static_cast<size_t>(std::log2(2.0 * c.n)) + 2) : c.maxEntriesPerRegion;
         EXPECT_LE(frozen.pieceEntries, perRegion * c.n);
         for (const Probe& p : c.probes)
             EXPECT_EQ(p.owner, ownerAt(manager, p.address, p.time)) << p.address << " at " << p.time;
@@ -83,11 +98,11 @@ TEST(JitDataManagerStorage, FinalizationIsIncremental) {
     for (u32 p = 0; p < processes; ++p) {
         for (u32 m = 0; m < perProcess; ++m) {
             const u32 id = p * perProcess + m + 1;
-            ASSERT_TRUE(manager
-                            .processMethodLoadRecord(kPid + p, kHost,
-                                                     makeMethod(id, 100 + m, {{0x1000 + 0x100 * m, 0x80, jitRva}}, "",
-                                                                kPid + p))
-                            .ok());
+            ASSERT_TRUE(
+                manager
+                    .processMethodLoadRecord(
+                        kPid + p, kHost, makeMethod(id, 100 + m, {{0x1000 + 0x100 * m, 0x80, jitRva}}, "", kPid + p))
+                    .ok());
             jitRva += 0x80;
         }
         manager.finalize();

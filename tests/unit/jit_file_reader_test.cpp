@@ -125,8 +125,8 @@ TEST(ReadingPassModel, EveryVersionBuildsTheSameMethodButForItsIdentity) {
         EXPECT_EQ(11u, method->getSourceLocation(kBase + 20)->getLine());
 
         // Newer records hash their key with host, pid and architecture; older ones the names.
-        const std::string identity = version >= 2 ? "77.1.422"
-                                                  : "0pkg::Foo::run(java::lang::String, int)pkg::Fooapp.so2";
+        const std::string identity =
+            version >= 2 ? "77.1.422" : "0pkg::Foo::run(java::lang::String, int)pkg::Fooapp.so2";
         EXPECT_EQ(Md5HashGenerator::hashText(identity), method->getMethodId()) << version;
     }
 }
@@ -372,7 +372,8 @@ TEST(ReadingPassJitRvas, AFileCannotRunPastItsRange) {
     EXPECT_EQ(44u, pass.stats.refusedBodies);
     for (const JitMethod::Ptr& m : data.getJitMethods())
         EXPECT_LE(m->regions()[0]->startJitRva() + m->regions()[0]->length(), kBase + JitFileReader::kJitRvaStride);
-    EXPECT_NE(std::string::npos, pass.stats.refusals.back().message.find("jit rva range")) << pass.stats.refusals.back().text();
+    EXPECT_NE(std::string::npos, pass.stats.refusals.back().message.find("jit rva range"))
+        << pass.stats.refusals.back().text();
 }
 
 // ---------------------------------------------------------------------------
@@ -416,8 +417,8 @@ TEST(ReadingPassUpdates, UpdateV2PatchesTheLiveRegionInPlace) {
         const TraceUpdateV2 update{1, 150, 0x1004, 4, {1, 2, 3, 4}};
         JitDataManager data;
         LogCapture log;
-        const Pass pass = readTrace(TraceBuilder().collector(ctJitProfiler).load(3, loaded).updateV2(update), data,
-                                    taAny, mode);
+        const Pass pass =
+            readTrace(TraceBuilder().collector(ctJitProfiler).load(3, loaded).updateV2(update), data, taAny, mode);
         EXPECT_EQ(meSuccess, pass.status);
         EXPECT_TRUE(log.errors().empty()) << log.dump();
         ASSERT_EQ(std::vector<u32>{1}, registeredIds(data));
@@ -467,10 +468,8 @@ TEST(ReadingPassUpdates, UpdateRecordsApplyOnlyWhenCodeBytesAreKept) {
     const struct {
         decoding_mode_t mode;
         bool applied;
-    } cases[] = {{dmNone, false},
-                 {dmCodeBytes, true},
-                 {dmSkipSymbolic, false},
-                 {static_cast<decoding_mode_t>(3), false}};
+    } cases[] = {
+        {dmNone, false}, {dmCodeBytes, true}, {dmSkipSymbolic, false}, {static_cast<decoding_mode_t>(3), false}};
     TraceMethodLoad update = load(1, 200, 0x1004);
     update.regions[0].codeSize = 4;
     update.regions[0].bytes = {1, 2, 3, 4};

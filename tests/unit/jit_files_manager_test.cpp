@@ -74,25 +74,26 @@ TEST_P(JitFileNameTest, ParsesHostAndPid) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Names, JitFileNameTest,
-    ::testing::Values(
-        // host "." pid "." extension; the host keeps its own dots and dashes
-        NameCase{"node1.example.com.4242.jit", true, "node1.example.com", 4242},
-        NameCase{"my-host.4242.trace", true, "my-host", 4242}, NameCase{"host.1.jit", true, "host", 1},
-        NameCase{"a.b-c.7.x", true, "a.b-c", 7}, NameCase{"h.4294967295.jit", true, "h", 4294967295u},
-        // host "-" pid "." extension
-        NameCase{"my-host-4242.jit", true, "my-host", 4242}, NameCase{"node1.example-17.jit", true, "node1.example", 17},
-        NameCase{"h-0.jit", true, "h", 0}, NameCase{"a-b.42-7.jit", true, "a-b.42", 7},
-        // not a jit file name
-        NameCase{"", false, "", 0}, NameCase{"jit", false, "", 0}, NameCase{"4242.jit", false, "", 0},
-        NameCase{"-4242.jit", false, "", 0}, NameCase{".4242.jit", false, "", 0},
-        NameCase{"host.jit", false, "", 0}, NameCase{"host.4242.", false, "", 0},
-        NameCase{"host.4242", false, "", 0}, NameCase{"host-abc.jit", false, "", 0},
-        NameCase{"host.42a.jit", false, "", 0}, NameCase{"host-.jit", false, "", 0},
-        NameCase{"host..jit", false, "", 0}, NameCase{"host.4294967296.jit", false, "", 0},
-        NameCase{"host.-5.jit", false, "", 0}, NameCase{"host.+5.jit", false, "", 0},
-        NameCase{"README", false, "", 0}));
+INSTANTIATE_TEST_SUITE_P(Names, JitFileNameTest,
+                         ::testing::Values(
+                             // host "." pid "." extension; the host keeps its own dots and dashes
+                             NameCase{"node1.example.com.4242.jit", true, "node1.example.com", 4242},
+                             NameCase{"my-host.4242.trace", true, "my-host", 4242},
+                             NameCase{"host.1.jit", true, "host", 1}, NameCase{"a.b-c.7.x", true, "a.b-c", 7},
+                             NameCase{"h.4294967295.jit", true, "h", 4294967295u},
+                             // host "-" pid "." extension
+                             NameCase{"my-host-4242.jit", true, "my-host", 4242},
+                             NameCase{"node1.example-17.jit", true, "node1.example", 17},
+                             NameCase{"h-0.jit", true, "h", 0}, NameCase{"a-b.42-7.jit", true, "a-b.42", 7},
+                             // not a jit file name
+                             NameCase{"", false, "", 0}, NameCase{"jit", false, "", 0},
+                             NameCase{"4242.jit", false, "", 0}, NameCase{"-4242.jit", false, "", 0},
+                             NameCase{".4242.jit", false, "", 0}, NameCase{"host.jit", false, "", 0},
+                             NameCase{"host.4242.", false, "", 0}, NameCase{"host.4242", false, "", 0},
+                             NameCase{"host-abc.jit", false, "", 0}, NameCase{"host.42a.jit", false, "", 0},
+                             NameCase{"host-.jit", false, "", 0}, NameCase{"host..jit", false, "", 0},
+                             NameCase{"host.4294967296.jit", false, "", 0}, NameCase{"host.-5.jit", false, "", 0},
+                             NameCase{"host.+5.jit", false, "", 0}, NameCase{"README", false, "", 0}));
 
 // --- initialisation and grouping -------------------------------------------
 

@@ -42,12 +42,12 @@ TEST(JitIdConverter, OneElementAnswersThroughIndexZero) {
     };
     const Case cases[] = {
         {0, 0x50000, 0x1000, kNoLimit, meSuccess, 0x1000},
-        {0, 0x5000F, 0, kNoLimit, meSuccess, 0x100F},       // any base: no search with one element
+        {0, 0x5000F, 0, kNoLimit, meSuccess, 0x100F}, // any base: no search with one element
         {0, 0x50004, kNoLimit, kNoLimit, meSuccess, 0x1004},
-        {0, 0x50010, 0x1000, kNoLimit, meNotFound, 0},      // one past the end
+        {0, 0x50010, 0x1000, kNoLimit, meNotFound, 0}, // one past the end
         {0, 0x4FFFF, 0x1000, kNoLimit, meNotFound, 0},
-        {1, 0x50000, 0x1000, kNoLimit, meNotFound, 0},      // the offset carries the index past the end
-        {0, 0x50000, 0x1000, 0x1000, meNotFound, 0},        // start at the limit
+        {1, 0x50000, 0x1000, kNoLimit, meNotFound, 0}, // the offset carries the index past the end
+        {0, 0x50000, 0x1000, 0x1000, meNotFound, 0},   // start at the limit
         {0, 0x50000, 0x1000, 0x1001, meSuccess, 0x1000},
     };
     for (const Case& c : cases) {

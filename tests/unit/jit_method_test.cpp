@@ -1,8 +1,8 @@
 // Line tables and the queries a method answers by jit rva.
 
-#include "model/jit_method.h"
 #include "check_listener.h"
 #include "log_capture.h"
+#include "model/jit_method.h"
 #include "model/module.h"
 
 #include <gtest/gtest.h>

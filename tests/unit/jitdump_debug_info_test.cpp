@@ -70,14 +70,21 @@ INSTANTIATE_TEST_SUITE_P(
         // Entries in the middle of large code fit every offset: no evidence, no bias.
         BiasCase{"OnlyAmbiguous", 62, {{0x1000, {0x100, 0x200}}, {0x1000, {0x800}}}, 0, 0, 0, 0, 2},
         // Entries that fit every offset are judged by where the first one lies.
-        BiasCase{"FirstEntryAtTheBias", 62, {{0x1000, {0x80, 0x40}}, {0x1000, {0x40}}, {0x1000, {0x34, 0x50}}},
-                 0x40, 0, 2, 1, 0},
+        BiasCase{"FirstEntryAtTheBias",
+                 62,
+                 {{0x1000, {0x80, 0x40}}, {0x1000, {0x40}}, {0x1000, {0x34, 0x50}}},
+                 0x40,
+                 0,
+                 2,
+                 1,
+                 0},
         BiasCase{"FirstEntryAtTheStart", 62, {{0x1000, {0x0, 0x40}}, {0x1000, {0x0}}}, 0, 2, 0, 0, 0},
         // Entries past the end of the code even with the bias: no offset fits.
         BiasCase{"NothingFits", 62, {{0x10, {0x40, 0x100}}}, 0, 0, 0, 0, 1},
         BiasCase{"NoEntries", 62, {{0x100, {}}}, 0, 0, 0, 0, 1},
         // A few odd records do not overturn the many.
-        BiasCase{"BiasedMajority", 62, {{0x20, {0x60}}, {0x20, {0x60}}, {0x20, {0x60}}, {0x100, {0x0}}}, 0x40, 1, 3, 0, 0},
+        BiasCase{
+            "BiasedMajority", 62, {{0x20, {0x60}}, {0x20, {0x60}}, {0x20, {0x60}}, {0x100, {0x0}}}, 0x40, 1, 3, 0, 0},
         BiasCase{"UnbiasedMajority", 62, {{0x20, {0x60}}, {0x100, {0x0}}, {0x100, {0x4}}}, 0, 2, 1, 0, 0},
         BiasCase{"TieBrokenByA32BitMachine", 40, {{0x10, {0x50}}, {0x10, {0x34}}}, 0x34, 0, 1, 1, 0},
         BiasCase{"TieBrokenByA64BitMachine", 62, {{0x10, {0x50}}, {0x10, {0x34}}}, 0x40, 0, 1, 1, 0}),

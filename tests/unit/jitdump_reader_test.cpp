@@ -55,7 +55,8 @@ ReadResult readAll(const Bytes& file) {
     out.opened = true;
     JitdumpRecord r;
     while (reader->next(r))
-        out.records.push_back({r.kind, r.offset, r.end(), r.kind == JitdumpRecordKind::codeLoad ? std::string(r.load.name) : ""});
+        out.records.push_back(
+            {r.kind, r.offset, r.end(), r.kind == JitdumpRecordKind::codeLoad ? std::string(r.load.name) : ""});
     if (reader->stopReason())
         out.stop = *reader->stopReason();
     out.truncated = reader->truncated();
@@ -205,9 +206,9 @@ TEST_P(JitdumpRoundTrip, EveryFieldComesBack) {
         }
     }
     using K = JitdumpRecordKind;
-    EXPECT_EQ(std::vector<K>({K::codeLoad, K::debugInfo, K::codeLoad, K::codeMove, K::unwindingInfo, K::unknown,
-                              K::close}),
-              kinds);
+    EXPECT_EQ(
+        std::vector<K>({K::codeLoad, K::debugInfo, K::codeLoad, K::codeMove, K::unwindingInfo, K::unknown, K::close}),
+        kinds);
     EXPECT_EQ(nullptr, reader->stopReason());
     EXPECT_EQ(file.size(), reader->completeEnd());
 }
@@ -259,8 +260,7 @@ TEST_P(JitdumpCut, EveryCutKeepsExactlyTheCompleteRecords) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Orders, JitdumpCut,
-                         ::testing::Values(JitdumpWriter::Order::little, JitdumpWriter::Order::big),
+INSTANTIATE_TEST_SUITE_P(Orders, JitdumpCut, ::testing::Values(JitdumpWriter::Order::little, JitdumpWriter::Order::big),
                          [](const ::testing::TestParamInfo<JitdumpWriter::Order>& info) {
                              return std::string(info.param == JitdumpWriter::Order::big ? "Big" : "Little");
                          });
@@ -308,12 +308,10 @@ Bytes body(std::initializer_list<std::pair<uint64_t, int>> fields) {
 INSTANTIATE_TEST_SUITE_P(
     Cases, JitdumpDamage,
     ::testing::Values(
-        DamageCase{"SizeBelowThePrefix",
-                   [](JitdumpWriter& w) { w.codeLoad(load(0x2000, "x")).setRecordSize(1, 8); }, false,
-                   "record total_size", 4, "size 8 is smaller than the 16-byte prefix"},
-        DamageCase{"SizePastTheEnd",
-                   [](JitdumpWriter& w) { w.codeLoad(load(0x2000, "x")).setRecordSize(1, 1u << 30); }, true,
-                   "record total_size", 0, "record of 1073741824 bytes is cut by the end of the file"},
+        DamageCase{"SizeBelowThePrefix", [](JitdumpWriter& w) { w.codeLoad(load(0x2000, "x")).setRecordSize(1, 8); },
+                   false, "record total_size", 4, "size 8 is smaller than the 16-byte prefix"},
+        DamageCase{"SizePastTheEnd", [](JitdumpWriter& w) { w.codeLoad(load(0x2000, "x")).setRecordSize(1, 1u << 30); },
+                   true, "record total_size", 0, "record of 1073741824 bytes is cut by the end of the file"},
         DamageCase{"CodeSizePastTheRecord",
                    [](JitdumpWriter& w) {
                        JitdumpLoadFields l = load(0x2000, "x");
@@ -328,12 +326,10 @@ INSTANTIATE_TEST_SUITE_P(
                        w.codeLoad(l);
                    },
                    false, "CODE_LOAD", 56, "unterminated CODE_LOAD name"},
-        DamageCase{"LoadShorterThanItsFields",
-                   [](JitdumpWriter& w) { w.record(0, 5, Bytes(12, 0)); }, false, "CODE_LOAD", 16 + 8,
-                   "while reading CODE_LOAD vma"},
-        DamageCase{"MoveShorterThanItsFields",
-                   [](JitdumpWriter& w) { w.record(1, 5, Bytes(40, 0)); }, false, "CODE_MOVE", 16 + 40,
-                   "while reading CODE_MOVE code_index"},
+        DamageCase{"LoadShorterThanItsFields", [](JitdumpWriter& w) { w.record(0, 5, Bytes(12, 0)); }, false,
+                   "CODE_LOAD", 16 + 8, "while reading CODE_LOAD vma"},
+        DamageCase{"MoveShorterThanItsFields", [](JitdumpWriter& w) { w.record(1, 5, Bytes(40, 0)); }, false,
+                   "CODE_MOVE", 16 + 40, "while reading CODE_MOVE code_index"},
         DamageCase{"DebugCountPastTheRecord",
                    [](JitdumpWriter& w) {
                        JitdumpDebugFields d;
@@ -416,15 +412,15 @@ Bytes headerClaiming(uint32_t totalSize) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, JitdumpHeaderRefused,
-    ::testing::Values(
-        HeaderCase{"Empty", {}, 0, "header", "not a jitdump"},
-        HeaderCase{"OtherMagic", Bytes(40, 'a'), 0, "magic", "magic 0x61616161 is not 0x4a695444"},
-        HeaderCase{"CutHeader", JitdumpWriter().header().cut(30), 24, "header", "the header is cut"},
-        HeaderCase{"VersionZero", headerWith(0, 40), 4, "version", "unsupported version 0"},
-        HeaderCase{"VersionThree", headerWith(3, 40), 4, "version", "unsupported version 3"},
-        HeaderCase{"HeaderSizeBelowItsFields", headerWith(1, 39), 8, "header total_size",
-                   "header size 39 is smaller than its 40 bytes"},
-        HeaderCase{"HeaderSizePastTheFile", headerClaiming(4096), 8, "header total_size", "header size 4096 passes the end of the file"}),
+    ::testing::Values(HeaderCase{"Empty", {}, 0, "header", "not a jitdump"},
+                      HeaderCase{"OtherMagic", Bytes(40, 'a'), 0, "magic", "magic 0x61616161 is not 0x4a695444"},
+                      HeaderCase{"CutHeader", JitdumpWriter().header().cut(30), 24, "header", "the header is cut"},
+                      HeaderCase{"VersionZero", headerWith(0, 40), 4, "version", "unsupported version 0"},
+                      HeaderCase{"VersionThree", headerWith(3, 40), 4, "version", "unsupported version 3"},
+                      HeaderCase{"HeaderSizeBelowItsFields", headerWith(1, 39), 8, "header total_size",
+                                 "header size 39 is smaller than its 40 bytes"},
+                      HeaderCase{"HeaderSizePastTheFile", headerClaiming(4096), 8, "header total_size",
+                                 "header size 4096 passes the end of the file"}),
     [](const ::testing::TestParamInfo<HeaderCase>& info) { return std::string(info.param.name); });
 
 // Version 2 is read; unknown flag bits are reported, not refused.
@@ -485,8 +481,7 @@ INSTANTIATE_TEST_SUITE_P(
                       DetectCase{"BigEndian", JitdumpWriter(JitdumpWriter::Order::big).header().cut(4), true},
                       DetectCase{"ThreeBytes", JitdumpWriter().header().cut(3), false},
                       DetectCase{"PerfMapText", Bytes{'1', '0', '0', '0', ' ', '2', '0', ' ', 'f', '\n'}, false},
-                      DetectCase{"Zeros", Bytes(64, 0), false},
-                      DetectCase{"Empty", Bytes{}, false}),
+                      DetectCase{"Zeros", Bytes(64, 0), false}, DetectCase{"Empty", Bytes{}, false}),
     [](const ::testing::TestParamInfo<DetectCase>& info) { return std::string(info.param.name); });
 
 struct FileNameCase {
@@ -501,23 +496,21 @@ class PidFileName : public ::testing::TestWithParam<FileNameCase> {};
 TEST_P(PidFileName, TheRuntimesNamingOfItsFiles) {
     const FileNameCase& c = GetParam();
     uint32_t pid = 7;
-    const bool ok = c.jitdump ? JitdumpReader::pidFromFileName(c.name, pid) : PerfMapReader::pidFromFileName(c.name, pid);
+    const bool ok =
+        c.jitdump ? JitdumpReader::pidFromFileName(c.name, pid) : PerfMapReader::pidFromFileName(c.name, pid);
     ASSERT_EQ(c.ok, ok);
     EXPECT_EQ(c.ok ? c.pid : 7u, pid);
 }
 
-INSTANTIATE_TEST_SUITE_P(Names, PidFileName,
-                         ::testing::Values(FileNameCase{"jit-4242.dump", true, true, 4242},
-                                           FileNameCase{"jit-4294967295.dump", true, true, 4294967295u},
-                                           FileNameCase{"jit-4294967296.dump", true, false, 0},
-                                           FileNameCase{"jit-.dump", true, false, 0},
-                                           FileNameCase{"jit-12a.dump", true, false, 0},
-                                           FileNameCase{"jit--12.dump", true, false, 0},
-                                           FileNameCase{"jit-12.dump.1", true, false, 0},
-                                           FileNameCase{"perf-12.map", true, false, 0},
-                                           FileNameCase{"perf-12.map", false, true, 12},
-                                           FileNameCase{"perf-+12.map", false, false, 0},
-                                           FileNameCase{"perf-99999999999999999999999.map", false, false, 0},
-                                           FileNameCase{"xperf-12.map", false, false, 0}));
+INSTANTIATE_TEST_SUITE_P(
+    Names, PidFileName,
+    ::testing::Values(FileNameCase{"jit-4242.dump", true, true, 4242},
+                      FileNameCase{"jit-4294967295.dump", true, true, 4294967295u},
+                      FileNameCase{"jit-4294967296.dump", true, false, 0}, FileNameCase{"jit-.dump", true, false, 0},
+                      FileNameCase{"jit-12a.dump", true, false, 0}, FileNameCase{"jit--12.dump", true, false, 0},
+                      FileNameCase{"jit-12.dump.1", true, false, 0}, FileNameCase{"perf-12.map", true, false, 0},
+                      FileNameCase{"perf-12.map", false, true, 12}, FileNameCase{"perf-+12.map", false, false, 0},
+                      FileNameCase{"perf-99999999999999999999999.map", false, false, 0},
+                      FileNameCase{"xperf-12.map", false, false, 0}));
 
 } // namespace

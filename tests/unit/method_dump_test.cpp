@@ -18,8 +18,7 @@ using namespace quarvel;
 
 std::string disassemble(const std::vector<uint8_t>& bytes, uint64_t address, quarvel_arch arch) {
     std::ostringstream os;
-    dumpCodeDisassembly(os, bytes.empty() ? nullptr : bytes.data(), static_cast<uint32_t>(bytes.size()), address,
-                        arch);
+    dumpCodeDisassembly(os, bytes.empty() ? nullptr : bytes.data(), static_cast<uint32_t>(bytes.size()), address, arch);
     return os.str();
 }
 
@@ -44,7 +43,9 @@ TEST(Disassembly, DecodesEachModeAndSaysWhatItCannotDecode) {
         std::vector<uint8_t> bytes;
         std::vector<std::string> lines;
     } cases[] = {
-        {quarvel_arch_vx64, {0x55, 0x48, 0x89, 0xE5, 0xC3}, {"401000: 55 push rbp", "401001: 4889E5 mov rbp, rsp", "401004: C3 ret"}},
+        {quarvel_arch_vx64,
+         {0x55, 0x48, 0x89, 0xE5, 0xC3},
+         {"401000: 55 push rbp", "401001: 4889E5 mov rbp, rsp", "401004: C3 ret"}},
         {quarvel_arch_varda64, {0x55}, {"401000: 55 push rbp"}},
         {quarvel_arch_vx32, {0x55, 0x89, 0xE5}, {"401000: 55 push ebp", "401001: 89E5 mov ebp, esp"}},
         {quarvel_arch_vx64, {}, {"  no bytes"}},

@@ -59,9 +59,12 @@ struct ClassNameCase {
 
 TEST(BaseMethodInfoTest, ClassNamesAreJoinedWithDoubleColons) {
     const ClassNameCase cases[] = {
-        {"java.lang.String", "java::lang::String"}, {"a..b", "a::b"}, {".a.", "a"}, {"Plain", "Plain"},
-        {"", "Plain"},     // empty keeps the old name
-        {"...", "Plain"},  // dots only keep it too
+        {"java.lang.String", "java::lang::String"},
+        {"a..b", "a::b"},
+        {".a.", "a"},
+        {"Plain", "Plain"},
+        {"", "Plain"},    // empty keeps the old name
+        {"...", "Plain"}, // dots only keep it too
     };
     BaseMethodInfo info;
     for (const ClassNameCase& c : cases) {

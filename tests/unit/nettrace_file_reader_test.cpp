@@ -222,8 +222,7 @@ TEST(NettraceThroughTheFileSet, EachCodeVersionLivesFromItsLoadUntilFreedOrRepla
     };
     for (const Query& q : queries) {
         SCOPED_TRACE(std::to_string(q.address) + " at " + std::to_string(q.time));
-        EXPECT_EQ(q.name,
-                  set.nameAt(q.address, q.time));
+        EXPECT_EQ(q.name, set.nameAt(q.address, q.time));
         EXPECT_EQ(set.jitRvaAt(q.address, q.time), loaderMode.jitRvaAt(q.address, q.time));
     }
     const JitReadStats stats = set.files.readStats();

@@ -75,10 +75,12 @@ TEST(NettracePrimitives, Utf16TextBecomesUtf8) {
         {{0}, ""},
         {{0xE9, 0}, "\xC3\xA9"},
         {{0x20AC, 0}, "\xE2\x82\xAC"},
-        {{0xD83D, 0xDE00, 0}, "\xF0\x9F\x98\x80"},     // a surrogate pair
-        {{0xD83D, 'x', 0}, "\xEF\xBF\xBD" "x"},        // a high surrogate alone
-        {{0xDE00, 0}, "\xEF\xBF\xBD"},                  // a low surrogate alone
-        {{'a', 0xD83D, 0}, "a\xEF\xBF\xBD"},            // a high surrogate at the end
+        {{0xD83D, 0xDE00, 0}, "\xF0\x9F\x98\x80"}, // a surrogate pair
+        {{0xD83D, 'x', 0},
+         "\xEF\xBF\xBD"
+         "x"},                               // a high surrogate alone
+        {{0xDE00, 0}, "\xEF\xBF\xBD"},       // a low surrogate alone
+        {{'a', 0xD83D, 0}, "a\xEF\xBF\xBD"}, // a high surrogate at the end
     };
     for (const auto& c : cases) {
         const Bytes b = units(c.units);

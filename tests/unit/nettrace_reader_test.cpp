@@ -3,8 +3,8 @@
 // written, every truncation keeps exactly the whole events before it, and
 // each kind of damage stops the reading with a reason that names where.
 
-#include "format/nettrace_reader.h"
 #include "dotnet_event_payloads.h"
+#include "format/nettrace_reader.h"
 #include "nettrace_writer.h"
 #include "temp_dir.h"
 
@@ -120,9 +120,9 @@ std::vector<NettraceEventRow> rowsOfBlock(uint64_t base) {
         uint32_t processor;
         uint32_t sequence;
         bool sorted;
-    } spec[] = {{1, 0, 40, 100, 0, 0, 0, true},      {1, 5, 40, 100, 0, 0, 0, false},
-                {2, 9, 0, 100, 1, 0, 0, false},      {3, 1000, 3, 200, 0, 1, 0, true},
-                {3, 1000, 3, 200, 2, 1, 77, false},  {1, 3, 260, 100, 2, 0, 0, false},
+    } spec[] = {{1, 0, 40, 100, 0, 0, 0, true},           {1, 5, 40, 100, 0, 0, 0, false},
+                {2, 9, 0, 100, 1, 0, 0, false},           {3, 1000, 3, 200, 0, 1, 0, true},
+                {3, 1000, 3, 200, 2, 1, 77, false},       {1, 3, 260, 100, 2, 0, 0, false},
                 {2, 0, 1, 0xFFFFFFFFFFull, 0, 3, 0, true}};
     uint64_t t = base;
     for (const auto& s : spec) {
@@ -184,7 +184,8 @@ NettraceWriter smallTrace(const Form& form) {
 }
 
 // Sequence numbers as the writer assigned them (each capture thread counts from 1).
-std::vector<uint32_t> expectedSequences(const std::vector<NettraceEventRow>& rows, std::vector<std::pair<uint64_t, uint32_t>>& counts) {
+std::vector<uint32_t> expectedSequences(const std::vector<NettraceEventRow>& rows,
+                                        std::vector<std::pair<uint64_t, uint32_t>>& counts) {
     std::vector<uint32_t> out;
     for (const NettraceEventRow& r : rows) {
         if (r.sequenceNumber) {
@@ -215,8 +216,8 @@ TEST(NettraceReader, EveryHeaderFormReadsBackWhatWasWritten) {
         EXPECT_EQ(r.info.processId, 4242u);
         EXPECT_EQ(r.info.tickFrequency, 1000000000u);
         EXPECT_EQ(r.info.syncTimeTicks, 1000000u);
-        EXPECT_EQ(r.info.layout, form.layout == NettraceWriterLayout::blocks ? NettraceLayout::blocks
-                                                                             : NettraceLayout::objectStream);
+        EXPECT_EQ(r.info.layout,
+                  form.layout == NettraceWriterLayout::blocks ? NettraceLayout::blocks : NettraceLayout::objectStream);
         std::vector<NettraceEventRow> expected = rowsOfBlock(5000);
         for (const NettraceEventRow& row : rowsOfBlock(10000))
             expected.push_back(row);
@@ -288,9 +289,9 @@ TEST(NettraceReader, TicksBecomeNanosecondsOfTheTracesClock) {
         {1000000000, 123456789012345ull, 123456789012345ull}, // Linux: CLOCK_MONOTONIC nanoseconds
         {10000000, 5, 500},                                   // a 100 ns tick
         {10000000, 1844674407370955ull, 184467440737095500ull},
-        {3000000000ull, 3, 1},                                // faster than a nanosecond: rounds down
+        {3000000000ull, 3, 1}, // faster than a nanosecond: rounds down
         {3000000000ull, 30000000000000ull, 10000000000000ull},
-        {1, UINT64_MAX / 2, UINT64_MAX},                      // past 64 bits: saturates
+        {1, UINT64_MAX / 2, UINT64_MAX}, // past 64 bits: saturates
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.frequency) + " Hz, " + std::to_string(c.ticks) + " ticks");
@@ -439,7 +440,7 @@ TEST(NettraceReader, VersionSixThreadsAndCacheFlushesApply) {
     EXPECT_EQ(r.events[1].processId, 78u);
     EXPECT_EQ(r.events[2].threadId, 2u); // removed: the index is all that is known
     EXPECT_EQ(r.events[2].processId, 4242u);
-    EXPECT_EQ(r.events[3].provider, "");  // metadata forgotten
+    EXPECT_EQ(r.events[3].provider, ""); // metadata forgotten
     EXPECT_EQ(r.events[3].threadId, 5001u);
     EXPECT_EQ(r.events[4].provider, "Q");
     EXPECT_EQ(r.events[4].threadId, 1u);
@@ -451,7 +452,9 @@ TEST(NettraceReader, ContentDetectionNeedsTheMagicAndAKnownLayout) {
     NettraceTraceSpec spec;
     spec.layout = NettraceWriterLayout::blocks;
     NettraceWriter v6(spec);
-    const auto bytesOf = [](const std::string& s) { return Bytes(s.begin(), s.end()); };
+    const auto bytesOf = [](const std::string& s) {
+        return Bytes(s.begin(), s.end());
+    };
     const struct {
         const char* name;
         Bytes bytes;
@@ -469,8 +472,9 @@ TEST(NettraceReader, ContentDetectionNeedsTheMagicAndAKnownLayout) {
         {"empty", Bytes(), false},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(NettraceReader::looksLikeNettrace(c.bytes.data(), std::min(c.bytes.size(), NettraceReader::kSniffBytes)),
-                  c.expected)
+        EXPECT_EQ(
+            NettraceReader::looksLikeNettrace(c.bytes.data(), std::min(c.bytes.size(), NettraceReader::kSniffBytes)),
+            c.expected)
             << c.name;
 }
 
@@ -492,7 +496,9 @@ TEST(NettraceReader, DamageIsReportedWithWhereAndWhyAfterTheEventsBeforeIt) {
         r.payload = payloadOf(payload, 1);
         return r;
     };
-    const auto types = [] { return std::vector<NettraceEventType>{quarvel_test::dotnetEventType(1, "P", 1, 0)}; };
+    const auto types = [] {
+        return std::vector<NettraceEventType>{quarvel_test::dotnetEventType(1, "P", 1, 0)};
+    };
     using L = NettraceWriterLayout;
     const Case cases[] = {
         {"the end-of-stream mark is missing", L::objectStream,

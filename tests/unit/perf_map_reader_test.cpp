@@ -166,17 +166,15 @@ TEST_P(PerfMapDetect, ByTheFirstLinesShape) {
     EXPECT_EQ(c.perfMap, PerfMapReader::detect(reinterpret_cast<const uint8_t*>(c.start.data()), c.start.size()));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, PerfMapDetect,
-    ::testing::Values(DetectCase{"Entry", "7f0000001000 40 f\n", true},
-                      DetectCase{"AfterBlankLines", "\n  \r\n0x1000 0x40 f\r\nrest", true},
-                      DetectCase{"UnterminatedFirstLine", "1000 40 f", true},
-                      // A first line the window cuts counts by what it shows.
-                      DetectCase{"CutByTheWindow", "1000 40 " + std::string(8000, 'n'), true},
-                      DetectCase{"Prose", "hello world\n1000 40 f\n", false},
-                      DetectCase{"JitdumpMagic", std::string("DTiJ\1\0\0\0", 8), false},
-                      DetectCase{"OnlyBlank", "\n\n   \n", false},
-                      DetectCase{"Empty", "", false}),
-    [](const ::testing::TestParamInfo<DetectCase>& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Cases, PerfMapDetect,
+                         ::testing::Values(DetectCase{"Entry", "7f0000001000 40 f\n", true},
+                                           DetectCase{"AfterBlankLines", "\n  \r\n0x1000 0x40 f\r\nrest", true},
+                                           DetectCase{"UnterminatedFirstLine", "1000 40 f", true},
+                                           // A first line the window cuts counts by what it shows.
+                                           DetectCase{"CutByTheWindow", "1000 40 " + std::string(8000, 'n'), true},
+                                           DetectCase{"Prose", "hello world\n1000 40 f\n", false},
+                                           DetectCase{"JitdumpMagic", std::string("DTiJ\1\0\0\0", 8), false},
+                                           DetectCase{"OnlyBlank", "\n\n   \n", false}, DetectCase{"Empty", "", false}),
+                         [](const ::testing::TestParamInfo<DetectCase>& info) { return std::string(info.param.name); });
 
 } // namespace

@@ -39,56 +39,50 @@ Bytes operator+(Bytes a, const Bytes& b) {
 // ---------------------------------------------------------------------------
 // Hand-written bodies. Each group of bytes is one field of the format's tables.
 
-const Bytes kRegion = {
-    0x00, 0x10, 0x00, 0x00, 0x00, 0x7f, 0x00, 0x00, // start address 0x7f0000001000
-    0x20, 0x00, 0x00, 0x00,                         // code size 32
-    0x02, 0x00, 0x00, 0x00,                         // 2 code bytes follow
-    0xc3, 0x90};
+const Bytes kRegion = {0x00, 0x10, 0x00, 0x00, 0x00, 0x7f, 0x00, 0x00, // start address 0x7f0000001000
+                       0x20, 0x00, 0x00, 0x00,                         // code size 32
+                       0x02, 0x00, 0x00, 0x00,                         // 2 code bytes follow
+                       0xc3, 0x90};
 const Bytes kTail = {
-    0x05, 0x00, 'a', '.', 'd', 'l', 'l', // module name
-    0x02, 0x00,                          // architecture 2
-    0x01, 0x00, 'm',                     // method name
-    0x01, 0x00, 'C',                     // class name
-    0x04, 0x00, 's', '.', 'c', 's',      // source file
-    0x03, 0x00,                          // checksum type 3
-    0x02, 0x00, 'a', 'b',                // checksum
-    0x09, 0x00,                          // language 9
-    0x01, 0x00,                          // managed to source: one row
-    0x00, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x07, 0x00, 0x00, 0x00,
-    0x01, 0x00,                          // native to managed: one row
-    0x00, 0x00, 0x00, 0x00, 0x20, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-    0x00, 0x00};                         // native to source: no rows
-const Bytes kIdAndTime = {
-    0x07, 0x00, 0x00, 0x00,                         // method id 7
-    0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01, // load time 0x0102030405060708
-    0x01, 0x00};                                    // one region
+    0x05, 0x00, 'a',  '.',  'd',  'l',  'l',                                             // module name
+    0x02, 0x00,                                                                          // architecture 2
+    0x01, 0x00, 'm',                                                                     // method name
+    0x01, 0x00, 'C',                                                                     // class name
+    0x04, 0x00, 's',  '.',  'c',  's',                                                   // source file
+    0x03, 0x00,                                                                          // checksum type 3
+    0x02, 0x00, 'a',  'b',                                                               // checksum
+    0x09, 0x00,                                                                          // language 9
+    0x01, 0x00,                                                                          // managed to source: one row
+    0x00, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x07, 0x00, 0x00, 0x00, 0x01, 0x00,  // native to managed: one row
+    0x00, 0x00, 0x00, 0x00, 0x20, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00}; // native to source: no rows
+const Bytes kIdAndTime = {0x07, 0x00, 0x00, 0x00,                                        // method id 7
+                          0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01,                // load time 0x0102030405060708
+                          0x01, 0x00};                                                   // one region
 const Bytes kHashKey = {0x44, 0x33, 0x22, 0x11};
 const Bytes kV0Body = kIdAndTime + kRegion + kTail;
 const Bytes kV2Body = kHashKey + kIdAndTime + kRegion + kTail;
-const Bytes kV3Body = kHashKey +
-                      Bytes{0x07, 0x00, 0x00, 0x00,                          // method id 7
-                            0x00,                                            // not inline
-                            0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01,  // load time
-                            0x01, 0x00} +                                    // one region
-                      kRegion + kTail + Bytes{0x42, 0x00, 0x00, 0x06};       // token 0x06000042
-const Bytes kInlineBody = {
-    0x09, 0x00, 0x00, 0x00,                         // raw id 9
-    0x07, 0x00, 0x00, 0x00,                         // raw parent id 7
-    0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, // load time 16
-    0x01, 0x00,                                     // one region
-    0x08, 0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, // start address 0x1008
-    0x04, 0x00, 0x00, 0x00,                         // size 4
-    0x00, 0x00, 0x00, 0x00,                         // no code bytes
-    0x00, 0x00, 0x01, 0x00,                         // no module name, architecture 1
-    0x01, 0x00, 'i', 0x00, 0x00, 0x00, 0x00,        // method "i", no class, no source
-    0x00, 0x00, 0x00, 0x00, 0x05, 0x00,             // checksum type 0, no checksum, language 5
-    0x00, 0x00, 0x00, 0x00, 0x00, 0x00};            // three empty tables
-const Bytes kUpdateV2Body = {
-    0x07, 0x00, 0x00, 0x00,                         // raw id 7
-    0x20, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, // load time 32
-    0x04, 0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, // start 0x1004
-    0x02, 0x00, 0x00, 0x00,                         // length 2
-    0x02, 0x00, 0x00, 0x00, 0xe8, 0x00};            // two new bytes
+const Bytes kV3Body = kHashKey + Bytes{0x07, 0x00, 0x00, 0x00,                         // method id 7
+                                       0x00,                                           // not inline
+                                       0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01, // load time
+                                       0x01, 0x00} +                                   // one region
+                      kRegion +
+                      kTail + Bytes{0x42, 0x00, 0x00, 0x06};                 // token 0x06000042
+const Bytes kInlineBody = {0x09, 0x00, 0x00, 0x00,                           // raw id 9
+                           0x07, 0x00, 0x00, 0x00,                           // raw parent id 7
+                           0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,   // load time 16
+                           0x01, 0x00,                                       // one region
+                           0x08, 0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,   // start address 0x1008
+                           0x04, 0x00, 0x00, 0x00,                           // size 4
+                           0x00, 0x00, 0x00, 0x00,                           // no code bytes
+                           0x00, 0x00, 0x01, 0x00,                           // no module name, architecture 1
+                           0x01, 0x00, 'i',  0x00, 0x00, 0x00, 0x00,         // method "i", no class, no source
+                           0x00, 0x00, 0x00, 0x00, 0x05, 0x00,               // checksum type 0, no checksum, language 5
+                           0x00, 0x00, 0x00, 0x00, 0x00, 0x00};              // three empty tables
+const Bytes kUpdateV2Body = {0x07, 0x00, 0x00, 0x00,                         // raw id 7
+                             0x20, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, // load time 32
+                             0x04, 0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, // start 0x1004
+                             0x02, 0x00, 0x00, 0x00,                         // length 2
+                             0x02, 0x00, 0x00, 0x00, 0xe8, 0x00};            // two new bytes
 const Bytes kRuntimeInfoBody = {0x01, 0x00, 0x00, 0x00, 0x02, 0x00, '1', '7', 0x02, 0x00, 'V', 'M'};
 
 TraceMethodLoad expectedLoad(int version) {
@@ -151,13 +145,15 @@ TEST(HandWrittenBodies, InlineUpdateAndRuntimeInfo) {
     EXPECT_EQ(kInlineBody, jittrace::encodeInlineLoad(inlined));
 
     const TraceUpdateV2 update{7, 32, 0x1004, 2, {0xe8, 0x00}};
-    const Expected<TraceUpdateV2> decodedUpdate = decodeUpdateV2(recordOf(quarvel_jt_FunctionUpdate_v2, kUpdateV2Body), kFile);
+    const Expected<TraceUpdateV2> decodedUpdate =
+        decodeUpdateV2(recordOf(quarvel_jt_FunctionUpdate_v2, kUpdateV2Body), kFile);
     ASSERT_TRUE(decodedUpdate) << decodedUpdate.reason().text();
     EXPECT_EQ(update, *decodedUpdate);
     EXPECT_EQ(kUpdateV2Body, jittrace::encodeUpdateV2(update));
 
     const TraceRuntimeInfo info{1, "17", "VM"};
-    const Expected<TraceRuntimeInfo> decodedInfo = decodeRuntimeInfo(recordOf(quarvel_jt_ManagedRuntimeInfo, kRuntimeInfoBody), kFile);
+    const Expected<TraceRuntimeInfo> decodedInfo =
+        decodeRuntimeInfo(recordOf(quarvel_jt_ManagedRuntimeInfo, kRuntimeInfoBody), kFile);
     ASSERT_TRUE(decodedInfo) << decodedInfo.reason().text();
     EXPECT_EQ(info, *decodedInfo);
     EXPECT_EQ(kRuntimeInfoBody, jittrace::encodeRuntimeInfo(info));
@@ -229,7 +225,8 @@ TEST(Refusals, ForbiddenValuesNameTheFieldAndItsOffset) {
          "Invalid number of code regions: 2"},
         {quarvel_jt_FunctionInlineLoad64, &kInlineBody, 18, 0, 8, "start address of code range",
          "Invalid start address of code range: 0"},
-        {quarvel_jt_FunctionInlineLoad64, &kInlineBody, 26, 0, 4, "size of code range", "Invalid size of code range: 0"},
+        {quarvel_jt_FunctionInlineLoad64, &kInlineBody, 26, 0, 4, "size of code range",
+         "Invalid size of code range: 0"},
         {quarvel_jt_FunctionInlineLoad64, &kInlineBody, 30, 0xFFFFFFF0u, 4, "number of code range's bytes",
          "Invalid number of code range's bytes: 4294967280"},
         {quarvel_jt_FunctionUpdate_v2, &kUpdateV2Body, 4, 0, 8, "load time", "Invalid load time: 0"},
@@ -260,7 +257,8 @@ TEST(Refusals, ForbiddenValuesNameTheFieldAndItsOffset) {
         EXPECT_EQ(kFile, reason.file) << c.message;
         EXPECT_EQ(c.field, reason.field) << c.message;
         EXPECT_EQ(0u, reason.message.find(c.message)) << reason.text();
-        const u64 expectedOffset = std::string(c.field) == "code regions" ? body + bytes.size() - kTail.size() : body + c.at;
+        const u64 expectedOffset =
+            std::string(c.field) == "code regions" ? body + bytes.size() - kTail.size() : body + c.at;
         EXPECT_EQ(expectedOffset, reason.offset) << reason.text();
     }
 
@@ -324,7 +322,9 @@ TEST(Refusals, EveryTruncationIsRefusedWithinTheBody) {
                 break;
             }
             default: {
-                const int version = layout.type == quarvel_jt_FunctionLoad64 ? 0 : layout.type == quarvel_jt_FunctionLoad32_v2 ? 2 : 3;
+                const int version = layout.type == quarvel_jt_FunctionLoad64      ? 0
+                                    : layout.type == quarvel_jt_FunctionLoad32_v2 ? 2
+                                                                                  : 3;
                 const DecodedMethodLoad r = decodeMethodLoad(record, version, kFile);
                 accepted = r.status.ok();
                 if (!accepted)

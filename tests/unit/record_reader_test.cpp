@@ -44,7 +44,9 @@ std::vector<Read> readAll(const std::string& path, size_t limit = 100) {
     return reads;
 }
 
-std::vector<uint8_t> bytes(std::initializer_list<uint8_t> b) { return b; }
+std::vector<uint8_t> bytes(std::initializer_list<uint8_t> b) {
+    return b;
+}
 
 // The one ERROR line of a refused record, without its source suffix.
 std::string errorText(const LogCapture& log) {
@@ -60,9 +62,9 @@ struct FramingCase {
     const char* name;
     std::vector<uint8_t> file;
     std::vector<quarvel_error_t> statuses;
-    const char* error;   // the ERROR line, or "" for none
-    const char* field;   // the field the reason names
-    uint64_t offset;     // where the reason points
+    const char* error; // the ERROR line, or "" for none
+    const char* field; // the field the reason names
+    uint64_t offset;   // where the reason points
 };
 
 class RecordFramingTest : public ::testing::TestWithParam<FramingCase> {};
@@ -92,30 +94,77 @@ const std::vector<uint8_t> kLoadBody(20, 0x11);
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, RecordFramingTest,
-    ::testing::Values(
-        FramingCase{"EmptyFile", {}, {meEndOfData}, "", "", 0},
-        FramingCase{"OneByte", bytes({0x01}), {meEndOfData}, "", "", 0},
-        FramingCase{"ThreeBytes", bytes({0, 0, 0x40}), {meEndOfData}, "", "", 0},
-        FramingCase{"MagicZeroAccepted", TraceBuilder().magic(0).bytes(), {meSuccess, meEndOfData}, "", "", 0},
-        FramingCase{"MagicCutInValue", bytes({0, 0, 0x40, 0, 1, 2}), {meBadRecord}, "Couldn't process the magic trace", "magic value", 4},
-        FramingCase{"CollectorCutInValue", bytes({13, 0, 0, 0, 1}), {meBadRecord},
-                    "Couldn't process the collector type trace", "collector type", 4},
-        FramingCase{"SizedCutAfterType", bytes({0, 0, 0, 0}), {meBadRecord}, "Couldn't read size of the jit trace", "record size", 4},
-        FramingCase{"SizedCutInSize", bytes({6, 0, 0, 0, 9, 0}), {meBadRecord}, "Couldn't read size of the jit trace", "record size", 4},
-        FramingCase{"SizeZero", bytes({8, 0, 0, 0, 0, 0, 0, 0}), {meBadRecord}, "Couldn't read content of the jit trace", "record size", 4},
-        FramingCase{"BodyShorterThanSize", bytes({15, 0, 0, 0, 10, 0, 0, 0, 1, 2, 3}), {meBadRecord},
-                    "Couldn't read content of the jit trace", "record body", 8},
-        FramingCase{"SizeClaimsGigabytes", bytes({15, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 1}), {meBadRecord},
-                    "Couldn't read content of the jit trace", "record body", 8},
-        FramingCase{"TypeOne", bytes({1, 0, 0, 0, 4, 0, 0, 0}), {meBadRecord}, "Couldn't recognize type of the jit trace",
-                    "record type", 0},
-        FramingCase{"TypeThree", bytes({3, 0, 0, 0, 4, 0, 0, 0}), {meBadRecord},
-                    "Couldn't recognize type of the jit trace", "record type", 0},
-        FramingCase{"TypeSixteen", bytes({16, 0, 0, 0, 4, 0, 0, 0}), {meBadRecord},
-                    "Couldn't recognize type of the jit trace", "record type", 0},
-        FramingCase{"NeighboursOfOneAndThreeAreValid",
-                    TraceBuilder().sized(0, kLoadBody).sized(2, kLoadBody).sized(4, kLoadBody).bytes(),
-                    {meSuccess, meSuccess, meSuccess, meEndOfData}, "", "", 0}),
+    ::testing::Values(FramingCase{"EmptyFile", {}, {meEndOfData}, "", "", 0},
+                      FramingCase{"OneByte", bytes({0x01}), {meEndOfData}, "", "", 0},
+                      FramingCase{"ThreeBytes", bytes({0, 0, 0x40}), {meEndOfData}, "", "", 0},
+                      FramingCase{
+                          "MagicZeroAccepted", TraceBuilder().magic(0).bytes(), {meSuccess, meEndOfData}, "", "", 0},
+                      FramingCase{"MagicCutInValue",
+                                  bytes({0, 0, 0x40, 0, 1, 2}),
+                                  {meBadRecord},
+                                  "Couldn't process the magic trace",
+                                  "magic value",
+                                  4},
+                      FramingCase{"CollectorCutInValue",
+                                  bytes({13, 0, 0, 0, 1}),
+                                  {meBadRecord},
+                                  "Couldn't process the collector type trace",
+                                  "collector type",
+                                  4},
+                      FramingCase{"SizedCutAfterType",
+                                  bytes({0, 0, 0, 0}),
+                                  {meBadRecord},
+                                  "Couldn't read size of the jit trace",
+                                  "record size",
+                                  4},
+                      FramingCase{"SizedCutInSize",
+                                  bytes({6, 0, 0, 0, 9, 0}),
+                                  {meBadRecord},
+                                  "Couldn't read size of the jit trace",
+                                  "record size",
+                                  4},
+                      FramingCase{"SizeZero",
+                                  bytes({8, 0, 0, 0, 0, 0, 0, 0}),
+                                  {meBadRecord},
+                                  "Couldn't read content of the jit trace",
+                                  "record size",
+                                  4},
+                      FramingCase{"BodyShorterThanSize",
+                                  bytes({15, 0, 0, 0, 10, 0, 0, 0, 1, 2, 3}),
+                                  {meBadRecord},
+                                  "Couldn't read content of the jit trace",
+                                  "record body",
+                                  8},
+                      FramingCase{"SizeClaimsGigabytes",
+                                  bytes({15, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 1}),
+                                  {meBadRecord},
+                                  "Couldn't read content of the jit trace",
+                                  "record body",
+                                  8},
+                      FramingCase{"TypeOne",
+                                  bytes({1, 0, 0, 0, 4, 0, 0, 0}),
+                                  {meBadRecord},
+                                  "Couldn't recognize type of the jit trace",
+                                  "record type",
+                                  0},
+                      FramingCase{"TypeThree",
+                                  bytes({3, 0, 0, 0, 4, 0, 0, 0}),
+                                  {meBadRecord},
+                                  "Couldn't recognize type of the jit trace",
+                                  "record type",
+                                  0},
+                      FramingCase{"TypeSixteen",
+                                  bytes({16, 0, 0, 0, 4, 0, 0, 0}),
+                                  {meBadRecord},
+                                  "Couldn't recognize type of the jit trace",
+                                  "record type",
+                                  0},
+                      FramingCase{"NeighboursOfOneAndThreeAreValid",
+                                  TraceBuilder().sized(0, kLoadBody).sized(2, kLoadBody).sized(4, kLoadBody).bytes(),
+                                  {meSuccess, meSuccess, meSuccess, meEndOfData},
+                                  "",
+                                  "",
+                                  0}),
     [](const ::testing::TestParamInfo<FramingCase>& info) { return info.param.name; });
 
 TEST(RecordReaderTest, EverySizedTypeIsFramedAndOffsetsFollowTheRecords) {
@@ -140,14 +189,21 @@ TEST(RecordReaderTest, EverySizedTypeIsFramedAndOffsetsFollowTheRecords) {
 
 TEST(RecordReaderTest, SizedRecordsLogTheirNameAtInfo) {
     TempDir dir;
-    const std::string path =
-        TraceBuilder().magic().collector(3).sized(0, {1}).sized(10, {1}).sized(11, {1}).sized(14, {1}).sized(15, {1})
-            .writeTo(dir.file("h.1.jit"));
+    const std::string path = TraceBuilder()
+                                 .magic()
+                                 .collector(3)
+                                 .sized(0, {1})
+                                 .sized(10, {1})
+                                 .sized(11, {1})
+                                 .sized(14, {1})
+                                 .sized(15, {1})
+                                 .writeTo(dir.file("h.1.jit"));
     LogCapture log;
     readAll(path);
-    EXPECT_EQ((std::vector<std::string>{"JIT TRACE: MethodLoad", "JIT TRACE: MethodUpdate", "JIT TRACE: MethodInlineLoad",
-                                        "JIT TRACE: MethodUpdate_v2", "JIT TRACE: ManagedRuntimeInfo"}),
-              log.messages(log4cplus::INFO_LOG_LEVEL));
+    EXPECT_EQ(
+        (std::vector<std::string>{"JIT TRACE: MethodLoad", "JIT TRACE: MethodUpdate", "JIT TRACE: MethodInlineLoad",
+                                  "JIT TRACE: MethodUpdate_v2", "JIT TRACE: ManagedRuntimeInfo"}),
+        log.messages(log4cplus::INFO_LOG_LEVEL));
     EXPECT_TRUE(log.contains("JIT TRACE: Magic", log4cplus::TRACE_LOG_LEVEL));
     EXPECT_TRUE(log.contains("JIT TRACE: CollectorType", log4cplus::TRACE_LOG_LEVEL));
     EXPECT_TRUE(log.contains("Value: 3", log4cplus::TRACE_LOG_LEVEL));
@@ -200,7 +256,8 @@ TEST(RecordReaderTest, TruncatedAtEveryOffsetKeepsTheCompleteRecords) {
         trace.writeTo(path, cut);
         LogCapture log;
         const auto reads = readAll(path);
-        const size_t complete = static_cast<size_t>(std::count_if(ends.begin(), ends.end(), [&](size_t e) { return e <= cut; }));
+        const size_t complete =
+            static_cast<size_t>(std::count_if(ends.begin(), ends.end(), [&](size_t e) { return e <= cut; }));
         const bool atBoundary = cut == 0 || std::find(ends.begin(), ends.end(), cut) != ends.end();
         const size_t expectedReads = complete + 1;
         ASSERT_EQ(expectedReads, reads.size()) << "cut at " << cut;

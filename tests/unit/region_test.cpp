@@ -1,7 +1,7 @@
 // Inline children of a region, jit rva normalisation and byte updates.
 
-#include "model/jit_method.h"
 #include "log_capture.h"
+#include "model/jit_method.h"
 #include "model/region.h"
 
 #include <gtest/gtest.h>
@@ -119,7 +119,8 @@ INSTANTIATE_TEST_SUITE_P(
         UpdateCase{"Head", 0x1000, 2, {9, 9}, kCode, {9, 9, 3, 4, 5, 6, 7, 8}},
         UpdateCase{"Middle", 0x1003, 2, {9, 9}, kCode, {1, 2, 3, 9, 9, 6, 7, 8}},
         UpdateCase{"Tail", 0x1006, 2, {9, 9}, kCode, {1, 2, 3, 4, 5, 6, 9, 9}},
-        UpdateCase{"PaddingIgnoresContent", 0x1002, 3, {9, 9, 9}, quarvel_segment_padding, {1, 2, 0x90, 0x90, 0x90, 6, 7, 8}},
+        UpdateCase{
+            "PaddingIgnoresContent", 0x1002, 3, {9, 9, 9}, quarvel_segment_padding, {1, 2, 0x90, 0x90, 0x90, 6, 7, 8}},
         UpdateCase{"ZeroAddress", 0, 2, {9, 9}, kCode, kUnchanged},
         UpdateCase{"ZeroLength", 0x1000, 0, {9}, kCode, kUnchanged},
         UpdateCase{"NoContent", 0x1000, 2, {}, kCode, kUnchanged},

@@ -64,7 +64,9 @@ JitdumpWriter dump() {
     return w;
 }
 
-void writeText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
+void writeText(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
 
 // A file set over some files, read in one pass.
 struct ReadSet {
@@ -112,14 +114,14 @@ TEST(JitdumpThroughTheFileSet, EachLoadLivesFromItsTimeUntilCodeIsLoadedOverIt) 
     w.codeLoad(load(100, 0x1000, 0x40, "JS:~a"))
         .codeLoad(load(200, 0x2000, 0x20, "JS:*b"))
         .codeLoad(load(300, 0x1020, 0x40, "JS:*c")) // over the second half of a
-        .codeLoad(load(400, 0x2000, 0x20, "JS:*b"))  // the same name again: a load of its own
+        .codeLoad(load(400, 0x2000, 0x20, "JS:*b")) // the same name again: a load of its own
         .close(500);
     ReadSet set({w.writeTo(dir.file("jit-4242.dump"))});
 
     const Query queries[] = {
-        {0x1000, 99, "-"},        {0x1000, 100, "JS:~a"}, {0x103f, 299, "JS:~a"}, {0x1010, 300, "-"},
-        {0x1030, 300, "JS:*c"},   {0x105f, 1000, "JS:*c"}, {0x1060, 1000, "-"},    {0x2010, 250, "JS:*b"},
-        {0x2010, 450, "JS:*b"},
+        {0x1000, 99, "-"},   {0x1000, 100, "JS:~a"}, {0x103f, 299, "JS:~a"},
+        {0x1010, 300, "-"},  {0x1030, 300, "JS:*c"}, {0x105f, 1000, "JS:*c"},
+        {0x1060, 1000, "-"}, {0x2010, 250, "JS:*b"}, {0x2010, 450, "JS:*b"},
     };
     for (const Query& q : queries)
         EXPECT_EQ(q.name, set.nameAt(q.address, q.time)) << std::hex << q.address << " at " << std::dec << q.time;
@@ -262,8 +264,8 @@ TEST(PerfMapThroughTheFileSet, TheLastLineOverAnAddressAnswersAtEveryRealTime) {
                     "4000 10 Last\r\n");
     ReadSet set({path});
     const Query queries[] = {
-        {0x1010, 1000000, "Main[Tier1]"}, {0x2005, 1000000, "-"},    {0x2015, 1000000, "Mix with spaces"},
-        {0x4005, 1000000, "Last"},        {0x3000, 1000000, "-"},    {0x1010, 0, "-"},
+        {0x1010, 1000000, "Main[Tier1]"}, {0x2005, 1000000, "-"}, {0x2015, 1000000, "Mix with spaces"},
+        {0x4005, 1000000, "Last"},        {0x3000, 1000000, "-"}, {0x1010, 0, "-"},
     };
     for (const Query& q : queries)
         EXPECT_EQ(q.name, set.nameAt(q.address, q.time)) << std::hex << q.address << " at " << std::dec << q.time;
@@ -279,11 +281,12 @@ TEST(PerfMapThroughTheFileSet, PairedWithAJitdumpTheDumpWinsWhereItHasCodeInEith
         const std::string dumpPath = w.writeTo(dir.file("jit-4242.dump"));
         const std::string mapPath = dir.file("perf-4242.map");
         writeText(mapPath, "1000 20 JS:*dumped\n1010 20 JS:*overlapping\n5000 10 stub<only-in-map>\n");
-        ReadSet set(mapFirst ? std::vector<std::string>{mapPath, dumpPath} : std::vector<std::string>{dumpPath, mapPath});
+        ReadSet set(mapFirst ? std::vector<std::string>{mapPath, dumpPath}
+                             : std::vector<std::string>{dumpPath, mapPath});
 
         const Query queries[] = {
-            {0x1008, 50, "-"}, {0x1008, 150, "JS:*dumped"}, {0x1008, 250, "JS:*reloaded"}, {0x1028, 250, "-"},
-            {0x5008, 250, "stub<only-in-map>"},
+            {0x1008, 50, "-"},  {0x1008, 150, "JS:*dumped"},        {0x1008, 250, "JS:*reloaded"},
+            {0x1028, 250, "-"}, {0x5008, 250, "stub<only-in-map>"},
         };
         for (const Query& q : queries)
             EXPECT_EQ(q.name, set.nameAt(q.address, q.time))
@@ -360,17 +363,28 @@ TEST(JitdumpLineTable, RowsFromEntries) {
     };
     const u64 at = 0x1000;
     const Case cases[] = {
-        {"one row per entry up to the next, the last to the end", 0,
-         {{at, 5, "a"}, {at + 4, 6, "a"}}, {{0, 4, 5}, {4, 0x20, 6}}, "a"},
+        {"one row per entry up to the next, the last to the end",
+         0,
+         {{at, 5, "a"}, {at + 4, 6, "a"}},
+         {{0, 4, 5}, {4, 0x20, 6}},
+         "a"},
         {"the bias is removed", 0x40, {{at + 0x40, 5, "a"}, {at + 0x48, 6, "a"}}, {{0, 8, 5}, {8, 0x20, 6}}, "a"},
-        {"the last of one address counts; equal neighbours merge", 0,
-         {{at, 1, "a"}, {at, 2, "a"}, {at + 8, 2, "a"}}, {{0, 0x20, 2}}, "a"},
+        {"the last of one address counts; equal neighbours merge",
+         0,
+         {{at, 1, "a"}, {at, 2, "a"}, {at + 8, 2, "a"}},
+         {{0, 0x20, 2}},
+         "a"},
         {"entries out of order are sorted", 0, {{at + 8, 6, "a"}, {at, 5, "a"}}, {{0, 8, 5}, {8, 0x20, 6}}, "a"},
-        {"the most named file wins; another file's entry leaves a gap", 0,
+        {"the most named file wins; another file's entry leaves a gap",
+         0,
          {{at, 1, "b"}, {at + 4, 2, "a"}, {at + 8, 3, "a"}, {at + 12, 4, "b"}, {at + 16, 5, "a"}},
-         {{4, 8, 2}, {8, 12, 3}, {16, 0x20, 5}}, "a"},
-        {"entries outside the code, and lines below 1, give no row", 0,
-         {{at - 4, 1, "a"}, {at, 0, "a"}, {at + 4, 3, "a"}, {at + 0x20, 4, "a"}}, {{4, 0x20, 3}}, "a"},
+         {{4, 8, 2}, {8, 12, 3}, {16, 0x20, 5}},
+         "a"},
+        {"entries outside the code, and lines below 1, give no row",
+         0,
+         {{at - 4, 1, "a"}, {at, 0, "a"}, {at + 4, 3, "a"}, {at + 0x20, 4, "a"}},
+         {{4, 0x20, 3}},
+         "a"},
     };
     for (const Case& c : cases) {
         JitdumpDebugInfo info;
@@ -397,7 +411,7 @@ TEST(AddressRanges, MergesAndAnswersOverlaps) {
     AddressRanges ranges;
     ranges.add(0x100, 0x10);
     ranges.add(0x120, 0x10);
-    ranges.add(0x110, 0x10); // joins the two
+    ranges.add(0x110, 0x10);                  // joins the two
     ranges.add(0xFFFFFFFFFFFFFFF8ull, 0x100); // clipped at the top
     struct Probe {
         u64 start, size;

@@ -2,10 +2,10 @@
 // lookup through a stand-in for the caller's locator. Completion from a real
 // PDB: dotnet_assembly_reader_test.
 
-#include "model/dotnet_method.h"
-#include "log_capture.h"
-#include "path_list.h"
 #include "api/symbol_resolver.h"
+#include "log_capture.h"
+#include "model/dotnet_method.h"
+#include "path_list.h"
 #include "trace_builder.h"
 
 #include <gtest/gtest.h>

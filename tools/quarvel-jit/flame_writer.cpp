@@ -115,12 +115,23 @@ std::string xml(const std::string& s) {
         const unsigned char c = static_cast<unsigned char>(s[i]);
         if (c < 0x80) {
             switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            case '\'': out += "&apos;"; break;
-            default: out += (c < 0x20 && c != '\n' && c != '\t') ? '?' : static_cast<char>(c);
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&apos;";
+                break;
+            default:
+                out += (c < 0x20 && c != '\n' && c != '\t') ? '?' : static_cast<char>(c);
             }
             ++i;
             continue;
@@ -143,8 +154,7 @@ std::string xml(const std::string& s) {
 // JSON that can sit inside markup: '<', '>' and '&' (only ever inside its
 // strings) written as escapes; bytes that are not UTF-8 replaced.
 std::string jsonInMarkup(const std::vector<std::string>& strings) {
-    const std::string text =
-        nlohmann::json(strings).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    const std::string text = nlohmann::json(strings).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     std::string out;
     out.reserve(text.size());
     for (char c : text) {
@@ -182,12 +192,25 @@ std::string rgbFromHsl(double h, double s, double l) {
     const double hp = std::fmod(h, 360.0) / 60.0;
     const double x = c * (1 - std::fabs(std::fmod(hp, 2.0) - 1));
     double r = 0, g = 0, b = 0;
-    if (hp < 1) { r = c; g = x; }
-    else if (hp < 2) { r = x; g = c; }
-    else if (hp < 3) { g = c; b = x; }
-    else if (hp < 4) { g = x; b = c; }
-    else if (hp < 5) { r = x; b = c; }
-    else { r = c; b = x; }
+    if (hp < 1) {
+        r = c;
+        g = x;
+    } else if (hp < 2) {
+        r = x;
+        g = c;
+    } else if (hp < 3) {
+        g = c;
+        b = x;
+    } else if (hp < 4) {
+        g = x;
+        b = c;
+    } else if (hp < 5) {
+        r = x;
+        b = c;
+    } else {
+        r = c;
+        b = x;
+    }
     const double m = l - c / 2;
     char buf[32];
     std::snprintf(buf, sizeof buf, "rgb(%d,%d,%d)", static_cast<int>(std::lround((r + m) * 255)),
@@ -198,27 +221,39 @@ std::string rgbFromHsl(double h, double s, double l) {
 // A hue per kind; the name moves it a little, so that neighbours differ.
 std::string colour(FrameKind kind, const std::string& name) {
     const uint32_t h = nameHash(name);
-    const double a = static_cast<double>(h % 1000) / 1000.0;        // 0..1
+    const double a = static_cast<double>(h % 1000) / 1000.0;          // 0..1
     const double b = static_cast<double>((h / 1000) % 1000) / 1000.0; // 0..1
     switch (kind) {
-    case FrameKind::Compiled: return rgbFromHsl(100 + 30 * a, 0.55, 0.50 + 0.12 * b);
-    case FrameKind::Inlined: return rgbFromHsl(178 + 20 * a, 0.60, 0.52 + 0.12 * b);
-    case FrameKind::Stub: return rgbFromHsl(46 + 10 * a, 0.85, 0.55 + 0.10 * b);
-    case FrameKind::Native: return rgbFromHsl(0 + 14 * a, 0.70, 0.58 + 0.10 * b);
-    case FrameKind::Kernel: return rgbFromHsl(24 + 10 * a, 0.85, 0.52 + 0.10 * b);
-    case FrameKind::Unknown: return rgbFromHsl(0, 0, 0.62 + 0.10 * b);
+    case FrameKind::Compiled:
+        return rgbFromHsl(100 + 30 * a, 0.55, 0.50 + 0.12 * b);
+    case FrameKind::Inlined:
+        return rgbFromHsl(178 + 20 * a, 0.60, 0.52 + 0.12 * b);
+    case FrameKind::Stub:
+        return rgbFromHsl(46 + 10 * a, 0.85, 0.55 + 0.10 * b);
+    case FrameKind::Native:
+        return rgbFromHsl(0 + 14 * a, 0.70, 0.58 + 0.10 * b);
+    case FrameKind::Kernel:
+        return rgbFromHsl(24 + 10 * a, 0.85, 0.52 + 0.10 * b);
+    case FrameKind::Unknown:
+        return rgbFromHsl(0, 0, 0.62 + 0.10 * b);
     }
     return "rgb(200,200,200)";
 }
 
 const char* kindLabel(FrameKind kind) {
     switch (kind) {
-    case FrameKind::Compiled: return "compiled (jitted)";
-    case FrameKind::Inlined: return "inlined";
-    case FrameKind::Stub: return "interpreter / stub";
-    case FrameKind::Native: return "native";
-    case FrameKind::Kernel: return "kernel";
-    case FrameKind::Unknown: return "jitted, not named";
+    case FrameKind::Compiled:
+        return "compiled (jitted)";
+    case FrameKind::Inlined:
+        return "inlined";
+    case FrameKind::Stub:
+        return "interpreter / stub";
+    case FrameKind::Native:
+        return "native";
+    case FrameKind::Kernel:
+        return "kernel";
+    case FrameKind::Unknown:
+        return "jitted, not named";
     }
     return "";
 }
@@ -238,8 +273,7 @@ std::string sourceText(const Node& node, const FrameInfo& frame) {
     return text;
 }
 
-void writeSvg(std::ostream& os, const Tree& tree, const StackProfile& profile, const FlameOptions& o,
-              bool standalone) {
+void writeSvg(std::ostream& os, const Tree& tree, const StackProfile& profile, const FlameOptions& o, bool standalone) {
     const uint64_t total = tree.nodes[0].total;
     const double height = kTop + (tree.maxDepth + 1) * kFrameHeight + kBottom;
     const double inner = o.width - 2 * kPad;
@@ -266,9 +300,8 @@ void writeSvg(std::ostream& os, const Tree& tree, const StackProfile& profile, c
     for (size_t i = sizeof kKinds / sizeof kKinds[0]; i-- > 0;) {
         const std::string label = kindLabel(kKinds[i]);
         lx -= label.size() * kCharWidth + 20;
-        os << "<rect x=\"" << fixed(lx) << "\" y=\"52\" width=\"12\" height=\"12\" fill=\""
-           << colour(kKinds[i], label) << "\"/><text class=\"legend\" x=\"" << fixed(lx + 15) << "\" y=\"62\">"
-           << label << "</text>\n";
+        os << "<rect x=\"" << fixed(lx) << "\" y=\"52\" width=\"12\" height=\"12\" fill=\"" << colour(kKinds[i], label)
+           << "\"/><text class=\"legend\" x=\"" << fixed(lx + 15) << "\" y=\"62\">" << label << "</text>\n";
     }
 
     // Boxes too narrow to draw are still found by a search: their names and
@@ -315,8 +348,8 @@ void writeSvg(std::ostream& os, const Tree& tree, const StackProfile& profile, c
         os << "<g class=\"f" << (root ? " root" : "") << "\" data-s=\"" << n.start << "\" data-n=\"" << n.total
            << "\" data-d=\"" << n.depth << "\" data-self=\"" << n.self << "\" data-kind=\""
            << (root ? "root" : frameKindName(frame.kind)) << "\" data-name=\"" << xml(name) << "\"><title>" << xml(tip)
-           << "</title><rect x=\"" << fixed(x) << "\" y=\"" << fixed(y) << "\" width=\"" << fixed(w)
-           << "\" height=\"" << fixed(kFrameHeight - 1) << "\" rx=\"2\" fill=\""
+           << "</title><rect x=\"" << fixed(x) << "\" y=\"" << fixed(y) << "\" width=\"" << fixed(w) << "\" height=\""
+           << fixed(kFrameHeight - 1) << "\" rx=\"2\" fill=\""
            << (root ? std::string("rgb(200,200,205)") : colour(frame.kind, frame.name)) << "\"/><text x=\""
            << fixed(x + 3) << "\" y=\"" << fixed(y + kFrameHeight - 4.5) << "\">" << xml(label) << "</text></g>\n";
     }
@@ -324,8 +357,8 @@ void writeSvg(std::ostream& os, const Tree& tree, const StackProfile& profile, c
     std::vector<std::string> names(narrowNames.size());
     for (const auto& entry : narrowNames)
         names[entry.second] = entry.first;
-    os << "<script type=\"application/json\" id=\"narrow\">{\"names\":" << jsonInMarkup(names)
-       << ",\"spans\":[" << narrowSpans << "]}</script>\n";
+    os << "<script type=\"application/json\" id=\"narrow\">{\"names\":" << jsonInMarkup(names) << ",\"spans\":["
+       << narrowSpans << "]}</script>\n";
     os << "<text id=\"details\" x=\"" << fixed(kPad) << "\" y=\"" << fixed(height - 10) << "\"> </text>\n";
     if (standalone)
         os << "<script type=\"text/ecmascript\"><![CDATA[\n" << kFlameScript << "]]></script>\n";

@@ -67,7 +67,9 @@ const char* kExamples = R"(Examples:
 
 Exit codes: 0 success, 1 usage error, 2 unreadable input.)";
 
-void fail(const std::string& message) { std::cerr << "quarvel-jit: " << message << '\n'; }
+void fail(const std::string& message) {
+    std::cerr << "quarvel-jit: " << message << '\n';
+}
 
 // Every path must exist and be readable; the library then decides which files are traces.
 bool checkPaths(const std::vector<std::string>& paths) {
@@ -105,8 +107,8 @@ public:
         m_shown = true;
         m_last = pct;
         const size_t filled = pct / 5;
-        std::cerr << "\rresolving [" << std::string(filled, '#') << std::string(20 - filled, ' ') << "] " << pct << "% ("
-                  << done << "/" << total << ")" << std::flush;
+        std::cerr << "\rresolving [" << std::string(filled, '#') << std::string(20 - filled, ' ') << "] " << pct
+                  << "% (" << done << "/" << total << ")" << std::flush;
     }
 
 private:
@@ -201,7 +203,9 @@ bool collect(TraceView& view, const Options& o, const StackFilter& filter, Stack
     return true;
 }
 
-std::string samplesName(const Options& o) { return o.samples == "-" ? std::string("<stdin>") : o.samples; }
+std::string samplesName(const Options& o) {
+    return o.samples == "-" ? std::string("<stdin>") : o.samples;
+}
 
 int runStacks(TraceView& view, const Options& o, const std::string& format, const StackFilter& filter) {
     StackProfile profile;
@@ -221,7 +225,10 @@ int runStacks(TraceView& view, const Options& o, const std::string& format, cons
         report.summary = summary;
         report.samples = p.samples();
         report.frames = topFrames(p, o.top);
-        printFrameTop(std::cout, format == "json" ? Format::Json : format == "csv" ? Format::Csv : Format::Text,
+        printFrameTop(std::cout,
+                      format == "json"  ? Format::Json
+                      : format == "csv" ? Format::Csv
+                                        : Format::Text,
                       report);
     }
     return kExitOk;
@@ -275,7 +282,8 @@ int main(int argc, char** argv) {
 
     Options o;
     CLI::Option* formatOption =
-        app.add_option("--format", o.format, "Output format (folded and speedscope: stacks only; stacks defaults to folded)")
+        app.add_option("--format", o.format,
+                       "Output format (folded and speedscope: stacks only; stacks defaults to folded)")
             ->check(CLI::IsMember({"text", "csv", "json", "folded", "speedscope"}))
             ->capture_default_str();
     app.add_option("--log-level", o.logLevel, "Library log level (sets QUARVEL_LOG)")
@@ -292,7 +300,8 @@ int main(int argc, char** argv) {
     symbols->add_option("--match", o.match, "Only methods whose name matches this regular expression");
     CLI::App* dump = app.add_subcommand("dump", "Dump methods with their disassembly and line tables");
     addPaths(dump);
-    CLI::Option* dumpMatch = dump->add_option("--match", o.match, "Only methods whose name matches this regular expression");
+    CLI::Option* dumpMatch =
+        dump->add_option("--match", o.match, "Only methods whose name matches this regular expression");
     dump->add_option("--rva", o.rva, "The method that holds this jit rva (hex with 0x, or decimal)")
         ->excludes(dumpMatch);
     CLI::App* resolve = app.add_subcommand("resolve", "Resolve profiler samples to methods and source lines");
@@ -331,7 +340,8 @@ int main(int argc, char** argv) {
     flame->add_option("--title", o.title, "The title of the flame graph");
     CLI::App* stats = app.add_subcommand("stats", "What reading the traces found and refused");
     addPaths(stats);
-    stats->add_option("--samples", o.samples, "Also read these call-stack samples and count what they met; - for stdin");
+    stats->add_option("--samples", o.samples,
+                      "Also read these call-stack samples and count what they met; - for stdin");
     stats->add_option("--samples-format", o.samplesFormat, "Format of the samples (auto-detected by default)")
         ->check(CLI::IsMember({"auto", "csv", "perf"}))
         ->capture_default_str();

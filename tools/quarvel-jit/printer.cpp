@@ -32,7 +32,9 @@ std::string percent(uint64_t part, uint64_t whole) {
     return os.str();
 }
 
-double percentNumber(uint64_t part, uint64_t whole) { return std::stod(percent(part, whole)); }
+double percentNumber(uint64_t part, uint64_t whole) {
+    return std::stod(percent(part, whole));
+}
 
 std::string csvField(const std::string& s) {
     if (s.find_first_of(",\"\n\r") == std::string::npos)
@@ -75,10 +77,14 @@ std::string frameText(const SourcePoint& p) {
 
 const char* statusName(SampleStatus s) {
     switch (s) {
-    case SampleStatus::Resolved: return "resolved";
-    case SampleStatus::NotJit: return "not_jit";
-    case SampleStatus::UnknownProcess: return "unknown_process";
-    case SampleStatus::NoHost: return "no_host";
+    case SampleStatus::Resolved:
+        return "resolved";
+    case SampleStatus::NotJit:
+        return "not_jit";
+    case SampleStatus::UnknownProcess:
+        return "unknown_process";
+    case SampleStatus::NoHost:
+        return "no_host";
     }
     return "";
 }
@@ -144,10 +150,10 @@ void inlineText(std::ostream& os, const std::vector<InlineNode>& nodes, unsigned
 void inlineCsv(std::ostream& os, const SymbolRow& m, const RegionRow& r, const std::vector<InlineNode>& nodes,
                unsigned depth) {
     for (const InlineNode& n : nodes) {
-        csvRow(os, {"inline", std::to_string(depth), std::to_string(n.methodId), n.name, "", m.module, n.sourceFile,
-                    std::to_string(n.firstLine), std::to_string(n.lastLine), std::to_string(r.pid), r.host,
-                    hex(n.start), hex(n.start + n.length), hex(n.jitRva), std::to_string(r.loadTime),
-                    std::to_string(r.unloadTime)});
+        csvRow(os,
+               {"inline", std::to_string(depth), std::to_string(n.methodId), n.name, "", m.module, n.sourceFile,
+                std::to_string(n.firstLine), std::to_string(n.lastLine), std::to_string(r.pid), r.host, hex(n.start),
+                hex(n.start + n.length), hex(n.jitRva), std::to_string(r.loadTime), std::to_string(r.unloadTime)});
         inlineCsv(os, m, r, n.inlined, depth + 1);
     }
 }
@@ -281,12 +287,8 @@ void printSamples(std::ostream& os, Format format, const std::vector<SampleResul
     if (format == Format::Json) {
         Json list = Json::array();
         for (const SampleResult& r : results) {
-            Json s{{"line", r.inputLine},
-                   {"time", r.time},
-                   {"address", hex(r.address)},
-                   {"pid", r.pid},
-                   {"host", r.host},
-                   {"status", statusName(r.status)}};
+            Json s{{"line", r.inputLine}, {"time", r.time}, {"address", hex(r.address)},
+                   {"pid", r.pid},        {"host", r.host}, {"status", statusName(r.status)}};
             if (r.status == SampleStatus::Resolved) {
                 s["jit_rva"] = hex(r.jitRva);
                 s["method"] = r.method.name;
@@ -311,10 +313,10 @@ void printSamples(std::ostream& os, Format format, const std::vector<SampleResul
             std::string chain;
             for (const SourcePoint& p : r.inlined)
                 chain += (chain.empty() ? "" : " <- ") + frameText(p);
-            csvRow(os, {std::to_string(r.inputLine), std::to_string(r.time), hex(r.address), std::to_string(r.pid),
-                        r.host, statusName(r.status), ok ? hex(r.jitRva) : "", ok ? r.method.name : "",
-                        ok ? r.module : "", ok ? r.method.sourceFile : "", ok ? std::to_string(r.method.line) : "",
-                        chain});
+            csvRow(os,
+                   {std::to_string(r.inputLine), std::to_string(r.time), hex(r.address), std::to_string(r.pid), r.host,
+                    statusName(r.status), ok ? hex(r.jitRva) : "", ok ? r.method.name : "", ok ? r.module : "",
+                    ok ? r.method.sourceFile : "", ok ? std::to_string(r.method.line) : "", chain});
         }
         return;
     }
@@ -329,9 +331,15 @@ void printSamples(std::ostream& os, Format format, const std::vector<SampleResul
             what += frameText(r.method) + " [" + r.module + "]";
             break;
         }
-        case SampleStatus::NotJit: what = "- not in JIT code"; break;
-        case SampleStatus::UnknownProcess: what = "- no traces of this process"; break;
-        case SampleStatus::NoHost: what = "- no host given and the traces come from several hosts"; break;
+        case SampleStatus::NotJit:
+            what = "- not in JIT code";
+            break;
+        case SampleStatus::UnknownProcess:
+            what = "- no traces of this process";
+            break;
+        case SampleStatus::NoHost:
+            what = "- no host given and the traces come from several hosts";
+            break;
         }
         t.add({std::to_string(r.time), hex(r.address), std::to_string(r.pid), r.host,
                r.status == SampleStatus::Resolved ? hex(r.jitRva) : "-", what});
@@ -371,8 +379,7 @@ void printTop(std::ostream& os, Format format, const TopReport& report) {
     os << s.samples << " samples, " << s.resolved << " in JIT code, " << outside << " not in JIT code ("
        << percent(outside, s.samples) << "%)";
     if (s.unknownProcess || s.noHost)
-        os << ", of which " << s.unknownProcess << " in processes without traces and " << s.noHost
-           << " without a host";
+        os << ", of which " << s.unknownProcess << " in processes without traces and " << s.noHost << " without a host";
     os << "\n\nHottest methods\n";
     Table methods({"SAMPLES", "PERCENT", "METHOD", "MODULE"});
     for (const Counted& c : report.methods)

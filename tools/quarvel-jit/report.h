@@ -47,7 +47,7 @@ struct RegionRow {
 
 struct SymbolRow {
     unsigned methodId = 0;
-    std::string name;          // qualified name, the plain name when there is none
+    std::string name; // qualified name, the plain name when there is none
     std::string className;
     std::string module;
     std::string sourceFile;
@@ -81,7 +81,7 @@ struct SampleResult {
     SampleStatus status = SampleStatus::NotJit;
     uint64_t jitRva = 0;
     std::string module;
-    SourcePoint method;              // the compiled method and its line at the sample
+    SourcePoint method;               // the compiled method and its line at the sample
     std::vector<SourcePoint> inlined; // innermost first
 };
 
@@ -111,8 +111,8 @@ struct StackSummary {
     uint64_t samplesRead = 0; // good samples in the input
     uint64_t samplesKept = 0; // of those, the ones the filters kept
     uint64_t malformedLines = 0;
-    uint64_t droppedSamples = 0;   // left out for a malformed line
-    uint64_t truncatedSamples = 0; // cut short by the end of the input, left out
+    uint64_t droppedSamples = 0;     // left out for a malformed line
+    uint64_t truncatedSamples = 0;   // cut short by the end of the input, left out
     std::vector<std::string> errors; // the first few bad lines, "<line>: <what>"
     // Over the samples kept by --pid, --tid and the time window:
     uint64_t untracedSamples = 0;

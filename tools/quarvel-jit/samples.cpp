@@ -76,8 +76,7 @@ std::string parseCsvRow(const std::string& line, bool withHost, Sample& s) {
     const std::vector<std::string> cols = split(line, ',');
     const size_t want = withHost ? 4 : 3;
     // A trailing empty host column is allowed in a 3-column file too.
-    if (cols.size() != want && !(cols.size() == want + 1 && cols.back().empty()) &&
-        !(withHost && cols.size() == 3)) {
+    if (cols.size() != want && !(cols.size() == want + 1 && cols.back().empty()) && !(withHost && cols.size() == 3)) {
         std::ostringstream os;
         os << "expected " << want << " columns (time,address,pid" << (withHost ? ",host" : "") << "), found "
            << cols.size();
@@ -120,9 +119,13 @@ std::string parsePerfLine(const std::string& line, Sample& s) {
 
 } // namespace
 
-bool parseDecimal(const std::string& text, uint64_t& value) { return parseInBase(text, 10, value); }
+bool parseDecimal(const std::string& text, uint64_t& value) {
+    return parseInBase(text, 10, value);
+}
 
-bool parseHex(const std::string& text, uint64_t& value) { return parseInBase(text, 16, value); }
+bool parseHex(const std::string& text, uint64_t& value) {
+    return parseInBase(text, 16, value);
+}
 
 bool parseAddress(const std::string& text, uint64_t& value) {
     if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))

@@ -50,7 +50,8 @@ StackSummary collectStacks(TraceView& view, StackReader& reader, const StackFilt
     Stack stack;
     while (reader.next(sample)) {
         ++summary.samplesRead;
-        if (!contains(filter.pids, sample.pid) || (!filter.tids.empty() && !(sample.hasTid && contains(filter.tids, sample.tid))) ||
+        if (!contains(filter.pids, sample.pid) ||
+            (!filter.tids.empty() && !(sample.hasTid && contains(filter.tids, sample.tid))) ||
             sample.time < filter.from || sample.time > filter.to)
             continue;
         resolver.resolve(sample, stack);

@@ -6,12 +6,18 @@ namespace quarvel_jit {
 
 const char* frameKindName(FrameKind kind) {
     switch (kind) {
-    case FrameKind::Compiled: return "compiled";
-    case FrameKind::Inlined: return "inlined";
-    case FrameKind::Stub: return "stub";
-    case FrameKind::Native: return "native";
-    case FrameKind::Kernel: return "kernel";
-    case FrameKind::Unknown: return "unknown";
+    case FrameKind::Compiled:
+        return "compiled";
+    case FrameKind::Inlined:
+        return "inlined";
+    case FrameKind::Stub:
+        return "stub";
+    case FrameKind::Native:
+        return "native";
+    case FrameKind::Kernel:
+        return "kernel";
+    case FrameKind::Unknown:
+        return "unknown";
     }
     return "";
 }
@@ -71,8 +77,7 @@ std::vector<std::pair<const Stack*, uint64_t>> StackProfile::sorted() const {
         return a.line < b.line;
     };
     std::sort(out.begin(), out.end(), [&less](const auto& a, const auto& b) {
-        return std::lexicographical_compare(a.first->begin(), a.first->end(), b.first->begin(), b.first->end(),
-                                            less);
+        return std::lexicographical_compare(a.first->begin(), a.first->end(), b.first->begin(), b.first->end(), less);
     });
     return out;
 }

@@ -19,7 +19,7 @@ enum class FrameKind {
     Stub,     // the runtime's own generated code: interpreter, stubs, adapters
     Native,   // code outside the traces: libraries, the runtime itself
     Kernel,
-    Unknown,  // in a process's jitted code area, but no trace names it
+    Unknown, // in a process's jitted code area, but no trace names it
 };
 
 const char* frameKindName(FrameKind kind);

@@ -9,7 +9,9 @@ namespace quarvel_jit {
 
 namespace {
 
-bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
+bool isSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
+}
 
 std::string trimmed(const std::string& s, size_t from = 0, size_t to = std::string::npos) {
     size_t b = from, e = std::min(to, s.size());
@@ -145,8 +147,10 @@ bool parsePerfFrame(const std::string& line, RawFrame& frame) {
     uint64_t address = 0;
     for (size_t i = ipBegin; i < ipEnd; ++i) {
         const char c = line[i];
-        const int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                          : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+        const int digit = c >= '0' && c <= '9'   ? c - '0'
+                          : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                          : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                                 : -1;
         if (digit < 0)
             return false;
         address = address << 4 | static_cast<uint64_t>(digit);

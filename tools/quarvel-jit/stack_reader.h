@@ -34,15 +34,15 @@ struct StackSample {
     unsigned pid = 0;
     unsigned tid = 0;
     bool hasTid = false;
-    std::string host; // empty: none given
+    std::string host;             // empty: none given
     std::vector<RawFrame> frames; // the leaf first
 };
 
 struct StackInputStats {
-    uint64_t samples = 0;          // samples handed out
-    uint64_t malformedLines = 0;   // lines that could not be read; a sample with one is left out
-    uint64_t droppedSamples = 0;   // samples left out for a malformed line of theirs
-    uint64_t truncatedSamples = 0; // the input ended inside a sample
+    uint64_t samples = 0;            // samples handed out
+    uint64_t malformedLines = 0;     // lines that could not be read; a sample with one is left out
+    uint64_t droppedSamples = 0;     // samples left out for a malformed line of theirs
+    uint64_t truncatedSamples = 0;   // the input ended inside a sample
     std::vector<std::string> errors; // the first few, "<line>: <what is wrong>"
 };
 

@@ -18,7 +18,9 @@ constexpr uint64_t kKernelStart = 0xffff800000000000ull;
 // The library's module of code without a module: the runtime's own stubs.
 const char* const kDynamicCode = "[Dynamic code]";
 
-bool startsWith(const std::string& s, const char* prefix) { return s.compare(0, std::strlen(prefix), prefix) == 0; }
+bool startsWith(const std::string& s, const char* prefix) {
+    return s.compare(0, std::strlen(prefix), prefix) == 0;
+}
 
 bool endsWith(const std::string& s, const char* suffix) {
     const size_t n = std::strlen(suffix);
@@ -69,8 +71,8 @@ bool StackResolver::appendJit(uint64_t jitRva, Stack& leafFirst) {
         for (const SourcePoint& p : r.inlined) // innermost first
             frames.push_back({m_frames.intern(FrameInfo{p.name, r.module, p.sourceFile, FrameKind::Inlined}), p.line});
         const FrameKind kind = r.module == kDynamicCode ? FrameKind::Stub : FrameKind::Compiled;
-        frames.push_back({m_frames.intern(FrameInfo{r.method.name, r.module, r.method.sourceFile, kind}),
-                          r.method.line});
+        frames.push_back(
+            {m_frames.intern(FrameInfo{r.method.name, r.module, r.method.sourceFile, kind}), r.method.line});
         found = m_expansions.emplace(jitRva, std::move(frames)).first;
     }
     leafFirst.insert(leafFirst.end(), found->second.begin(), found->second.end());

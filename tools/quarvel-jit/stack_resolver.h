@@ -23,7 +23,7 @@ struct StackCounters {
     uint64_t samples = 0;
     uint64_t untracedSamples = 0;                      // samples of processes without traces
     std::map<std::string, uint64_t> untracedProcesses; // "pid" or "pid@host" -> samples
-    uint64_t noHostSamples = 0;      // no host given while the traces come from several
+    uint64_t noHostSamples = 0;                        // no host given while the traces come from several
     // Samples of a traced process taken before its first jitted code: the
     // traces say nothing of that time (or the clocks differ). A trace does not
     // record when its process ended, so no sample is too late for it.
@@ -58,7 +58,7 @@ private:
     FrameTable& m_frames;
     StackCounters m_counters;
     std::map<std::pair<std::string, unsigned>, Process> m_processes;
-    std::unordered_map<uint64_t, Stack> m_expansions; // jit rva -> frames, innermost first
+    std::unordered_map<uint64_t, Stack> m_expansions;           // jit rva -> frames, innermost first
     std::unordered_map<std::string, uint32_t> m_profilerFrames; // kind, symbol, module -> frame
     std::string m_key;
 };

@@ -15,7 +15,9 @@ namespace {
 // Inline trees are shallow; the bound only guards against a damaged model.
 constexpr unsigned kMaxInlineDepth = 64;
 
-std::string text(const char* s) { return s ? s : ""; }
+std::string text(const char* s) {
+    return s ? s : "";
+}
 
 std::string displayName(const q::ISymbol::Ptr& symbol) {
     std::string name = text(symbol->getQualifiedMethodName());
@@ -300,8 +302,8 @@ StatsReport TraceView::stats() const {
     StatsReport report;
     report.counters = std::move(rows);
     for (const q::TraceRefusal& r : s.refusals)
-        report.refusals.push_back(RefusalRow{r.file, r.offset == q::TraceRefusal::kNoOffset ? "-" : std::to_string(r.offset),
-                                             r.field, r.reason});
+        report.refusals.push_back(RefusalRow{
+            r.file, r.offset == q::TraceRefusal::kNoOffset ? "-" : std::to_string(r.offset), r.field, r.reason});
     report.refusalsNotKept = s.refusalsNotKept;
     return report;
 }
@@ -423,10 +425,18 @@ ResolveSummary TraceView::summarize(const std::vector<SampleResult>& results) {
     s.samples = results.size();
     for (const SampleResult& r : results) {
         switch (r.status) {
-        case SampleStatus::Resolved: ++s.resolved; break;
-        case SampleStatus::NotJit: ++s.notJit; break;
-        case SampleStatus::UnknownProcess: ++s.unknownProcess; break;
-        case SampleStatus::NoHost: ++s.noHost; break;
+        case SampleStatus::Resolved:
+            ++s.resolved;
+            break;
+        case SampleStatus::NotJit:
+            ++s.notJit;
+            break;
+        case SampleStatus::UnknownProcess:
+            ++s.unknownProcess;
+            break;
+        case SampleStatus::NoHost:
+            ++s.noHost;
+            break;
         }
     }
     return s;

@@ -75,7 +75,7 @@ private:
 
     std::vector<std::string> m_paths;
     quarvel::ISymbolResolver::Ptr m_resolver;
-    std::vector<std::string> m_hosts;       // index = host id - 1
+    std::vector<std::string> m_hosts; // index = host id - 1
     std::vector<quarvel::TraceFileInfo> m_files;
     std::set<std::pair<unsigned, unsigned>> m_processes; // (host id, pid)
     std::map<std::string, uint64_t> m_unknownHosts;

@@ -11,7 +11,9 @@ namespace {
 constexpr uint64_t kBase = 0x7f0000001000;
 constexpr MethodKey M = 1, A = 2, B = 3;
 
-PcInfo pc(uint64_t offset, std::vector<Frame> frames) { return PcInfo{kBase + offset, std::move(frames)}; }
+PcInfo pc(uint64_t offset, std::vector<Frame> frames) {
+    return PcInfo{kBase + offset, std::move(frames)};
+}
 
 using Table = std::vector<quarvel_line_number_entry>;
 
@@ -87,8 +89,8 @@ TEST(JvmtiCodeMap, InstancesNestAndSplitAtCallSites) {
 
 TEST(JvmtiCodeMap, SameCalleeAtAnotherDepthIsAnotherInstance) {
     // M calls A at bci 5, A calls A (recursion inlined) at bci 2.
-    const CodeMap map = buildCodeMap(kBase, 0x100,
-                                     {pc(10, {{M, 5}, {A, 1}}), pc(20, {{M, 5}, {A, 2}, {A, 0}}), pc(30, {{M, 5}, {A, 3}})});
+    const CodeMap map = buildCodeMap(
+        kBase, 0x100, {pc(10, {{M, 5}, {A, 1}}), pc(20, {{M, 5}, {A, 2}, {A, 0}}), pc(30, {{M, 5}, {A, 3}})});
     ASSERT_EQ(map.inlines.size(), 2u);
     EXPECT_EQ(map.inlines[0].start, 0u);
     EXPECT_EQ(map.inlines[0].end, 30u);
@@ -145,7 +147,8 @@ TEST(JvmtiCodeMap, RandomRecordsKeepTheTreeWellFormed) {
 }
 
 TEST(JvmtiCodeMap, LocationMapDropsNegativeBcis) {
-    const CodeMap map = buildCodeMapFromLocations(kBase, 0x30, M, {{kBase + 0x10, 4}, {kBase + 0x18, -1}, {kBase + 0x20, 6}});
+    const CodeMap map =
+        buildCodeMapFromLocations(kBase, 0x30, M, {{kBase + 0x10, 4}, {kBase + 0x18, -1}, {kBase + 0x20, 6}});
     EXPECT_EQ(show(map.nativeToManaged), "[0,16)->4 [16,32)->6 ");
     EXPECT_TRUE(map.inlines.empty());
 }

@@ -37,6 +37,8 @@ void DefaultSymbolFileLocator::locate(const char* modulePath, ILocatedFile::Ptr&
         debugFile.reset(new LocatedFile(pdb));
 }
 
-ISymbolFileLocator::Ptr ISymbolFileLocator::createDefault() { return Ptr(new DefaultSymbolFileLocator()); }
+ISymbolFileLocator::Ptr ISymbolFileLocator::createDefault() {
+    return Ptr(new DefaultSymbolFileLocator());
+}
 
 QUARVEL_NAMESPACE_END

@@ -2,13 +2,13 @@
 
 #include <quarvel/diagnostics.h>
 
+#include "api/symbol_resolver.h"
 #include "ingest/jit_file_reader.h"
-#include "support/assertion.h"
-#include "support/result.h"
 #include "ingest/jit_files_manager.h"
 #include "model/jit_method.h"
 #include "model/region.h"
-#include "api/symbol_resolver.h"
+#include "support/assertion.h"
+#include "support/result.h"
 
 #include <set>
 #include <sstream>
@@ -120,8 +120,8 @@ quarvel_error_t checkTraceFiles(generic_iterator_t<const char*>& paths, TraceRef
     }
 }
 
-quarvel_error_t resolveJitPoint(const ISymbolResolver::Ptr& resolver, u64 timestamp, u64 virtualAddress,
-                                unsigned pid, unsigned hostId, u64& jitRva) {
+quarvel_error_t resolveJitPoint(const ISymbolResolver::Ptr& resolver, u64 timestamp, u64 virtualAddress, unsigned pid,
+                                unsigned hostId, u64& jitRva) {
     if (!resolver)
         return meInvalidPointer;
     const SymbolResolver* impl = asResolver(resolver);

@@ -1,7 +1,7 @@
 #include "api/jit_loader.h"
 
-#include "support/log.h"
 #include "model/module_evaluator.h"
+#include "support/log.h"
 
 #include <mutex>
 #include <new>
@@ -136,8 +136,12 @@ IJitLoader::Ptr createLoader(Sequence& jitFiles) {
 
 } // namespace
 
-IJitLoader::Ptr IJitLoader::create(generic_iterator_t<const char*>& jitFiles) { return createLoader(jitFiles); }
+IJitLoader::Ptr IJitLoader::create(generic_iterator_t<const char*>& jitFiles) {
+    return createLoader(jitFiles);
+}
 
-IJitLoader::Ptr IJitLoader::create(generic_iterator_t<JitFileDescriptor>& jitFiles) { return createLoader(jitFiles); }
+IJitLoader::Ptr IJitLoader::create(generic_iterator_t<JitFileDescriptor>& jitFiles) {
+    return createLoader(jitFiles);
+}
 
 QUARVEL_NAMESPACE_END

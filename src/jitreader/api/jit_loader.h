@@ -29,8 +29,8 @@ public:
     quarvel_error_t getHostIdByName(const char* hostName, unsigned* hostId) const override;
     quarvel_error_t resolveJitPoint(u64 timestamp, u64 virtualAddress, unsigned pid, unsigned hostId, u64* jitRva,
                                     IModule::Ptr& module) override;
-    quarvel_error_t findOverlappedRegion(u64 timestamp, u64 startAddress, u64 endAddress, unsigned pid,
-                                         unsigned hostId, ICodeRegion::Ptr& region) override;
+    quarvel_error_t findOverlappedRegion(u64 timestamp, u64 startAddress, u64 endAddress, unsigned pid, unsigned hostId,
+                                         ICodeRegion::Ptr& region) override;
     IModuleEvaluator::Ptr getModuleEvaluator(const char* modulePath) const override;
     quarvel_error_t findSymbol(const char* moduleName, unsigned methodId, ISymbol::Ptr& symbol) override;
 

@@ -52,7 +52,6 @@ public:
     void completeDotNetMethod(const JitMethod::Ptr& method, const DotNetMethod& dotNetMethod);
 
 private:
-
     typedef tbb::concurrent_hash_map<std::string, IAssemblyReader::Ptr> AssemblyReaderCache;
 
     AssemblyReaderCache m_assemblyReaders;

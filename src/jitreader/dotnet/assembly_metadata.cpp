@@ -51,8 +51,7 @@ Expected<std::shared_ptr<const AssemblyMetadata>> AssemblyMetadata::open(const P
     const char* streamName = m->m_root.has("#~") ? "#~" : m->m_root.has("#-") ? "#-" : nullptr;
     if (!streamName)
         return Reason::badInput("the metadata has no table stream (#~ or #-)").inFile(name);
-    Expected<MetadataTables> tables =
-        MetadataTables::parse(m->m_root.stream(streamName), name, m->m_root.has("#JTD"));
+    Expected<MetadataTables> tables = MetadataTables::parse(m->m_root.stream(streamName), name, m->m_root.has("#JTD"));
     if (!tables)
         return tables.reason();
     m->m_tables = std::move(tables.value());

@@ -55,9 +55,7 @@ public:
 
     uint32_t methodCount() const { return m_tables.rows(table::MethodDef); }
     // The TypeDef rid that owns a method, 0 when none does.
-    uint32_t declaringType(uint32_t methodRid) const {
-        return methodRid < m_owner.size() ? m_owner[methodRid] : 0;
-    }
+    uint32_t declaringType(uint32_t methodRid) const { return methodRid < m_owner.size() ? m_owner[methodRid] : 0; }
     // A MethodDef token (0x06xxxxxx) described; the reason names what was
     // damaged. The IL body is left for readIlBody: looking at it touches the
     // method's code, which naming does not need.

@@ -1,6 +1,5 @@
 #include "dotnet/metadata_root.h"
 
-
 QUARVEL_NAMESPACE_BEGIN
 
 namespace {

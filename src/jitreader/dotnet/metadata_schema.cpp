@@ -11,10 +11,14 @@ const uint8_t N = CodedIndexSchema::kNoTable;
 
 const uint8_t kTypeDefOrRef[] = {TypeDef, TypeRef, TypeSpec};
 const uint8_t kHasConstant[] = {Field, Param, Property};
-const uint8_t kHasCustomAttribute[] = {MethodDef, Field,        TypeRef,  TypeDef,      Param,    InterfaceImpl,
-                                       MemberRef, Module,       DeclSecurity, Property, Event,    StandAloneSig,
-                                       ModuleRef, TypeSpec,     Assembly, AssemblyRef,  File,     ExportedType,
-                                       ManifestResource, GenericParam, GenericParamConstraint, MethodSpec};
+const uint8_t kHasCustomAttribute[] = {MethodDef,        Field,        TypeRef,
+                                       TypeDef,          Param,        InterfaceImpl,
+                                       MemberRef,        Module,       DeclSecurity,
+                                       Property,         Event,        StandAloneSig,
+                                       ModuleRef,        TypeSpec,     Assembly,
+                                       AssemblyRef,      File,         ExportedType,
+                                       ManifestResource, GenericParam, GenericParamConstraint,
+                                       MethodSpec};
 const uint8_t kHasFieldMarshal[] = {Field, Param};
 const uint8_t kHasDeclSecurity[] = {TypeDef, MethodDef, Assembly};
 const uint8_t kMemberRefParent[] = {TypeDef, TypeRef, ModuleRef, MethodDef, TypeSpec};
@@ -25,32 +29,47 @@ const uint8_t kImplementation[] = {File, AssemblyRef, ExportedType};
 const uint8_t kCustomAttributeType[] = {N, N, MethodDef, MemberRef, N};
 const uint8_t kResolutionScope[] = {Module, ModuleRef, AssemblyRef, TypeRef};
 const uint8_t kTypeOrMethodDef[] = {TypeDef, MethodDef};
-const uint8_t kHasCustomDebugInformation[] = {
-    MethodDef,    Field,        TypeRef,     TypeDef,      Param,         InterfaceImpl, MemberRef,    Module,
-    DeclSecurity, Property,     Event,       StandAloneSig, ModuleRef,    TypeSpec,      Assembly,     AssemblyRef,
-    File,         ExportedType, ManifestResource, GenericParam, GenericParamConstraint, MethodSpec, Document,
-    LocalScope,   LocalVariable, LocalConstant, ImportScope};
+const uint8_t kHasCustomDebugInformation[] = {MethodDef,        Field,         TypeRef,
+                                              TypeDef,          Param,         InterfaceImpl,
+                                              MemberRef,        Module,        DeclSecurity,
+                                              Property,         Event,         StandAloneSig,
+                                              ModuleRef,        TypeSpec,      Assembly,
+                                              AssemblyRef,      File,          ExportedType,
+                                              ManifestResource, GenericParam,  GenericParamConstraint,
+                                              MethodSpec,       Document,      LocalScope,
+                                              LocalVariable,    LocalConstant, ImportScope};
 
-#define QV_CODED(bits, list) \
-    CodedIndexSchema { bits, static_cast<uint8_t>(sizeof(list)), list }
+#define QV_CODED(bits, list)                           \
+    CodedIndexSchema {                                 \
+        bits, static_cast<uint8_t>(sizeof(list)), list \
+    }
 const CodedIndexSchema kCodedIndices[] = {
-    QV_CODED(2, kTypeDefOrRef),      QV_CODED(2, kHasConstant),        QV_CODED(5, kHasCustomAttribute),
-    QV_CODED(1, kHasFieldMarshal),   QV_CODED(2, kHasDeclSecurity),    QV_CODED(3, kMemberRefParent),
-    QV_CODED(1, kHasSemantics),      QV_CODED(1, kMethodDefOrRef),     QV_CODED(1, kMemberForwarded),
-    QV_CODED(2, kImplementation),    QV_CODED(3, kCustomAttributeType), QV_CODED(2, kResolutionScope),
-    QV_CODED(1, kTypeOrMethodDef),   QV_CODED(5, kHasCustomDebugInformation),
+    QV_CODED(2, kTypeDefOrRef),        QV_CODED(2, kHasConstant),
+    QV_CODED(5, kHasCustomAttribute),  QV_CODED(1, kHasFieldMarshal),
+    QV_CODED(2, kHasDeclSecurity),     QV_CODED(3, kMemberRefParent),
+    QV_CODED(1, kHasSemantics),        QV_CODED(1, kMethodDefOrRef),
+    QV_CODED(1, kMemberForwarded),     QV_CODED(2, kImplementation),
+    QV_CODED(3, kCustomAttributeType), QV_CODED(2, kResolutionScope),
+    QV_CODED(1, kTypeOrMethodDef),     QV_CODED(5, kHasCustomDebugInformation),
 };
 #undef QV_CODED
-static_assert(sizeof(kCodedIndices) / sizeof(kCodedIndices[0]) == std::size_t(CodedIndex::count), "one schema per kind");
+static_assert(sizeof(kCodedIndices) / sizeof(kCodedIndices[0]) == std::size_t(CodedIndex::count),
+              "one schema per kind");
 
 constexpr ColumnSchema c2{ColumnKind::fixed2};
 constexpr ColumnSchema c4{ColumnKind::fixed4};
 constexpr ColumnSchema S{ColumnKind::string};
 constexpr ColumnSchema G{ColumnKind::guid};
 constexpr ColumnSchema B{ColumnKind::blob};
-constexpr ColumnSchema T(uint8_t t) { return ColumnSchema{ColumnKind::table, t}; }
-constexpr ColumnSchema L(uint8_t t, uint8_t ptr = N) { return ColumnSchema{ColumnKind::list, t, ptr}; }
-constexpr ColumnSchema C(CodedIndex k) { return ColumnSchema{ColumnKind::coded, static_cast<uint8_t>(k)}; }
+constexpr ColumnSchema T(uint8_t t) {
+    return ColumnSchema{ColumnKind::table, t};
+}
+constexpr ColumnSchema L(uint8_t t, uint8_t ptr = N) {
+    return ColumnSchema{ColumnKind::list, t, ptr};
+}
+constexpr ColumnSchema C(CodedIndex k) {
+    return ColumnSchema{ColumnKind::coded, static_cast<uint8_t>(k)};
+}
 
 struct Entry {
     uint8_t id;
@@ -70,7 +89,8 @@ const Entry kTables[] = {
     {InterfaceImpl, {"InterfaceImpl", 2, {T(TypeDef), C(CodedIndex::TypeDefOrRef)}}},
     {MemberRef, {"MemberRef", 3, {C(CodedIndex::MemberRefParent), S, B}}},
     {Constant, {"Constant", 3, {c2, C(CodedIndex::HasConstant), B}}},
-    {CustomAttribute, {"CustomAttribute", 3, {C(CodedIndex::HasCustomAttribute), C(CodedIndex::CustomAttributeType), B}}},
+    {CustomAttribute,
+     {"CustomAttribute", 3, {C(CodedIndex::HasCustomAttribute), C(CodedIndex::CustomAttributeType), B}}},
     {FieldMarshal, {"FieldMarshal", 2, {C(CodedIndex::HasFieldMarshal), B}}},
     {DeclSecurity, {"DeclSecurity", 3, {c2, C(CodedIndex::HasDeclSecurity), B}}},
     {ClassLayout, {"ClassLayout", 3, {c2, c4, T(TypeDef)}}},
@@ -128,7 +148,9 @@ const TableSchema* tableSchema(unsigned id) {
     return id < table::count ? index.byId[id] : nullptr;
 }
 
-const CodedIndexSchema& codedIndexSchema(CodedIndex kind) { return kCodedIndices[static_cast<unsigned>(kind)]; }
+const CodedIndexSchema& codedIndexSchema(CodedIndex kind) {
+    return kCodedIndices[static_cast<unsigned>(kind)];
+}
 
 bool decodeCodedIndex(CodedIndex kind, uint32_t value, uint8_t& tableId, uint32_t& rid) {
     const CodedIndexSchema& schema = codedIndexSchema(kind);

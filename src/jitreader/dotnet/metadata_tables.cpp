@@ -16,8 +16,8 @@ std::string hexId(unsigned id) {
 
 } // namespace
 
-Expected<MetadataTables> MetadataTables::parse(const ByteCursor& stream, const std::string& fileName,
-                                               bool minimalDelta, const TableRowCounts* typeSystemRows) {
+Expected<MetadataTables> MetadataTables::parse(const ByteCursor& stream, const std::string& fileName, bool minimalDelta,
+                                               const TableRowCounts* typeSystemRows) {
     MetadataTables t;
     ByteCursor c = stream;
     t.m_data = stream.data();
@@ -55,7 +55,9 @@ Expected<MetadataTables> MetadataTables::parse(const ByteCursor& stream, const s
     if (typeSystemRows)
         for (unsigned id = 0; id < table::Document; ++id)
             sizing[id] = (*typeSystemRows)[id];
-    auto large = [&](unsigned id) { return minimalDelta || sizing[id] >= kLargeTable; };
+    auto large = [&](unsigned id) {
+        return minimalDelta || sizing[id] >= kLargeTable;
+    };
     auto codedWidth = [&](CodedIndex kind) -> uint8_t {
         const CodedIndexSchema& schema = codedIndexSchema(kind);
         const uint32_t limit = 1u << (16 - schema.tagBits);
@@ -80,19 +82,33 @@ Expected<MetadataTables> MetadataTables::parse(const ByteCursor& stream, const s
             const ColumnSchema& column = schema->columns[col];
             uint8_t width = 2;
             switch (column.kind) {
-            case ColumnKind::fixed2: width = 2; break;
-            case ColumnKind::fixed4: width = 4; break;
-            case ColumnKind::string: width = stringWidth; break;
-            case ColumnKind::guid: width = guidWidth; break;
-            case ColumnKind::blob: width = blobWidth; break;
-            case ColumnKind::table: width = large(column.target) ? 4 : 2; break;
+            case ColumnKind::fixed2:
+                width = 2;
+                break;
+            case ColumnKind::fixed4:
+                width = 4;
+                break;
+            case ColumnKind::string:
+                width = stringWidth;
+                break;
+            case ColumnKind::guid:
+                width = guidWidth;
+                break;
+            case ColumnKind::blob:
+                width = blobWidth;
+                break;
+            case ColumnKind::table:
+                width = large(column.target) ? 4 : 2;
+                break;
             case ColumnKind::list:
                 width = large(column.target) ||
                                 (column.pointerTable != CodedIndexSchema::kNoTable && large(column.pointerTable))
                             ? 4
                             : 2;
                 break;
-            case ColumnKind::coded: width = codedWidth(static_cast<CodedIndex>(column.target)); break;
+            case ColumnKind::coded:
+                width = codedWidth(static_cast<CodedIndex>(column.target));
+                break;
             }
             t.m_offset[id][col] = static_cast<uint8_t>(offset);
             t.m_width[id][col] = width;
@@ -105,8 +121,9 @@ Expected<MetadataTables> MetadataTables::parse(const ByteCursor& stream, const s
         const uint64_t bytes = uint64_t(t.m_rows[id]) * offset;
         if (bytes > stream.size() - at)
             return Reason::badInput(std::string("table ") + schema->name + " (" + std::to_string(t.m_rows[id]) +
-                                    " rows of " + std::to_string(offset) + " bytes) runs past the end of the table stream (" +
-                                    std::to_string(stream.size()) + " bytes)")
+                                    " rows of " + std::to_string(offset) +
+                                    " bytes) runs past the end of the table stream (" + std::to_string(stream.size()) +
+                                    " bytes)")
                 .inFile(fileName)
                 .at(t.m_base + at);
         at += static_cast<size_t>(bytes);

@@ -120,8 +120,8 @@ Expected<PeImage> PeImage::parse(const FileBytes& file) {
 
     if (sectionCount > c.remaining() / 40)
         return bad(file, c.fileOffset(),
-                   std::to_string(sectionCount) + " sections do not fit in the file (" +
-                       std::to_string(c.remaining()) + " bytes left)");
+                   std::to_string(sectionCount) + " sections do not fit in the file (" + std::to_string(c.remaining()) +
+                       " bytes left)");
     image.m_sections.resize(sectionCount);
     for (PeSection& s : image.m_sections) {
         const uint8_t* name = nullptr;
@@ -213,8 +213,8 @@ Expected<ByteCursor> PeImage::sectionRest(uint32_t rva, const char* what) const 
 
 Expected<ByteCursor> PeImage::atFileOffset(uint32_t offset, uint32_t size, const char* what) const {
     if (uint64_t(offset) + size > m_file.size())
-        return Reason::badInput(std::string(what) + " (" + std::to_string(size) + " bytes) runs past the end of the file (" +
-                                std::to_string(m_file.size()) + " bytes)")
+        return Reason::badInput(std::string(what) + " (" + std::to_string(size) +
+                                " bytes) runs past the end of the file (" + std::to_string(m_file.size()) + " bytes)")
             .inFile(name())
             .at(offset);
     return ByteCursor(m_file.data() + offset, size, ByteCursor::Order::little, offset);

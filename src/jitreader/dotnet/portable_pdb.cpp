@@ -53,7 +53,8 @@ Expected<std::shared_ptr<const PortablePdb>> PortablePdb::open(const FileBytes& 
         if (!(referenced >> t & 1))
             continue;
         if (t >= table::Document)
-            return Reason::badInput("#Pdb counts rows of table " + std::to_string(t) + ", which is not a type system table")
+            return Reason::badInput("#Pdb counts rows of table " + std::to_string(t) +
+                                    ", which is not a type system table")
                 .inFile(file.name())
                 .at(s.fileOffset() - 8);
         s.u32(typeSystemRows[t], "type system table row count");

@@ -126,8 +126,8 @@ Verdict corlibReference(const AssemblyMetadata& a, bool& anyReference) {
 bool isCoreCorlib(const AssemblyMetadata& a) {
     uint32_t nameIndex = 0;
     std::string name;
-    return a.tables().read(table::Assembly, 1, kAssemblyName, nameIndex) &&
-           a.heaps().appendString(nameIndex, name) && name == "System.Private.CoreLib";
+    return a.tables().read(table::Assembly, 1, kAssemblyName, nameIndex) && a.heaps().appendString(nameIndex, name) &&
+           name == "System.Private.CoreLib";
 }
 
 } // namespace

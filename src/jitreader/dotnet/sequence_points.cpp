@@ -11,8 +11,12 @@ namespace {
 const uint32_t kLimit = 0x20000000; // IL offsets and lines lie below it
 const uint32_t kColumnLimit = 0x10000;
 
-bool validLine(int64_t line) { return line >= 0 && line < kLimit && line != SequencePoint::kHiddenLine; }
-bool validColumn(int64_t column) { return column >= 0 && column < kColumnLimit; }
+bool validLine(int64_t line) {
+    return line >= 0 && line < kLimit && line != SequencePoint::kHiddenLine;
+}
+bool validColumn(int64_t column) {
+    return column >= 0 && column < kColumnLimit;
+}
 
 Reason damage(const ByteCursor& c, uint64_t at, const std::string& message) {
     return Reason::badInput(c ? message : c.error()).at(at).ofField("sequence points");
@@ -86,7 +90,8 @@ Status decodeSequencePoints(ByteCursor c, uint32_t document, std::vector<Sequenc
         } else {
             int32_t line = 0;
             int32_t column = 0;
-            if (!readCompressedSigned(c, line, "start line delta") || !readCompressedSigned(c, column, "start column delta"))
+            if (!readCompressedSigned(c, line, "start line delta") ||
+                !readCompressedSigned(c, column, "start column delta"))
                 return damage(c, at, "");
             startLine = previousLine + line;
             startColumn = previousColumn + column;

@@ -63,25 +63,44 @@ enum CallingConvention : uint8_t {
 
 const char* primitiveName(uint8_t code) {
     switch (code) {
-    case kVoid: return "void";
-    case kBoolean: return "bool";
-    case kChar: return "char";
-    case kI1: return "sbyte";
-    case kU1: return "byte";
-    case kI2: return "short";
-    case kU2: return "ushort";
-    case kI4: return "int";
-    case kU4: return "uint";
-    case kI8: return "long";
-    case kU8: return "ulong";
-    case kR4: return "float";
-    case kR8: return "double";
-    case kString: return "string";
-    case kTypedByRef: return "TypedReference";
-    case kI: return "nint";
-    case kU: return "nuint";
-    case kObject: return "object";
-    default: return nullptr;
+    case kVoid:
+        return "void";
+    case kBoolean:
+        return "bool";
+    case kChar:
+        return "char";
+    case kI1:
+        return "sbyte";
+    case kU1:
+        return "byte";
+    case kI2:
+        return "short";
+    case kU2:
+        return "ushort";
+    case kI4:
+        return "int";
+    case kU4:
+        return "uint";
+    case kI8:
+        return "long";
+    case kU8:
+        return "ulong";
+    case kR4:
+        return "float";
+    case kR8:
+        return "double";
+    case kString:
+        return "string";
+    case kTypedByRef:
+        return "TypedReference";
+    case kI:
+        return "nint";
+    case kU:
+        return "nuint";
+    case kObject:
+        return "object";
+    default:
+        return nullptr;
     }
 }
 
@@ -149,8 +168,9 @@ bool SignatureDecoder::method(ByteCursor& c, const GenericContext& context, unsi
         return false;
     // Each is spelled from a GenericParam row: a count beyond them is damage.
     if (out.genericCount > m_tables->rows(table::GenericParam)) {
-        fail(c, at, std::to_string(out.genericCount) + " generic parameters, but " +
-                        std::to_string(m_tables->rows(table::GenericParam)) + " GenericParam rows");
+        fail(c, at,
+             std::to_string(out.genericCount) + " generic parameters, but " +
+                 std::to_string(m_tables->rows(table::GenericParam)) + " GenericParam rows");
         return false;
     }
     uint32_t count = 0;
@@ -288,8 +308,8 @@ bool SignatureDecoder::type(ByteCursor& c, const GenericContext& context, unsign
     }
 }
 
-bool SignatureDecoder::typeDefOrRef(ByteCursor& c, const GenericContext& context, unsigned depth,
-                                    unsigned& budget, std::string& out) const {
+bool SignatureDecoder::typeDefOrRef(ByteCursor& c, const GenericContext& context, unsigned depth, unsigned& budget,
+                                    std::string& out) const {
     const uint64_t at = c.fileOffset();
     uint32_t coded = 0;
     if (!readCompressedUnsigned(c, coded, "type token"))
@@ -375,8 +395,8 @@ bool SignatureDecoder::arrayShape(ByteCursor& c, std::string& out) const {
     return true;
 }
 
-bool SignatureDecoder::functionPointer(ByteCursor& c, const GenericContext& context, unsigned depth,
-                                       unsigned& budget, std::string& out) const {
+bool SignatureDecoder::functionPointer(ByteCursor& c, const GenericContext& context, unsigned depth, unsigned& budget,
+                                       std::string& out) const {
     MethodSignatureText signature;
     if (!method(c, context, depth + 1, budget, signature))
         return false;
@@ -384,14 +404,29 @@ bool SignatureDecoder::functionPointer(ByteCursor& c, const GenericContext& cont
     if (signature.header & kHasThis)
         out += " instance";
     switch (signature.header & kCallingConventionMask) {
-    case kDefault: break;
-    case kCDecl: out += " unmanaged[Cdecl]"; break;
-    case kStdCall: out += " unmanaged[Stdcall]"; break;
-    case kThisCall: out += " unmanaged[Thiscall]"; break;
-    case kFastCall: out += " unmanaged[Fastcall]"; break;
-    case kVarArg: out += " vararg"; break;
-    case kUnmanaged: out += " unmanaged"; break;
-    default: out += " callconv(" + std::to_string(signature.header & kCallingConventionMask) + ")"; break;
+    case kDefault:
+        break;
+    case kCDecl:
+        out += " unmanaged[Cdecl]";
+        break;
+    case kStdCall:
+        out += " unmanaged[Stdcall]";
+        break;
+    case kThisCall:
+        out += " unmanaged[Thiscall]";
+        break;
+    case kFastCall:
+        out += " unmanaged[Fastcall]";
+        break;
+    case kVarArg:
+        out += " vararg";
+        break;
+    case kUnmanaged:
+        out += " unmanaged";
+        break;
+    default:
+        out += " callconv(" + std::to_string(signature.header & kCallingConventionMask) + ")";
+        break;
     }
     out += '<';
     out += signature.parameters;

@@ -52,6 +52,7 @@ public:
 
     // A MethodDefSig (or MethodRefSig) from the blob heap.
     Status decodeMethod(uint32_t blobIndex, const GenericContext& context, MethodSignatureText& out) const;
+
 private:
     // `budget`: the types this signature may still spell.
     bool method(ByteCursor& c, const GenericContext& context, unsigned depth, unsigned& budget,

@@ -25,8 +25,9 @@ void TypeNames::build() {
     for (uint32_t rid = 1; rid <= rows; ++rid) {
         uint32_t nested = 0;
         uint32_t enclosing = 0;
-        if (m_tables->read(table::NestedClass, rid, 0, nested) && m_tables->read(table::NestedClass, rid, 1, enclosing) &&
-            nested <= types && enclosing <= types && !m_enclosing[nested])
+        if (m_tables->read(table::NestedClass, rid, 0, nested) &&
+            m_tables->read(table::NestedClass, rid, 1, enclosing) && nested <= types && enclosing <= types &&
+            !m_enclosing[nested])
             m_enclosing[nested] = enclosing;
     }
     size_t budget = kCacheFactor * (m_heaps->stringsSize() + 64);

@@ -170,8 +170,8 @@ Status DotnetRuntimeEventDecoder::decodeILToNativeMap(const NettraceEvent& event
     out.version = versionOf(event);
     out.ilVersionId = 0;
     uint16_t count = 0;
-    if (!c.u64(out.methodId, "MethodID") || !c.u64(out.rejitId, "ReJITID") ||
-        !c.u8(out.methodExtent, "MethodExtent") || !c.u16(count, "CountOfMapEntries"))
+    if (!c.u64(out.methodId, "MethodID") || !c.u64(out.rejitId, "ReJITID") || !c.u8(out.methodExtent, "MethodExtent") ||
+        !c.u16(count, "CountOfMapEntries"))
         return refuse(c, event, "IL-to-native map");
     // Both arrays must fit before anything is sized by the count.
     if (static_cast<size_t>(count) * 8 > c.remaining()) {
@@ -211,7 +211,8 @@ Status DotnetRuntimeEventDecoder::decodeModule(const NettraceEvent& event, const
     if (out.version >= 1 && !c.u16(out.clrInstanceId, "ClrInstanceID"))
         return refuse(c, event, "module event");
     if (out.version >= 2) {
-        if (!readGuid(c, out.managedPdbSignature, "ManagedPdbSignature") || !c.u32(out.managedPdbAge, "ManagedPdbAge") ||
+        if (!readGuid(c, out.managedPdbSignature, "ManagedPdbSignature") ||
+            !c.u32(out.managedPdbAge, "ManagedPdbAge") ||
             !nettrace::readUtf16String(c, out.managedPdbBuildPath, "ManagedPdbBuildPath") ||
             !readGuid(c, out.nativePdbSignature, "NativePdbSignature") || !c.u32(out.nativePdbAge, "NativePdbAge") ||
             !nettrace::readUtf16String(c, out.nativePdbBuildPath, "NativePdbBuildPath"))

@@ -17,7 +17,7 @@ QUARVEL_NAMESPACE_BEGIN
 
 enum class DotnetEventKind : uint8_t {
     other,
-    method,             // MethodLoad/Unload(Verbose), MethodDCStart/End(Verbose)
+    method, // MethodLoad/Unload(Verbose), MethodDCStart/End(Verbose)
     methodILToNativeMap,
     module,
     assembly,

@@ -6,8 +6,7 @@ QUARVEL_NAMESPACE_BEGIN
 
 // Raw id, raw parent id, load time, a region count that must be 1, the one
 // region, then the descriptive tail of the load records.
-Expected<TraceInlineLoad> decodeInlineLoad(const Record& record, const std::string& file,
-                                           const BodyOptions& options) {
+Expected<TraceInlineLoad> decodeInlineLoad(const Record& record, const std::string& file, const BodyOptions& options) {
     TraceInlineLoad load;
     ByteCursor cursor(record.data.data(), record.data.size(), ByteCursor::Order::little, record.bodyOffset());
     const auto refuse = [&](const char* field, std::string message) -> Expected<TraceInlineLoad> {
@@ -32,20 +31,17 @@ Expected<TraceInlineLoad> decodeInlineLoad(const Record& record, const std::stri
     at = cursor.offset();
     uint16_t regionCount = 0;
     if (!cursor.u16(regionCount, "number of code regions") || regionCount != 1)
-        return badValue(at, "number of code regions",
-                                           "Invalid number of code regions: " + std::to_string(regionCount));
+        return badValue(at, "number of code regions", "Invalid number of code regions: " + std::to_string(regionCount));
 
     TraceCodeRegion& region = load.region;
     at = cursor.offset();
     if (!cursor.u64(region.startAddress, "start address of code range") || region.startAddress == 0)
         return badValue(at, "start address of code range",
-                                           "Invalid start address of code range: " +
-                                               std::to_string(region.startAddress));
+                        "Invalid start address of code range: " + std::to_string(region.startAddress));
     at = cursor.offset();
     if (!cursor.u32(region.codeSize, "size of code range") || region.codeSize == 0 ||
         region.startAddress > std::numeric_limits<uint64_t>::max() - region.codeSize)
-        return badValue(at, "size of code range",
-                                           "Invalid size of code range: " + std::to_string(region.codeSize));
+        return badValue(at, "size of code range", "Invalid size of code range: " + std::to_string(region.codeSize));
     at = cursor.offset();
     uint32_t byteCount = 0;
     if (!cursor.u32(byteCount, "number of code range's bytes"))
@@ -54,7 +50,7 @@ Expected<TraceInlineLoad> decodeInlineLoad(const Record& record, const std::stri
     const uint8_t* bytes = nullptr;
     if (byteCount > cursor.remaining() || !cursor.bytes(byteCount, bytes, "code bytes"))
         return badValue(at, "number of code range's bytes",
-                                           "Invalid number of code range's bytes: " + std::to_string(byteCount));
+                        "Invalid number of code range's bytes: " + std::to_string(byteCount));
     if (options.keepCodeBytes)
         region.bytes.assign(bytes, bytes + byteCount);
 

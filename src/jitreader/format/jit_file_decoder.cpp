@@ -16,8 +16,7 @@ u32 littleEndian32(const uint8_t* p) {
 
 } // namespace
 
-JitFileDecoder::JitFileDecoder(const ustring& path, u32_t pid, u32_t hostId, jit_rva_t jitRvaBase,
-                               decoding_mode_t mode)
+JitFileDecoder::JitFileDecoder(const ustring& path, u32_t pid, u32_t hostId, jit_rva_t jitRvaBase, decoding_mode_t mode)
     : m_path(path), m_mode(mode), m_hostId(hostId), m_pid(pid), m_jitRvaBase(jitRvaBase) {
     QV_TRACE("jitPath: " << path << " pid: " << pid << " hostId: " << hostId);
     m_lastError = Reason::notFound("Couldn't open the jit file", meFileOpenError).inFile(path);
@@ -44,12 +43,14 @@ JitFileDecoder::JitFileDecoder(const ustring& path, u32_t pid, u32_t hostId, jit
     m_open = true;
 }
 
-JitFileDecoder::JitFileDecoder(const std::string& name, ByteSpan bytes, u32_t pid, u32_t hostId,
-                               jit_rva_t jitRvaBase, decoding_mode_t mode)
-    : m_path(name), m_bytes(bytes), m_open(true), m_mode(mode), m_hostId(hostId), m_pid(pid),
-      m_jitRvaBase(jitRvaBase) {}
+JitFileDecoder::JitFileDecoder(const std::string& name, ByteSpan bytes, u32_t pid, u32_t hostId, jit_rva_t jitRvaBase,
+                               decoding_mode_t mode)
+    : m_path(name), m_bytes(bytes), m_open(true), m_mode(mode), m_hostId(hostId), m_pid(pid), m_jitRvaBase(jitRvaBase) {
+}
 
-void JitFileDecoder::logRefusal(const Reason& reason) const { QV_ERROR("Refused a record: " << reason.text()); }
+void JitFileDecoder::logRefusal(const Reason& reason) const {
+    QV_ERROR("Refused a record: " << reason.text());
+}
 
 quarvel_error_t JitFileDecoder::damaged(const char* message, const char* field, u64 offset) {
     QV_ERROR(message);

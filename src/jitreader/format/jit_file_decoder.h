@@ -28,8 +28,8 @@ public:
     JitFileDecoder(const ustring& path, u32_t pid, u32_t hostId, jit_rva_t jitRvaBase, decoding_mode_t mode);
     // Records framed from bytes in memory, named `name` in messages. The
     // bytes must outlive the decoder.
-    JitFileDecoder(const std::string& name, ByteSpan bytes, u32_t pid = 0, u32_t hostId = 0,
-                   jit_rva_t jitRvaBase = 0, decoding_mode_t mode = dmCodeBytes);
+    JitFileDecoder(const std::string& name, ByteSpan bytes, u32_t pid = 0, u32_t hostId = 0, jit_rva_t jitRvaBase = 0,
+                   decoding_mode_t mode = dmCodeBytes);
 
     JitFileDecoder(const JitFileDecoder&) = delete;
     JitFileDecoder& operator=(const JitFileDecoder&) = delete;

@@ -122,8 +122,8 @@ Status JitdumpReader::readHeader() {
         c.setOrder(ByteCursor::Order::big);
         m_header.bigEndian = true;
     } else if (magic != kMagic) {
-        return refuse(0, "magic", "not a jitdump: magic " + hex(magic) + " is not " + hex(kMagic) +
-                                      " in either byte order");
+        return refuse(0, "magic",
+                      "not a jitdump: magic " + hex(magic) + " is not " + hex(kMagic) + " in either byte order");
     }
     JitdumpHeader& h = m_header;
     c.u32(h.version, "version");
@@ -270,9 +270,8 @@ bool JitdumpReader::readDebugInfo(ByteCursor& body, JitdumpDebugInfo& info) {
         return false;
     if (count > body.remaining() / kMinDebugEntrySize)
         return damaged(JitdumpRecordKind::debugInfo, m_offset + kDebugCountAt, "CODE_DEBUG_INFO nr_entry",
-                       "nr_entry " + std::to_string(count) + " needs at least " +
-                           std::to_string(kMinDebugEntrySize) + " bytes each, the record has " +
-                           std::to_string(body.remaining()) + " left");
+                       "nr_entry " + std::to_string(count) + " needs at least " + std::to_string(kMinDebugEntrySize) +
+                           " bytes each, the record has " + std::to_string(body.remaining()) + " left");
     info.entries.reserve(static_cast<size_t>(count));
     std::string_view previousFile;
     for (uint64_t i = 0; i < count; ++i) {
@@ -306,8 +305,8 @@ bool JitdumpReader::readUnwindingInfo(ByteCursor& body, JitdumpUnwindingInfo& un
                            std::to_string(body.remaining()) + " bytes left in the record");
     if (unwinding.ehFrameHdrSize > unwinding.unwindDataSize)
         return damaged(kind, fieldsAt + 8, "CODE_UNWINDING_INFO eh_frame_hdr_size",
-                       "eh_frame_hdr_size " + std::to_string(unwinding.ehFrameHdrSize) +
-                           " exceeds unwinding_size " + std::to_string(unwinding.unwindDataSize));
+                       "eh_frame_hdr_size " + std::to_string(unwinding.ehFrameHdrSize) + " exceeds unwinding_size " +
+                           std::to_string(unwinding.unwindDataSize));
     unwinding.dataOffset = body.fileOffset();
     return body.bytes(static_cast<size_t>(unwinding.unwindDataSize), unwinding.data, "CODE_UNWINDING_INFO data");
 }

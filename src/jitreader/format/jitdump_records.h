@@ -70,7 +70,7 @@ struct JitdumpDebugEntry {
     uint64_t address = 0; // as written: some writers add a bias (see JitdumpDebugBias)
     int32_t line = 0;
     int32_t discriminator = 0;
-    std::string_view file; // resolved: the previous entry's file for the "same file" form
+    std::string_view file;           // resolved: the previous entry's file for the "same file" form
     bool sameFileAsPrevious = false; // written as the two bytes 0xFF 0x00
 };
 

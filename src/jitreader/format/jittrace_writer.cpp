@@ -1,7 +1,7 @@
 #include <quarvel/jittrace_writer.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include <fcntl.h>
@@ -146,7 +146,9 @@ uint32_t methodLoadType(int version, bool is64) {
 
 JitTraceWriter::JitTraceWriter() = default;
 
-JitTraceWriter::~JitTraceWriter() { close(); }
+JitTraceWriter::~JitTraceWriter() {
+    close();
+}
 
 bool JitTraceWriter::open(const std::string& path, bool append) {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -201,7 +203,9 @@ bool JitTraceWriter::writeAll(const std::vector<uint8_t>& bytes) {
     return true;
 }
 
-bool JitTraceWriter::writeMagic(uint32_t value) { return writeAll(jittrace::frameValue(quarvel_jt_Magic, value)); }
+bool JitTraceWriter::writeMagic(uint32_t value) {
+    return writeAll(jittrace::frameValue(quarvel_jt_Magic, value));
+}
 
 bool JitTraceWriter::writeCollectorType(uint32_t type) {
     return writeAll(jittrace::frameValue(quarvel_jt_CollectorType, type));
@@ -212,7 +216,8 @@ bool JitTraceWriter::writeMethodLoad(int version, bool is64, const TraceMethodLo
         m_error = "unknown method load version " + std::to_string(version);
         return false;
     }
-    return writeAll(jittrace::frameSized(jittrace::methodLoadType(version, is64), jittrace::encodeMethodLoad(load, version)));
+    return writeAll(
+        jittrace::frameSized(jittrace::methodLoadType(version, is64), jittrace::encodeMethodLoad(load, version)));
 }
 
 bool JitTraceWriter::writeMethodUpdate(const TraceMethodLoad& update) {
@@ -232,6 +237,8 @@ bool JitTraceWriter::writeRuntimeInfo(const TraceRuntimeInfo& info) {
     return writeAll(jittrace::frameSized(quarvel_jt_ManagedRuntimeInfo, jittrace::encodeRuntimeInfo(info)));
 }
 
-bool JitTraceWriter::writeRaw(const std::vector<uint8_t>& bytes) { return writeAll(bytes); }
+bool JitTraceWriter::writeRaw(const std::vector<uint8_t>& bytes) {
+    return writeAll(bytes);
+}
 
 QUARVEL_NAMESPACE_END

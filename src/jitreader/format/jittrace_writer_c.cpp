@@ -36,7 +36,8 @@ struct Converter {
 
     bool table(const quarvel_trace_line_table& t, const char* field, std::vector<quarvel_line_number_entry>& out) {
         if (t.count > kMaxCount || (t.count && !t.entries)) {
-            error = std::string(field) + (t.count > kMaxCount ? " has more than 65535 rows" : " has rows but no entries");
+            error =
+                std::string(field) + (t.count > kMaxCount ? " has more than 65535 rows" : " has rows but no entries");
             return false;
         }
         out.assign(t.entries, t.entries + t.count);
@@ -59,9 +60,9 @@ struct Converter {
         out.checksumType = t.checksum_type;
         out.language = t.language;
         out.metadataToken = t.metadata_token;
-        return text(t.module_name, "module_name", out.moduleName) && text(t.method_name, "method_name", out.methodName) &&
-               text(t.class_name, "class_name", out.className) && text(t.source_file, "source_file", out.sourceFile) &&
-               text(t.checksum, "checksum", out.checksum) &&
+        return text(t.module_name, "module_name", out.moduleName) &&
+               text(t.method_name, "method_name", out.methodName) && text(t.class_name, "class_name", out.className) &&
+               text(t.source_file, "source_file", out.sourceFile) && text(t.checksum, "checksum", out.checksum) &&
                table(t.managed_to_source, "managed_to_source", out.lines.managedToSource) &&
                table(t.native_to_managed, "native_to_managed", out.lines.nativeToManaged) &&
                table(t.native_to_source, "native_to_source", out.lines.nativeToSource);
@@ -142,7 +143,9 @@ QUARVEL_API int quarvel_trace_writer_open(const char* path, int append, quarvel_
     return quarvel_trace_ok;
 }
 
-QUARVEL_API void quarvel_trace_writer_close(quarvel_trace_writer* writer) { delete writer; }
+QUARVEL_API void quarvel_trace_writer_close(quarvel_trace_writer* writer) {
+    delete writer;
+}
 
 QUARVEL_API const char* quarvel_trace_writer_error(const quarvel_trace_writer* writer) {
     if (!writer)
@@ -157,13 +160,14 @@ QUARVEL_API uint64_t quarvel_trace_writer_bytes_written(const quarvel_trace_writ
 
 QUARVEL_API int quarvel_trace_write_magic(quarvel_trace_writer* writer, uint32_t value) {
     static const int dummy = 0;
-    return append(writer, &dummy, [](Converter&) { return true; }, [&] { return writer->writer.writeMagic(value); });
+    return append(
+        writer, &dummy, [](Converter&) { return true; }, [&] { return writer->writer.writeMagic(value); });
 }
 
 QUARVEL_API int quarvel_trace_write_collector_type(quarvel_trace_writer* writer, uint32_t type) {
     static const int dummy = 0;
-    return append(writer, &dummy, [](Converter&) { return true; },
-                  [&] { return writer->writer.writeCollectorType(type); });
+    return append(
+        writer, &dummy, [](Converter&) { return true; }, [&] { return writer->writer.writeCollectorType(type); });
 }
 
 QUARVEL_API int quarvel_trace_write_method_load(quarvel_trace_writer* writer, int version, int is64,
@@ -184,8 +188,9 @@ QUARVEL_API int quarvel_trace_write_method_load(quarvel_trace_writer* writer, in
 QUARVEL_API int quarvel_trace_write_method_update(quarvel_trace_writer* writer,
                                                   const quarvel_trace_method_load* update) {
     TraceMethodLoad record;
-    return append(writer, update, [&](Converter& c) { return c.load(*update, record); },
-                  [&] { return writer->writer.writeMethodUpdate(record); });
+    return append(
+        writer, update, [&](Converter& c) { return c.load(*update, record); },
+        [&] { return writer->writer.writeMethodUpdate(record); });
 }
 
 QUARVEL_API int quarvel_trace_write_inline_load(quarvel_trace_writer* writer, int is64,
@@ -221,8 +226,7 @@ QUARVEL_API int quarvel_trace_write_update_v2(quarvel_trace_writer* writer, cons
         [&] { return writer->writer.writeUpdateV2(record); });
 }
 
-QUARVEL_API int quarvel_trace_write_runtime_info(quarvel_trace_writer* writer,
-                                                 const quarvel_trace_runtime_info* info) {
+QUARVEL_API int quarvel_trace_write_runtime_info(quarvel_trace_writer* writer, const quarvel_trace_runtime_info* info) {
     TraceRuntimeInfo record;
     return append(
         writer, info,

@@ -140,8 +140,7 @@ bool NettraceMetadataParser::parseRow(ByteCursor& c, NettraceEventMetadata& out)
     return true;
 }
 
-bool NettraceMetadataParser::parseRowFields(ByteCursor& c, std::vector<NettraceFieldDescription>* out,
-                                            unsigned depth) {
+bool NettraceMetadataParser::parseRowFields(ByteCursor& c, std::vector<NettraceFieldDescription>* out, unsigned depth) {
     if (depth > kMaxNesting)
         return failNesting(c);
     uint16_t count = 0;

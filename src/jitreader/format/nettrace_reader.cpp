@@ -255,8 +255,7 @@ bool NettraceReader::endBlock() {
         if (!c.u8(tag, "end-of-object tag"))
             return failCursor(c, m_block.kind);
         if (tag != tagEndObject)
-            return fail(m_afterBlock, m_block.kind,
-                        "end-of-object tag is " + std::to_string(tag) + " (6 expected)");
+            return fail(m_afterBlock, m_block.kind, "end-of-object tag is " + std::to_string(tag) + " (6 expected)");
         m_pos = m_afterBlock + 1;
     } else {
         m_pos = m_afterBlock;
@@ -282,7 +281,8 @@ bool NettraceReader::openNextObject() {
         return false;
     }
     if (tag != tagBeginPrivateObject)
-        return fail(at, "object header", "tag " + std::to_string(tag) + " (5, begin object, or 1, end of stream, expected)");
+        return fail(at, "object header",
+                    "tag " + std::to_string(tag) + " (5, begin object, or 1, end of stream, expected)");
     uint8_t typeBegin = 0, typeNull = 0, typeEnd = 0;
     uint32_t version = 0, minimumReader = 0, nameLength = 0;
     const uint8_t* name = nullptr;
@@ -314,7 +314,8 @@ bool NettraceReader::openNextObject() {
         if (!c.u8(end, "end-of-object tag"))
             return failCursor(c, "Trace object");
         if (end != tagEndObject)
-            return fail(c.fileOffset() - 1, "Trace object", "end-of-object tag is " + std::to_string(end) + " (6 expected)");
+            return fail(c.fileOffset() - 1, "Trace object",
+                        "end-of-object tag is " + std::to_string(end) + " (6 expected)");
         m_pos = c.offset();
         m_haveTrace = true;
         return true;
@@ -486,7 +487,8 @@ bool NettraceReader::readMetadataEvents(ByteCursor c) {
         ByteCursor payload = c.sub(header.payloadSize, "metadata payload");
         if (!c)
             return failCursor(c, "metadata event");
-        if (header.rowSize && !c.skip(static_cast<size_t>(at + 4 + header.rowSize - c.fileOffset()), "metadata padding"))
+        if (header.rowSize &&
+            !c.skip(static_cast<size_t>(at + 4 + header.rowSize - c.fileOffset()), "metadata padding"))
             return failCursor(c, "metadata event");
         NettraceEventMetadata metadata;
         if (!NettraceMetadataParser::parseEventPayload(payload, metadata))
@@ -534,7 +536,8 @@ bool NettraceReader::readSequencePoint(ByteCursor c) {
     for (uint32_t i = 0; i < count; ++i) {
         uint64_t index = 0;
         uint32_t sequence = 0;
-        if (!nettrace::readVarUInt64(c, index, "thread index") || !nettrace::readVarUInt32(c, sequence, "sequence number"))
+        if (!nettrace::readVarUInt64(c, index, "thread index") ||
+            !nettrace::readVarUInt32(c, sequence, "sequence number"))
             return failCursor(c, "SequencePoint block");
     }
     if (flags & 1) {
@@ -587,7 +590,8 @@ bool NettraceReader::readRemoveThreadBlock(ByteCursor c) {
     while (!c.atEnd()) {
         uint64_t index = 0;
         uint32_t sequence = 0;
-        if (!nettrace::readVarUInt64(c, index, "thread index") || !nettrace::readVarUInt32(c, sequence, "sequence number"))
+        if (!nettrace::readVarUInt64(c, index, "thread index") ||
+            !nettrace::readVarUInt32(c, sequence, "sequence number"))
             return failCursor(c, "RemoveThread block");
         m_threads.erase(index);
         m_sequences.erase(index);

@@ -102,8 +102,8 @@ struct NettraceEvent {
     uint32_t processId = 0;       // the trace's process unless a version 6 thread row says otherwise
     uint32_t processorNumber = 0;
     uint32_t stackId = 0;
-    uint64_t timestamp = 0;   // raw ticks
-    uint64_t timeNs = 0;      // the same instant in nanoseconds of the trace's clock
+    uint64_t timestamp = 0; // raw ticks
+    uint64_t timeNs = 0;    // the same instant in nanoseconds of the trace's clock
     bool isSorted = false;
     const uint8_t* payload = nullptr;
     size_t payloadSize = 0;

@@ -12,7 +12,9 @@ QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
 
 void skipBlanks(std::string_view line, size_t& i) {
     while (i < line.size() && isBlank(line[i]))
@@ -105,8 +107,8 @@ bool PerfMapReader::detect(const uint8_t* data, size_t size) {
     ByteCursor c(data, std::min(size, kDetectWindow));
     while (!c.atEnd()) {
         const void* end = std::memchr(c.data() + c.offset(), '\n', c.remaining());
-        const size_t length = end ? static_cast<size_t>(static_cast<const uint8_t*>(end) - (c.data() + c.offset()))
-                                  : c.remaining();
+        const size_t length =
+            end ? static_cast<size_t>(static_cast<const uint8_t*>(end) - (c.data() + c.offset())) : c.remaining();
         const uint8_t* p = nullptr;
         c.bytes(length, p, "line");
         c.skip(end ? 1 : 0, "line end");
@@ -138,7 +140,8 @@ void PerfMapReader::malformed(uint64_t offset, std::string why) {
     ++m_malformed;
     if (m_problems.size() < kKeptProblems)
         m_problems.push_back(
-            {m_line, Reason::badInput(std::move(why)).inFile(m_path).at(offset).ofField("line " + std::to_string(m_line))});
+            {m_line,
+             Reason::badInput(std::move(why)).inFile(m_path).at(offset).ofField("line " + std::to_string(m_line))});
 }
 
 bool PerfMapReader::next(PerfMapEntry& entry) {

@@ -17,7 +17,7 @@
 QUARVEL_NAMESPACE_BEGIN
 
 struct BodyOptions {
-    bool keepCodeBytes = true; // copy code bytes into the structs
+    bool keepCodeBytes = true;  // copy code bytes into the structs
     bool keepLineTables = true; // false: line tables are checked and skipped
 };
 

@@ -28,8 +28,8 @@ struct RecordTypeInfo {
     const char* logLine; // "JIT TRACE: MethodLoad", ...
     Framing framing;
     BodyKind body;
-    int loadVersion;     // 0..3 for method loads and updates, else -1
-    bool secondVariant;  // the second type of a load pair (64-bit code)
+    int loadVersion;    // 0..3 for method loads and updates, else -1
+    bool secondVariant; // the second type of a load pair (64-bit code)
 };
 
 // Null for a type the format does not know (1, 3, 16 and up but Magic).

@@ -26,13 +26,11 @@ Expected<TraceUpdateV2> decodeUpdateV2(const Record& record, const std::string& 
     at = cursor.offset();
     if (!cursor.u64(update.startAddress, "start address of code range") || update.startAddress == 0)
         return badValue(at, "start address of code range",
-                                           "Invalid start address of code range: " +
-                                               std::to_string(update.startAddress));
+                        "Invalid start address of code range: " + std::to_string(update.startAddress));
     at = cursor.offset();
     if (!cursor.u32(update.length, "length of code range") || update.length == 0 ||
         update.startAddress > std::numeric_limits<uint64_t>::max() - update.length)
-        return badValue(at, "length of code range",
-                                           "Invalid length of code range: " + std::to_string(update.length));
+        return badValue(at, "length of code range", "Invalid length of code range: " + std::to_string(update.length));
     at = cursor.offset();
     uint32_t byteCount = 0;
     const uint8_t* bytes = nullptr;
@@ -41,13 +39,12 @@ Expected<TraceUpdateV2> decodeUpdateV2(const Record& record, const std::string& 
     // An update without new bytes has nothing to say.
     if (byteCount == 0 || byteCount > cursor.remaining() || !cursor.bytes(byteCount, bytes, "code bytes"))
         return badValue(at, "number of code range's bytes",
-                                           "Invalid number of code range's bytes: " + std::to_string(byteCount));
+                        "Invalid number of code range's bytes: " + std::to_string(byteCount));
     update.bytes.assign(bytes, bytes + byteCount);
     if (!cursor.atEnd())
-        return refuse("method update", std::to_string(cursor.remaining()) +
-                                           " unexpected bytes after the code bytes (bytesRead = " +
-                                           std::to_string(cursor.offset()) +
-                                           ", traceLen = " + std::to_string(cursor.size()) + ")");
+        return refuse("method update",
+                      std::to_string(cursor.remaining()) + " unexpected bytes after the code bytes (bytesRead = " +
+                          std::to_string(cursor.offset()) + ", traceLen = " + std::to_string(cursor.size()) + ")");
     return update;
 }
 

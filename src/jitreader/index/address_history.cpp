@@ -60,8 +60,8 @@ bool AddressHistory::plan(u64 start, u64 end, u64 newLoadTime, std::vector<Piece
 
 // [start, end) lies under `top`. Walks down the history there to where
 // newLoadTime falls, stretch by stretch, in address order.
-void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::vector<Piece>& pieces,
-                             u32& clash, bool& ok) const {
+void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash,
+                             bool& ok) const {
     struct Step {
         u64 start;
         u64 end;
@@ -172,9 +172,9 @@ void AddressHistory::link(u32 self, const std::vector<Piece>& pieces, bool quiet
         }
         if (!quiet)
             QV_INFO("Unloaded code region (ip range = " << ipSpan(p.start, p.end) << ") from method "
-                                                        << placed.method->getRawMethodId() << ", name = "
-                                                        << placed.method->getMethodName() << ", load time = "
-                                                        << placed.method->getLoadTime());
+                                                        << placed.method->getRawMethodId()
+                                                        << ", name = " << placed.method->getMethodName()
+                                                        << ", load time = " << placed.method->getLoadTime());
     }
 }
 

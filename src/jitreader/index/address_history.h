@@ -31,7 +31,7 @@ public:
         u64 start;
         u64 end;
         u64 loadTime;
-        Region* region;   // kept alive by its method
+        Region* region; // kept alive by its method
         JitMethod* method;
     };
 
@@ -104,8 +104,7 @@ private:
     void link(u32 self, const std::vector<Piece>& pieces, bool quiet);
     size_t endLives(u64 start, u64 end, u64 time);
     u32 below(u32 slot, u64 address) const;
-    void descend(u64 start, u64 end, u32 top, u64 loadTime, std::vector<Piece>& pieces, u32& clash,
-                 bool& ok) const;
+    void descend(u64 start, u64 end, u32 top, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok) const;
     // owner has `slot` directly below it on the stretches of pieces whose above is owner.
     void relink(u32 owner, const std::vector<Piece>& pieces, u32 slot);
     bool endLife(u32 slot, u64 time);
@@ -117,7 +116,7 @@ private:
     // Registration state.
     std::vector<LinkRun> m_runs; // per slot
     std::vector<Link> m_links;
-    size_t m_staleLinks = 0;    // links of runs that a relink replaced
+    size_t m_staleLinks = 0; // links of runs that a relink replaced
     TopMap m_top;
     // Regions placed below a later load somewhere: only these can stay live
     // where something else is on top.

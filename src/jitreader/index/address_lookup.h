@@ -12,17 +12,17 @@ QUARVEL_NAMESPACE_BEGIN
 struct AddressLookup {
     enum Outcome {
         found,
-        noSpace,   // nothing was ever loaded in the address space
-        noRange,   // no code was ever loaded at the address
-        tooEarly,  // every region there was loaded after the moment asked for
-        unloaded   // the region there had ended its life by then
+        noSpace,  // nothing was ever loaded in the address space
+        noRange,  // no code was ever loaded at the address
+        tooEarly, // every region there was loaded after the moment asked for
+        unloaded  // the region there had ended its life by then
     };
     Outcome outcome = noRange;
-    Region* region = nullptr;     // found, unloaded
-    JitMethod* method = nullptr;  // found, unloaded
-    u64 rangeStart = 0;           // the stretch of addresses the answer holds for
+    Region* region = nullptr;    // found, unloaded
+    JitMethod* method = nullptr; // found, unloaded
+    u64 rangeStart = 0;          // the stretch of addresses the answer holds for
     u64 rangeEnd = 0;
-    u64 jitRvaBias = 0;           // found: jit rva = address + jitRvaBias (mod 2^64)
+    u64 jitRvaBias = 0; // found: jit rva = address + jitRvaBias (mod 2^64)
 
     bool ok() const { return outcome == found; }
 };

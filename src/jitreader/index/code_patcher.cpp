@@ -30,9 +30,9 @@ bool CodePatcher::takePatchedCopies(const JitMethod& rawMethod, const JitRvaInde
         if (patched.content())
             stored[i]->takeBytesFrom(patched);
         QV_INFO("Updated code region (ip range = " << ipSpan(patched.startAddress(), patched.endAddress())
-                                                   << ") from method " << rawMethod.getRawMethodId() << ", name = "
-                                                   << rawMethod.getMethodName() << ", load time = "
-                                                   << rawMethod.getLoadTime());
+                                                   << ") from method " << rawMethod.getRawMethodId()
+                                                   << ", name = " << rawMethod.getMethodName()
+                                                   << ", load time = " << rawMethod.getLoadTime());
     }
     return true;
 }
@@ -69,10 +69,9 @@ Status CodePatcher::patch(const Region& update, u32 methodId, Region& region, co
     replaced->assign(bytes.data(), static_cast<unsigned>(bytes.size()));
     region.setContent(replaced);
 
-    QV_INFO("Updated code region (ip range = " << ipSpan(region.startAddress(), region.endAddress())
-                                               << ") from method " << methodId << ", name = "
-                                               << method.getMethodName() << ", load time = "
-                                               << method.getLoadTime());
+    QV_INFO("Updated code region (ip range = " << ipSpan(region.startAddress(), region.endAddress()) << ") from method "
+                                               << methodId << ", name = " << method.getMethodName()
+                                               << ", load time = " << method.getLoadTime());
     return Status::success();
 }
 

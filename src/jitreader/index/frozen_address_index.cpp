@@ -171,7 +171,9 @@ void FrozenAddressIndex::build(const std::vector<AddressHistory::Slot>& slots) {
         e.method = s.method;
         return e;
     };
-    auto byLoadTime = [&slots](u32 a, u32 b) { return slots[a].loadTime < slots[b].loadTime; };
+    auto byLoadTime = [&slots](u32 a, u32 b) {
+        return slots[a].loadTime < slots[b].loadTime;
+    };
 
     // Leaf tree nodes are pieces: their regions join the pieces' lists.
     std::sort(nodeItems.begin(), nodeItems.end(), byNodeThenTime);
@@ -227,8 +229,8 @@ void FrozenAddressIndex::build(const std::vector<AddressHistory::Slot>& slots) {
 }
 
 size_t FrozenAddressIndex::firstStartingAbove(u64 address) const {
-    const size_t block = static_cast<size_t>(
-        std::upper_bound(m_blockStarts.begin(), m_blockStarts.end(), address) - m_blockStarts.begin());
+    const size_t block = static_cast<size_t>(std::upper_bound(m_blockStarts.begin(), m_blockStarts.end(), address) -
+                                             m_blockStarts.begin());
     if (block == 0)
         return 0;
     const auto first = m_starts.begin() + static_cast<std::ptrdiff_t>((block - 1) * kBlock);

@@ -62,8 +62,8 @@ private:
     std::vector<u64> m_starts;
     std::vector<u64> m_blockStarts;
     std::vector<Piece> m_pieces;
-    std::vector<Entry> m_entries;  // older regions of pieces, then the lists of inner tree nodes
-    std::vector<u32> m_nodeFirst;  // inner node i (1 <= i < pieces) lists m_entries[m_nodeFirst[i], m_nodeFirst[i + 1])
+    std::vector<Entry> m_entries; // older regions of pieces, then the lists of inner tree nodes
+    std::vector<u32> m_nodeFirst; // inner node i (1 <= i < pieces) lists m_entries[m_nodeFirst[i], m_nodeFirst[i + 1])
 };
 
 QUARVEL_NAMESPACE_END

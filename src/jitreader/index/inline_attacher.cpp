@@ -14,14 +14,20 @@ using index::ipSpan;
 
 namespace {
 
-bool overlaps(const Range& a, const Range& b) { return a.start < b.end() && b.start < a.end(); }
+bool overlaps(const Range& a, const Range& b) {
+    return a.start < b.end() && b.start < a.end();
+}
 
 bool liesInside(const Range& inner, const Range& outer) {
     return outer.start <= inner.start && inner.end() <= outer.end();
 }
 
-IpRange ipRange(const Range& range) { return ipSpan(range.start, range.end()); }
-IpRange ipRange(const Region& region) { return ipSpan(region.startAddress(), region.endAddress()); }
+IpRange ipRange(const Range& range) {
+    return ipSpan(range.start, range.end());
+}
+IpRange ipRange(const Region& region) {
+    return ipSpan(region.startAddress(), region.endAddress());
+}
 
 // True when target is root or lies anywhere in root's inline tree.
 bool inTree(const Region* target, const Region& root) {
@@ -97,7 +103,9 @@ Status InlineAttacher::attachToRegion(const JitMethod::Ptr& inlineMethod, const 
     return attach(inlineMethod, parentRegion, parentMethod, false, true);
 }
 
-void InlineAttacher::offerParent(const JitMethod::Ptr& parentMethod) { attachWaiting(*parentMethod, true); }
+void InlineAttacher::offerParent(const JitMethod::Ptr& parentMethod) {
+    attachWaiting(*parentMethod, true);
+}
 
 void InlineAttacher::forget(const JitMethod::Ptr& inlineMethod) {
     const auto parent = m_inlineParents.find(inlineMethod->getMethodId());
@@ -212,11 +220,11 @@ Status InlineAttacher::attach(const JitMethod::Ptr& inlineMethod, Region::Ptr pa
 
     target->addChildRegion(inlineRegion, inlineMethod);
     inlineMethod->setInlineAttached(true);
-    m_grown.push_back(Grown{target, JitMethod::Ptr(const_cast<JitMethod*>(&parentMethod)),
-                            topLevel && target == parentRegion});
+    m_grown.push_back(
+        Grown{target, JitMethod::Ptr(const_cast<JitMethod*>(&parentMethod)), topLevel && target == parentRegion});
     QV_INFO("Added inline method (method id = " << rawId << ") into parent's code region (method id = "
-                                                << parentMethod.getRawMethodId() << ", ip range = "
-                                                << ipRange(*target) << ")");
+                                                << parentMethod.getRawMethodId() << ", ip range = " << ipRange(*target)
+                                                << ")");
     return Status::success();
 }
 
@@ -287,9 +295,9 @@ void InlineAttacher::normalizePending() {
         QV_CHECK(startAddr, settled = false);
         if (!settled)
             continue;
-        QV_TRACE("Normalize method's (method id = " << g.owner->getRawMethodId() << ", startJitRva = "
-                                                    << g.owner->getStartJitRva() << ") code region "
-                                                    << ipRange(region));
+        QV_TRACE("Normalize method's (method id = " << g.owner->getRawMethodId()
+                                                    << ", startJitRva = " << g.owner->getStartJitRva()
+                                                    << ") code region " << ipRange(region));
         if (normalizeTree(region) != meSuccess)
             QV_INDEX_ERROR("Couldn't normalize method's (method id = "
                            << g.owner->getRawMethodId() << ", startJitRva = " << g.owner->getStartJitRva()

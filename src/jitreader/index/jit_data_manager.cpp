@@ -12,8 +12,7 @@
 
 // A failed precondition that file content can reach: reported with its text
 // and refused with it.
-#define QV_INDEX_CHECK(cond, code) \
-    QV_CHECK(cond, return ::quarvel::index::refusal(ErrorKind::badInput, code, #cond))
+#define QV_INDEX_CHECK(cond, code) QV_CHECK(cond, return ::quarvel::index::refusal(ErrorKind::badInput, code, #cond))
 
 QUARVEL_NAMESPACE_BEGIN
 
@@ -26,7 +25,9 @@ const u64 kInvalidJitRva = std::numeric_limits<u64>::max();
 
 // Ranges are compared by start + length: a range that wraps past the top of
 // the 64-bit space is never stored.
-bool fitsIn64(u64 start, u32 length) { return start <= std::numeric_limits<u64>::max() - length; }
+bool fitsIn64(u64 start, u32 length) {
+    return start <= std::numeric_limits<u64>::max() - length;
+}
 
 jit_rva_t methodStartJitRva(const JitMethod& method) {
     if (method.getStartJitRva() || !method.regionCount())
@@ -34,7 +35,9 @@ jit_rva_t methodStartJitRva(const JitMethod& method) {
     return method.regions().front()->startJitRva();
 }
 
-u64 spaceKey(u32 pid, u32 hostId) { return static_cast<u64>(hostId) << 32 | pid; }
+u64 spaceKey(u32 pid, u32 hostId) {
+    return static_cast<u64>(hostId) << 32 | pid;
+}
 
 } // namespace
 
@@ -51,19 +54,17 @@ JitDataManager::AddressSpace* JitDataManager::existingSpace(u32 pid, u32 hostId)
 
 const JitDataManager::AddressSpace* JitDataManager::space(u32 pid, u32 hostId) const {
     const u64 key = spaceKey(pid, hostId);
-    const auto it = std::lower_bound(m_spaces.begin(), m_spaces.end(), key,
-                                     [](const std::pair<u64, std::unique_ptr<AddressSpace>>& e, u64 k) {
-                                         return e.first < k;
-                                     });
+    const auto it =
+        std::lower_bound(m_spaces.begin(), m_spaces.end(), key,
+                         [](const std::pair<u64, std::unique_ptr<AddressSpace>>& e, u64 k) { return e.first < k; });
     return it != m_spaces.end() && it->first == key ? it->second.get() : nullptr;
 }
 
 JitDataManager::AddressSpace& JitDataManager::spaceFor(u32 pid, u32 hostId) {
     const u64 key = spaceKey(pid, hostId);
-    auto it = std::lower_bound(m_spaces.begin(), m_spaces.end(), key,
-                               [](const std::pair<u64, std::unique_ptr<AddressSpace>>& e, u64 k) {
-                                   return e.first < k;
-                               });
+    auto it =
+        std::lower_bound(m_spaces.begin(), m_spaces.end(), key,
+                         [](const std::pair<u64, std::unique_ptr<AddressSpace>>& e, u64 k) { return e.first < k; });
     if (it == m_spaces.end() || it->first != key) {
         std::unique_ptr<AddressSpace> created(new AddressSpace());
         created->pid = pid;
@@ -135,8 +136,7 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
     const std::vector<Region::Ptr>& newRegions = stored == rawMethod ? copy : rawMethod->regions();
     if (stored) {
         QV_TRACE("Detected already cached code region with the same method id "
-                 << rawId << ", name = " << rawMethod->getMethodName() << ", load time = "
-                 << rawMethod->getLoadTime());
+                 << rawId << ", name = " << rawMethod->getMethodName() << ", load time = " << rawMethod->getLoadTime());
         if (stored->getLoadTime() == rawMethod->getLoadTime())
             for (const Region::Ptr& region : newRegions)
                 for (const Region::Ptr& old : stored->regions())
@@ -153,15 +153,14 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
     auto jitRvaClash = [&](const Region& region) -> Status {
         QV_INDEX_REFUSE(ErrorKind::badInput, meBadRecord,
                         "Couldn't add a region (addr=" << region.startAddress() << ", size=" << region.length()
-                                                       << ", methodID=" << rawId
-                                                       << ", jitRva=" << region.startJitRva()
+                                                       << ", methodID=" << rawId << ", jitRva=" << region.startJitRva()
                                                        << ") because jit rva ranges are overlapped.");
     };
     auto timeClash = [&](const Region& region) -> Status {
         QV_INDEX_REFUSE(ErrorKind::badInput, meNotFound,
                         "Couldn't add a splitted region (ip range = "
-                            << ipSpan(region.startAddress(), region.endAddress())
-                            << ", loadTime=" << region.loadTime() << ") in the single time domain");
+                            << ipSpan(region.startAddress(), region.endAddress()) << ", loadTime=" << region.loadTime()
+                            << ") in the single time domain");
     };
     // Within the record: no two regions share jit rvas, nor addresses at one moment.
     auto sameMoment = [](const Region& a, const Region& b) {
@@ -181,9 +180,8 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
         // Sorted, neighbours tell whether any two overlap.
         std::vector<size_t> order(newRegions.size());
         std::iota(order.begin(), order.end(), 0);
-        std::sort(order.begin(), order.end(), [&](size_t a, size_t b) {
-            return newRegions[a]->startJitRva() < newRegions[b]->startJitRva();
-        });
+        std::sort(order.begin(), order.end(),
+                  [&](size_t a, size_t b) { return newRegions[a]->startJitRva() < newRegions[b]->startJitRva(); });
         for (size_t i = 1; i < order.size(); ++i) {
             const Region& a = *newRegions[order[i - 1]];
             const Region& b = *newRegions[order[i]];
@@ -206,7 +204,7 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
         }
     }
     std::vector<AddressSpace*> thawed; // frozen spaces that planning needs as they were being read
-    bool planned = false; // m_pieces holds the plan of the last region checked
+    bool planned = false;              // m_pieces holds the plan of the last region checked
     for (const Region::Ptr& region : newRegions) {
         planned = false;
         const Region* refused = nullptr;
@@ -220,8 +218,8 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
                 thawed.push_back(target);
             }
             u32 clash = AddressHistory::kNone;
-            planned = target->history.plan(region->startAddress(), region->endAddress(), region->loadTime(), m_pieces,
-                                           clash);
+            planned =
+                target->history.plan(region->startAddress(), region->endAddress(), region->loadTime(), m_pieces, clash);
             if (!planned)
                 refused = region.get();
         }
@@ -261,8 +259,9 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
         const jit_rva_t newStart = methodStartJitRva(*rawMethod);
         const JitMethod::LineInfoMap newLines = rawMethod->getLineNumberInfo();
         for (const auto& entry : newLines)
-            for (quarvel_line_info_type type : {quarvel_line_info_native_to_managed, quarvel_line_info_managed_to_source,
-                                                quarvel_line_info_native_to_source})
+            for (quarvel_line_info_type type :
+                 {quarvel_line_info_native_to_managed, quarvel_line_info_managed_to_source,
+                  quarvel_line_info_native_to_source})
                 if (!entry.second.tables[type].empty())
                     stored->addLineNumberInfo(type, entry.second.tables[type],
                                               Range(entry.first.start + newStart, entry.first.length));
@@ -302,8 +301,7 @@ Status JitDataManager::processMethodInlineLoadRecord(u32 processId, u32 hostId, 
     if (byId) {
         if (rawMethodId == 0)
             QV_INDEX_REFUSE(ErrorKind::badInput, meNotFound,
-                            "Couldn't inline method (method id = " << rawMethodId
-                                                                   << ") because method id is invalid.");
+                            "Couldn't inline method (method id = " << rawMethodId << ") because method id is invalid.");
         if (rawParentId == 0)
             QV_INDEX_REFUSE(ErrorKind::badInput, meNotFound,
                             "Couldn't inline method (method id = " << rawMethodId << ") because its parent id = "
@@ -418,8 +416,7 @@ AddressLookup JitDataManager::lookup(u64 address, u64 timestamp, u32 pid, u32 ho
         none.outcome = AddressLookup::noSpace;
         return none;
     }
-    return target->frozenCurrent ? target->frozen.find(address, timestamp)
-                                 : target->history.find(address, timestamp);
+    return target->frozenCurrent ? target->frozen.find(address, timestamp) : target->history.find(address, timestamp);
 }
 
 void JitDataManager::traceMiss(const AddressLookup& miss, u32 pid, u64 address, u64 timestamp) {
@@ -443,8 +440,8 @@ void JitDataManager::traceMiss(const AddressLookup& miss, u32 pid, u64 address, 
     }
 }
 
-quarvel_error_t JitDataManager::findRegion(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId,
-                                           Region::Ptr& region, JitMethod::Ptr& method) const {
+quarvel_error_t JitDataManager::findRegion(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, Region::Ptr& region,
+                                           JitMethod::Ptr& method) const {
     region.reset();
     method.reset();
     const AddressLookup hit = lookup(virtualAddress, timestamp, pid, hostId);
@@ -471,9 +468,10 @@ quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestam
     }
     jitRva = virtualAddress + hit.jitRvaBias;
     method = hit.method;
-    QV_INFO("Resolved jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp << ") to jit rva = "
-                                           << jitRva << " of method " << method->getRawMethodId() << ", name = "
-                                           << method->getMethodName() << ", load time = " << method->getLoadTime());
+    QV_INFO("Resolved jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp
+                                           << ") to jit rva = " << jitRva << " of method " << method->getRawMethodId()
+                                           << ", name = " << method->getMethodName()
+                                           << ", load time = " << method->getLoadTime());
     return meSuccess;
 }
 
@@ -519,8 +517,9 @@ quarvel_error_t JitDataManager::findOverlappedRegion(u64 startAddress, u64 endAd
     const u64 probeEnd = startAddress + length;
     // The first region loaded strictly after the timestamp: what replaced the
     // code, not what was live at that moment.
-    const AddressLookup hit = target->frozenCurrent ? target->frozen.findLoadedAfter(startAddress, probeEnd, timestamp)
-                                                    : target->history.findLoadedAfter(startAddress, probeEnd, timestamp);
+    const AddressLookup hit = target->frozenCurrent
+                                  ? target->frozen.findLoadedAfter(startAddress, probeEnd, timestamp)
+                                  : target->history.findLoadedAfter(startAddress, probeEnd, timestamp);
     if (hit.outcome == AddressLookup::noRange) {
         QV_TRACE("Couldn't find a region for addr = " << startAddress);
         return meNotFound;

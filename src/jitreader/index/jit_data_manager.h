@@ -79,8 +79,7 @@ public:
     quarvel_error_t findOverlappedRegion(u64 startAddress, u64 endAddress, u64 timestamp, u32 pid, u32 hostId,
                                          ICodeRegion::Ptr& region) const;
     quarvel_error_t getCalleeTarget(u64 callerJitRva, u64 targetAddress, u64& calleeJitRva) const;
-    quarvel_error_t translateToJitRva(u32 methodId, u64 address, u64 baseJitRva, u64 jitRvaLimit,
-                                      u64& jitRva) const;
+    quarvel_error_t translateToJitRva(u32 methodId, u64 address, u64 baseJitRva, u64 jitRvaLimit, u64& jitRva) const;
     // The method that (module path, raw method id) names, the module path
     // being the one the method reports now (after any rename by the reading
     // pass). When methods of several address spaces share the pair, the one
@@ -94,11 +93,11 @@ public:
 
     // Sizes of the structures, for tests that hold the storage to its bounds.
     struct IndexStats {
-        size_t regions = 0;       // placed regions, all address spaces
-        size_t topIntervals = 0;  // latest-region intervals
-        size_t belowLinks = 0;    // history links between regions
-        size_t pieces = 0;        // pieces of the finalized query indexes
-        size_t pieceEntries = 0;  // region entries of the finalized query indexes
+        size_t regions = 0;      // placed regions, all address spaces
+        size_t topIntervals = 0; // latest-region intervals
+        size_t belowLinks = 0;   // history links between regions
+        size_t pieces = 0;       // pieces of the finalized query indexes
+        size_t pieceEntries = 0; // region entries of the finalized query indexes
         size_t jitRvaRuns = 0;
         size_t indexedRegions = 0; // regions indexed by every finalize() so far
     };

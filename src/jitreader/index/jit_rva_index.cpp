@@ -18,7 +18,9 @@ Run::const_iterator firstEndingAbove(const Run& run, u64 jitRva) {
     return it;
 }
 
-bool byStart(const RegionInfo& a, const RegionInfo& b) { return a.startJitRva < b.startJitRva; }
+bool byStart(const RegionInfo& a, const RegionInfo& b) {
+    return a.startJitRva < b.startJitRva;
+}
 
 } // namespace
 

@@ -14,7 +14,7 @@ QUARVEL_NAMESPACE_BEGIN
 struct RegionInfo {
     u64 startJitRva = 0;
     u32 length = 0;
-    Region* region = nullptr;   // kept alive by its method
+    Region* region = nullptr;    // kept alive by its method
     JitMethod* method = nullptr; // kept alive by the registered methods
 
     u64 endJitRva() const { return startJitRva + length; }

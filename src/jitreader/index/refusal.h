@@ -17,12 +17,12 @@
 
 // Logs the message built by expr at error level and returns it as a refusal
 // of the given kind (ErrorKind::badInput, ...) and code (4, 14).
-#define QV_INDEX_REFUSE(kind, code, expr)                                        \
-    do {                                                                         \
-        std::ostringstream qv_refusal_;                                          \
-        qv_refusal_ << expr;                                                     \
-        QV_INDEX_ERROR(qv_refusal_.str());                                       \
-        return ::quarvel::index::refusal(kind, code, qv_refusal_.str());    \
+#define QV_INDEX_REFUSE(kind, code, expr)                                \
+    do {                                                                 \
+        std::ostringstream qv_refusal_;                                  \
+        qv_refusal_ << expr;                                             \
+        QV_INDEX_ERROR(qv_refusal_.str());                               \
+        return ::quarvel::index::refusal(kind, code, qv_refusal_.str()); \
     } while (0)
 
 QUARVEL_NAMESPACE_BEGIN
@@ -49,7 +49,9 @@ inline std::ostream& operator<<(std::ostream& os, const IpRange& r) {
     return os << std::dec << r.start << "-" << r.end;
 }
 
-inline IpRange ipSpan(u64 start, u64 end) { return IpRange{start, end}; }
+inline IpRange ipSpan(u64 start, u64 end) {
+    return IpRange{start, end};
+}
 
 } // namespace index
 QUARVEL_NAMESPACE_END

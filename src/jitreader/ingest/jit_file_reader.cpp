@@ -242,7 +242,7 @@ void FilePass::updateV2(const Record& record) {
             meSuccess ||
         !found || !owner) {
         QV_ERROR("Couldn't find a range to be updated (jit file: " << m_decoder.path() << ", record offset "
-                                                                  << record.offset << ")");
+                                                                   << record.offset << ")");
         QV_ERROR("Failed to decode a UPDATE_V2 record");
         return refuseBody(record, Reason::notFound("Couldn't find a range to be updated at " +
                                                    std::to_string(update.startAddress) + ", load time " +
@@ -268,8 +268,8 @@ void FilePass::updateV2(const Record& record) {
     if ((m_decoder.mode() & dmCodeBytes) && found->content()) {
         IByteBuffer::Ptr content = IByteBuffer::create();
         content->assign(update.bytes.data(), static_cast<unsigned>(update.bytes.size()));
-        if (patched->addBytesUpdate(update.startAddress, update.length, content, quarvel_segment_code,
-                                    std::string()) != meSuccess) {
+        if (patched->addBytesUpdate(update.startAddress, update.length, content, quarvel_segment_code, std::string()) !=
+            meSuccess) {
             QV_ERROR("Failed to decode a UPDATE_V2 record");
             return refuseBody(record, Reason::badInput("the update does not fit the region's code bytes"));
         }
@@ -394,8 +394,8 @@ void JitFileReader::patchModuleName64(JitMethodStorage& methods) {
             continue;
         IModule::Ptr& slot = renamed[module.get()];
         if (!slot)
-            slot = IModule::Ptr(new Module(std::string(module->getFilePath()) + " (64)", module->isBogus(),
-                                           module->getArchitecture()));
+            slot = IModule::Ptr(
+                new Module(std::string(module->getFilePath()) + " (64)", module->isBogus(), module->getArchitecture()));
         method->info()->setModule(slot);
     }
 }

@@ -24,9 +24,9 @@ struct JitReadStats {
     // Refusals kept with their reasons; later ones are only counted.
     static constexpr size_t kKeptRefusals = 1000;
 
-    u64 files = 0;             // files a pass went through
-    u64 failedFiles = 0;       // files that could not be opened or ended in a damaged record
-    u64 bytes = 0;             // bytes consumed by the passes
+    u64 files = 0;                         // files a pass went through
+    u64 failedFiles = 0;                   // files that could not be opened or ended in a damaged record
+    u64 bytes = 0;                         // bytes consumed by the passes
     std::array<u64, kTypeSlots> records{}; // records read, by type
     u64 magicRecords = 0;
 
@@ -42,15 +42,15 @@ struct JitReadStats {
     u64 jitdumpCodeLoads = 0;
     u64 jitdumpCodeMoves = 0;
     u64 jitdumpDebugInfo = 0;
-    u64 jitdumpOtherRecords = 0;          // close, unwinding information, unknown types: skipped
-    u64 perfMapEntries = 0;               // well-formed lines
-    u64 perfMapEntriesLeftToJitdump = 0;  // lines over code a jitdump of the same process describes
-    u64 nettraceEvents = 0;               // events of .NET event traces, of every provider
-    u64 nettraceCodeLoads = 0;            // method loads: one per native code version
-    u64 nettraceRundownCode = 0;          // code only the rundown listed (precompiled, or compiled unseen)
-    u64 nettraceILMaps = 0;               // native-to-IL maps given to their code
-    u64 nettraceUnloads = 0;              // unloads that ended code's life (collectible and dynamic code)
-    u64 nettraceDroppedEvents = 0;        // events the runtime numbered but did not write (full buffers)
+    u64 jitdumpOtherRecords = 0;         // close, unwinding information, unknown types: skipped
+    u64 perfMapEntries = 0;              // well-formed lines
+    u64 perfMapEntriesLeftToJitdump = 0; // lines over code a jitdump of the same process describes
+    u64 nettraceEvents = 0;              // events of .NET event traces, of every provider
+    u64 nettraceCodeLoads = 0;           // method loads: one per native code version
+    u64 nettraceRundownCode = 0;         // code only the rundown listed (precompiled, or compiled unseen)
+    u64 nettraceILMaps = 0;              // native-to-IL maps given to their code
+    u64 nettraceUnloads = 0;             // unloads that ended code's life (collectible and dynamic code)
+    u64 nettraceDroppedEvents = 0;       // events the runtime numbered but did not write (full buffers)
 
     // Why: every refused record, damaged record and unreadable file, each
     // naming the file and the offset, in the order they were met.

@@ -1,7 +1,7 @@
 #include "ingest/jit_files_manager.h"
 
-#include "index/jit_data_manager.h"
 #include "format/jit_file_decoder.h"
+#include "index/jit_data_manager.h"
 #include "ingest/jitdump_file_reader.h"
 #include "ingest/nettrace_file_reader.h"
 #include "ingest/perf_map_file_reader.h"
@@ -12,19 +12,19 @@
 #include <boost/filesystem/operations.hpp>
 
 #include <fstream>
-#include <sstream>
 #include <limits>
+#include <sstream>
 
 QUARVEL_NAMESPACE_BEGIN
 
 namespace fs = boost::filesystem;
 
 // Refuses an initialisation: the reason is logged and kept for lastError().
-#define QV_REFUSE_INIT(code, expr)                                                                                 \
-    do {                                                                                                           \
-        std::ostringstream qv_message_;                                                                            \
-        qv_message_ << expr;                                                                                       \
-        return refuseInit(code, qv_message_.str());                                                                \
+#define QV_REFUSE_INIT(code, expr)                  \
+    do {                                            \
+        std::ostringstream qv_message_;             \
+        qv_message_ << expr;                        \
+        return refuseInit(code, qv_message_.str()); \
     } while (0)
 
 struct JitFilesManager::PendingFile {
@@ -52,7 +52,9 @@ bool isReadable(TraceFormat format) {
 
 // A process's perf maps are read after its other files: they leave to its
 // jitdumps the code those describe.
-int readingRound(TraceFormat format) { return format == TraceFormat::perfMap ? 1 : 0; }
+int readingRound(TraceFormat format) {
+    return format == TraceFormat::perfMap ? 1 : 0;
+}
 constexpr int kReadingRounds = 2;
 
 // A non-empty run of decimal digits that fits 32 bits.
@@ -73,7 +75,9 @@ bool parsePid(const std::string& text, unsigned int& pid) {
 
 } // namespace
 
-JitFilesManager::JitFilesManager() { m_hostNames.emplace_back(); }
+JitFilesManager::JitFilesManager() {
+    m_hostNames.emplace_back();
+}
 
 quarvel_error_t JitFilesManager::refuseInit(quarvel_error_t code, const std::string& message) const {
     QV_ERROR(message);
@@ -128,7 +132,8 @@ quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicit
     file.size = fs::file_size(path, ec);
     if (ec) {
         if (explicitPath) {
-            QV_REFUSE_INIT(meFileOpenError, "Couldn't read the size of jit file " << path.string() << ": " << ec.message());
+            QV_REFUSE_INIT(meFileOpenError,
+                           "Couldn't read the size of jit file " << path.string() << ": " << ec.message());
         }
         QV_INFO("Skipped " << path.string() << ": couldn't read its size: " << ec.message());
         return meSuccess;
@@ -144,14 +149,16 @@ quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicit
             QV_REFUSE_INIT(meNotFound, "Jit file " << path.string() << " is a " << traceFormatName(file.format)
                                                    << " file, which is not read yet");
         }
-        QV_INFO("Skipped " << path.string() << ": a " << traceFormatName(file.format) << " file, which is not read yet");
+        QV_INFO("Skipped " << path.string() << ": a " << traceFormatName(file.format)
+                           << " file, which is not read yet");
         return meSuccess;
     }
     if (file.format == TraceFormat::jitTrace) {
         if (parseJitFileName(file.fileName, file.pid, file.hostName) != meSuccess) {
             if (explicitPath) {
-                QV_REFUSE_INIT(meNotFound, "Jit file name " << path.string()
-                                          << " does not have the form <host>.<pid>.<ext> or <host>-<pid>.<ext>");
+                QV_REFUSE_INIT(meNotFound, "Jit file name "
+                                               << path.string()
+                                               << " does not have the form <host>.<pid>.<ext> or <host>-<pid>.<ext>");
             }
             QV_INFO("Skipped " << path.string() << ": not a jit file name (<host>.<pid>.<ext> or <host>-<pid>.<ext>)");
             return meSuccess;
@@ -160,7 +167,7 @@ quarvel_error_t JitFilesManager::collectFile(const fs::path& path, bool explicit
         if (!processOfRuntimeFile(file.format, path.string(), file.fileName, file.pid)) {
             if (explicitPath) {
                 QV_REFUSE_INIT(meNotFound, "Couldn't tell which process wrote " << traceFormatName(file.format)
-                                                                                 << " file " << path.string());
+                                                                                << " file " << path.string());
             }
             QV_INFO("Skipped " << path.string() << ": couldn't tell which process wrote it");
             return meSuccess;
@@ -179,13 +186,16 @@ quarvel_error_t JitFilesManager::collectPath(const char* text, std::vector<Pendi
     boost::system::error_code ec;
     const fs::file_status status = fs::status(path, ec);
     if (status.type() == fs::file_not_found || (ec && status.type() == fs::status_error)) {
-        QV_REFUSE_INIT(meJitFileNotFound, "Jit file path " << path.string() << " does not exist"
-                                  << (ec && status.type() == fs::status_error ? ": " + ec.message() : std::string()));
+        QV_REFUSE_INIT(
+            meJitFileNotFound, "Jit file path "
+                                   << path.string() << " does not exist"
+                                   << (ec && status.type() == fs::status_error ? ": " + ec.message() : std::string()));
     }
     if (fs::is_regular_file(status))
         return collectFile(path, true, pending);
     if (!fs::is_directory(status)) {
-        QV_REFUSE_INIT(meFileOpenError, "Jit file path " << path.string() << " is neither a regular file nor a directory");
+        QV_REFUSE_INIT(meFileOpenError,
+                       "Jit file path " << path.string() << " is neither a regular file nor a directory");
     }
 
     // Entries in ascending name order, each name once.
@@ -276,7 +286,8 @@ quarvel_error_t JitFilesManager::initialize(generic_iterator_t<JitFileDescriptor
         file.hostName = descriptor.hostName ? descriptor.hostName : "";
         file.size = fs::file_size(path, ec);
         if (ec) {
-            QV_REFUSE_INIT(meFileOpenError, "Couldn't read the size of jit file " << path.string() << ": " << ec.message());
+            QV_REFUSE_INIT(meFileOpenError,
+                           "Couldn't read the size of jit file " << path.string() << ": " << ec.message());
         }
         // The descriptor names the process and host; the content names the format.
         file.format = detectTraceFormat(path.string(), file.size).value_or(TraceFormat::jitTrace);
@@ -453,8 +464,7 @@ quarvel_error_t JitFilesManager::readFile(const JitFileInfo& file, ProcessJitInf
 }
 
 quarvel_error_t JitFilesManager::readProcessFiles(ProcessJitInfo& process, unsigned int pid, unsigned int hostId,
-                                                  decoding_mode_t mode, JitDataManager& dataManager,
-                                                  bool logFailures) {
+                                                  decoding_mode_t mode, JitDataManager& dataManager, bool logFailures) {
     for (int round = 0; round < kReadingRounds; ++round) {
         for (JitFileInfo& file : process.files) {
             if (file.read || readingRound(file.format) != round)

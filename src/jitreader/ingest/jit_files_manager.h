@@ -144,8 +144,8 @@ private:
     mutable boost::mutex m_pidArrayMutex;
     mutable std::shared_ptr<const std::vector<unsigned>> m_pidArray;
     std::atomic<bool> m_wholeSetRead{false};
-    JitReadStats m_stats;  // under m_readMutex
-    ModuleCache m_modules; // under m_readMutex
+    JitReadStats m_stats;       // under m_readMutex
+    ModuleCache m_modules;      // under m_readMutex
     mutable Reason m_lastError; // of the last initialisation, which runs alone
 };
 

@@ -7,7 +7,6 @@
 #include "ingest/jitdump_line_table.h"
 #include "support/log.h"
 
-
 QUARVEL_NAMESPACE_BEGIN
 
 namespace {
@@ -139,9 +138,9 @@ void DumpPass::move(const JitdumpRecord& record) {
                                                " at the move's time " + std::to_string(record.timestamp)));
     }
     if (region->length() != move.codeSize) {
-        return refuse(record, Reason::badInput("code_size " + std::to_string(move.codeSize) +
-                                               " differs from the " + std::to_string(region->length()) +
-                                               " bytes of the code at old_code_addr"));
+        return refuse(record,
+                      Reason::badInput("code_size " + std::to_string(move.codeSize) + " differs from the " +
+                                       std::to_string(region->length()) + " bytes of the code at old_code_addr"));
     }
     const JitMethod::Ptr method = m_builder.moved(*owner, *region, move.newCodeAddr, record.timestamp, jitRva);
     Status status = m_data.processMethodLoadRecord(m_file.pid, m_file.hostId, method);

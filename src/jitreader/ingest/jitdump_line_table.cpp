@@ -18,8 +18,8 @@ std::string_view mostNamedFile(const std::vector<JitdumpDebugEntry>& entries) {
             ++found->second;
     }
     // The first of the most named wins a tie.
-    const auto best = std::max_element(tally.begin(), tally.end(),
-                                       [](const auto& a, const auto& b) { return a.second < b.second; });
+    const auto best =
+        std::max_element(tally.begin(), tally.end(), [](const auto& a, const auto& b) { return a.second < b.second; });
     return best == tally.end() ? std::string_view() : best->first;
 }
 
@@ -48,7 +48,9 @@ JitdumpLines jitdumpLines(const JitdumpDebugInfo& info, u64 codeAddr, u64 codeSi
         points.push_back(Point{address - codeAddr, counts ? static_cast<u32>(entry.line) : 0});
     }
     // Writers list entries by address; stable, so the last of one address stays last.
-    const auto byOffset = [](const Point& a, const Point& b) { return a.offset < b.offset; };
+    const auto byOffset = [](const Point& a, const Point& b) {
+        return a.offset < b.offset;
+    };
     if (!std::is_sorted(points.begin(), points.end(), byOffset))
         std::stable_sort(points.begin(), points.end(), byOffset);
 

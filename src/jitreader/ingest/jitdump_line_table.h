@@ -17,7 +17,7 @@
 QUARVEL_NAMESPACE_BEGIN
 
 struct JitdumpLines {
-    std::string_view sourceFile; // a view into the dump, as the entries' names are
+    std::string_view sourceFile;                 // a view into the dump, as the entries' names are
     std::vector<quarvel_line_number_entry> rows; // offsets from the code's first byte
 };
 

@@ -34,8 +34,7 @@ void applyNames(BaseMethodInfo& info, const TraceMethodTail& tail) {
         info.setMethodName(methodName);
 }
 
-const quarvel_line_info_type kTableTypes[3] = {quarvel_line_info_managed_to_source,
-                                               quarvel_line_info_native_to_managed,
+const quarvel_line_info_type kTableTypes[3] = {quarvel_line_info_managed_to_source, quarvel_line_info_native_to_managed,
                                                quarvel_line_info_native_to_source};
 
 // Line tables are keyed by offsets from the method's first byte: its regions
@@ -45,8 +44,7 @@ void addLineTables(JitMethod& method, const TraceMethodTail& tail, u64 codeLengt
     if (codeLength == 0)
         return; // no code the tables could describe
     const Range range(0, static_cast<u32>(std::min<u64>(codeLength, std::numeric_limits<u32>::max())));
-    const std::vector<quarvel_line_number_entry>* tables[3] = {&tail.lines.managedToSource,
-                                                               &tail.lines.nativeToManaged,
+    const std::vector<quarvel_line_number_entry>* tables[3] = {&tail.lines.managedToSource, &tail.lines.nativeToManaged,
                                                                &tail.lines.nativeToSource};
     for (int t = 0; t < 3; ++t)
         if (!tables[t]->empty())
@@ -62,8 +60,8 @@ IModule::Ptr ModuleCache::get(const std::string& path, quarvel_error_t status, q
     return slot;
 }
 
-void MethodBuilder::applyTail(JitMethod& method, const TraceMethodTail& tail, bool legacy,
-                              const BuildContext& context, u64 codeLength) {
+void MethodBuilder::applyTail(JitMethod& method, const TraceMethodTail& tail, bool legacy, const BuildContext& context,
+                              u64 codeLength) {
     BaseMethodInfo& info = *method.info();
     const quarvel_arch arch = static_cast<quarvel_arch>(tail.moduleArch);
     info.setMethodToken(tail.metadataToken);

@@ -4,7 +4,6 @@
 #include "index/jit_data_manager.h"
 #include "support/log.h"
 
-
 QUARVEL_NAMESPACE_BEGIN
 
 namespace {

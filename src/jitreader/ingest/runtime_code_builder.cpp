@@ -6,8 +6,8 @@
 #include "model/source_file.h"
 
 #include <limits>
-#include <utility>
 #include <sstream>
+#include <utility>
 
 QUARVEL_NAMESPACE_BEGIN
 
@@ -27,7 +27,9 @@ BaseMethodId identityOf(jit_rva_t fileJitRvaBase, u64 rawId) {
     return BaseMethodId(splitMix64(rawId ^ splitMix64(fileJitRvaBase)), fileJitRvaBase);
 }
 
-IByteBuffer::Ptr copyOf(const uint8_t* bytes, u32 size) { return std::make_shared<CodeBytes>(bytes, size); }
+IByteBuffer::Ptr copyOf(const uint8_t* bytes, u32 size) {
+    return std::make_shared<CodeBytes>(bytes, size);
+}
 
 } // namespace
 
@@ -74,8 +76,8 @@ JitMethod::Ptr RuntimeCodeBuilder::build(RuntimeCode& code, jit_rva_t jitRva) {
     method->setStartJitRva(jitRva);
     const bool keepBytes = code.bytes && m_file.keepCodeBytes();
     const IByteBuffer::Ptr content = keepBytes ? copyOf(code.bytes, size) : IByteBuffer::Ptr();
-    method->addCodeRegion(Region::Ptr(
-        new Region(m_file.hostId, m_file.pid, jitRva, code.loadTime, 0, code.address, size, content)));
+    method->addCodeRegion(
+        Region::Ptr(new Region(m_file.hostId, m_file.pid, jitRva, code.loadTime, 0, code.address, size, content)));
     BaseMethodInfo& info = *method->info();
     if (!code.className.empty()) {
         info.setClassName(std::string(code.className));
@@ -91,8 +93,7 @@ JitMethod::Ptr RuntimeCodeBuilder::build(RuntimeCode& code, jit_rva_t jitRva) {
     if (!code.lines.empty())
         method->addLineNumberInfo(quarvel_line_info_native_to_source, std::move(code.lines), Range(0, size));
     if (!code.nativeToManaged.empty())
-        method->addLineNumberInfo(quarvel_line_info_native_to_managed, std::move(code.nativeToManaged),
-                                  Range(0, size));
+        method->addLineNumberInfo(quarvel_line_info_native_to_managed, std::move(code.nativeToManaged), Range(0, size));
     return method;
 }
 
@@ -102,17 +103,17 @@ JitMethod::Ptr RuntimeCodeBuilder::moved(const JitMethod& owner, const Region& r
     method->setRawMethodId(owner.getRawMethodId());
     method->setLoadTime(time);
     method->setStartJitRva(jitRva);
-    method->addCodeRegion(Region::Ptr(new Region(m_file.hostId, m_file.pid, jitRva, time, 0, newAddress,
-                                                 region.length(), region.content())));
+    method->addCodeRegion(Region::Ptr(
+        new Region(m_file.hostId, m_file.pid, jitRva, time, 0, newAddress, region.length(), region.content())));
     // Same identity: the registered method takes the new region over.
     *method->info() = *owner.info();
     // The owner's tables are keyed by jit rva; the newcomer's by offset from its first byte.
     const JitMethod::LineInfoMap& tables = owner.getLineNumberInfo();
     const auto found = tables.find(Range(region.startJitRva(), 1));
     if (found != tables.end() && found->first.start == region.startJitRva())
-        for (const quarvel_line_info_type type : {quarvel_line_info_native_to_managed,
-                                                  quarvel_line_info_managed_to_source,
-                                                  quarvel_line_info_native_to_source})
+        for (const quarvel_line_info_type type :
+             {quarvel_line_info_native_to_managed, quarvel_line_info_managed_to_source,
+              quarvel_line_info_native_to_source})
             if (!found->second.tables[type].empty())
                 method->addLineNumberInfo(type, found->second.tables[type], Range(0, found->first.length));
     return method;

@@ -35,8 +35,8 @@ std::optional<TraceFormat> detectTraceFormat(const uint8_t* head, size_t headSiz
     if (NettraceReader::looksLikeNettrace(head, headSize))
         return TraceFormat::nettrace;
     if (headSize >= 4) {
-        const u32 type = static_cast<u32>(head[0]) | static_cast<u32>(head[1]) << 8 |
-                         static_cast<u32>(head[2]) << 16 | static_cast<u32>(head[3]) << 24;
+        const u32 type = static_cast<u32>(head[0]) | static_cast<u32>(head[1]) << 8 | static_cast<u32>(head[2]) << 16 |
+                         static_cast<u32>(head[3]) << 24;
         if (recordTypeInfo(type))
             return TraceFormat::jitTrace;
     }

@@ -25,8 +25,12 @@ struct BaseMethodId {
     };
 };
 
-inline bool operator==(const BaseMethodId& a, const BaseMethodId& b) { return a.part0 == b.part0 && a.part1 == b.part1; }
-inline bool operator!=(const BaseMethodId& a, const BaseMethodId& b) { return !(a == b); }
+inline bool operator==(const BaseMethodId& a, const BaseMethodId& b) {
+    return a.part0 == b.part0 && a.part1 == b.part1;
+}
+inline bool operator!=(const BaseMethodId& a, const BaseMethodId& b) {
+    return !(a == b);
+}
 
 // Printed as 32 hexadecimal digits, part0 first.
 std::ostream& operator<<(std::ostream& os, const BaseMethodId& id);

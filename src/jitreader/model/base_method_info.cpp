@@ -2,9 +2,9 @@
 
 #include <cxxabi.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
-#include <algorithm>
 #include <utility>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -70,12 +70,8 @@ bool demangle(const std::string& name, std::string& shortName, std::string& full
 } // namespace
 
 BaseMethodInfo::BaseMethodInfo(const BaseMethodInfo& other)
-    : BaseObject(),
-      m_methodId(other.m_methodId),
-      m_parentId(other.m_parentId),
-      m_methodToken(other.m_methodToken),
-      m_module(other.m_module),
-      m_sourceFile(other.m_sourceFile) {
+    : BaseObject(), m_methodId(other.m_methodId), m_parentId(other.m_parentId), m_methodToken(other.m_methodToken),
+      m_module(other.m_module), m_sourceFile(other.m_sourceFile) {
     setNames(other.className(), other.methodName(), other.qualifiedMethodName());
 }
 

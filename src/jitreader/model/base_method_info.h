@@ -65,8 +65,8 @@ private:
     BaseMethodId m_methodId;
     BaseMethodId m_parentId;
     unsigned m_methodToken = 0;
-    u32 m_nameEnds[3] = {0, 0, 0};     // the names, each with its NUL, one after the other in m_names
-    std::unique_ptr<char[]> m_names;   // one allocation for the three names
+    u32 m_nameEnds[3] = {0, 0, 0};   // the names, each with its NUL, one after the other in m_names
+    std::unique_ptr<char[]> m_names; // one allocation for the three names
     IModule::Ptr m_module;
     SourceFile::Ptr m_sourceFile;
 };

@@ -24,8 +24,7 @@ u32 DotNetMethod::getSourceLineByILOffset(u32 ilOffset) const {
     return line;
 }
 
-quarvel_error_t DotNetMethod::getILToSourceMapping(quarvel_line_number_entry* /*entries*/,
-                                                   unsigned* /*count*/) const {
+quarvel_error_t DotNetMethod::getILToSourceMapping(quarvel_line_number_entry* /*entries*/, unsigned* /*count*/) const {
     return meNotFound;
 }
 

@@ -49,15 +49,33 @@ void unmangleType(const std::string& sig, uint32_t& pos, std::string& out, unsig
     if (pos >= sig.size() || depth > kMaxDepth)
         return;
     switch (sig[pos]) {
-    case 'B': out += "byte"; break;
-    case 'C': out += "char"; break;
-    case 'D': out += "double"; break;
-    case 'F': out += "float"; break;
-    case 'I': out += "int"; break;
-    case 'J': out += "long"; break;
-    case 'S': out += "short"; break;
-    case 'V': out += "void"; break;
-    case 'Z': out += "boolean"; break;
+    case 'B':
+        out += "byte";
+        break;
+    case 'C':
+        out += "char";
+        break;
+    case 'D':
+        out += "double";
+        break;
+    case 'F':
+        out += "float";
+        break;
+    case 'I':
+        out += "int";
+        break;
+    case 'J':
+        out += "long";
+        break;
+    case 'S':
+        out += "short";
+        break;
+    case 'V':
+        out += "void";
+        break;
+    case 'Z':
+        out += "boolean";
+        break;
     case 'L':
     case 'T':
         ++pos;
@@ -71,7 +89,9 @@ void unmangleType(const std::string& sig, uint32_t& pos, std::string& out, unsig
         unmangleNested(sig, pos, out, depth);
         out += "[]";
         break;
-    case '*': out += '?'; break;
+    case '*':
+        out += '?';
+        break;
     case '+':
         out += "? extends ";
         unmangleNested(sig, pos, out, depth);
@@ -103,7 +123,7 @@ void unmangleType(const std::string& sig, uint32_t& pos, std::string& out, unsig
 } // namespace
 
 bool JavaSignatureParser::isParsedName(const std::string& name) {
-    static const char* const kReadableMarks[] = {",",     ".",      "[]",      "(byte",  "(char",    "(double",
+    static const char* const kReadableMarks[] = {",",      ".",    "[]",    "(byte",  "(char",    "(double",
                                                  "(float", "(int", "(long", "(short", "(boolean", "(void"};
     for (const char* mark : kReadableMarks)
         if (name.find(mark) != std::string::npos)

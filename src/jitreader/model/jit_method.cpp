@@ -1,8 +1,8 @@
 #include "model/jit_method.h"
 
+#include "model/source_location.h"
 #include "support/assertion.h"
 #include "support/log.h"
-#include "model/source_location.h"
 
 #include <sstream>
 #include <utility>
@@ -12,7 +12,9 @@ QUARVEL_NAMESPACE_BEGIN
 namespace {
 
 // An item with start s and length n contains rva when s <= rva < s + n.
-bool holds(u64 start, u64 length, u64 rva) { return start <= rva && rva - start < length; }
+bool holds(u64 start, u64 length, u64 rva) {
+    return start <= rva && rva - start < length;
+}
 
 const Region* findRegionOf(const std::vector<Region::Ptr>& regions, u64 jitRva) {
     for (const Region::Ptr& region : regions)
@@ -194,8 +196,8 @@ bool JitMethod::addLineNumberInfo(quarvel_line_info_type type, LineTable entries
 
 bool JitMethod::addLineNumberInfo(const LineInfoMap& map) {
     for (const auto& entry : map)
-        for (quarvel_line_info_type type :
-             {quarvel_line_info_native_to_managed, quarvel_line_info_managed_to_source, quarvel_line_info_native_to_source})
+        for (quarvel_line_info_type type : {quarvel_line_info_native_to_managed, quarvel_line_info_managed_to_source,
+                                            quarvel_line_info_native_to_source})
             if (!entry.second.tables[type].empty() && !addLineNumberInfo(type, entry.second.tables[type], entry.first))
                 return false;
     return true;
@@ -222,11 +224,10 @@ bool JitMethod::validateSymbolicInfo() const {
     const LineTable& table = m_lineInfo.begin()->second.tables[quarvel_line_info_native_to_source];
     for (const auto& e : table) {
         if (e.endOffset > region.length()) {
-            QV_ERROR("Detected line number (start offset = " << e.startOffset << ", end offset = " << e.endOffset
-                                                              << ", src line = " << e.value
-                                                              << ") that does not match to code range (ip range = "
-                                                              << region.startAddress() << "-" << region.endAddress()
-                                                              << ")");
+            QV_ERROR("Detected line number (start offset = "
+                     << e.startOffset << ", end offset = " << e.endOffset << ", src line = " << e.value
+                     << ") that does not match to code range (ip range = " << region.startAddress() << "-"
+                     << region.endAddress() << ")");
             return false;
         }
     }
@@ -234,17 +235,16 @@ bool JitMethod::validateSymbolicInfo() const {
 }
 
 void JitMethod::compareSymbolicInfoTo(const Ptr& jitMethod) const {
-    QV_CHECK(jitMethod, return);
+    QV_CHECK(jitMethod, return );
     const std::string& registered = m_info->sourceFile().name();
     const std::string& supplied = jitMethod->info()->sourceFile().name();
     if (registered.empty()) {
         QV_TRACE("Registred method has a null source file " << describe()
                                                             << ". Mapping to source file is not available.");
     } else if (supplied.empty()) {
-        QV_TRACE("Supplied a null source file for " << jitMethod->describe()
-                                                    << ". Line number table will be associated"
-                                                    << " with the source file of the first code region (src name = "
-                                                    << registered << ")");
+        QV_TRACE("Supplied a null source file for "
+                 << jitMethod->describe() << ". Line number table will be associated"
+                 << " with the source file of the first code region (src name = " << registered << ")");
     } else if (supplied != registered) {
         QV_TRACE("Supplied source file for " << jitMethod->describe()
                                              << " is differ from source file of the first code region (src name = "

@@ -55,8 +55,8 @@ public:
     quarvel_error_t getPid(u64 jitRva, unsigned& pid) const override;
     u64 getLoadTime() const override { return m_loadTime; }
     u64 getUnloadTime() const override { return m_unloadTime; }
-    quarvel_error_t getLineNumberInfo(quarvel_line_info_type type, quarvel_line_number_entry* entries,
-                                      unsigned* count, u64 jitRva) const override;
+    quarvel_error_t getLineNumberInfo(quarvel_line_info_type type, quarvel_line_number_entry* entries, unsigned* count,
+                                      u64 jitRva) const override;
     quarvel_error_t getSourceRange(quarvel_line_number_entry* first, quarvel_line_number_entry* last,
                                    u64 jitRva) const override;
     ISourceLocation::Ptr getSourceLocation(u64 jitRva) const override;

@@ -14,11 +14,16 @@ namespace {
 
 const char* archLabel(int arch) {
     switch (arch) {
-    case quarvel_arch_vx32: return "vx32";
-    case quarvel_arch_varda64: return "varda64";
-    case quarvel_arch_vx64: return "vx64";
-    case quarvel_arch_mcx1: return "mcx1";
-    default: return "UNKNOWN";
+    case quarvel_arch_vx32:
+        return "vx32";
+    case quarvel_arch_varda64:
+        return "varda64";
+    case quarvel_arch_vx64:
+        return "vx64";
+    case quarvel_arch_mcx1:
+        return "mcx1";
+    default:
+        return "UNKNOWN";
     }
 }
 
@@ -56,8 +61,7 @@ void krad_print_hex_line(char* buffer, const uint8_t* bytes, int32_t length, int
     buffer[2 * n] = '\0';
 }
 
-void dumpCodeDisassembly(std::ostream& os, const uint8_t* bytes, uint32_t length, uint64_t address,
-                         quarvel_arch arch) {
+void dumpCodeDisassembly(std::ostream& os, const uint8_t* bytes, uint32_t length, uint64_t address, quarvel_arch arch) {
     if (!bytes || length == 0) {
         os << "  no bytes" << '\n';
         return;
@@ -104,10 +108,9 @@ std::string JitMethod::dumpRegions() const {
         const Region& region = *m_regions[i];
         if (i)
             os << '\n';
-        os << "Code region #" << i << ": ip range = " << Hex{region.startAddress()} << "-"
-           << Hex{region.endAddress()} << ", jit rva range = " << Hex{region.startJitRva()} << "-"
-           << Hex{region.startJitRva() + region.length()} << ", load time = " << region.loadTime()
-           << ", unload time = " << region.unloadTime();
+        os << "Code region #" << i << ": ip range = " << Hex{region.startAddress()} << "-" << Hex{region.endAddress()}
+           << ", jit rva range = " << Hex{region.startJitRva()} << "-" << Hex{region.startJitRva() + region.length()}
+           << ", load time = " << region.loadTime() << ", unload time = " << region.unloadTime();
     }
     return os.str();
 }

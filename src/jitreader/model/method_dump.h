@@ -14,8 +14,7 @@ QUARVEL_NAMESPACE_BEGIN
 // One "  XDIS <address>: <bytes> <instruction>" line per instruction.
 // Architecture 0 is 32-bit code, 1 and 2 are 64-bit code; anything else
 // prints "  wrong architecture of code". No bytes print "  no bytes".
-void dumpCodeDisassembly(std::ostream& os, const uint8_t* bytes, uint32_t length, uint64_t address,
-                         quarvel_arch arch);
+void dumpCodeDisassembly(std::ostream& os, const uint8_t* bytes, uint32_t length, uint64_t address, quarvel_arch arch);
 
 // Two upper-case hex digits per byte, no separators, NUL-terminated. A length
 // of 0 means 15 bytes (the longest instruction). Output is clipped to

@@ -12,6 +12,8 @@ quarvel_error_t isNativeImage(const std::string& path) {
     return meNotFound;
 }
 
-quarvel_error_t ModuleEvaluator::isNativeImage() const { return quarvel::isNativeImage(m_path); }
+quarvel_error_t ModuleEvaluator::isNativeImage() const {
+    return quarvel::isNativeImage(m_path);
+}
 
 QUARVEL_NAMESPACE_END

@@ -24,8 +24,12 @@ struct Range {
     };
 };
 
-inline bool operator==(const Range& a, const Range& b) { return a.start == b.start && a.length == b.length; }
-inline bool operator!=(const Range& a, const Range& b) { return !(a == b); }
+inline bool operator==(const Range& a, const Range& b) {
+    return a.start == b.start && a.length == b.length;
+}
+inline bool operator!=(const Range& a, const Range& b) {
+    return !(a == b);
+}
 
 QUARVEL_NAMESPACE_END
 

@@ -1,7 +1,7 @@
 #include "model/region.h"
 
-#include "support/assertion.h"
 #include "model/jit_method.h"
+#include "support/assertion.h"
 #include "support/log.h"
 
 #include <algorithm>
@@ -24,31 +24,22 @@ std::ostream& operator<<(std::ostream& os, const HexRange& r) {
     return os;
 }
 
-HexRange hexRange(u64 start, u64 length) { return HexRange{start, start + length}; }
+HexRange hexRange(u64 start, u64 length) {
+    return HexRange{start, start + length};
+}
 
 } // namespace
 
 Region::Region(u32 hostId, u32 processId, jit_rva_t startJitRva, u64 loadTime, u64 unloadTime,
                address_t startVirtualAddress, u32 length, IByteBuffer::Ptr content)
-    : m_hostId(hostId),
-      m_processId(processId),
-      m_startJitRva(startJitRva),
-      m_loadTime(loadTime),
-      m_unloadTime(unloadTime),
-      m_startVirtualAddress(startVirtualAddress),
-      m_length(length),
+    : m_hostId(hostId), m_processId(processId), m_startJitRva(startJitRva), m_loadTime(loadTime),
+      m_unloadTime(unloadTime), m_startVirtualAddress(startVirtualAddress), m_length(length),
       m_content(std::move(content)) {}
 
 Region::Region(const Region& other)
-    : ICodeRegion(),
-      m_hostId(other.m_hostId),
-      m_processId(other.m_processId),
-      m_startJitRva(other.m_startJitRva),
-      m_loadTime(other.m_loadTime),
-      m_unloadTime(other.m_unloadTime),
-      m_startVirtualAddress(other.m_startVirtualAddress),
-      m_length(other.m_length),
-      m_content(other.m_content),
+    : ICodeRegion(), m_hostId(other.m_hostId), m_processId(other.m_processId), m_startJitRva(other.m_startJitRva),
+      m_loadTime(other.m_loadTime), m_unloadTime(other.m_unloadTime),
+      m_startVirtualAddress(other.m_startVirtualAddress), m_length(other.m_length), m_content(other.m_content),
       m_extras(other.m_extras ? new Extras(*other.m_extras) : nullptr) {}
 
 Region::~Region() = default;
@@ -135,9 +126,8 @@ quarvel_error_t Region::normalizeInlineJitRvaRanges(jit_rva_t parentJitRva, addr
             method->setStartJitRva(child.m_startJitRva);
             method->normalizeLineNumberInfoJitRvaRanges(child.m_startJitRva);
         }
-        QV_TRACE("  Set jit rva range = " << hexRange(child.m_startJitRva, child.m_length)
-                                          << " for ip range = " << hexRange(child.m_startVirtualAddress, child.m_length)
-                                          << ".");
+        QV_TRACE("  Set jit rva range = " << hexRange(child.m_startJitRva, child.m_length) << " for ip range = "
+                                          << hexRange(child.m_startVirtualAddress, child.m_length) << ".");
     }
     return meSuccess;
 }
@@ -187,10 +177,10 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
             existing->second.segType = segType;
         }
     } else {
-        QV_ERROR("Couldn't accept update (ip range = "
-                 << hexRange(codeAddr, codeLen) << ") because it overlaps an existing markup range "
-                 << hexRange(existing->first.start, existing->first.length)
-                 << " with segType = " << existing->second.segType);
+        QV_ERROR("Couldn't accept update (ip range = " << hexRange(codeAddr, codeLen)
+                                                       << ") because it overlaps an existing markup range "
+                                                       << hexRange(existing->first.start, existing->first.length)
+                                                       << " with segType = " << existing->second.segType);
         return meNotFound;
     }
 
@@ -232,14 +222,15 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
 }
 
 void Region::dumpInlines(std::ostringstream& os, u32 indent) const {
-    QV_CHECK(inlinedRegions().size() == inlinedMethods().size(), return);
+    QV_CHECK(inlinedRegions().size() == inlinedMethods().size(), return );
     for (size_t i = 0; i < inlinedRegions().size(); ++i) {
         const Region& child = *inlinedRegions()[i];
         const MethodPtr& method = inlinedMethods()[i];
-        os << "\n" << std::setw(static_cast<int>(indent)) << std::setfill(' ') << "#" << std::dec << i << " "
+        os << "\n"
+           << std::setw(static_cast<int>(indent)) << std::setfill(' ') << "#" << std::dec << i << " "
            << (method ? method->getMethodName() : "") << " (method id = 0x" << std::hex
-           << (method ? method->getRawMethodId() : 0u) << ", ip range = " << hexRange(child.m_startVirtualAddress, child.m_length)
-           << ")" << std::dec;
+           << (method ? method->getRawMethodId() : 0u)
+           << ", ip range = " << hexRange(child.m_startVirtualAddress, child.m_length) << ")" << std::dec;
         child.dumpInlines(os, indent + 4);
     }
 }

@@ -8,11 +8,8 @@ SourceFile::SourceFile(const std::string& name, const std::string& checksum, uns
 
 // Copied through the getters, field by field; the reference count is not copied.
 SourceFile::SourceFile(const SourceFile& other)
-    : ISourceFile(),
-      m_name(other.getSourceFileName()),
-      m_checksum(other.getChecksum()),
-      m_checksumType(other.getChecksumType()),
-      m_languageType(other.getLanguageType()) {}
+    : ISourceFile(), m_name(other.getSourceFileName()), m_checksum(other.getChecksum()),
+      m_checksumType(other.getChecksumType()), m_languageType(other.getLanguageType()) {}
 
 SourceFile& SourceFile::operator=(const SourceFile& other) {
     if (this != &other) {

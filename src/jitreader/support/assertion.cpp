@@ -21,7 +21,9 @@ AssertionHandler setAssertionHandler(AssertionHandler handler) {
     return g_handler.exchange(handler ? handler : &logAssertion);
 }
 
-AssertionHandler setAssertionObserver(AssertionHandler observer) { return g_observer.exchange(observer); }
+AssertionHandler setAssertionObserver(AssertionHandler observer) {
+    return g_observer.exchange(observer);
+}
 
 void assertionFailed(const char* condition, const char* file, int line) {
     g_handler.load()(condition, file, line);

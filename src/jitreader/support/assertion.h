@@ -26,19 +26,19 @@ QUARVEL_NAMESPACE_END
 // onFailure (`return meNotFound`, `continue`, `break`, ...). Written as an
 // if/else rather than do/while so that continue and break reach the caller's
 // loop; a stray `else` after it fails to compile instead of binding wrongly.
-#define QV_CHECK(cond, onFailure)                                              \
-    if (cond) {                                                                \
-    } else {                                                                   \
-        ::quarvel::assertionFailed(#cond, __FILE__, __LINE__);            \
-        onFailure;                                                             \
+#define QV_CHECK(cond, onFailure)                              \
+    if (cond) {                                                \
+    } else {                                                   \
+        ::quarvel::assertionFailed(#cond, __FILE__, __LINE__); \
+        onFailure;                                             \
     }
 
 // The same with the condition's text given explicitly.
-#define QV_CHECK_TEXT(cond, text, onFailure)                                   \
-    if (cond) {                                                                \
-    } else {                                                                   \
-        ::quarvel::assertionFailed(text, __FILE__, __LINE__);             \
-        onFailure;                                                             \
+#define QV_CHECK_TEXT(cond, text, onFailure)                  \
+    if (cond) {                                               \
+    } else {                                                  \
+        ::quarvel::assertionFailed(text, __FILE__, __LINE__); \
+        onFailure;                                            \
     }
 
 #endif

@@ -6,7 +6,9 @@ QUARVEL_NAMESPACE_BEGIN
 
 ByteBuffer::ByteBuffer() : m_bytes(512, 0) {}
 
-const unsigned char* ByteBuffer::data() const { return m_size ? m_bytes.data() : nullptr; }
+const unsigned char* ByteBuffer::data() const {
+    return m_size ? m_bytes.data() : nullptr;
+}
 
 void ByteBuffer::assign(const void* bytes, unsigned length) {
     m_size = 0;
@@ -18,6 +20,8 @@ void ByteBuffer::assign(const void* bytes, unsigned length) {
     m_size = length;
 }
 
-IByteBuffer::Ptr IByteBuffer::create() { return IByteBuffer::Ptr(new ByteBuffer()); }
+IByteBuffer::Ptr IByteBuffer::create() {
+    return IByteBuffer::Ptr(new ByteBuffer());
+}
 
 QUARVEL_NAMESPACE_END

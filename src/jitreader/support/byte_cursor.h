@@ -59,8 +59,8 @@ public:
         if (!m_error.empty())
             return false;
         if (offset > m_size) {
-            m_error = "offset " + std::to_string(m_base + offset) + " of " + field + " lies past the end of the data (" +
-                      std::to_string(m_base + m_size) + ")";
+            m_error = "offset " + std::to_string(m_base + offset) + " of " + field +
+                      " lies past the end of the data (" + std::to_string(m_base + m_size) + ")";
             return false;
         }
         m_offset = offset;

@@ -6,10 +6,16 @@ Exception::Exception(quarvel_error_t code, const std::string& detail) : m_code(c
 
 Exception::~Exception() = default;
 
-quarvel_error_t Exception::getCode() const { return m_code; }
+quarvel_error_t Exception::getCode() const {
+    return m_code;
+}
 
-std::string Exception::getDetail() const { return m_detail; }
+std::string Exception::getDetail() const {
+    return m_detail;
+}
 
-const char* Exception::what() const noexcept { return nullptr; }
+const char* Exception::what() const noexcept {
+    return nullptr;
+}
 
 QUARVEL_NAMESPACE_END

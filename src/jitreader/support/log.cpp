@@ -46,8 +46,8 @@ void configure(log4cplus::Logger& logger) {
     // Our own appender on our own logger only: the host's root logger is not touched.
     log4cplus::SharedAppenderPtr appender(new log4cplus::ConsoleAppender(true /* stderr */, true));
     appender->setName(LOG4CPLUS_TEXT("quarvel-stderr"));
-    appender->setLayout(std::unique_ptr<log4cplus::Layout>(
-        new log4cplus::PatternLayout(LOG4CPLUS_TEXT("quarvel %-5p %m%n"))));
+    appender->setLayout(
+        std::unique_ptr<log4cplus::Layout>(new log4cplus::PatternLayout(LOG4CPLUS_TEXT("quarvel %-5p %m%n"))));
     logger.addAppender(appender);
     logger.setAdditivity(false);
     logger.setLogLevel(levelFromEnvironment());

@@ -35,7 +35,7 @@ QUARVEL_NAMESPACE_END
 // statement, which every thread's queries would contend on.
 #define QV_LOG_AT(level, expr)                                                                                   \
     do {                                                                                                         \
-        const log4cplus::Logger& qv_logger_ = ::quarvel::log::logger();                                     \
+        const log4cplus::Logger& qv_logger_ = ::quarvel::log::logger();                                          \
         if (qv_logger_.isEnabledFor(level)) {                                                                    \
             LOG4CPLUS_MACRO_INSTANTIATE_OSTRINGSTREAM(qv_log_buffer_);                                           \
             qv_log_buffer_ << expr;                                                                              \
@@ -48,8 +48,7 @@ QUARVEL_NAMESPACE_END
 #define QV_DEBUG(expr) QV_LOG_AT(log4cplus::DEBUG_LOG_LEVEL, expr)
 #define QV_INFO(expr) QV_LOG_AT(log4cplus::INFO_LOG_LEVEL, expr)
 #define QV_WARN(expr) QV_LOG_AT(log4cplus::WARN_LOG_LEVEL, expr)
-#define QV_ERROR(expr) \
-    QV_LOG_AT(log4cplus::ERROR_LOG_LEVEL, expr << ::quarvel::log::errorSuffix(__FILE__, __LINE__))
+#define QV_ERROR(expr) QV_LOG_AT(log4cplus::ERROR_LOG_LEVEL, expr << ::quarvel::log::errorSuffix(__FILE__, __LINE__))
 #define QV_TRACE_ENABLED() ::quarvel::log::logger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)
 
 #endif

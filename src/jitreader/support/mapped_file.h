@@ -28,7 +28,8 @@ public:
     const std::string& path() const { return m_path; }
 
 private:
-    MappedFile(std::string path, const uint8_t* data, size_t size) : m_path(std::move(path)), m_data(data), m_size(size) {}
+    MappedFile(std::string path, const uint8_t* data, size_t size)
+        : m_path(std::move(path)), m_data(data), m_size(size) {}
 
     std::string m_path;
     const uint8_t* m_data;

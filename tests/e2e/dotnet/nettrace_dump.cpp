@@ -85,13 +85,15 @@ int main(int argc, char** argv) {
             repeat = std::max(1, std::stoi(value));
     }
     if (out.methods)
-        *out.methods << "phase\tverbose\tversion\ttime_ns\tmethod_id\tmodule_id\tstart\tsize\ttoken\tflags\ttier\trejit_id"
-                        "\tnamespace\tname\tsignature\n";
+        *out.methods
+            << "phase\tverbose\tversion\ttime_ns\tmethod_id\tmodule_id\tstart\tsize\ttoken\tflags\ttier\trejit_id"
+               "\tnamespace\tname\tsignature\n";
     if (out.ilmaps)
         *out.ilmaps << "phase\tversion\ttime_ns\tmethod_id\trejit_id\tentries\tprolog\tepilog\tno_mapping\tmax_native"
                        "\tmap\n";
     if (out.modules)
-        *out.modules << "kind\tphase\tversion\ttime_ns\tid\tassembly_id\tflags\tpath_or_name\tpdb_signature\tpdb_age\tpdb_path\n";
+        *out.modules << "kind\tphase\tversion\ttime_ns\tid\tassembly_id\tflags\tpath_or_name\tpdb_signature\tpdb_"
+                        "age\tpdb_path\n";
 
     // Reading alone, then reading and decoding every runtime event, each the
     // best of the passes over the mapped file (nothing written).
@@ -160,9 +162,9 @@ int main(int argc, char** argv) {
                 *out.methods << phaseName(method.phase) << '\t' << method.verbose << '\t' << method.version << '\t'
                              << event.timeNs << '\t' << hex(method.methodId) << '\t' << hex(method.moduleId) << '\t'
                              << hex(method.startAddress) << '\t' << method.size << '\t' << hex(method.token) << '\t'
-                             << hex(method.flags) << '\t' << static_cast<int>(method.tier()) << '\t'
-                             << method.rejitId << '\t' << cell(method.methodNamespace) << '\t'
-                             << cell(method.methodName) << '\t' << cell(method.methodSignature) << '\n';
+                             << hex(method.flags) << '\t' << static_cast<int>(method.tier()) << '\t' << method.rejitId
+                             << '\t' << cell(method.methodNamespace) << '\t' << cell(method.methodName) << '\t'
+                             << cell(method.methodSignature) << '\n';
             break;
         case DotnetEventKind::methodILToNativeMap:
             status = DotnetRuntimeEventDecoder::decodeILToNativeMap(event, type, map);
@@ -176,13 +178,12 @@ int main(int argc, char** argv) {
                     epilog += map.ilOffsets[i] == DotnetILToNativeMap::kEpilog;
                     none += map.ilOffsets[i] == DotnetILToNativeMap::kNoMapping;
                     maxNative = std::max(maxNative, map.nativeOffsets[i]);
-                    entries += (i ? "," : "") + std::to_string(map.ilOffsets[i]) + ":" +
-                               std::to_string(map.nativeOffsets[i]);
+                    entries +=
+                        (i ? "," : "") + std::to_string(map.ilOffsets[i]) + ":" + std::to_string(map.nativeOffsets[i]);
                 }
                 *out.ilmaps << phaseName(map.phase) << '\t' << map.version << '\t' << event.timeNs << '\t'
                             << hex(map.methodId) << '\t' << map.rejitId << '\t' << map.ilOffsets.size() << '\t'
-                            << prolog << '\t' << epilog << '\t' << none << '\t' << maxNative << '\t' << entries
-                            << '\n';
+                            << prolog << '\t' << epilog << '\t' << none << '\t' << maxNative << '\t' << entries << '\n';
             }
             break;
         case DotnetEventKind::module:
@@ -195,8 +196,8 @@ int main(int argc, char** argv) {
                     std::snprintf(two, sizeof two, "%02x", b);
                     guid += two;
                 }
-                *out.modules << "module\t" << phaseName(module.phase) << '\t' << module.version << '\t'
-                             << event.timeNs << '\t' << hex(module.moduleId) << '\t' << hex(module.assemblyId) << '\t'
+                *out.modules << "module\t" << phaseName(module.phase) << '\t' << module.version << '\t' << event.timeNs
+                             << '\t' << hex(module.moduleId) << '\t' << hex(module.assemblyId) << '\t'
                              << hex(module.flags) << '\t' << cell(module.ilPath) << '\t' << guid << '\t'
                              << module.managedPdbAge << '\t' << cell(module.managedPdbBuildPath) << '\n';
             }

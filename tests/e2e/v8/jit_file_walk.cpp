@@ -123,26 +123,25 @@ int walkJitdump(const std::string& path) {
     for (const auto& at : loadsAt)
         reused += at.second > 1;
     const JitdumpHeader& h = reader->header();
-    std::printf("{\"file\":%s,\"format\":\"jitdump\",\"size\":%llu,\"pid\":%u,\"elfMachine\":%u,\"version\":%u,"
-                "\"bigEndian\":%s,\"archTimestamp\":%s,\"unknownFlags\":%llu,"
-                "\"loads\":%llu,\"moves\":%llu,\"debug\":%llu,\"close\":%llu,\"unwinding\":%llu,\"unknown\":%llu,"
-                "\"debugEntries\":%llu,\"codeBytes\":%llu,\"codeSum\":%llu,\"addressesLoadedMoreThanOnce\":%llu,"
-                "\"paired\":%llu,\"loadsWithoutDebug\":%llu,\"debugWaiting\":%zu,\"debugReplaced\":%llu,"
-                "\"positionWouldMispair\":%llu,\"bias\":%llu,\"biasEvidence\":{\"none\":%llu,\"elf64\":%llu,"
-                "\"elf32\":%llu,\"undecided\":%llu},\"completeEnd\":%llu,\"stop\":%s,\"walkSeconds\":%.6f}\n",
-                quote(path).c_str(), (unsigned long long)reader->fileSize(), h.pid, h.elfMachine, h.version,
-                h.bigEndian ? "true" : "false", h.archTimestamp() ? "true" : "false",
-                (unsigned long long)h.unknownFlags(), (unsigned long long)loads, (unsigned long long)moves,
-                (unsigned long long)debug, (unsigned long long)close, (unsigned long long)unwinding,
-                (unsigned long long)unknown, (unsigned long long)debugEntries, (unsigned long long)codeBytes,
-                (unsigned long long)codeSum, (unsigned long long)reused, (unsigned long long)pairing.paired(),
-                (unsigned long long)loadsWithoutDebug, pairing.waiting(), (unsigned long long)pairing.replaced(),
-                (unsigned long long)positionWouldMispair, (unsigned long long)bias.bias(),
-                (unsigned long long)bias.unbiasedRecords(), (unsigned long long)bias.biased64Records(),
-                (unsigned long long)bias.biased32Records(), (unsigned long long)bias.undecidedRecords(),
-                (unsigned long long)reader->completeEnd(),
-                reader->stopReason() ? reasonJson(*reader->stopReason(), reader->truncated()).c_str() : "null",
-                seconds);
+    std::printf(
+        "{\"file\":%s,\"format\":\"jitdump\",\"size\":%llu,\"pid\":%u,\"elfMachine\":%u,\"version\":%u,"
+        "\"bigEndian\":%s,\"archTimestamp\":%s,\"unknownFlags\":%llu,"
+        "\"loads\":%llu,\"moves\":%llu,\"debug\":%llu,\"close\":%llu,\"unwinding\":%llu,\"unknown\":%llu,"
+        "\"debugEntries\":%llu,\"codeBytes\":%llu,\"codeSum\":%llu,\"addressesLoadedMoreThanOnce\":%llu,"
+        "\"paired\":%llu,\"loadsWithoutDebug\":%llu,\"debugWaiting\":%zu,\"debugReplaced\":%llu,"
+        "\"positionWouldMispair\":%llu,\"bias\":%llu,\"biasEvidence\":{\"none\":%llu,\"elf64\":%llu,"
+        "\"elf32\":%llu,\"undecided\":%llu},\"completeEnd\":%llu,\"stop\":%s,\"walkSeconds\":%.6f}\n",
+        quote(path).c_str(), (unsigned long long)reader->fileSize(), h.pid, h.elfMachine, h.version,
+        h.bigEndian ? "true" : "false", h.archTimestamp() ? "true" : "false", (unsigned long long)h.unknownFlags(),
+        (unsigned long long)loads, (unsigned long long)moves, (unsigned long long)debug, (unsigned long long)close,
+        (unsigned long long)unwinding, (unsigned long long)unknown, (unsigned long long)debugEntries,
+        (unsigned long long)codeBytes, (unsigned long long)codeSum, (unsigned long long)reused,
+        (unsigned long long)pairing.paired(), (unsigned long long)loadsWithoutDebug, pairing.waiting(),
+        (unsigned long long)pairing.replaced(), (unsigned long long)positionWouldMispair,
+        (unsigned long long)bias.bias(), (unsigned long long)bias.unbiasedRecords(),
+        (unsigned long long)bias.biased64Records(), (unsigned long long)bias.biased32Records(),
+        (unsigned long long)bias.undecidedRecords(), (unsigned long long)reader->completeEnd(),
+        reader->stopReason() ? reasonJson(*reader->stopReason(), reader->truncated()).c_str() : "null", seconds);
     return 0;
 }
 
