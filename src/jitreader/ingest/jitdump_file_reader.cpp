@@ -117,9 +117,9 @@ void DumpPass::load(const JitdumpRecord& record) {
         m_code->add(load.codeAddr, load.codeSize);
 }
 
-// The moved code is found where it was at the move's time. Until the index
-// can end a range's life without a load over it, the old range stays live
-// until other code is loaded there.
+// The moved code is found where it was at the move's time. The old range
+// stays live until other code is loaded there, as perf's own view of the
+// process keeps it (docs/runtime-files.md says why).
 void DumpPass::move(const JitdumpRecord& record) {
     const JitdumpCodeMove& move = record.move;
     const std::string unplaceable = RuntimeCodeBuilder::whyUnplaceable(move.newCodeAddr, move.codeSize);
