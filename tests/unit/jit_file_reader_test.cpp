@@ -521,50 +521,40 @@ quarvel_error_t init(JitFilesManager& files, const std::string& path) {
     return files.initialize(quarvel_test::PathList{path}.it(), taAny);
 }
 
-TEST(FileSetPasses, OneProcessIsReadOnce) {
+// A process is read once; a file of it that cannot be opened is refused
+// once, said once, and the process's other files are read all the same.
+TEST(FileSetPasses, OneProcessIsReadOnceAndAnUnreadableFileRefusedOnce) {
     TempDir dir;
     TraceBuilder().load(3, load(1, 100, 0x1000)).writeTo(dir.file("h.1.jit"));
+    TraceBuilder().load(3, load(3, 100, 0x3000)).writeTo(dir.file("h.1.trace"));
+    TraceBuilder().load(3, load(4, 100, 0x4000)).writeTo(dir.file("h.1.zzz"));
     TraceBuilder().load(3, load(2, 100, 0x2000)).writeTo(dir.file("h.2.jit"));
-    JitFilesManager files;
-    ASSERT_EQ(meSuccess, init(files, dir.path()));
-    JitDataManager data;
-    EXPECT_EQ(meNotFound, files.readJitFiles(3, 1, dmCodeBytes, data));
-    EXPECT_EQ(meNotFound, files.readJitFiles(1, 2, dmCodeBytes, data));
-    EXPECT_EQ(meSuccess, files.readJitFiles(1, 1, dmCodeBytes, data));
-    EXPECT_EQ(meSuccess, files.processState(1, 1));
-    EXPECT_EQ(meEndOfData, files.processState(2, 1));
-    EXPECT_EQ(meSuccess, files.readJitFiles(1, 1, dmCodeBytes, data));
-    EXPECT_EQ(1u, files.readStats().files);
-    // The all-processes pass reads only what is left.
-    EXPECT_EQ(meSuccess, files.readJitFiles(dmCodeBytes, data));
-    EXPECT_EQ(2u, files.readStats().files);
-    EXPECT_EQ((std::vector<u32>{1, 2}), registeredIds(data));
-    EXPECT_TRUE(files.isWholeSetRead());
-}
-
-// A file that cannot be opened is refused once, said once, and the process's
-// other files are read all the same.
-TEST(FileSetPasses, AnUnreadableFileIsRefusedOnceAndTheRestIsRead) {
-    TempDir dir;
-    TraceBuilder().load(3, load(1, 100, 0x1000)).writeTo(dir.file("h.1.jit"));
-    TraceBuilder().load(3, load(2, 100, 0x2000)).writeTo(dir.file("h.1.trace"));
-    TraceBuilder().load(3, load(3, 100, 0x3000)).writeTo(dir.file("h.1.zzz"));
     JitFilesManager files;
     ASSERT_EQ(meSuccess, init(files, dir.path()));
     boost::filesystem::remove(dir.file("h.1.trace"));
     JitDataManager data;
     LogCapture log;
+    EXPECT_EQ(meNotFound, files.readJitFiles(3, 1, dmCodeBytes, data));
+    EXPECT_EQ(meNotFound, files.readJitFiles(1, 2, dmCodeBytes, data));
     EXPECT_EQ(meSuccess, files.readJitFiles(1, 1, dmCodeBytes, data));
-    EXPECT_EQ((std::vector<u32>{1, 3}), registeredIds(data));
+    EXPECT_EQ((std::vector<u32>{1, 4}), registeredIds(data));
     EXPECT_EQ(meSuccess, files.processState(1, 1));
+    EXPECT_EQ(meEndOfData, files.processState(2, 1));
     const size_t errors = log.errors().size();
+    const size_t filesRead = files.readStats().files;
     EXPECT_EQ(meSuccess, files.readJitFiles(1, 1, dmCodeBytes, data));
     EXPECT_EQ(errors, log.errors().size()) << "refused once";
+    EXPECT_EQ(filesRead, files.readStats().files) << "read once";
     const JitReadStats stats = files.readStats();
     EXPECT_EQ(1u, stats.failedFiles);
     ASSERT_EQ(1u, stats.refusals.size());
     EXPECT_EQ(dir.file("h.1.trace"), stats.refusals[0].file);
     EXPECT_EQ(meFileOpenError, stats.refusals[0].code);
+    // The all-processes pass reads only what is left.
+    EXPECT_EQ(meSuccess, files.readJitFiles(dmCodeBytes, data));
+    EXPECT_EQ(filesRead + 1, files.readStats().files);
+    EXPECT_EQ((std::vector<u32>{1, 4, 2}), registeredIds(data));
+    EXPECT_TRUE(files.isWholeSetRead());
 }
 
 TEST(FileSetPasses, AllProcessesPassLogsAndSkipsFailingFiles) {
