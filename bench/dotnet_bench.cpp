@@ -176,13 +176,13 @@ struct EventTrace {
             rows.push_back(std::move(r));
         };
         for (uint32_t m = 0; m < 16; ++m) {
-            DotnetModuleSpec module;
+            DotnetModuleFields module;
             module.moduleId = 0x7000 + m;
             module.ilPath = "/app/Module" + std::to_string(m) + ".dll";
             add(3, 1000 + m, 1, dotnetModulePayload(module, 2));
         }
         for (uint32_t i = 0; i < loads; ++i) {
-            DotnetMethodSpec m;
+            DotnetMethodFields m;
             m.methodId = 0x100000 + i;
             m.moduleId = 0x7000 + i % 16;
             m.startAddress = 0x7f0000000000ULL + uint64_t(i) * 0x100;
@@ -192,7 +192,7 @@ struct EventTrace {
             m.methodNamespace = "App.Namespace.Type" + std::to_string(i % 1000);
             m.methodName = "Method" + std::to_string(i);
             m.methodSignature = "instance int64  (int32,class System.String)";
-            DotnetILMapSpec map;
+            DotnetILMapFields map;
             map.methodId = m.methodId;
             map.entries.push_back({0xFFFFFFFE, 0});
             for (uint32_t e = 1; e < 11; ++e)

@@ -23,9 +23,9 @@ NettraceEventRow row(uint32_t metadataId, uint64_t time, Bytes payload, uint64_t
 // A small run of a jitting process: modules, loads of each tier with their
 // IL maps, an unload, then the rundown at the end.
 NettraceWriter runtimeTrace(NettraceWriterLayout layout, const NettraceBlockOptions& options, uint32_t loadVersion) {
-    NettraceTraceSpec spec;
-    spec.layout = layout;
-    NettraceWriter w(spec);
+    NettraceTraceShape shape;
+    shape.layout = layout;
+    NettraceWriter w(shape);
     if (layout == NettraceWriterLayout::blocks)
         w.threads({{11, 501, 4242, "main"}, {12, 502, 4242, ""}});
     w.metadata({dotnetEventType(1, kDotnetRuntimeProvider, dotnetMethodLoadVerbose, loadVersion),
@@ -37,7 +37,7 @@ NettraceWriter runtimeTrace(NettraceWriterLayout layout, const NettraceBlockOpti
                 dotnetEventType(7, kDotnetRundownProvider, dotnetDCEndComplete, 1),
                 dotnetEventType(8, kDotnetRundownProvider, dotnetModuleDCEnd, 2)},
                options);
-    DotnetModuleSpec module;
+    DotnetModuleFields module;
     module.moduleId = 0x7000;
     module.assemblyId = 0x6000;
     module.flags = 0x8;
@@ -45,11 +45,11 @@ NettraceWriter runtimeTrace(NettraceWriterLayout layout, const NettraceBlockOpti
     module.managedPdbSignature[0] = 0x11;
     module.managedPdbAge = 1;
     module.managedPdbBuildPath = "/src/App.pdb";
-    DotnetAssemblySpec assembly;
+    DotnetAssemblyFields assembly;
     assembly.assemblyId = 0x6000;
     assembly.flags = 0x8;
     assembly.fullyQualifiedName = "App, Version=1.0.0.0";
-    DotnetMethodSpec m;
+    DotnetMethodFields m;
     m.methodId = 0x5000;
     m.moduleId = 0x7000;
     m.startAddress = 0x7f0000001000;
@@ -59,10 +59,10 @@ NettraceWriter runtimeTrace(NettraceWriterLayout layout, const NettraceBlockOpti
     m.methodNamespace = "App.Program";
     m.methodName = "Hot";
     m.methodSignature = "int32 (int32)";
-    DotnetILMapSpec map;
+    DotnetILMapFields map;
     map.methodId = m.methodId;
     map.entries = {{0xFFFFFFFE, 0}, {0, 8}, {6, 20}, {0xFFFFFFFF, 40}, {0xFFFFFFFD, 0x70}};
-    DotnetMethodSpec tier1 = m;
+    DotnetMethodFields tier1 = m;
     tier1.startAddress = 0x7f0000002000;
     tier1.size = 0x40;
     tier1.flags = 0x8 | (4 << 7);
@@ -106,10 +106,10 @@ std::vector<Bytes> nettraceSeeds() {
     withFields.fields = {{"Id", 12}, {"Name", 18}, {"Data", 19, 6}};
     withFields.fieldsInParameterTag = true;
     for (NettraceWriterLayout layout : {NettraceWriterLayout::objectStream, NettraceWriterLayout::blocks}) {
-        NettraceTraceSpec spec;
-        spec.layout = layout;
-        spec.frequency = 10000000;
-        NettraceWriter w(spec);
+        NettraceTraceShape shape;
+        shape.layout = layout;
+        shape.frequency = 10000000;
+        NettraceWriter w(shape);
         w.metadata({withFields});
         w.events({row(1, 5, PayloadBuilder().u64(1).utf16("a").u16(1).u8(7).get())});
         w.end();

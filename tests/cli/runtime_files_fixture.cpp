@@ -150,9 +150,9 @@ void writeCutDump(const std::string& path) {
     w.writeTo(path, w.recordStarts()[2] + 30);
 }
 
-DotnetMethodSpec dotnetMethod(uint64_t start, uint32_t size, uint32_t token, uint32_t flags, const std::string& type,
-                              const std::string& name, const std::string& signature) {
-    DotnetMethodSpec m;
+DotnetMethodFields dotnetMethod(uint64_t start, uint32_t size, uint32_t token, uint32_t flags, const std::string& type,
+                                const std::string& name, const std::string& signature) {
+    DotnetMethodFields m;
     m.methodId = 0x5000 + token;
     m.moduleId = 0x7000;
     m.startAddress = start;
@@ -166,7 +166,7 @@ DotnetMethodSpec dotnetMethod(uint64_t start, uint32_t size, uint32_t token, uin
 }
 
 void writeNettrace(const std::string& path) {
-    NettraceTraceSpec header;
+    NettraceTraceShape header;
     header.processId = 7010;
     NettraceWriter w(header);
     w.metadata({dotnetEventType(1, kDotnetRuntimeProvider, dotnetMethodLoadVerbose, 2),
@@ -174,30 +174,30 @@ void writeNettrace(const std::string& path) {
                 dotnetEventType(3, kDotnetRuntimeProvider, dotnetModuleLoad, 2),
                 dotnetEventType(4, kDotnetRuntimeProvider, dotnetAssemblyLoad, 1),
                 dotnetEventType(5, kDotnetRundownProvider, dotnetMethodDCEndVerbose, 2)});
-    DotnetAssemblySpec assembly;
+    DotnetAssemblyFields assembly;
     assembly.assemblyId = 0x6000;
     assembly.fullyQualifiedName = "Shop, Version=1.0.0.0";
-    DotnetModuleSpec module;
+    DotnetModuleFields module;
     module.moduleId = 0x7000;
     module.assemblyId = 0x6000;
     module.ilPath = "/app/Shop.dll";
     const uint32_t jitted = 0x8, dynamic = 0x1;
-    const DotnetMethodSpec tier0 = dotnetMethod(0x50000, 0x60, 0x06000002, jitted | 3 << 7, "Shop.Cart", "Total",
-                                                "int64  (class System.String,int32)");
-    DotnetMethodSpec tier1 = tier0;
+    const DotnetMethodFields tier0 = dotnetMethod(0x50000, 0x60, 0x06000002, jitted | 3 << 7, "Shop.Cart", "Total",
+                                                  "int64  (class System.String,int32)");
+    DotnetMethodFields tier1 = tier0;
     tier1.startAddress = 0x51000;
     tier1.size = 0x30;
     tier1.flags = jitted | 4 << 7;
-    const DotnetMethodSpec kernel0 =
+    const DotnetMethodFields kernel0 =
         dotnetMethod(0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel0", "int64  (int64)");
-    const DotnetMethodSpec kernel1 =
+    const DotnetMethodFields kernel1 =
         dotnetMethod(0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel1", "int64  (int64)");
-    const DotnetMethodSpec precompiled =
+    const DotnetMethodFields precompiled =
         dotnetMethod(0x80000, 0x40, 0x06000001, 2 << 7, "Shop.Program", "Main", "void  (class System.String[])");
-    DotnetILMapSpec map0;
+    DotnetILMapFields map0;
     map0.methodId = tier0.methodId;
     map0.entries = {{0xFFFFFFFE, 0}, {0, 0x10}, {8, 0x30}, {0xFFFFFFFD, 0x50}};
-    DotnetILMapSpec map1 = map0;
+    DotnetILMapFields map1 = map0;
     map1.entries = {{0, 0}, {8, 0x18}};
     const auto row = [](uint32_t type, uint64_t time, std::vector<uint8_t> payload) {
         NettraceEventRow r;

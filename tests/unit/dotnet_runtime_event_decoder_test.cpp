@@ -96,8 +96,8 @@ TEST(DotnetRuntimeEvents, EventsAreKnownByProviderIdAndNothingElse) {
     }
 }
 
-DotnetMethodSpec sampleMethod() {
-    DotnetMethodSpec m;
+DotnetMethodFields sampleMethod() {
+    DotnetMethodFields m;
     m.methodId = 0x7fa0e5670408;
     m.moduleId = 0x7fa0e565e938;
     m.startAddress = 0x7fa0e54a43a0;
@@ -113,7 +113,7 @@ DotnetMethodSpec sampleMethod() {
 }
 
 TEST(DotnetRuntimeEvents, MethodEventsOfEveryVersionDecode) {
-    const DotnetMethodSpec m = sampleMethod();
+    const DotnetMethodFields m = sampleMethod();
     const struct {
         bool verbose;
         uint32_t writtenVersion;  // the layout of the payload
@@ -153,7 +153,7 @@ TEST(DotnetRuntimeEvents, MethodEventsOfEveryVersionDecode) {
 
 TEST(DotnetRuntimeEvents, ShortPayloadsAreRefusedNamingTheMissingField) {
     const Bytes verboseV2 = dotnetMethodPayload(sampleMethod(), true, 2);
-    DotnetILMapSpec map;
+    DotnetILMapFields map;
     map.entries = {{DotnetILToNativeMap::kProlog, 0}, {0, 4}};
     const Bytes mapV1 = dotnetILMapPayload(map, 1);
     const struct {
@@ -190,7 +190,7 @@ TEST(DotnetRuntimeEvents, ShortPayloadsAreRefusedNamingTheMissingField) {
 }
 
 TEST(DotnetRuntimeEvents, ILToNativeMapsKeepTheirSpecialOffsets) {
-    DotnetILMapSpec m;
+    DotnetILMapFields m;
     m.methodId = 0x7fa0e5567ea0;
     m.rejitId = 3;
     m.methodExtent = 0;
@@ -239,7 +239,7 @@ TEST(DotnetRuntimeEvents, ILToNativeMapsKeepTheirSpecialOffsets) {
 }
 
 TEST(DotnetRuntimeEvents, ModuleAndAssemblyEventsOfEveryVersionDecode) {
-    DotnetModuleSpec m;
+    DotnetModuleFields m;
     m.moduleId = 0x7fa0e4464000;
     m.assemblyId = 0x55aa;
     m.flags = 0x28; // manifest, ReadyToRun
@@ -282,7 +282,7 @@ TEST(DotnetRuntimeEvents, ModuleAndAssemblyEventsOfEveryVersionDecode) {
         }
     }
 
-    DotnetAssemblySpec a;
+    DotnetAssemblyFields a;
     a.assemblyId = 0x55aa;
     a.appDomainId = 0x77;
     a.bindingId = 0x99;

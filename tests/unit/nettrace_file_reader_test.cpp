@@ -51,25 +51,25 @@ public:
     }
 
     RuntimeRun& assemblyLoad(uint64_t id, uint32_t flags, uint64_t time) {
-        DotnetAssemblySpec a;
+        DotnetAssemblyFields a;
         a.assemblyId = id;
         a.flags = flags;
         a.fullyQualifiedName = "A" + std::to_string(id);
         return add(assembly, time, dotnetAssemblyPayload(a, 1));
     }
     RuntimeRun& moduleLoad(uint64_t id, uint64_t assemblyId, const std::string& path, uint64_t time) {
-        DotnetModuleSpec m;
+        DotnetModuleFields m;
         m.moduleId = id;
         m.assemblyId = assemblyId;
         m.ilPath = path;
         return add(module, time, dotnetModulePayload(m, 2));
     }
-    RuntimeRun& code(Type type, const DotnetMethodSpec& m, uint64_t time, uint64_t thread = 1) {
+    RuntimeRun& code(Type type, const DotnetMethodFields& m, uint64_t time, uint64_t thread = 1) {
         return add(type, time, dotnetMethodPayload(m, true, 2), thread);
     }
     RuntimeRun& map(Type type, uint64_t methodId, std::vector<std::pair<uint32_t, uint32_t>> entries, uint64_t time,
                     uint64_t thread = 1) {
-        DotnetILMapSpec ilMap;
+        DotnetILMapFields ilMap;
         ilMap.methodId = methodId;
         ilMap.entries = std::move(entries);
         return add(type, time, dotnetILMapPayload(ilMap, 1), thread);
@@ -108,9 +108,9 @@ private:
     std::vector<std::vector<NettraceEventRow>> m_blocks;
 };
 
-DotnetMethodSpec codeSpec(uint64_t id, uint64_t module, uint64_t start, uint32_t size, uint32_t token, uint32_t flags,
-                          const std::string& type, const std::string& name) {
-    DotnetMethodSpec m;
+DotnetMethodFields codeVersion(uint64_t id, uint64_t module, uint64_t start, uint32_t size, uint32_t token,
+                               uint32_t flags, const std::string& type, const std::string& name) {
+    DotnetMethodFields m;
     m.methodId = id;
     m.moduleId = module;
     m.startAddress = start;
@@ -165,18 +165,20 @@ struct Query {
 TEST(NettraceThroughTheFileSet, EachCodeVersionLivesFromItsLoadUntilFreedOrReplaced) {
     TempDir dir;
     const uint64_t app = 0x7000, plugin = 0x7100;
-    const DotnetMethodSpec tier0 =
-        codeSpec(0x50, app, 0x1000, 0x80, 0x06000001, flagJitted | 3 << 7, "App.Program", "Hot");
-    const DotnetMethodSpec tier1 =
-        codeSpec(0x50, app, 0x2000, 0x40, 0x06000001, flagJitted | 4 << 7, "App.Program", "Hot");
-    const DotnetMethodSpec spin = codeSpec(0x60, plugin, 0x3000, 0x40, 0x06000002, flagJitted, "Plugin.Worker", "Spin");
-    const DotnetMethodSpec kernel0 =
-        codeSpec(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel0");
-    const DotnetMethodSpec kernel1 =
-        codeSpec(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel1");
-    const DotnetMethodSpec precompiled = codeSpec(0x80, app, 0x9000, 0x30, 0x06000003, 2 << 7, "App.Program", "Main");
-    const DotnetMethodSpec lateJitted =
-        codeSpec(0x90, app, 0x5000, 0x10, 0x06000004, flagJitted, "App.Program", "Late");
+    const DotnetMethodFields tier0 =
+        codeVersion(0x50, app, 0x1000, 0x80, 0x06000001, flagJitted | 3 << 7, "App.Program", "Hot");
+    const DotnetMethodFields tier1 =
+        codeVersion(0x50, app, 0x2000, 0x40, 0x06000001, flagJitted | 4 << 7, "App.Program", "Hot");
+    const DotnetMethodFields spin =
+        codeVersion(0x60, plugin, 0x3000, 0x40, 0x06000002, flagJitted, "Plugin.Worker", "Spin");
+    const DotnetMethodFields kernel0 =
+        codeVersion(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel0");
+    const DotnetMethodFields kernel1 =
+        codeVersion(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel1");
+    const DotnetMethodFields precompiled =
+        codeVersion(0x80, app, 0x9000, 0x30, 0x06000003, 2 << 7, "App.Program", "Main");
+    const DotnetMethodFields lateJitted =
+        codeVersion(0x90, app, 0x5000, 0x10, 0x06000004, flagJitted, "App.Program", "Late");
     RuntimeRun run;
     // The runtime writes each thread's events in order, but the threads'
     // buffers as they fill: threads 2 and 3 come first in the file although
@@ -259,10 +261,10 @@ void writeSampleAssembly(const TempDir& dir) {
 TEST(NettraceThroughTheResolver, NamesFromTheAssemblyLinesFromItsPdbThroughTheILMap) {
     TempDir dir;
     writeSampleAssembly(dir);
-    const DotnetMethodSpec add =
-        codeSpec(0x50, 0x7000, 0x1000, 0x40, 0x06000001, flagJitted, "Fixture.Sample.Calculator", "Add");
-    const DotnetMethodSpec kernel =
-        codeSpec(0x70, 0x7000, 0x2000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel0");
+    const DotnetMethodFields add =
+        codeVersion(0x50, 0x7000, 0x1000, 0x40, 0x06000001, flagJitted, "Fixture.Sample.Calculator", "Add");
+    const DotnetMethodFields kernel =
+        codeVersion(0x70, 0x7000, 0x2000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel0");
     RuntimeRun run;
     run.assemblyLoad(0x600, 0, 100)
         .moduleLoad(0x7000, 0x600, dir.file("Sample.dll"), 101)
@@ -351,7 +353,7 @@ TEST(NettraceThroughTheFileSet, ACutKeepsEveryWholeLoadAndSaysWhere) {
     run.assemblyLoad(0x600, 0, 100).moduleLoad(0x7000, 0x600, "/gone/App.dll", 101);
     for (uint32_t i = 0; i < 4; ++i) {
         run.code(RuntimeRun::load,
-                 codeSpec(0x50 + i, 0x7000, 0x1000 + 0x100 * i, 0x40, 0x06000001 + i, flagJitted, "App.P", "M"),
+                 codeVersion(0x50 + i, 0x7000, 0x1000 + 0x100 * i, 0x40, 0x06000001 + i, flagJitted, "App.P", "M"),
                  200 + i)
             .map(RuntimeRun::ilMap, 0x50 + i, {{0, 0}, {4, 0x10}}, 200 + i);
         if (i == 1)

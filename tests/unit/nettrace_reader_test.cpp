@@ -21,7 +21,7 @@ using quarvel_test::NettraceBlockOptions;
 using quarvel_test::NettraceEventRow;
 using quarvel_test::NettraceEventType;
 using quarvel_test::NettraceThreadRow;
-using quarvel_test::NettraceTraceSpec;
+using quarvel_test::NettraceTraceShape;
 using quarvel_test::NettraceWriter;
 using quarvel_test::NettraceWriterLayout;
 
@@ -120,12 +120,12 @@ std::vector<NettraceEventRow> rowsOfBlock(uint64_t base) {
         uint32_t processor;
         uint32_t sequence;
         bool sorted;
-    } spec[] = {{1, 0, 40, 100, 0, 0, 0, true},           {1, 5, 40, 100, 0, 0, 0, false},
+    } rows[] = {{1, 0, 40, 100, 0, 0, 0, true},           {1, 5, 40, 100, 0, 0, 0, false},
                 {2, 9, 0, 100, 1, 0, 0, false},           {3, 1000, 3, 200, 0, 1, 0, true},
                 {3, 1000, 3, 200, 2, 1, 77, false},       {1, 3, 260, 100, 2, 0, 0, false},
                 {2, 0, 1, 0xFFFFFFFFFFull, 0, 3, 0, true}};
     uint64_t t = base;
-    for (const auto& s : spec) {
+    for (const auto& s : rows) {
         NettraceEventRow r;
         r.metadataId = s.metadataId;
         t += s.dt;
@@ -170,9 +170,9 @@ NettraceBlockOptions optionsOf(const Form& f) {
 
 // Two event blocks with stacks and a sequence point between them.
 NettraceWriter smallTrace(const Form& form) {
-    NettraceTraceSpec spec;
-    spec.layout = form.layout;
-    NettraceWriter w(spec);
+    NettraceTraceShape shape;
+    shape.layout = form.layout;
+    NettraceWriter w(shape);
     w.metadata(threeTypes(), optionsOf(form));
     w.stacks(1, {{0x1000, 0x2000}, {}});
     w.events(rowsOfBlock(5000), optionsOf(form));
@@ -296,10 +296,10 @@ TEST(NettraceReader, TicksBecomeNanosecondsOfTheTracesClock) {
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.frequency) + " Hz, " + std::to_string(c.ticks) + " ticks");
         for (NettraceWriterLayout layout : {NettraceWriterLayout::objectStream, NettraceWriterLayout::blocks}) {
-            NettraceTraceSpec spec;
-            spec.layout = layout;
-            spec.frequency = c.frequency;
-            NettraceWriter w(spec);
+            NettraceTraceShape shape;
+            shape.layout = layout;
+            shape.frequency = c.frequency;
+            NettraceWriter w(shape);
             w.metadata({quarvel_test::dotnetEventType(1, "P", 1, 0)});
             NettraceEventRow row;
             row.metadataId = 1;
@@ -332,9 +332,9 @@ TEST(NettraceReader, MetadataOfBothLayoutsKeepsNamesFieldsAndProperties) {
     arrays.fields = {{"Count", ntUInt16}, {"Offsets", ntArray, ntUInt32}};
     arrays.fieldsInParameterTag = true;
     for (NettraceWriterLayout layout : {NettraceWriterLayout::objectStream, NettraceWriterLayout::blocks}) {
-        NettraceTraceSpec spec;
-        spec.layout = layout;
-        NettraceWriter w(spec);
+        NettraceTraceShape shape;
+        shape.layout = layout;
+        NettraceWriter w(shape);
         w.metadata({plain, arrays});
         NettraceEventRow a, b;
         a.metadataId = 5;
@@ -373,9 +373,9 @@ TEST(NettraceReader, MetadataOfBothLayoutsKeepsNamesFieldsAndProperties) {
 // never wrote shows as gaps, a thread id starting again does not.
 TEST(NettraceReader, GapsInSequenceNumbersCountAsDroppedEvents) {
     for (NettraceWriterLayout layout : {NettraceWriterLayout::objectStream, NettraceWriterLayout::blocks}) {
-        NettraceTraceSpec spec;
-        spec.layout = layout;
-        NettraceWriter w(spec);
+        NettraceTraceShape shape;
+        shape.layout = layout;
+        NettraceWriter w(shape);
         w.metadata({quarvel_test::dotnetEventType(1, "P", 1, 0)});
         const auto on = [](uint64_t thread, uint32_t sequence) {
             NettraceEventRow r;
@@ -395,9 +395,9 @@ TEST(NettraceReader, GapsInSequenceNumbersCountAsDroppedEvents) {
 }
 
 TEST(NettraceReader, VersionSixThreadsAndCacheFlushesApply) {
-    NettraceTraceSpec spec;
-    spec.layout = NettraceWriterLayout::blocks;
-    NettraceWriter w(spec);
+    NettraceTraceShape shape;
+    shape.layout = NettraceWriterLayout::blocks;
+    NettraceWriter w(shape);
     w.threads({{1, 5001, 77, "main"}, {2, 5002, 78, ""}});
     w.metadata({quarvel_test::dotnetEventType(1, "P", 1, 0)});
     NettraceEventRow a, b;
@@ -434,9 +434,9 @@ TEST(NettraceReader, VersionSixThreadsAndCacheFlushesApply) {
 
 TEST(NettraceReader, ContentDetectionNeedsTheMagicAndAKnownLayout) {
     NettraceWriter v5;
-    NettraceTraceSpec spec;
-    spec.layout = NettraceWriterLayout::blocks;
-    NettraceWriter v6(spec);
+    NettraceTraceShape shape;
+    shape.layout = NettraceWriterLayout::blocks;
+    NettraceWriter v6(shape);
     const auto bytesOf = [](const std::string& s) {
         return Bytes(s.begin(), s.end());
     };
@@ -592,9 +592,9 @@ TEST(NettraceReader, DamageIsReportedWithWhereAndWhyAfterTheEventsBeforeIt) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        NettraceTraceSpec spec;
-        spec.layout = c.layout;
-        NettraceWriter w(spec);
+        NettraceTraceShape shape;
+        shape.layout = c.layout;
+        NettraceWriter w(shape);
         const size_t offset = c.build(w);
         const ReadResult r = readAll(w.bytes());
         EXPECT_EQ(r.events.size(), c.eventsBefore);

@@ -3,8 +3,8 @@
 
 // Why something was refused, carried to the caller instead of only to the
 // log: Expected<T> holds a value or a Reason; Status is Expected without a
-// value. The specified quarvel_error_t of each refusal travels with it, so
-// facades keep returning the codes their contracts name.
+// value. The quarvel_error_t of each refusal travels with it, so the
+// facades keep returning the codes their interfaces promise.
 
 #include <quarvel/types.h>
 
@@ -28,7 +28,7 @@ struct Reason {
     static constexpr uint64_t kNoOffset = std::numeric_limits<uint64_t>::max();
 
     ErrorKind kind = ErrorKind::internal;
-    quarvel_error_t code = meNotFound; // the status the specified interfaces return for it
+    quarvel_error_t code = meNotFound; // the status the public interfaces return for it
     std::string file;                  // path of the file, when one is involved
     uint64_t offset = kNoOffset;       // where in the file (a record's start, a field)
     std::string field;                 // the field or structure that was wrong
