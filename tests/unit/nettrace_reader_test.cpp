@@ -120,12 +120,12 @@ std::vector<NettraceEventRow> rowsOfBlock(uint64_t base) {
         uint32_t processor;
         uint32_t sequence;
         bool sorted;
-    } rows[] = {{1, 0, 40, 100, 0, 0, 0, true},           {1, 5, 40, 100, 0, 0, 0, false},
-                {2, 9, 0, 100, 1, 0, 0, false},           {3, 1000, 3, 200, 0, 1, 0, true},
-                {3, 1000, 3, 200, 2, 1, 77, false},       {1, 3, 260, 100, 2, 0, 0, false},
-                {2, 0, 1, 0xFFFFFFFFFFull, 0, 3, 0, true}};
+    } cases[] = {{1, 0, 40, 100, 0, 0, 0, true},           {1, 5, 40, 100, 0, 0, 0, false},
+                 {2, 9, 0, 100, 1, 0, 0, false},           {3, 1000, 3, 200, 0, 1, 0, true},
+                 {3, 1000, 3, 200, 2, 1, 77, false},       {1, 3, 260, 100, 2, 0, 0, false},
+                 {2, 0, 1, 0xFFFFFFFFFFull, 0, 3, 0, true}};
     uint64_t t = base;
-    for (const auto& s : rows) {
+    for (const auto& s : cases) {
         NettraceEventRow r;
         r.metadataId = s.metadataId;
         t += s.dt;
