@@ -1,6 +1,5 @@
 #include "log_capture.h"
 
-#include "support/assertion.h"
 #include "support/log.h"
 
 #include <log4cplus/logger.h>
@@ -14,7 +13,6 @@ namespace {
 
 std::mutex g_mutex;
 std::vector<LogLine> g_lines;
-std::vector<std::string> g_assertions;
 
 class CaptureAppender : public log4cplus::Appender {
 public:
@@ -29,14 +27,6 @@ protected:
     }
 };
 
-void recordAssertion(const char* condition, const char* file, int line) {
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        g_assertions.push_back(condition);
-    }
-    LOG4CPLUS_ERROR(quarvel::log::logger(), "Assertion failed: " << condition << quarvel::log::errorSuffix(file, line));
-}
-
 } // namespace
 
 LogCapture::LogCapture() {
@@ -49,7 +39,6 @@ LogCapture::LogCapture() {
     // Keep the console quiet while capturing: only our appender sees TRACE lines.
     if (auto console = logger.getAppender(LOG4CPLUS_TEXT("quarvel-stderr")))
         console->setThreshold(log4cplus::OFF_LOG_LEVEL);
-    m_previousHandler = reinterpret_cast<void*>(quarvel::setAssertionHandler(&recordAssertion));
 }
 
 LogCapture::~LogCapture() {
@@ -58,7 +47,6 @@ LogCapture::~LogCapture() {
     logger.setLogLevel(m_previousLevel);
     if (auto console = logger.getAppender(LOG4CPLUS_TEXT("quarvel-stderr")))
         console->setThreshold(log4cplus::NOT_SET_LOG_LEVEL);
-    quarvel::setAssertionHandler(reinterpret_cast<quarvel::AssertionHandler>(m_previousHandler));
 }
 
 std::vector<LogLine> LogCapture::lines() const {
@@ -82,15 +70,9 @@ bool LogCapture::contains(const std::string& text, log4cplus::LogLevel level) co
     return false;
 }
 
-std::vector<std::string> LogCapture::assertions() const {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_assertions;
-}
-
 void LogCapture::clear() {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_lines.clear();
-    g_assertions.clear();
 }
 
 std::string LogCapture::dump() const {

@@ -1,8 +1,8 @@
 #ifndef QUARVEL_TESTS_LOG_CAPTURE_H
 #define QUARVEL_TESTS_LOG_CAPTURE_H
 
-// Captures what the library logs while the object lives, at every level, and
-// records failed assertions instead of only logging them.
+// Captures what the library logs while the object lives, at every level
+// (internal checks that fire are the check listener's: check_listener.h).
 
 #include <log4cplus/appender.h>
 #include <log4cplus/loglevel.h>
@@ -30,8 +30,6 @@ public:
     std::vector<std::string> errors() const { return messages(log4cplus::ERROR_LOG_LEVEL); }
     // True when some line of that level contains text.
     bool contains(const std::string& text, log4cplus::LogLevel level = log4cplus::NOT_SET_LOG_LEVEL) const;
-    // Condition texts of failed assertions.
-    std::vector<std::string> assertions() const;
     void clear();
     // Everything captured, one line each, for failure messages.
     std::string dump() const;
@@ -39,7 +37,6 @@ public:
 private:
     log4cplus::SharedAppenderPtr m_appender;
     log4cplus::LogLevel m_previousLevel;
-    void* m_previousHandler;
 };
 
 } // namespace quarvel_test

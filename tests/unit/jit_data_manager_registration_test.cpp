@@ -116,8 +116,7 @@ TEST(JitDataManagerRegistration, ReloadOfAKnownMethodKeepsBothLinesAndLowersItsJ
 }
 
 TEST(JitDataManagerRegistration, MalformedRegionsAreRefusedWithoutAborting) {
-    quarvel_test::ExpectInternalChecks expectedChecks; // these precondition checks are the point
-    LogCapture capture;
+    const quarvel_test::ExpectInternalChecks checks; // these precondition checks are the point
     JitDataManager manager;
     EXPECT_EQ(meBadRecord,
               manager.processMethodLoadRecord(kPid, kHost, makeMethod(2, 100, {{0x1000, 0, 0x100}})).code());
@@ -128,7 +127,7 @@ TEST(JitDataManagerRegistration, MalformedRegionsAreRefusedWithoutAborting) {
                   .code());
     const std::vector<std::string> expected = {"region->length()",
                                                "fitsIn64(region->startAddress(), region->length())"};
-    EXPECT_EQ(expected, capture.assertions());
+    EXPECT_EQ(expected, checks.conditions());
     EXPECT_TRUE(manager.getJitMethods().empty());
 }
 

@@ -8,25 +8,16 @@ QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
-void logAssertion(const char* condition, const char* file, int line) {
-    LOG4CPLUS_ERROR(log::logger(), "Assertion failed: " << condition << log::errorSuffix(file, line));
-}
-
-std::atomic<AssertionHandler> g_handler{&logAssertion};
 std::atomic<AssertionHandler> g_observer{nullptr};
 
 } // namespace
-
-AssertionHandler setAssertionHandler(AssertionHandler handler) {
-    return g_handler.exchange(handler ? handler : &logAssertion);
-}
 
 AssertionHandler setAssertionObserver(AssertionHandler observer) {
     return g_observer.exchange(observer);
 }
 
 void assertionFailed(const char* condition, const char* file, int line) {
-    g_handler.load()(condition, file, line);
+    LOG4CPLUS_ERROR(log::logger(), "Assertion failed: " << condition << log::errorSuffix(file, line));
     if (AssertionHandler observer = g_observer.load())
         observer(condition, file, line);
 }

@@ -2,8 +2,8 @@
 #define QUARVEL_SUPPORT_ASSERTION_H
 
 // Preconditions that file content can reach are checked, not assumed: a
-// failed check hands the condition's text to the assertion handler (by
-// default an ERROR line) and the caller refuses the operation. Nothing aborts.
+// failed check logs the condition's text as an ERROR line, tells the observer
+// if one is installed, and the caller refuses the operation. Nothing aborts.
 
 #include <quarvel/namespace.h>
 
@@ -11,10 +11,7 @@ QUARVEL_NAMESPACE_BEGIN
 
 typedef void (*AssertionHandler)(const char* condition, const char* file, int line);
 
-// Installs a handler (null restores the default); returns the previous one.
-AssertionHandler setAssertionHandler(AssertionHandler handler);
-
-// Called after the handler for every failed check (null: none); returns the
+// Called after the log line for every failed check (null: none); returns the
 // previous observer. Tests and fuzz targets use it to fail on any check.
 AssertionHandler setAssertionObserver(AssertionHandler observer);
 
