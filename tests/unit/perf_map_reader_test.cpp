@@ -3,17 +3,14 @@
 // content.
 
 #include "format/perf_map_reader.h"
-#include "temp_dir.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 using namespace quarvel;
-using quarvel_test::TempDir;
 
 namespace perf_map_reader_test {
 
@@ -131,27 +128,7 @@ TEST(PerfMapReader, CountsEveryMalformedLineButKeepsOnlyTheFirstReasons) {
     EXPECT_EQ(251u, got.entries[0].first);
 }
 
-TEST(PerfMapReader, AnEmptyFileHasNoEntries) {
-    const Read got = readAll("");
-    EXPECT_TRUE(got.entries.empty());
-    EXPECT_EQ(0u, got.malformed);
-}
-
-TEST(PerfMapReader, OpensAMappedFile) {
-    TempDir dir;
-    const std::string path = dir.file("perf-42.map");
-    std::ofstream(path) << "7f0000001000 40 LazyCompile:*f a.js:1\n7f0000001040 20 Builtin:Abort\n";
-    Expected<PerfMapReader> reader = PerfMapReader::open(path);
-    ASSERT_TRUE(reader) << reader.reason().text();
-    PerfMapEntry e;
-    ASSERT_TRUE(reader->next(e));
-    EXPECT_EQ("LazyCompile:*f a.js:1", e.name);
-    ASSERT_TRUE(reader->next(e));
-    EXPECT_EQ(0x7f0000001040u, e.start);
-    EXPECT_EQ(38u, e.offset);
-    EXPECT_FALSE(reader->next(e));
-    EXPECT_FALSE(PerfMapReader::open(dir.file("perf-43.map")));
-}
+// Opening a mapped file: runtime_files_test, through the file set.
 
 struct DetectCase {
     const char* name;
