@@ -60,19 +60,22 @@ std::vector<std::string> split(const std::string& line, char sep) {
     return fields;
 }
 
-// Runs the peer tool over one assembly and keeps what the test checks.
-PeerAssembly readByPeer(const std::string& assembly) {
-    PeerAssembly peer;
-    const std::string command = "DOTNET_CLI_TELEMETRY_OPTOUT=1 DOTNET_NOLOGO=1 dotnet '" + fixturesDir() +
-                                "/bin/MetadataPeer/MetadataPeer.dll' '" + assembly + "'";
+// What a command prints on its standard output.
+std::string run(const std::string& command) {
     std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
-    if (!pipe)
-        return peer;
     std::string text;
     char buffer[1 << 16];
     size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe.get())) > 0)
+    while (pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe.get())) > 0)
         text.append(buffer, n);
+    return text;
+}
+
+// Runs the peer tool over one assembly and keeps what the test checks.
+PeerAssembly readByPeer(const std::string& assembly) {
+    PeerAssembly peer;
+    const std::string text = run("DOTNET_CLI_TELEMETRY_OPTOUT=1 DOTNET_NOLOGO=1 dotnet '" + fixturesDir() +
+                                 "/bin/MetadataPeer/MetadataPeer.dll' '" + assembly + "'");
     for (const std::string& line : split(text, '\n')) {
         const std::vector<std::string> f = split(line, '\t');
         if (f[0] == "document" && f.size() == 4) {
@@ -226,16 +229,6 @@ TEST_P(DotNetResolver, NamesAndLinesOfTracedMethodsAgreeWithThePeer) {
     }
     RecordProperty("methods", int(traced.size()));
     RecordProperty("lines", int(lines));
-}
-
-std::string run(const std::string& command) {
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
-    std::string text;
-    char buffer[4096];
-    size_t n = 0;
-    while (pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe.get())) > 0)
-        text.append(buffer, n);
-    return text;
 }
 
 // quarvel-jit goes through getSymbol, so its listings show what the

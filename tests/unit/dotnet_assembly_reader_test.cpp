@@ -1,5 +1,6 @@
 // IAssemblyReader and the PDB search over synthetic assemblies, the .NET
-// Core classification, and the resolver completing traced .NET methods.
+// Core classification, and the resolver completing traced .NET methods with
+// or without a PDB, through the caller's locator or none.
 // The same paths over compiler-built assemblies: tests/dotnet.
 
 #include "dotnet_test_support.h"
@@ -34,44 +35,6 @@ namespace dotnet_assembly_reader_test {
 
 typedef std::function<void(MetadataBuilder&)> Shape;
 const uint32_t kEpilogueOffset = 0xFFFFFFFD; // the runtime's IL offset of epilogue code
-typedef std::array<uint8_t, 20> Id;
-
-// "/src/Calculator.cs": method 1 has points at IL 0 (line 10), 2 (11) and 6 (12).
-Bytes samplePdb(const Id& id) {
-    MetadataBuilder md;
-    md.pdb(id, {{0x06, 2}});
-    const uint32_t src = md.blob({'s', 'r', 'c'});
-    const uint32_t file = md.blob({'C', 'a', 'l', 'c', 'u', 'l', 'a', 't', 'o', 'r', '.', 'c', 's'});
-    md.row(M::Document, {md.blob({'/', 0x00, uint8_t(src), uint8_t(file)}), 0, 0, 0});
-    md.row(M::MethodDebugInformation, {1, md.blob({0x00, 0x00, 0x00, 0x01, 0x0A, 0x05, 0x02, 0x00, 0x04, 0x02, 0x00,
-                                                   0x04, 0x00, 0x01, 0x02, 0x00})});
-    md.row(M::MethodDebugInformation, {0, 0});
-    return md.build("PDB v1.0");
-}
-
-// Fixture.Sample.Calculator with Add(int, int) (rid 1) and Broken (rid 2,
-// whose signature is damaged). The CodeView record names a PDB of id `id`.
-struct SampleAssembly {
-    Id id = pdbId(5);
-    const Bytes* embedded = nullptr;
-    Shape shape;
-    PeBuilder pe;
-
-    Bytes build() {
-        MetadataBuilder md;
-        addModuleAndClass(md);
-        Bytes body = {(8 << 2) | 2};
-        body.resize(9, 0);
-        method(md, "Add", {0x20, 0x02, 0x08, 0x08, 0x08}, pe.addMethodBody(body));
-        method(md, "Broken", {0x00, 0x01, 0x01, 0x17});
-        if (shape)
-            shape(md);
-        pe.codeView(id, "/build/obj/Sample.pdb");
-        if (embedded)
-            pe.embedPdb(*embedded);
-        return pe.build(md.build());
-    }
-};
 
 class AssemblyReaderTest : public ::testing::Test {
 protected:
@@ -220,16 +183,23 @@ TEST_F(AssemblyReaderTest, BadTokensAndDamagedRowsGiveNoMethodAndOneLogLine) {
     EXPECT_NE(std::string::npos, log.errors()[0].find(": method 0x6000002: method signature: unknown element type 23"));
 }
 
-TEST_F(AssemblyReaderTest, DamagedAssembliesAreRefused) {
+// Each file's failure is logged once, however often it is asked for.
+TEST_F(AssemblyReaderTest, UnreadableAssembliesAreRefusedAndLoggedOncePerFile) {
     const std::string text = write("text.dll", {'n', 'o', 't', ' ', 'a', ' ', 'P', 'E'});
+    const std::string missing = dir.file("missing.dll");
     LogCapture log;
     IAssemblyReader::Ptr reader;
-    EXPECT_EQ(meBadRecord, IAssemblyReader::create(text.c_str(), nullptr, reader));
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(meBadRecord, IAssemblyReader::create(text.c_str(), nullptr, reader));
+        EXPECT_EQ(meFileOpenError, IAssemblyReader::create(missing.c_str(), nullptr, reader));
+    }
     EXPECT_FALSE(reader);
-    ASSERT_EQ(1u, log.errors().size());
+    EXPECT_EQ(meNotFound, IAssemblyReader::create(nullptr, nullptr, reader));
+    ASSERT_EQ(3u, log.errors().size()) << log.dump();
     EXPECT_NE(std::string::npos,
               log.errors()[0].find(text + ": offset 0: not a PE image: no MZ signature (found 0x6f6e)"))
         << log.errors()[0];
+    EXPECT_NE(std::string::npos, log.errors()[1].find(missing)) << log.errors()[1];
 }
 
 // Core or not, from the metadata and the image.
@@ -330,8 +300,32 @@ TEST_F(AssemblyReaderTest, DefaultLocatorFindsTheAssemblyAndThePdbBesideIt) {
     EXPECT_FALSE(found);
 }
 
-// One open per assembly, not one per method, with or without a locator.
-TEST_F(AssemblyReaderTest, TheResolverOpensEachAssemblyOnce) {
+// The caller's locator: finds every module at one path, or nothing.
+class LocatorStub : public ISymbolFileLocator {
+public:
+    class File : public ILocatedFile {
+    public:
+        explicit File(std::string path) : m_path(std::move(path)) {}
+        const char* getPath() const override { return m_path.c_str(); }
+
+    private:
+        std::string m_path;
+    };
+
+    void locate(const char* modulePath, ILocatedFile::Ptr& assembly, ILocatedFile::Ptr& debugFile) override {
+        asked.push_back(modulePath);
+        if (!found.empty())
+            assembly.reset(new File(found));
+        debugFile.reset();
+    }
+    std::string found;
+    std::vector<std::string> asked;
+};
+
+// One open per assembly, not one per method, with or without a locator. A
+// failed open is not remembered (the file may appear later); what the
+// locator cannot find is not opened at all.
+TEST_F(AssemblyReaderTest, TheResolverOpensEachAssemblyOnceWhereTheLocatorSays) {
     const std::string assembly = write("o/Sample.dll", SampleAssembly().build());
     for (const ISymbolFileLocator::Ptr& locator : {ISymbolFileLocator::Ptr(), ISymbolFileLocator::createDefault()}) {
         SymbolResolver::Ptr resolver(new SymbolResolver(locator));
@@ -339,6 +333,25 @@ TEST_F(AssemblyReaderTest, TheResolverOpensEachAssemblyOnce) {
         ASSERT_TRUE(first);
         EXPECT_EQ(first, resolver->getAssemblyReader(assembly));
     }
+
+    boost::intrusive_ptr<LocatorStub> stub(new LocatorStub());
+    SymbolResolver::Ptr resolver(new SymbolResolver(ISymbolFileLocator::Ptr(stub)));
+    const std::string module = "/deployed/App.dll";
+    stub->found = assembly;
+    ASSERT_TRUE(resolver->getAssemblyReader(module));
+    EXPECT_TRUE(resolver->getAssemblyReader(module));
+    EXPECT_EQ(std::vector<std::string>{module}, stub->asked);
+
+    LogCapture log;
+    stub->found = dir.file("o/Missing.dll");
+    EXPECT_FALSE(resolver->getAssemblyReader("/deployed/Other.dll"));
+    EXPECT_FALSE(resolver->getAssemblyReader("/deployed/Other.dll"));
+    EXPECT_EQ(3u, stub->asked.size());
+    ASSERT_EQ(1u, log.errors().size()) << log.dump();
+    EXPECT_NE(std::string::npos, log.errors()[0].find(stub->found)) << log.errors()[0];
+    stub->found.clear();
+    EXPECT_FALSE(resolver->getAssemblyReader("/deployed/Third.dll"));
+    EXPECT_EQ(1u, log.errors().size()) << log.dump();
 }
 
 std::vector<quarvel_line_number_entry> table(const ISymbol::Ptr& s, quarvel_line_info_type type) {
@@ -351,23 +364,30 @@ std::vector<quarvel_line_number_entry> table(const ISymbol::Ptr& s, quarvel_line
 }
 
 // A trace names .NET methods by module path and token only; the resolver
-// fills in names and lines from the assembly and its PDB.
+// fills in names and lines from the assembly and its PDB and keeps what the
+// trace gave where they have nothing.
 TEST_F(AssemblyReaderTest, ResolverCompletesTracedMethods) {
     const std::string assembly = write("r/Sample.dll", SampleAssembly().build());
     write("r/Sample.pdb", samplePdb(pdbId(5)));
-    auto load = [&](uint32_t id, uint64_t address, uint32_t token, const std::string& name) {
-        TraceMethodLoad l = quarvel_test::makeLoad(id, 100 + id, address, 16, name, name.empty() ? "" : "Program");
-        l.tail.moduleName = assembly;
-        l.tail.sourceFile.clear();
+    const std::string withoutPdb = write("p/Sample.dll", SampleAssembly().build());
+    const std::string missing = dir.file("r/Missing.dll");
+    auto load = [&](uint32_t id, const std::string& module, uint32_t token, const std::string& name,
+                    const std::string& sourceFile = "") {
+        TraceMethodLoad l = quarvel_test::makeLoad(id, 100 + id, 0x1000 * id, 16, name, name.empty() ? "" : "Program");
+        l.tail.moduleName = module;
+        l.tail.sourceFile = sourceFile;
         l.tail.metadataToken = token;
         l.tail.lines.nativeToManaged = {{0, 4, 0}, {4, 10, 2}, {10, 16, kEpilogueOffset}};
         return l;
     };
     const std::string trace = TraceBuilder()
-                                  .load(3, load(1, 0x1000, 0x06000001, ""))
-                                  .load(3, load(2, 0x2000, 0x06000001, "Main"))
-                                  .load(3, load(3, 0x3000, 0x06000002, "FromTheTrace"))
+                                  .load(3, load(1, assembly, 0x06000001, "", "Dynamic Code"))
+                                  .load(3, load(2, assembly, 0x06000001, "Main"))
+                                  .load(3, load(3, assembly, 0x06000002, "FromTheTrace"))
+                                  .load(3, load(4, withoutPdb, 0x06000001, ""))
+                                  .load(3, load(5, missing, 0x06000001, "Kept"))
                                   .writeTo(dir.file("host.7.jit"));
+    LogCapture log;
     for (bool withLocator : {false, true}) {
         SCOPED_TRACE(withLocator ? "default locator" : "no locator");
         ISymbolFileLocator::Ptr locator = withLocator ? ISymbolFileLocator::createDefault() : ISymbolFileLocator::Ptr();
@@ -376,7 +396,7 @@ TEST_F(AssemblyReaderTest, ResolverCompletesTracedMethods) {
         std::vector<ISymbol::Ptr> methods;
         for (auto s = resolver->getSymbols(); !s.atEnd(); s.advance())
             methods.push_back(resolver->getSymbol(s.current()->getStartJitRva() + 1));
-        ASSERT_EQ(3u, methods.size());
+        ASSERT_EQ(5u, methods.size());
 
         const ISymbol::Ptr& add = methods[0];
         EXPECT_STREQ("Fixture::Sample::Calculator", add->getClassName());
@@ -401,7 +421,21 @@ TEST_F(AssemblyReaderTest, ResolverCompletesTracedMethods) {
         // A damaged row leaves the method as the trace described it.
         EXPECT_STREQ("Program::FromTheTrace", methods[2]->getMethodName());
         EXPECT_TRUE(table(methods[2], quarvel_line_info_native_to_source).empty());
+        // Without a PDB: names from the assembly, no lines, the trace's IL map kept.
+        EXPECT_STREQ("Fixture::Sample::Calculator::Add(int, int)", methods[3]->getQualifiedMethodName());
+        EXPECT_TRUE(table(methods[3], quarvel_line_info_native_to_source).empty());
+        EXPECT_TRUE(table(methods[3], quarvel_line_info_managed_to_source).empty());
+        EXPECT_EQ(3u, table(methods[3], quarvel_line_info_native_to_managed).size());
+        EXPECT_FALSE(methods[3]->getSourceFile());
+        // An assembly that is not there: the method as the trace gave it.
+        EXPECT_STREQ("Program::Kept", methods[4]->getMethodName());
+        EXPECT_EQ(3u, table(methods[4], quarvel_line_info_native_to_managed).size());
+        resolver->getSymbol(methods[4]->getStartJitRva());
     }
+    size_t missingReported = 0;
+    for (const std::string& e : log.errors())
+        missingReported += e.find(missing) != std::string::npos;
+    EXPECT_EQ(1u, missingReported) << log.dump();
 }
 
 } // namespace

@@ -225,25 +225,7 @@ TEST(MethodOwners, RunsOfMethodsBelongToTheLastTypeThatStartsThem) {
     }
 }
 
-TEST(MethodOwners, OverlongTypeNamesAreRefused) {
-    MetadataBuilder md;
-    PeBuilder pe;
-    const std::string longName(1000, 'N');
-    md.row(M::Module, {0, md.string("Edge.dll"), 0, 0, 0});
-    md.row(M::TypeDef, {0, md.string("<Module>"), 0, 0, 1, 1});
-    for (uint32_t i = 0; i < 20; ++i) // each nested in the one before
-        md.row(M::TypeDef, {0, md.string(longName + std::to_string(i)), 0, 0, 1, 1});
-    for (uint32_t i = 1; i < 20; ++i)
-        md.row(M::NestedClass, {2 + i, 1 + i});
-    method(md, "Deep", {0x00, 0x00, 0x01});
-    std::shared_ptr<const AssemblyMetadata> a = open(pe.build(md.build()));
-    ASSERT_TRUE(a);
-    Expected<MethodDescription> m = a->describeMethod(0x06000001);
-    ASSERT_FALSE(m.ok());
-    EXPECT_EQ("the full name of TypeDef row 21 is longer than 16384 bytes", m.reason().message);
-}
-
-TEST(MethodOwners, NestedTypesAreNamedOutermostFirst) {
+TEST(MethodOwners, NestedTypesAreNamedOutermostFirstWithinLimits) {
     MetadataBuilder md;
     PeBuilder pe;
     md.row(M::Module, {0, md.string("Edge.dll"), 0, 0, 0});
@@ -252,11 +234,17 @@ TEST(MethodOwners, NestedTypesAreNamedOutermostFirst) {
     md.row(M::TypeDef, {0, md.string("Mid"), 0, 0, 1, 1});
     md.row(M::TypeDef, {0, md.string("Inner"), 0, 0, 1, 1});
     md.row(M::TypeDef, {0, md.string("Loop"), 0, 0, 1, 2});
+    const std::string longName(1000, 'N');
+    for (uint32_t i = 0; i < 20; ++i) // rows 6 to 25, each nested in the one before
+        md.row(M::TypeDef, {0, md.string(longName + std::to_string(i)), 0, 0, 1, 3});
     method(md, "InInner", {0x00, 0x00, 0x01});
     method(md, "InLoop", {0x00, 0x00, 0x01});
+    method(md, "Deep", {0x00, 0x00, 0x01});
     md.row(M::NestedClass, {3, 2});
     md.row(M::NestedClass, {4, 3});
     md.row(M::NestedClass, {5, 5}); // a damaged file: a type nested in itself
+    for (uint32_t i = 1; i < 20; ++i)
+        md.row(M::NestedClass, {6 + i, 5 + i});
     std::shared_ptr<const AssemblyMetadata> a = open(pe.build(md.build()));
     ASSERT_TRUE(a);
     EXPECT_EQ("Edge.Gen`1.Mid.Inner", a->describeMethod(0x06000001)->typeName);
@@ -265,6 +253,9 @@ TEST(MethodOwners, NestedTypesAreNamedOutermostFirst) {
     for (int i = 0; i < 64; ++i)
         loop += ".Loop";
     EXPECT_EQ(loop, a->describeMethod(0x06000002)->typeName);
+    Expected<MethodDescription> deep = a->describeMethod(0x06000003);
+    ASSERT_FALSE(deep.ok());
+    EXPECT_EQ("the full name of TypeDef row 25 is longer than 16384 bytes", deep.reason().message);
 }
 
 // Heap index widths by flag, the extra data after the row counts, and coded,
@@ -374,19 +365,6 @@ TEST(MethodBodies, IlSizeFromTinyAndFatHeaders) {
     }
 }
 
-TEST(MethodLookup, TokensOutsideTheMethodTableAreNotFound) {
-    MetadataBuilder md;
-    PeBuilder pe;
-    addModuleAndClass(md);
-    method(md, "Run", {0x00, 0x00, 0x01});
-    std::shared_ptr<const AssemblyMetadata> a = open(pe.build(md.build()));
-    ASSERT_TRUE(a);
-    EXPECT_EQ("test.dll: token 0x2000001 is not a MethodDef token", a->describeMethod(0x02000001).reason().text());
-    EXPECT_EQ("test.dll: token 0x6000002 names no method (the assembly has 1)",
-              a->describeMethod(0x06000002).reason().text());
-    EXPECT_EQ(ErrorKind::notFound, a->describeMethod(0x06000000).reason().kind);
-}
-
 // Every structure on the way to a method, damaged one at a time: the reason
 // names the file, the offset and the bad value.
 TEST(DamagedImages, AreRefusedWithTheirReason) {
@@ -460,8 +438,8 @@ TEST(DamagedImages, AreRefusedWithTheirReason) {
     }
 }
 
-// GUID text: dotnet_pdb_test (a document's language).
-TEST(Heaps, IndexChecks) {
+// Tokens and heap indices that name nothing. GUID text: dotnet_pdb_test (a document's language).
+TEST(Indices, PastTheirTableOrHeapAreRefused) {
     MetadataBuilder md;
     PeBuilder pe;
     addModuleAndClass(md);
@@ -469,6 +447,10 @@ TEST(Heaps, IndexChecks) {
     md.row(M::MethodDef, {0, 0, 0, md.string("Ok"), 0xFFF0, 1});
     std::shared_ptr<const AssemblyMetadata> a = open(pe.build(md.build()));
     ASSERT_TRUE(a);
+    EXPECT_EQ("test.dll: token 0x2000001 is not a MethodDef token", a->describeMethod(0x02000001).reason().text());
+    EXPECT_EQ("test.dll: token 0x6000003 names no method (the assembly has 2)",
+              a->describeMethod(0x06000003).reason().text());
+    EXPECT_EQ(ErrorKind::notFound, a->describeMethod(0x06000000).reason().kind);
     const std::string strings = std::to_string(a->heaps().stringsSize());
     EXPECT_EQ("string index 65520 lies past the end of #Strings (" + strings + " bytes)",
               a->describeMethod(0x06000001).reason().message);

@@ -193,7 +193,6 @@ TEST(DotnetRuntimeEvents, ILToNativeMapsKeepTheirSpecialOffsets) {
     DotnetILMapFields m;
     m.methodId = 0x7fa0e5567ea0;
     m.rejitId = 3;
-    m.methodExtent = 0;
     m.entries = {{0xFFFFFFFE, 0}, {0, 12}, {0xFFFFFFFF, 30}, {7, 31}, {0xFFFFFFFD, 40}, {12, 48}};
     m.clrInstanceId = 9;
     m.ilVersionId = 5;
@@ -222,9 +221,6 @@ TEST(DotnetRuntimeEvents, ILToNativeMapsKeepTheirSpecialOffsets) {
             EXPECT_EQ(out.ilOffsets[i], m.entries[i].first);
             EXPECT_EQ(out.nativeOffsets[i], m.entries[i].second);
         }
-        EXPECT_EQ(out.ilOffsets[0], DotnetILToNativeMap::kProlog);
-        EXPECT_EQ(out.ilOffsets[2], DotnetILToNativeMap::kNoMapping);
-        EXPECT_EQ(out.ilOffsets[4], DotnetILToNativeMap::kEpilog);
         EXPECT_EQ(out.clrInstanceId, 9);
         EXPECT_EQ(out.ilVersionId, c.written >= 1 ? 5u : 0u);
     }
@@ -250,7 +246,6 @@ TEST(DotnetRuntimeEvents, ModuleAndAssemblyEventsOfEveryVersionDecode) {
         m.managedPdbSignature[i] = static_cast<uint8_t>(0x81 + i);
     m.managedPdbAge = 1;
     m.managedPdbBuildPath = "/_/artifacts/obj/System.Private.CoreLib.pdb";
-    m.nativePdbAge = 0;
     const struct {
         const char* provider;
         uint32_t id, written, declared;

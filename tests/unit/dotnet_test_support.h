@@ -12,6 +12,7 @@
 
 #include <array>
 #include <fstream>
+#include <functional>
 #include <string>
 
 namespace dotnet_test {
@@ -62,6 +63,43 @@ inline std::shared_ptr<const quarvel::AssemblyMetadata> open(const Bytes& image,
     EXPECT_TRUE(opened.ok()) << (opened.ok() ? "" : opened.reason().text());
     return opened.ok() ? opened.value() : nullptr;
 }
+
+// "/src/Calculator.cs": method 1 has points at IL 0 (line 10), 2 (11) and 6 (12).
+inline Bytes samplePdb(const std::array<uint8_t, 20>& id) {
+    MetadataBuilder md;
+    md.pdb(id, {{0x06, 2}});
+    const uint32_t src = md.blob({'s', 'r', 'c'});
+    const uint32_t file = md.blob({'C', 'a', 'l', 'c', 'u', 'l', 'a', 't', 'o', 'r', '.', 'c', 's'});
+    md.row(M::Document, {md.blob({'/', 0x00, uint8_t(src), uint8_t(file)}), 0, 0, 0});
+    md.row(M::MethodDebugInformation, {1, md.blob({0x00, 0x00, 0x00, 0x01, 0x0A, 0x05, 0x02, 0x00, 0x04, 0x02, 0x00,
+                                                   0x04, 0x00, 0x01, 0x02, 0x00})});
+    md.row(M::MethodDebugInformation, {0, 0});
+    return md.build("PDB v1.0");
+}
+
+// Fixture.Sample.Calculator with Add(int, int) (rid 1) and Broken (rid 2,
+// whose signature is damaged). The CodeView record names a PDB of id `id`.
+struct SampleAssembly {
+    std::array<uint8_t, 20> id = pdbId(5);
+    const Bytes* embedded = nullptr;
+    std::function<void(MetadataBuilder&)> shape;
+    PeBuilder pe;
+
+    Bytes build() {
+        MetadataBuilder md;
+        addModuleAndClass(md);
+        Bytes body = {(8 << 2) | 2};
+        body.resize(9, 0);
+        method(md, "Add", {0x20, 0x02, 0x08, 0x08, 0x08}, pe.addMethodBody(body));
+        method(md, "Broken", {0x00, 0x01, 0x01, 0x17});
+        if (shape)
+            shape(md);
+        pe.codeView(id, "/build/obj/Sample.pdb");
+        if (embedded)
+            pe.embedPdb(*embedded);
+        return pe.build(md.build());
+    }
+};
 
 } // namespace dotnet_test
 

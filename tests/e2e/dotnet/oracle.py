@@ -5,7 +5,7 @@ its jitdump when that holds methods, and perf's samples.
 
   oracle.py --summary S.json --methods M.tsv --ilmaps I.tsv --modules D.tsv
             --perf-map /tmp/perf-PID.map [--jitdump jit-PID.dump]
-            [--perf-script perf.txt] [--run-seconds N]
+            [--perf-script perf.txt]
             [--plugin Plugin.dll] [--dynamic-prefix Kernel]
 
 Name normalisation between the perf map and the trace's MethodLoadVerbose
@@ -145,7 +145,6 @@ def main():
     ap.add_argument("--perf-map", required=True)
     ap.add_argument("--jitdump")
     ap.add_argument("--perf-script")
-    ap.add_argument("--run-seconds", type=float)
     ap.add_argument("--plugin", default="Plugin.dll")
     ap.add_argument("--dynamic-prefix", default="Kernel")
     a = ap.parse_args()
@@ -373,15 +372,6 @@ def main():
                      "%.1f" % (deltas[-1] / 1e3) if deltas else "-"))
             check(same_name == len(deltas), "the nearest jitdump record in time names the same method for %d of %d "
                   "loads (addresses reused by other methods included)" % (same_name, len(deltas)))
-
-    print("== cost")
-    if a.run_seconds:
-        info("reading the trace took %.1f ms (%.1f ms with decoding) for a run of %.2f s (%.3f%%)" % (
-            summary["read_seconds"] * 1e3, summary["read_and_decode_seconds"] * 1e3, a.run_seconds,
-            100.0 * summary["read_and_decode_seconds"] / a.run_seconds))
-    else:
-        info("reading the trace took %.1f ms (%.1f ms with decoding)" % (
-            summary["read_seconds"] * 1e3, summary["read_and_decode_seconds"] * 1e3))
 
     if failures:
         print("== %d check(s) FAILED" % len(failures))

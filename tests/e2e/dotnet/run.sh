@@ -128,12 +128,12 @@ run_seconds=$(python3 -c "print($end - $start)")
 
 echo "== reading the trace"
 "$DUMP" "$work/trace.nettrace" --methods "$work/methods.tsv" --ilmaps "$work/ilmaps.tsv" \
-  --modules "$work/modules.tsv" --repeat 5 >"$work/summary.json" || status=1
+  --modules "$work/modules.tsv" >"$work/summary.json" || status=1
 pid=$(python3 -c 'import json,sys; print(json.load(open(sys.argv[1]))["pid"])' "$work/summary.json") ||
   fail "the reader wrote no summary"
 oracle=(python3 "$here/oracle.py" --summary "$work/summary.json" --methods "$work/methods.tsv"
         --ilmaps "$work/ilmaps.tsv" --modules "$work/modules.tsv" --perf-map "$work/maps/perf-$pid.map"
-        --jitdump "$work/maps/jit-$pid.dump" --run-seconds "$run_seconds")
+        --jitdump "$work/maps/jit-$pid.dump")
 if [ -z "$perf_reason" ]; then
   perf script -i "$work/perf.data" -F pid,time,ip --ns >"$work/perf.txt" 2>/dev/null
   oracle+=(--perf-script "$work/perf.txt")
