@@ -2,6 +2,7 @@
 // them. Options -> trace_view (the library) -> printer.
 
 #include "flame_writer.h"
+#include "heap_reservation.h"
 #include "folded_writer.h"
 #include "printer.h"
 #include "sample_csv_writer.h"
@@ -33,6 +34,8 @@ using namespace quarvel_jit;
 constexpr int kExitOk = 0;
 constexpr int kExitUsage = 1;
 constexpr int kExitInput = 2;
+// The model of a trace of some thousands of methods takes tens of megabytes.
+constexpr size_t kHeapReservation = size_t(256) << 20;
 
 struct Options {
     std::string format = "text";
@@ -413,6 +416,7 @@ int main(int argc, char** argv) {
 
     if (!checkPaths(o.paths))
         return kExitInput;
+    reserveHeap(kHeapReservation);
     TraceView view;
     if (!view.open(o.paths)) {
         fail("cannot read the traces in " + joined(o.paths) + ": " + view.whyNotOpen());
