@@ -2,8 +2,10 @@
 // them. Options -> trace_view (the library) -> printer.
 
 #include "flame_writer.h"
+#include "heap_reservation.h"
 #include "folded_writer.h"
 #include "printer.h"
+#include "sample_csv_writer.h"
 #include "samples.h"
 #include "speedscope_writer.h"
 #include "stack_pipeline.h"
@@ -32,6 +34,8 @@ using namespace quarvel_jit;
 constexpr int kExitOk = 0;
 constexpr int kExitUsage = 1;
 constexpr int kExitInput = 2;
+// The model of a trace of some thousands of methods takes tens of megabytes.
+constexpr size_t kHeapReservation = size_t(256) << 20;
 
 struct Options {
     std::string format = "text";
@@ -129,7 +133,7 @@ int runResolve(TraceView& view, const Options& o, Format format) {
     if (o.samples == "-") {
         input = readSamples(std::cin, sf);
     } else {
-        std::ifstream in(o.samples);
+        std::ifstream in(o.samples, std::ios::binary);
         if (!in) {
             fail("cannot read " + o.samples + ": " + std::strerror(errno));
             return kExitInput;
@@ -141,24 +145,44 @@ int runResolve(TraceView& view, const Options& o, Format format) {
     if (input.samples.empty())
         std::cerr << "quarvel-jit: " << name << " holds no samples\n";
 
+    // CSV rows go out as each sample is resolved; the other outputs need them all.
+    const bool streamed = format == Format::Csv && o.top == 0;
     std::vector<SampleResult> results;
+    if (!streamed)
+        results.reserve(input.samples.size());
+    std::unique_ptr<SampleCsvWriter> csv(streamed ? new SampleCsvWriter(std::cout) : nullptr);
+    ResolveSummary summary;
+    // Samples of processes without traces, by host and pid: a host the traces
+    // do not know at all is reported once, as a host, when all are resolved.
+    std::map<std::pair<std::string, unsigned>, uint64_t> untraced;
     {
         Progress progress;
-        results = view.resolve(input.samples, [&](size_t done, size_t total) { progress(done, total); });
+        view.resolveEach(
+            input.samples,
+            [&](const SampleResult& r) {
+                TraceView::count(r, summary);
+                if (r.status == SampleStatus::UnknownProcess && !r.host.empty())
+                    ++untraced[{r.host, r.pid}];
+                if (csv)
+                    csv->add(r);
+                else
+                    results.push_back(r);
+            },
+            [&](size_t done, size_t total) { progress(done, total); });
     }
+    csv.reset();
     for (const auto& host : view.unknownHosts())
         std::cerr << "quarvel-jit: no traces from host " << host.first << " (" << host.second << " samples)\n";
     std::map<unsigned, uint64_t> unknownPids;
-    for (const SampleResult& r : results)
-        if (r.status == SampleStatus::UnknownProcess && !r.host.empty() && !view.unknownHosts().count(r.host))
-            ++unknownPids[r.pid];
+    for (const auto& entry : untraced)
+        if (!view.unknownHosts().count(entry.first.first))
+            unknownPids[entry.first.second] += entry.second;
     for (const auto& pid : unknownPids)
         std::cerr << "quarvel-jit: no traces of pid " << pid.first << " (" << pid.second << " samples)\n";
 
     if (o.top > 0) {
         printTop(std::cout, format, TraceView::top(results, o.top));
-    } else {
-        ResolveSummary summary = TraceView::summarize(results);
+    } else if (!streamed) {
         summary.malformedLines = input.errors.size();
         printSamples(std::cout, format, results, summary);
     }
@@ -392,6 +416,7 @@ int main(int argc, char** argv) {
 
     if (!checkPaths(o.paths))
         return kExitInput;
+    reserveHeap(kHeapReservation);
     TraceView view;
     if (!view.open(o.paths)) {
         fail("cannot read the traces in " + joined(o.paths) + ": " + view.whyNotOpen());

@@ -1,5 +1,7 @@
 #include "printer.h"
 
+#include "sample_csv_writer.h"
+
 #include <nlohmann/json.hpp>
 
 #include <cmath>
@@ -68,25 +70,6 @@ std::string where(const SourcePoint& p) {
     if (p.sourceFile.empty() && !p.line)
         return "";
     return (p.sourceFile.empty() ? "?" : p.sourceFile) + (p.line ? ":" + std::to_string(p.line) : std::string());
-}
-
-std::string frameText(const SourcePoint& p) {
-    const std::string at = where(p);
-    return at.empty() ? p.name : p.name + " (" + at + ")";
-}
-
-const char* statusName(SampleStatus s) {
-    switch (s) {
-    case SampleStatus::Resolved:
-        return "resolved";
-    case SampleStatus::NotJit:
-        return "not_jit";
-    case SampleStatus::UnknownProcess:
-        return "unknown_process";
-    case SampleStatus::NoHost:
-        return "no_host";
-    }
-    return "";
 }
 
 // A table of text columns, each as wide as its widest cell; the last is not padded.
@@ -171,6 +154,25 @@ Json pointJson(const SourcePoint& p) {
 }
 
 } // namespace
+
+std::string frameText(const SourcePoint& p) {
+    const std::string at = where(p);
+    return at.empty() ? p.name : p.name + " (" + at + ")";
+}
+
+const char* statusName(SampleStatus s) {
+    switch (s) {
+    case SampleStatus::Resolved:
+        return "resolved";
+    case SampleStatus::NotJit:
+        return "not_jit";
+    case SampleStatus::UnknownProcess:
+        return "unknown_process";
+    case SampleStatus::NoHost:
+        return "no_host";
+    }
+    return "";
+}
 
 void printProcesses(std::ostream& os, Format format, const std::vector<ProcessRow>& rows) {
     if (format == Format::Json) {
@@ -306,18 +308,9 @@ void printSamples(std::ostream& os, Format format, const std::vector<SampleResul
         return;
     }
     if (format == Format::Csv) {
-        csvRow(os, {"line", "time", "address", "pid", "host", "status", "jit_rva", "method", "module", "source_file",
-                    "source_line", "inlined"});
-        for (const SampleResult& r : results) {
-            const bool ok = r.status == SampleStatus::Resolved;
-            std::string chain;
-            for (const SourcePoint& p : r.inlined)
-                chain += (chain.empty() ? "" : " <- ") + frameText(p);
-            csvRow(os,
-                   {std::to_string(r.inputLine), std::to_string(r.time), hex(r.address), std::to_string(r.pid), r.host,
-                    statusName(r.status), ok ? hex(r.jitRva) : "", ok ? r.method.name : "", ok ? r.module : "",
-                    ok ? r.method.sourceFile : "", ok ? std::to_string(r.method.line) : "", chain});
-        }
+        SampleCsvWriter writer(os);
+        for (const SampleResult& r : results)
+            writer.add(r);
         return;
     }
     Table t({"TIME", "ADDRESS", "PID", "HOST", "JIT RVA", "METHOD"});

@@ -15,6 +15,11 @@ namespace quarvel_jit {
 
 enum class Format { Text, Csv, Json };
 
+// "resolved", "not_jit", ...: a sample's status as every format names it.
+const char* statusName(SampleStatus status);
+// "name (file:line)", or the name alone where the place is unknown.
+std::string frameText(const SourcePoint& point);
+
 void printProcesses(std::ostream& os, Format format, const std::vector<ProcessRow>& rows);
 void printSymbols(std::ostream& os, Format format, const std::vector<SymbolRow>& rows);
 void printDump(std::ostream& os, Format format, const std::vector<DumpEntry>& entries);

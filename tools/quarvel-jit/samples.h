@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <istream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quarvel_jit {
@@ -28,14 +29,17 @@ struct SampleInput {
     std::vector<std::string> errors; // "<line>: <what is wrong>"
 };
 
+// The whole text at once: profiles hold millions of lines, read here without
+// a copy per line.
+SampleInput readSamples(std::string_view text, SamplesFormat format);
 SampleInput readSamples(std::istream& in, SamplesFormat format);
 
 // Parsers of one field; false when the text is not a number that fits.
-bool parseDecimal(const std::string& text, uint64_t& value);
-bool parseAddress(const std::string& text, uint64_t& value); // hex with 0x, or decimal
-bool parseHex(const std::string& text, uint64_t& value);     // without prefix
+bool parseDecimal(std::string_view text, uint64_t& value);
+bool parseAddress(std::string_view text, uint64_t& value); // hex with 0x, or decimal
+bool parseHex(std::string_view text, uint64_t& value);     // without prefix
 // "sec.fraction" to integer nanoseconds, without floating point.
-bool parsePerfTime(const std::string& text, uint64_t& nanoseconds);
+bool parsePerfTime(std::string_view text, uint64_t& nanoseconds);
 
 } // namespace quarvel_jit
 

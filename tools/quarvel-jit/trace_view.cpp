@@ -383,6 +383,11 @@ const TraceView::CodeExtent* TraceView::codeExtent(unsigned hostId, unsigned pid
 }
 
 void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
+    // r may hold the sample before: what only a resolved sample has is cleared.
+    r.jitRva = 0;
+    r.module.clear();
+    r.method = SourcePoint();
+    r.inlined.clear();
     r.inputLine = sample.line;
     r.time = sample.time;
     r.address = sample.address;
@@ -409,36 +414,47 @@ void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
     r.status = SampleStatus::Resolved;
 }
 
-std::vector<SampleResult> TraceView::resolve(const std::vector<Sample>& samples,
-                                             const std::function<void(size_t, size_t)>& progress) {
-    std::vector<SampleResult> results(samples.size());
+void TraceView::resolveEach(const std::vector<Sample>& samples, const std::function<void(const SampleResult&)>& each,
+                            const std::function<void(size_t, size_t)>& progress) {
+    SampleResult r;
     for (size_t i = 0; i < samples.size(); ++i) {
-        resolveOne(samples[i], results[i]);
+        resolveOne(samples[i], r);
+        each(r);
         if (progress && (i % 256 == 0 || i + 1 == samples.size()))
             progress(i + 1, samples.size());
     }
+}
+
+std::vector<SampleResult> TraceView::resolve(const std::vector<Sample>& samples,
+                                             const std::function<void(size_t, size_t)>& progress) {
+    std::vector<SampleResult> results;
+    results.reserve(samples.size());
+    resolveEach(samples, [&](const SampleResult& r) { results.push_back(r); }, progress);
     return results;
+}
+
+void TraceView::count(const SampleResult& r, ResolveSummary& s) {
+    ++s.samples;
+    switch (r.status) {
+    case SampleStatus::Resolved:
+        ++s.resolved;
+        break;
+    case SampleStatus::NotJit:
+        ++s.notJit;
+        break;
+    case SampleStatus::UnknownProcess:
+        ++s.unknownProcess;
+        break;
+    case SampleStatus::NoHost:
+        ++s.noHost;
+        break;
+    }
 }
 
 ResolveSummary TraceView::summarize(const std::vector<SampleResult>& results) {
     ResolveSummary s;
-    s.samples = results.size();
-    for (const SampleResult& r : results) {
-        switch (r.status) {
-        case SampleStatus::Resolved:
-            ++s.resolved;
-            break;
-        case SampleStatus::NotJit:
-            ++s.notJit;
-            break;
-        case SampleStatus::UnknownProcess:
-            ++s.unknownProcess;
-            break;
-        case SampleStatus::NoHost:
-            ++s.noHost;
-            break;
-        }
-    }
+    for (const SampleResult& r : results)
+        count(r, s);
     return s;
 }
 

@@ -36,7 +36,11 @@ public:
     // After a failed open(): why the paths do not make a trace set.
     std::string whyNotOpen() const;
 
+    // Resolves the samples in order, handing each result to `each` (valid
+    // during the call only), so that no more than one is held at a time.
     // progress(done, total) is called now and then.
+    void resolveEach(const std::vector<Sample>& samples, const std::function<void(const SampleResult&)>& each,
+                     const std::function<void(size_t, size_t)>& progress);
     std::vector<SampleResult> resolve(const std::vector<Sample>& samples,
                                       const std::function<void(size_t, size_t)>& progress);
     // Hosts named by samples that the trace set does not know, with their sample count.
@@ -65,6 +69,7 @@ public:
     const CodeExtent* codeExtent(unsigned hostId, unsigned pid);
 
     static ResolveSummary summarize(const std::vector<SampleResult>& results);
+    static void count(const SampleResult& result, ResolveSummary& summary);
     static TopReport top(const std::vector<SampleResult>& results, size_t n);
 
 private:

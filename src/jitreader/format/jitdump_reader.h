@@ -50,6 +50,8 @@ public:
     const JitdumpHeader& header() const { return m_header; }
     const std::string& path() const { return m_path; }
     uint64_t fileSize() const { return m_size; }
+    // The mapping the records' views lie in; null when reading the caller's bytes.
+    const std::shared_ptr<const MappedFile>& mapping() const { return m_file; }
 
     // The next complete record; false at the end of the file or at the first
     // cut or damaged record (then stopReason() says which and where).

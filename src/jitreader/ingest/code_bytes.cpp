@@ -1,19 +1,25 @@
 #include "ingest/code_bytes.h"
 
 #include <cstring>
+#include <utility>
 
 QUARVEL_NAMESPACE_BEGIN
 
 void CodeBytes::assign(const void* bytes, unsigned length) {
+    // The new bytes may lie in the mapping a view keeps alive: it is let go
+    // only once they are copied.
+    const std::shared_ptr<const void> keeper = std::move(m_keeper);
     m_size = 0;
+    m_view = nullptr;
     if (!bytes || !length)
         return;
     if (m_capacity < length) {
         // Not value-initialised: every byte is written just below.
-        m_bytes.reset(new unsigned char[length]);
+        m_owned.reset(new unsigned char[length]);
         m_capacity = length;
     }
-    std::memcpy(m_bytes.get(), bytes, length);
+    std::memmove(m_owned.get(), bytes, length);
+    m_view = m_owned.get();
     m_size = length;
 }
 

@@ -1,10 +1,11 @@
 #ifndef QUARVEL_INGEST_CODE_BYTES_H
 #define QUARVEL_INGEST_CODE_BYTES_H
 
-// The code bytes of one piece of code a runtime file carries: an owned copy
-// of exactly their size. Runtime files hold thousands of small pieces of
-// code, each copied once and never grown, so the general buffer's reserve
-// would only cost a second write of every byte.
+// The code bytes of one piece of code a runtime file carries. Runtime files
+// hold thousands of pieces of code that are read far more often than they are
+// shown, so a buffer either views the bytes where the file's mapping holds
+// them (kept alive by the buffer) or owns a copy of exactly their size; the
+// first assign() of a view makes it an owned copy.
 
 #include <quarvel/byte_buffer.h>
 
@@ -14,14 +15,20 @@ QUARVEL_NAMESPACE_BEGIN
 
 class CodeBytes final : public IByteBuffer {
 public:
+    // An owned copy.
     CodeBytes(const void* bytes, unsigned length) { assign(bytes, length); }
+    // A view of `length` bytes at `bytes`, which stay valid while `keeper` lives.
+    CodeBytes(std::shared_ptr<const void> keeper, const unsigned char* bytes, unsigned length)
+        : m_keeper(std::move(keeper)), m_view(length ? bytes : nullptr), m_size(bytes ? length : 0) {}
 
     unsigned size() const override { return m_size; }
-    const unsigned char* data() const override { return m_size ? m_bytes.get() : nullptr; }
+    const unsigned char* data() const override { return m_size ? m_view : nullptr; }
     void assign(const void* bytes, unsigned length) override;
 
 private:
-    std::unique_ptr<unsigned char[]> m_bytes;
+    std::shared_ptr<const void> m_keeper; // the mapping a view lies in; null for an owned copy
+    std::unique_ptr<unsigned char[]> m_owned;
+    const unsigned char* m_view = nullptr; // the bytes: the view, or m_owned
     unsigned m_size = 0;
     unsigned m_capacity = 0;
 };

@@ -104,6 +104,7 @@ void DumpPass::load(const JitdumpRecord& record) {
     code.loadTime = record.timestamp;
     code.name = load.name;
     code.bytes = load.code;
+    code.bytesKeeper = m_reader.mapping();
     if (debug) {
         JitdumpLines lines = jitdumpLines(*debug, load.codeAddr, load.codeSize, m_bias);
         code.sourceFile = lines.sourceFile;

@@ -27,8 +27,10 @@ BaseMethodId identityOf(jit_rva_t fileJitRvaBase, u64 rawId) {
     return BaseMethodId(splitMix64(rawId ^ splitMix64(fileJitRvaBase)), fileJitRvaBase);
 }
 
-IByteBuffer::Ptr copyOf(const uint8_t* bytes, u32 size) {
-    return std::make_shared<CodeBytes>(bytes, size);
+IByteBuffer::Ptr contentOf(const RuntimeCode& code, u32 size) {
+    if (code.bytesKeeper)
+        return std::make_shared<CodeBytes>(code.bytesKeeper, code.bytes, size);
+    return std::make_shared<CodeBytes>(code.bytes, size);
 }
 
 } // namespace
@@ -75,7 +77,7 @@ JitMethod::Ptr RuntimeCodeBuilder::build(RuntimeCode& code, jit_rva_t jitRva) {
     method->setLoadTime(code.loadTime);
     method->setStartJitRva(jitRva);
     const bool keepBytes = code.bytes && m_file.keepCodeBytes();
-    const IByteBuffer::Ptr content = keepBytes ? copyOf(code.bytes, size) : IByteBuffer::Ptr();
+    const IByteBuffer::Ptr content = keepBytes ? contentOf(code, size) : IByteBuffer::Ptr();
     method->addCodeRegion(
         Region::Ptr(new Region(m_file.hostId, m_file.pid, jitRva, code.loadTime, 0, code.address, size, content)));
     BaseMethodInfo& info = *method->info();

@@ -12,6 +12,7 @@
 #include <quarvel/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,6 +44,9 @@ struct RuntimeCode {
     std::string_view className;
     std::string_view name;
     const uint8_t* bytes = nullptr; // size bytes when kept, else null
+    // What keeps `bytes` valid (the file's mapping): the method then views
+    // them there. Null: the method gets a copy.
+    std::shared_ptr<const void> bytesKeeper;
     std::string_view sourceFile;
     std::vector<quarvel_line_number_entry> lines; // native to source, offsets from the code's first byte
     // .NET code: its assembly (null: the pseudo module of dynamic code), its
