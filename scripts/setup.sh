@@ -15,7 +15,7 @@ build=1
 PACKAGES=(
   build-essential cmake ninja-build ccache pkg-config python3
   libboost-filesystem-dev libboost-regex-dev libboost-thread-dev
-  liblog4cplus-dev libtbb-dev libzydis-dev zlib1g-dev
+  liblog4cplus-dev libtbb-dev libssl-dev libzydis-dev zlib1g-dev
   libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
 )
 for arg in "$@"; do

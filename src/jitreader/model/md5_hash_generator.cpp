@@ -1,7 +1,8 @@
 #include "model/md5_hash_generator.h"
 
 #include "support/assertion.h"
-#include "support/md5.h"
+
+#include <openssl/evp.h>
 
 #include <sstream>
 
@@ -37,12 +38,28 @@ std::string Md5HashGenerator::identityText(u32 rawId, const JitMethod::Ptr& meth
     return text.str();
 }
 
+namespace {
+
+// Fetched once: an implicit fetch on every digest costs more than the digest.
+const EVP_MD* md5() {
+    static const EVP_MD* const fetched = [] {
+        const EVP_MD* md = EVP_MD_fetch(nullptr, "MD5", nullptr);
+        return md ? md : EVP_md5();
+    }();
+    return fetched;
+}
+
+} // namespace
+
 BaseMethodId Md5HashGenerator::hashText(const std::string& text) {
-    const std::array<uint8_t, 16> digest = md5(text.data(), text.size());
+    unsigned char digest[EVP_MAX_MD_SIZE] = {};
+    unsigned int length = 0;
+    if (EVP_Digest(text.data(), text.size(), digest, &length, md5(), nullptr) != 1 || length != 16)
+        return BaseMethodId();
     u64 halves[2] = {0, 0};
     for (int h = 0; h < 2; ++h)
         for (int i = 0; i < 8; ++i)
-            halves[h] |= static_cast<u64>(digest[static_cast<size_t>(h * 8 + i)]) << (8 * i);
+            halves[h] |= static_cast<u64>(digest[h * 8 + i]) << (8 * i);
     return BaseMethodId(halves[0], halves[1]);
 }
 
