@@ -185,4 +185,24 @@ TEST(QuarvelJitRoundTrip, EveryRecordOfEveryLayoutReachesTheTool) {
     EXPECT_EQ(2u, st.at("processes").get<uint64_t>());
 }
 
+// Names are bytes from a file: JSON output replaces what is not UTF-8
+// instead of stopping.
+TEST(QuarvelJitRoundTrip, NamesThatAreNotUtf8StillPrintAsJson) {
+    TempDir dir;
+    const std::string path = dir.path() + "/rt-host.79.jit";
+    JitTraceWriter w;
+    ASSERT_TRUE(w.open(path));
+    TraceMethodLoad load;
+    load.methodId = 1;
+    load.loadTime = 10;
+    load.regions.push_back(TraceCodeRegion{0x1000, 0x10, {}});
+    load.tail = tail("bad\xff\xfename", 1);
+    ASSERT_TRUE(w.writeMethodLoad(3, true, load));
+    w.close();
+    const RunResult symbols = run("--format json symbols " + path);
+    ASSERT_EQ(0, symbols.exitCode);
+    EXPECT_EQ("demo::Alpha::bad\xEF\xBF\xBD\xEF\xBF\xBDname",
+              Json::parse(symbols.out).at("symbols").at(0).at("name").get<std::string>());
+}
+
 } // namespace

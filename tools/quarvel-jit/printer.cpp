@@ -34,6 +34,12 @@ std::string percent(uint64_t part, uint64_t whole) {
     return os.str();
 }
 
+// Names come from trace files, which may hold any bytes: what is not UTF-8
+// is printed as U+FFFD rather than stopping the output.
+std::string jsonText(const Json& doc) {
+    return doc.dump(2, ' ', false, Json::error_handler_t::replace);
+}
+
 double percentNumber(uint64_t part, uint64_t whole) {
     return std::stod(percent(part, whole));
 }
@@ -185,7 +191,7 @@ void printProcesses(std::ostream& os, Format format, const std::vector<ProcessRo
                                 {"methods", r.methods},
                                 {"jit_rva_start", hex(r.jitRvaStart)},
                                 {"jit_rva_end", hex(r.jitRvaEnd)}});
-        os << Json{{"processes", list}}.dump(2) << '\n';
+        os << jsonText(Json{{"processes", list}}) << '\n';
         return;
     }
     if (format == Format::Csv) {
@@ -227,7 +233,7 @@ void printSymbols(std::ostream& os, Format format, const std::vector<SymbolRow>&
                                 {"jit_rva", hex(m.jitRva)},
                                 {"regions", regions}});
         }
-        os << Json{{"symbols", list}}.dump(2) << '\n';
+        os << jsonText(Json{{"symbols", list}}) << '\n';
         return;
     }
     if (format == Format::Csv) {
@@ -264,7 +270,7 @@ void printDump(std::ostream& os, Format format, const std::vector<DumpEntry>& en
         Json list = Json::array();
         for (const DumpEntry& e : entries)
             list.push_back(Json{{"name", e.name}, {"jit_rva", hex(e.jitRva)}, {"dump", e.text}});
-        os << Json{{"dumps", list}}.dump(2) << '\n';
+        os << jsonText(Json{{"dumps", list}}) << '\n';
         return;
     }
     if (format == Format::Csv) {
@@ -304,7 +310,7 @@ void printSamples(std::ostream& os, Format format, const std::vector<SampleResul
             }
             list.push_back(s);
         }
-        os << Json{{"samples", list}, {"summary", summaryJson(summary)}}.dump(2) << '\n';
+        os << jsonText(Json{{"samples", list}, {"summary", summaryJson(summary)}}) << '\n';
         return;
     }
     if (format == Format::Csv) {
@@ -355,7 +361,7 @@ void printTop(std::ostream& os, Format format, const TopReport& report) {
         for (const Counted& c : report.lines)
             lines.push_back(
                 Json{{"source", c.key}, {"samples", c.samples}, {"percent", percentNumber(c.samples, s.samples)}});
-        os << Json{{"summary", summaryJson(s)}, {"methods", methods}, {"lines", lines}}.dump(2) << '\n';
+        os << jsonText(Json{{"summary", summaryJson(s)}, {"methods", methods}, {"lines", lines}}) << '\n';
         return;
     }
     if (format == Format::Csv) {
@@ -393,7 +399,7 @@ void printStats(std::ostream& os, Format format, const StatsReport& report) {
         Json refusals = Json::array();
         for (const RefusalRow& r : report.refusals)
             refusals.push_back(Json{{"file", r.file}, {"offset", r.offset}, {"field", r.field}, {"reason", r.reason}});
-        os << Json{{"stats", stats}, {"refusals", refusals}, {"refusals_not_listed", report.refusalsNotKept}}.dump(2)
+        os << jsonText(Json{{"stats", stats}, {"refusals", refusals}, {"refusals_not_listed", report.refusalsNotKept}})
            << '\n';
         return;
     }
@@ -483,8 +489,7 @@ void printFrameTop(std::ostream& os, Format format, const FrameTopReport& r) {
                            {"samples_with_unnamed", s.samplesWithUnnamed},
                            {"distinct_stacks", s.distinctStacks},
                            {"errors", s.errors}};
-        os << Json{{"summary", summary}, {"samples", r.samples}, {"frames", frames}}.dump(
-                  2, ' ', false, Json::error_handler_t::replace)
+        os << jsonText(Json{{"summary", summary}, {"samples", r.samples}, {"frames", frames}})
            << '\n';
         return;
     }
