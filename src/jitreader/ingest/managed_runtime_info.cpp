@@ -3,7 +3,7 @@
 #include "support/log.h"
 #include "support/usage_statistics.h"
 
-#include <algorithm>
+#include <boost/regex.hpp>
 
 QUARVEL_NAMESPACE_BEGIN
 
@@ -23,12 +23,16 @@ std::string managedRuntimeCategory(const TraceRuntimeInfo& info) {
                 break;
             }
         category += vendor;
-        // The first run of digits: a plain scan, so the library needs no regex engine.
-        const std::string& version = info.version;
-        const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
-        const auto first = std::find_if(version.begin(), version.end(), isDigit);
-        const auto last = std::find_if_not(first, version.end(), isDigit);
-        const std::string digits = first == last ? std::string("unknown") : std::string(first, last);
+        std::string digits = "unknown";
+        try {
+            static const boost::regex kDigits("\\d+");
+            boost::smatch match;
+            if (boost::regex_search(info.version, match, kDigits))
+                digits = match.str();
+        } catch (const std::exception& e) {
+            // The category is a statistic: a failed search must not stop the reading.
+            QV_TRACE("Couldn't search the runtime version: " << e.what());
+        }
         return category + digits;
     }
     if (info.runtimeType == quarvel_runtime_python)
