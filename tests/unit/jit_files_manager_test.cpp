@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include <fstream>
 #include <string>
 #include <vector>
@@ -164,27 +163,8 @@ TEST(JitFilesManagerTest, GetJitFileRange) {
     EXPECT_EQ(meJitFileNotFound, files.getJitFileRange(nullptr, base, limit));
 }
 
-TEST(JitFilesManagerTest, DescriptorsGiveHostAndPid) {
-    TempDir dir;
-    writeFile(dir.file("trace.bin"), 64);
-    const std::string path = dir.file("trace.bin");
-    std::vector<JitFileDescriptor> descriptors{{path.c_str(), 31, "box"}};
-    generic_iterator_t<JitFileDescriptor> it(descriptors.begin(), descriptors.end());
-    JitFilesManager files;
-    ASSERT_EQ(meSuccess, files.initialize(it, taAny));
-    EXPECT_EQ(1u, files.getHostID("box"));
-    ASSERT_TRUE(files.getProcessJitInfo(31, 1));
-    // The name does not show pid and host; the range is still found.
-    u64 base = 1, limit = 1;
-    ASSERT_EQ(meSuccess, files.getJitFileRange("trace.bin", base, limit));
-    EXPECT_EQ(JitFilesManager::kFirstJitRva, base);
-    EXPECT_EQ(JitFilesManager::kFirstJitRva + kStride, limit);
-
-    JitFilesManager bad;
-    std::vector<JitFileDescriptor> missing{{"/nonexistent/trace.bin", 1, "box"}};
-    generic_iterator_t<JitFileDescriptor> it2(missing.begin(), missing.end());
-    EXPECT_EQ(meJitFileNotFound, bad.initialize(it2, taAny));
-}
+// Descriptors (a file's pid and host given by the caller): runtime_files_test
+// and the facades' ResolverFromDescriptors.
 
 TEST(JitFilesManagerTest, PidArrayListsEachHostsPidsInOrder) {
     TempDir dir;
@@ -209,23 +189,18 @@ TEST(JitFilesManagerTest, PidArrayListsEachHostsPidsInOrder) {
     EXPECT_EQ(4u, kept.remaining());
 }
 
-TEST(JitFilesManagerTest, PidArrayOfAnEmptySetIsRebuiltUntilProcessesAppear) {
+// Each initialisation adds files: the pid array of an empty set is rebuilt
+// once processes appear, and the new files' ranges follow the old ones'.
+TEST(JitFilesManagerTest, ReinitialisationAddsProcessesWithDisjointRanges) {
     TempDir dir;
     JitFilesManager files;
     ASSERT_EQ(meSuccess, init(files, {dir.path()}));
     EXPECT_TRUE(files.getJitPidArray().atEnd());
-    writeFile(dir.file("h.9.jit"), 1);
-    ASSERT_EQ(meSuccess, init(files, {dir.file("h.9.jit")}));
-    EXPECT_EQ(std::vector<unsigned>{9}, pids(files));
-}
-
-TEST(JitFilesManagerTest, ReinitialisationKeepsRangesDisjoint) {
-    TempDir dir;
     writeFile(dir.file("h.1.jit"), 100);
     writeFile(dir.file("h.2.jit"), 50);
-    JitFilesManager files;
     ASSERT_EQ(meSuccess, init(files, {dir.file("h.1.jit")}));
     ASSERT_EQ(meSuccess, init(files, {dir.file("h.2.jit")}));
+    EXPECT_EQ((std::vector<unsigned>{1, 2}), pids(files));
     const ProcessJitInfo* p2 = files.getProcessJitInfo(2, 1);
     ASSERT_TRUE(p2);
     EXPECT_EQ(JitFilesManager::kFirstJitRva + kStride, p2->files[0].jitRvaBase);
@@ -248,17 +223,6 @@ TEST(JitFilesManagerTest, DirectoryTakesFilesByTheirContent) {
     EXPECT_TRUE(files.getProcessJitInfo(1, files.getHostID("h")));
     EXPECT_TRUE(files.getProcessJitInfo(1234, files.getHostID(localHostName())));
     EXPECT_TRUE(log.errors().empty()) << log.dump();
-}
-
-TEST(JitFilesManagerTest, ProcessStateBeforeReading) {
-    TempDir dir;
-    writeFile(dir.file("h.1.jit"), 0);
-    JitFilesManager files;
-    ASSERT_EQ(meSuccess, init(files, {dir.path()}));
-    EXPECT_EQ(meEndOfData, files.processState(1, 1));
-    EXPECT_EQ(meNotFound, files.processState(2, 1));
-    EXPECT_EQ(meNotFound, files.processState(1, 2));
-    EXPECT_FALSE(files.isWholeSetRead());
 }
 
 } // namespace
