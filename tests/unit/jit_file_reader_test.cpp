@@ -213,14 +213,15 @@ TEST(ReadingPassModel, OnlyJavaNamesAreUnmangledAndHiddenClassesKeepTheirAddress
 // ---------------------------------------------------------------------------
 // Where a pass ends, and where it reads on
 
-TEST(ReadingPassFlow, MagicAndCollectorTypeAloneRegisterNothing) {
+// The last collector type of a file wins.
+TEST(ReadingPassFlow, MagicAndCollectorTypesAloneRegisterNothing) {
     JitDataManager data;
-    const Pass pass = readTrace(TraceBuilder().magic(0x1234).collector(ctJitProfiler), data);
+    const Pass pass = readTrace(TraceBuilder().magic(0x1234).collector(ctUnknown).collector(ctJitProfiler), data);
     EXPECT_EQ(meSuccess, pass.status);
     EXPECT_TRUE(data.getJitMethods().empty());
     EXPECT_EQ(ctJitProfiler, data.getCollectorType());
     EXPECT_EQ(1u, pass.stats.magicRecords);
-    EXPECT_EQ(1u, pass.stats.records[quarvel_jt_CollectorType]);
+    EXPECT_EQ(2u, pass.stats.records[quarvel_jt_CollectorType]);
 }
 
 TEST(ReadingPassFlow, MagicPastOffsetZeroEndsTheFile) {
@@ -522,19 +523,28 @@ quarvel_error_t init(JitFilesManager& files, const std::string& path) {
 }
 
 // A process is read once; a file of it that cannot be opened is refused
-// once, said once, and the process's other files are read all the same.
-TEST(FileSetPasses, OneProcessIsReadOnceAndAnUnreadableFileRefusedOnce) {
+// once, said once, and the process's other files are read all the same. The
+// all-processes pass then reads only what is left, past a damaged file and
+// an unopenable one.
+TEST(FileSetPasses, EachProcessIsReadOnceAndEachFailingFileRefusedOnce) {
     TempDir dir;
     TraceBuilder().load(3, load(1, 100, 0x1000)).writeTo(dir.file("h.1.jit"));
     TraceBuilder().load(3, load(3, 100, 0x3000)).writeTo(dir.file("h.1.trace"));
     TraceBuilder().load(3, load(4, 100, 0x4000)).writeTo(dir.file("h.1.zzz"));
-    TraceBuilder().load(3, load(2, 100, 0x2000)).writeTo(dir.file("h.2.jit"));
+    TraceBuilder damaged;
+    damaged.load(3, load(2, 100, 0x2000)).raw({0xFF, 0xFF, 0, 0, 4, 0, 0, 0}); // unknown type
+    damaged.writeTo(dir.file("h.2.jit"));
+    TraceBuilder().load(3, load(5, 100, 0x5000)).writeTo(dir.file("h.3.jit"));
     JitFilesManager files;
     ASSERT_EQ(meSuccess, init(files, dir.path()));
     boost::filesystem::remove(dir.file("h.1.trace"));
+    boost::filesystem::remove(dir.file("h.3.jit"));
+    EXPECT_EQ(meEndOfData, files.processState(1, 1));
+    EXPECT_EQ(meNotFound, files.processState(4, 1));
+    EXPECT_EQ(meNotFound, files.processState(1, 2));
     JitDataManager data;
     LogCapture log;
-    EXPECT_EQ(meNotFound, files.readJitFiles(3, 1, dmCodeBytes, data));
+    EXPECT_EQ(meNotFound, files.readJitFiles(4, 1, dmCodeBytes, data));
     EXPECT_EQ(meNotFound, files.readJitFiles(1, 2, dmCodeBytes, data));
     EXPECT_EQ(meSuccess, files.readJitFiles(1, 1, dmCodeBytes, data));
     EXPECT_EQ((std::vector<u32>{1, 4}), registeredIds(data));
@@ -545,42 +555,21 @@ TEST(FileSetPasses, OneProcessIsReadOnceAndAnUnreadableFileRefusedOnce) {
     EXPECT_EQ(meSuccess, files.readJitFiles(1, 1, dmCodeBytes, data));
     EXPECT_EQ(errors, log.errors().size()) << "refused once";
     EXPECT_EQ(filesRead, files.readStats().files) << "read once";
-    const JitReadStats stats = files.readStats();
-    EXPECT_EQ(1u, stats.failedFiles);
-    ASSERT_EQ(1u, stats.refusals.size());
-    EXPECT_EQ(dir.file("h.1.trace"), stats.refusals[0].file);
-    EXPECT_EQ(meFileOpenError, stats.refusals[0].code);
-    // The all-processes pass reads only what is left.
+    EXPECT_FALSE(files.isWholeSetRead());
+
     EXPECT_EQ(meSuccess, files.readJitFiles(dmCodeBytes, data));
-    EXPECT_EQ(filesRead + 1, files.readStats().files);
+    EXPECT_EQ(filesRead + 2, files.readStats().files);
     EXPECT_EQ((std::vector<u32>{1, 4, 2}), registeredIds(data));
     EXPECT_TRUE(files.isWholeSetRead());
-}
-
-TEST(FileSetPasses, AllProcessesPassLogsAndSkipsFailingFiles) {
-    TempDir dir;
-    TraceBuilder().load(3, load(1, 100, 0x1000)).writeTo(dir.file("h.1.jit"));
-    TraceBuilder().load(3, load(2, 100, 0x2000)).writeTo(dir.file("h.2.jit"));
-    TraceBuilder damaged;
-    damaged.load(3, load(3, 100, 0x3000)).raw({0xFF, 0xFF, 0, 0, 4, 0, 0, 0}); // unknown type
-    damaged.writeTo(dir.file("h.3.jit"));
-    TraceBuilder().load(3, load(4, 100, 0x4000)).writeTo(dir.file("h.4.jit"));
-    JitFilesManager files;
-    ASSERT_EQ(meSuccess, init(files, dir.path()));
-    boost::filesystem::remove(dir.file("h.2.jit"));
-
-    JitDataManager data;
-    LogCapture log;
-    EXPECT_EQ(meSuccess, files.readJitFiles(dmCodeBytes, data));
-    EXPECT_EQ((std::vector<u32>{1, 3, 4}), registeredIds(data));
-    EXPECT_TRUE(files.isWholeSetRead());
-    EXPECT_EQ(meSuccess, files.processState(3, 1));
+    EXPECT_EQ(meSuccess, files.processState(2, 1));
     const JitReadStats stats = files.readStats();
-    EXPECT_EQ(2u, stats.failedFiles);
-    ASSERT_EQ(2u, stats.refusals.size());
-    EXPECT_EQ(dir.file("h.2.jit"), stats.refusals[0].file);
-    EXPECT_EQ(dir.file("h.3.jit"), stats.refusals[1].file);
+    EXPECT_EQ(3u, stats.failedFiles);
+    ASSERT_EQ(3u, stats.refusals.size());
+    EXPECT_EQ(dir.file("h.1.trace"), stats.refusals[0].file);
+    EXPECT_EQ(meFileOpenError, stats.refusals[0].code);
+    EXPECT_EQ(dir.file("h.2.jit"), stats.refusals[1].file);
     EXPECT_EQ("record type", stats.refusals[1].field);
+    EXPECT_EQ(dir.file("h.3.jit"), stats.refusals[2].file);
 }
 
 } // namespace

@@ -209,15 +209,6 @@ TEST(RecordReaderTest, SizedRecordsLogTheirNameAtInfo) {
     EXPECT_TRUE(log.contains("Value: 3", log4cplus::TRACE_LOG_LEVEL));
 }
 
-TEST(RecordReaderTest, TheLastCollectorTypeWins) {
-    TempDir dir;
-    JitFileDecoder decoder(TraceBuilder().collector(1).collector(5).writeTo(dir.file("h.1.jit")), 1, 1, 0, dmNone);
-    Record record;
-    while (decoder.getNextRecord(record) == meSuccess) {
-    }
-    EXPECT_EQ(5u, decoder.collectorType());
-}
-
 TEST(RecordReaderTest, UnopenableFilesReportFileOpenError) {
     TempDir dir;
     LogCapture log;
