@@ -61,6 +61,16 @@ inline IJitProcesses::Ptr makeProcesses(Paths paths) {
     return IJitProcesses::create(paths.it());
 }
 
+// The loader's answer for an address of a process of a host (by name) at a time.
+inline quarvel_error_t resolve(const IJitLoader::Ptr& loader, const char* host, unsigned pid, u64 time, u64 address,
+                               u64* rva = nullptr) {
+    unsigned hostId = 0;
+    loader->getHostIdByName(host, &hostId);
+    u64 local = 0;
+    IModule::Ptr module;
+    return loader->resolveJitPoint(time, address, pid, hostId, rva ? rva : &local, module);
+}
+
 inline std::vector<ISymbol::Ptr> symbols(const ISymbolResolver::Ptr& resolver) {
     std::vector<ISymbol::Ptr> out;
     for (auto it = resolver->getSymbols(); !it.atEnd(); it.advance())

@@ -27,6 +27,23 @@ struct Answer {
     bool operator==(const Answer& o) const { return status == o.status && rva == o.rva && module == o.module; }
 };
 
+// Runs body(t) for t = 0 .. kThreads - 1 on threads that start together.
+template <typename Body>
+void together(Body body) {
+    std::atomic<unsigned> ready{0};
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            ++ready;
+            while (ready.load() < kThreads)
+                std::this_thread::yield();
+            body(t);
+        });
+    }
+    for (std::thread& th : threads)
+        th.join();
+}
+
 // Each process reuses a few code slots over time, so answers depend on the time stamp.
 class ConcurrentFacadesTest : public ::testing::Test {
 protected:
@@ -87,24 +104,15 @@ TEST_F(ConcurrentFacadesTest, LoaderThreadsAgreeWithOneThread) {
     IJitLoader::Ptr loader = makeLoader({dir.path()});
     ASSERT_TRUE(loader);
     std::vector<std::vector<Answer>> results(kThreads);
-    std::atomic<unsigned> ready{0};
-    std::vector<std::thread> threads;
-    for (unsigned t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            ++ready;
-            while (ready.load() < kThreads)
-                std::this_thread::yield();
-            std::vector<Answer>& mine = results[t];
-            mine.resize(queries.size());
-            const size_t start = queries.size() * t / kThreads;
-            for (size_t i = 0; i < queries.size(); ++i) {
-                const size_t k = (start + i) % queries.size();
-                mine[k] = ask(loader, host, queries[k]);
-            }
-        });
-    }
-    for (std::thread& th : threads)
-        th.join();
+    together([&](unsigned t) {
+        std::vector<Answer>& mine = results[t];
+        mine.resize(queries.size());
+        const size_t start = queries.size() * t / kThreads;
+        for (size_t i = 0; i < queries.size(); ++i) {
+            const size_t k = (start + i) % queries.size();
+            mine[k] = ask(loader, host, queries[k]);
+        }
+    });
     for (unsigned t = 0; t < kThreads; ++t)
         for (size_t i = 0; i < queries.size(); ++i)
             ASSERT_TRUE(expected[i] == results[t][i]) << "thread " << t << " query " << i;
@@ -137,37 +145,10 @@ TEST_F(ConcurrentFacadesTest, LoaderSymbolSearchWhileProcessesAreRead) {
     EXPECT_EQ(0u, failures.load());
 }
 
-TEST_F(ConcurrentFacadesTest, ResolverAndProcessListFromManyThreads) {
-    ISymbolResolver::Ptr resolver = makeResolver({dir.path()});
-    IJitProcesses::Ptr processes = makeProcesses({dir.path()});
-    ASSERT_TRUE(resolver && processes);
-    const std::vector<ISymbol::Ptr> all = symbols(resolver);
-    ASSERT_EQ(kProcesses * kMethodsPerProcess, all.size());
-
-    std::vector<std::thread> threads;
-    std::atomic<unsigned> mismatches{0};
-    for (unsigned t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
-            if (processes->getJitProcessId().remaining() != kProcesses)
-                ++mismatches;
-            for (const ISymbol::Ptr& s : all) {
-                ISymbol::Ptr got = resolver->getSymbol(s->getStartJitRva());
-                if (got != s)
-                    ++mismatches;
-                const char* name = nullptr;
-                if (resolver->getHostNameById(1, &name) != meSuccess || !name)
-                    ++mismatches;
-            }
-        });
-    }
-    for (std::thread& th : threads)
-        th.join();
-    EXPECT_EQ(0u, mismatches.load());
-}
-
 // The jit id converter is built by the first translation, whichever thread
-// asks: threads that race to build it, and to look jit rvas up meanwhile,
-// give the answers of one thread on a resolver that built it alone.
+// asks: threads that race to build it, and to look jit rvas, hosts and
+// processes up meanwhile, give the answers of one thread on a resolver that
+// built it alone.
 TEST_F(ConcurrentFacadesTest, ResolverTranslationsRaceToBuildTheConverter) {
     struct Translation {
         std::string file;
@@ -193,32 +174,31 @@ TEST_F(ConcurrentFacadesTest, ResolverTranslationsRaceToBuildTheConverter) {
     ASSERT_GT(std::count_if(expected.begin(), expected.end(), [](u64 v) { return v != ~u64(0); }), 100);
     const std::vector<ISymbol::Ptr> all = symbols(reference);
 
+    ASSERT_EQ(kProcesses * kMethodsPerProcess, all.size());
+
     ISymbolResolver::Ptr resolver = makeResolver({dir.path()});
-    ASSERT_TRUE(resolver);
+    IJitProcesses::Ptr processes = makeProcesses({dir.path()});
+    ASSERT_TRUE(resolver && processes);
     std::vector<std::vector<u64>> results(kThreads);
-    std::atomic<unsigned> ready{0};
     std::atomic<unsigned> mismatches{0};
-    std::vector<std::thread> threads;
-    for (unsigned t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            ++ready;
-            while (ready.load() < kThreads)
-                std::this_thread::yield();
-            std::vector<u64>& mine = results[t];
-            mine.resize(translations.size());
-            const size_t start = translations.size() * t / kThreads;
-            for (size_t i = 0; i < translations.size(); ++i) {
-                const size_t k = (start + i) % translations.size();
-                mine[k] = translate(resolver, translations[k]);
-                const ISymbol::Ptr& s = all[k % all.size()];
-                const ISymbol::Ptr got = resolver->getSymbol(s->getStartJitRva());
-                if (!got || got->getStartJitRva() != s->getStartJitRva())
-                    ++mismatches;
-            }
-        });
-    }
-    for (std::thread& th : threads)
-        th.join();
+    together([&](unsigned t) {
+        if (processes->getJitProcessId().remaining() != kProcesses)
+            ++mismatches;
+        std::vector<u64>& mine = results[t];
+        mine.resize(translations.size());
+        const size_t start = translations.size() * t / kThreads;
+        for (size_t i = 0; i < translations.size(); ++i) {
+            const size_t k = (start + i) % translations.size();
+            mine[k] = translate(resolver, translations[k]);
+            const ISymbol::Ptr& s = all[k % all.size()];
+            const ISymbol::Ptr got = resolver->getSymbol(s->getStartJitRva());
+            if (!got || got->getStartJitRva() != s->getStartJitRva())
+                ++mismatches;
+            const char* name = nullptr;
+            if (resolver->getHostNameById(1, &name) != meSuccess || !name)
+                ++mismatches;
+        }
+    });
     EXPECT_EQ(0u, mismatches.load());
     for (unsigned t = 0; t < kThreads; ++t)
         EXPECT_TRUE(expected == results[t]) << "thread " << t;

@@ -6,20 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-
 namespace api_test {
 namespace front_door_test {
-
-void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
-
-std::vector<uint8_t> readBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 std::vector<unsigned> pidsOf(const IJitProcesses::Ptr& processes) {
     std::vector<unsigned> out;
@@ -28,19 +16,10 @@ std::vector<unsigned> pidsOf(const IJitProcesses::Ptr& processes) {
     return out;
 }
 
-quarvel_error_t resolve(const IJitLoader::Ptr& loader, const char* host, unsigned pid, u64 time, u64 address,
-                        u64* rva = nullptr) {
-    unsigned hostId = 0;
-    loader->getHostIdByName(host, &hostId);
-    u64 local = 0;
-    IModule::Ptr module;
-    return loader->resolveJitPoint(time, address, pid, hostId, rva ? rva : &local, module);
-}
-
 TEST(FrontDoorTest, MissingPathsAndUnparsableNamesFailEveryFactory) {
     TempDir dir;
     TraceBuilder().load(3, method(1, 100, 0x1000, 16, "m"), true).writeTo(dir.file("h.1.jit"));
-    writeBytes(dir.file("notes.txt"), {1, 2, 3});
+    dir.write("notes.txt", "\1\2\3");
     for (const std::string& bad : {dir.file("h.2.jit"), dir.file("missing/"), dir.file("notes.txt"), std::string("")}) {
         SCOPED_TRACE(bad);
         EXPECT_FALSE(makeLoader({dir.file("h.1.jit"), bad}));
@@ -58,8 +37,8 @@ TEST(FrontDoorTest, MissingPathsAndUnparsableNamesFailEveryFactory) {
 TEST(FrontDoorTest, EmptyDirectoriesAndDirectoriesOfOtherFilesGiveEmptySets) {
     TempDir empty;
     TempDir others;
-    writeBytes(others.file("README"), {'x'});
-    writeBytes(others.file("data.bin"), {1, 2});
+    others.write("README", "x");
+    others.write("data.bin", "\1\2");
     stdfs::create_directory(others.file("sub.3.jit"));
     for (const std::string& path : {empty.path(), others.path()}) {
         SCOPED_TRACE(path);
@@ -129,22 +108,19 @@ TEST(FrontDoorTest, FifoNamedDirectlyFailsAndIsPassedOverInADirectory) {
 }
 
 TEST(FrontDoorTest, TruncatedFilesKeepWhatWasWrittenBeforeTheCut) {
-    TempDir source;
-    TraceBuilder()
-        .magic()
+    TraceBuilder trace;
+    trace.magic()
         .collector(ctJitProfiler)
         .load(3, method(1, 100, 0x1000, 16, "first"), true)
         .inlineLoad(inlined(11, 1, 110, 0x1004, 4, "inner"))
-        .load(3, method(2, 100, 0x2000, 16, "second"), true)
-        .writeTo(source.file("h.1.jit"));
-    const std::vector<uint8_t> whole = readBytes(source.file("h.1.jit"));
+        .load(3, method(2, 100, 0x2000, 16, "second"), true);
 
     // Cut the file at every length: the first method resolves once its
     // record is complete, and nothing fails to create.
     size_t firstComplete = 0;
-    for (size_t cut = 0; cut <= whole.size(); ++cut) {
+    for (size_t cut = 0; cut <= trace.bytes().size(); ++cut) {
         TempDir dir;
-        writeBytes(dir.file("h.1.jit"), std::vector<uint8_t>(whole.begin(), whole.begin() + cut));
+        trace.writeTo(dir.file("h.1.jit"), cut);
         IJitLoader::Ptr loader = makeLoader({dir.path()});
         ASSERT_TRUE(loader) << cut;
         const quarvel_error_t ret = resolve(loader, "h", 1, 150, 0x1002);
@@ -159,7 +135,7 @@ TEST(FrontDoorTest, TruncatedFilesKeepWhatWasWrittenBeforeTheCut) {
         EXPECT_LE(symbols(resolver).size(), 2u);
     }
     EXPECT_GT(firstComplete, 0u);
-    EXPECT_LT(firstComplete, whole.size());
+    EXPECT_LT(firstComplete, trace.bytes().size());
 }
 
 TEST(FrontDoorTest, RandomBytesNeverCrash) {
@@ -177,7 +153,7 @@ TEST(FrontDoorTest, RandomBytesNeverCrash) {
             bytes[8] = static_cast<uint8_t>(quarvel_jt_FunctionLoad64_v3);
             bytes[9] = bytes[10] = bytes[11] = 0;
         }
-        writeBytes(dir.file("noise." + std::to_string(pid) + ".jit"), bytes);
+        dir.write("noise." + std::to_string(pid) + ".jit", std::string(bytes.begin(), bytes.end()));
         pids.push_back(pid);
     }
     IJitLoader::Ptr loader = makeLoader({dir.path()});
