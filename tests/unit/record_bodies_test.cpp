@@ -204,6 +204,35 @@ TEST(RoundTrips, EveryLoadVersionKeepsWhatItsLayoutHolds) {
 // ---------------------------------------------------------------------------
 // Values the format forbids: the reason points at the field.
 
+// What a decoder made of a body: accepted, or refused for a reason; a method
+// load also says how many regions it kept.
+struct Outcome {
+    bool accepted;
+    Reason reason;
+    size_t regions;
+};
+
+template <typename T>
+Outcome outcomeOf(const Expected<T>& decoded) {
+    return decoded ? Outcome{true, Reason(), 0} : Outcome{false, decoded.reason(), 0};
+}
+
+// Decodes a body of any layout; method loads of the given version.
+Outcome decode(const Record& record, int version) {
+    switch (record.type) {
+    case quarvel_jt_FunctionInlineLoad64:
+        return outcomeOf(decodeInlineLoad(record, kFile));
+    case quarvel_jt_FunctionUpdate_v2:
+        return outcomeOf(decodeUpdateV2(record, kFile));
+    case quarvel_jt_ManagedRuntimeInfo:
+        return outcomeOf(decodeRuntimeInfo(record, kFile));
+    default: {
+        const DecodedMethodLoad load = decodeMethodLoad(record, version, kFile);
+        return Outcome{load.status.ok(), load.status.reason(), load.load.regions.size()};
+    }
+    }
+}
+
 void put(Bytes& body, size_t at, uint64_t value, int width) {
     for (int i = 0; i < width; ++i)
         body[at + i] = static_cast<uint8_t>(value >> (8 * i));
@@ -245,14 +274,9 @@ TEST(Refusals, ForbiddenValuesNameTheFieldAndItsOffset) {
     for (const auto& c : cases) {
         Bytes bytes = *c.base;
         put(bytes, c.at, c.value, c.width);
-        const Record record = recordOf(c.type, bytes);
-        Reason reason;
-        if (c.type == quarvel_jt_FunctionInlineLoad64)
-            reason = decodeInlineLoad(record, kFile).reason();
-        else if (c.type == quarvel_jt_FunctionUpdate_v2)
-            reason = decodeUpdateV2(record, kFile).reason();
-        else
-            reason = decodeMethodLoad(record, 0, kFile).status.reason();
+        const Outcome outcome = decode(recordOf(c.type, bytes), 0);
+        ASSERT_FALSE(outcome.accepted) << c.message;
+        const Reason& reason = outcome.reason;
         EXPECT_EQ(ErrorKind::badInput, reason.kind) << c.message;
         EXPECT_EQ(kFile, reason.file) << c.message;
         EXPECT_EQ(c.field, reason.field) << c.message;
@@ -282,70 +306,36 @@ TEST(Refusals, EveryTruncationIsRefusedWithinTheBody) {
     const struct {
         const char* name;
         u32 type;
+        int version;
         Bytes body;
+        size_t regions; // a method load's, kept from the cuts before the tail
     } layouts[] = {
-        {"load v0", quarvel_jt_FunctionLoad64, jittrace::encodeMethodLoad(twoRegions, 0)},
-        {"load v2", quarvel_jt_FunctionLoad32_v2, jittrace::encodeMethodLoad(twoRegions, 2)},
-        {"load v3", quarvel_jt_FunctionLoad64_v3, jittrace::encodeMethodLoad(twoRegions, 3)},
-        {"inline", quarvel_jt_FunctionInlineLoad64, kInlineBody},
-        {"update v2", quarvel_jt_FunctionUpdate_v2, kUpdateV2Body},
-        {"runtime info", quarvel_jt_ManagedRuntimeInfo, kRuntimeInfoBody},
+        {"load v0", quarvel_jt_FunctionLoad64, 0, jittrace::encodeMethodLoad(twoRegions, 0), 2},
+        {"load v2", quarvel_jt_FunctionLoad32_v2, 2, jittrace::encodeMethodLoad(twoRegions, 2), 2},
+        {"load v3", quarvel_jt_FunctionLoad64_v3, 3, jittrace::encodeMethodLoad(twoRegions, 3), 2},
+        {"inline", quarvel_jt_FunctionInlineLoad64, 0, kInlineBody, 0},
+        {"update v2", quarvel_jt_FunctionUpdate_v2, 0, kUpdateV2Body, 0},
+        {"runtime info", quarvel_jt_ManagedRuntimeInfo, 0, kRuntimeInfoBody, 0},
     };
     for (const auto& layout : layouts) {
         size_t regionsBefore = 0;
         for (size_t n = 0; n < layout.body.size(); ++n) {
             // The cut body is copied: a read past its end shows under ASan.
             const Bytes cut(layout.body.begin(), layout.body.begin() + static_cast<std::ptrdiff_t>(n));
-            const Record record = recordOf(layout.type, cut);
-            Reason reason;
-            bool accepted = false;
-            switch (layout.type) {
-            case quarvel_jt_FunctionInlineLoad64: {
-                auto r = decodeInlineLoad(record, kFile);
-                accepted = r.ok();
-                if (!accepted)
-                    reason = r.reason();
-                break;
-            }
-            case quarvel_jt_FunctionUpdate_v2: {
-                auto r = decodeUpdateV2(record, kFile);
-                accepted = r.ok();
-                if (!accepted)
-                    reason = r.reason();
-                break;
-            }
-            case quarvel_jt_ManagedRuntimeInfo: {
-                auto r = decodeRuntimeInfo(record, kFile);
-                accepted = r.ok();
-                if (!accepted)
-                    reason = r.reason();
-                break;
-            }
-            default: {
-                const int version = layout.type == quarvel_jt_FunctionLoad64      ? 0
-                                    : layout.type == quarvel_jt_FunctionLoad32_v2 ? 2
-                                                                                  : 3;
-                const DecodedMethodLoad r = decodeMethodLoad(record, version, kFile);
-                accepted = r.status.ok();
-                if (!accepted)
-                    reason = r.status.reason();
-                EXPECT_GE(r.load.regions.size(), regionsBefore) << layout.name << " cut at " << n;
-                regionsBefore = r.load.regions.size();
-            }
-            }
+            const Outcome outcome = decode(recordOf(layout.type, cut), layout.version);
+            EXPECT_GE(outcome.regions, regionsBefore) << layout.name << " cut at " << n;
+            regionsBefore = outcome.regions;
             // A version 3 load cut inside its optional token is whole without it.
-            if (accepted && layout.type == quarvel_jt_FunctionLoad64_v3 && n + 4 >= layout.body.size())
+            if (outcome.accepted && layout.type == quarvel_jt_FunctionLoad64_v3 && n + 4 >= layout.body.size())
                 continue;
-            ASSERT_FALSE(accepted) << layout.name << " cut at " << n;
+            ASSERT_FALSE(outcome.accepted) << layout.name << " cut at " << n;
+            const Reason& reason = outcome.reason;
             EXPECT_EQ(kFile, reason.file);
             EXPECT_GE(reason.offset, kRecordOffset + 8) << reason.text();
             EXPECT_LE(reason.offset, kRecordOffset + 8 + n) << reason.text();
             EXPECT_FALSE(reason.message.empty()) << layout.name << " cut at " << n;
         }
-        if (layout.type != quarvel_jt_FunctionInlineLoad64 && layout.type != quarvel_jt_FunctionUpdate_v2 &&
-            layout.type != quarvel_jt_ManagedRuntimeInfo) {
-            EXPECT_EQ(2u, regionsBefore) << layout.name;
-        }
+        EXPECT_EQ(layout.regions, regionsBefore) << layout.name;
     }
 }
 
