@@ -22,8 +22,7 @@
 #include "dotnet_event_payloads.h"
 #include "jitdump_writer.h"
 #include "nettrace_writer.h"
-
-#include <quarvel/jittrace_writer.h>
+#include "trace_builder.h"
 
 #include <fstream>
 #include <iostream>
@@ -61,30 +60,32 @@ void writeText(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
+// Rows of time,address,pid and a host: this host's unless one is given.
+struct SampleRow {
+    const char* values;
+    const char* host = nullptr;
+};
+
+void writeSamples(const std::string& path, const std::string& localHost, std::initializer_list<SampleRow> rows) {
+    std::string text = "time,address,pid,host\n";
+    for (const SampleRow& row : rows)
+        text += std::string(row.values) + "," + (row.host ? row.host : localHost) + "\n";
+    writeText(path, text);
+}
+
 void writeOurTrace(const std::string& path) {
-    using namespace quarvel;
-    JitTraceWriter writer;
-    writer.open(path);
-    writer.writeMagic();
-    writer.writeCollectorType(1);
+    TraceBuilder trace;
+    trace.magic().collector(1);
     for (const auto& [time, address] : {std::pair<uint64_t, uint64_t>{1000, 0x7000}, {5000, 0x7100}}) {
-        TraceMethodLoad load;
-        load.methodId = time == 1000 ? 1 : 2;
-        load.hashKey = load.methodId;
-        load.loadTime = time;
-        TraceCodeRegion region;
-        region.startAddress = address;
-        region.codeSize = 0x40;
-        region.bytes = code(0x40, 1);
-        load.regions.push_back(region);
+        TraceMethodLoad load = makeLoad(time == 1000 ? 1 : 2, time, address, 0x40, "checkout", "Shop");
+        load.regions[0].bytes = code(0x40, 1);
         load.tail.moduleName = "shop.jar";
-        load.tail.methodName = "checkout";
-        load.tail.className = "Shop";
         load.tail.sourceFile = "Shop.java";
         load.tail.language = quarvel_language_java;
         load.tail.lines.nativeToSource = {{0, 0x20, 12}, {0x20, 0x40, 13}};
-        writer.writeMethodLoad(3, true, load);
+        trace.load(3, load);
     }
+    trace.writeTo(path);
 }
 
 JitdumpLoadFields load(uint64_t time, uint64_t address, uint32_t size, const std::string& name, uint64_t index) {
@@ -239,70 +240,34 @@ int main(int argc, char** argv) {
     writeCutDump(out + "/cut/jit-7004.dump");
     writeText(out + "/cut/perf-7005.map", "40000 10 first\n40010 10 second\n40020 10 thi");
     writeNettrace(out + "/dotnet/app.nettrace");
-    writeText(out + "/dotnet-samples.csv",
-              "time,address,pid,host\n"
-              "150,0x50020,7010," +
-                  host +
-                  "\n" // before any load: no code there yet
-                  "250,0x50020,7010," +
-                  host +
-                  "\n" // Total, tier 0
-                  "350,0x50020,7010," +
-                  host +
-                  "\n" // tier 0 still: tier 1 is elsewhere
-                  "350,0x51020,7010," +
-                  host +
-                  "\n" // Total, tier 1
-                  "350,0x52010,7010," +
-                  host +
-                  "\n" // Kernel0
-                  "450,0x52010,7010," +
-                  host +
-                  "\n" // Kernel1, at Kernel0's address
-                  "450,0x80010,7010," +
-                  host + "\n"); // precompiled Main, from the rundown
+    writeSamples(out + "/dotnet-samples.csv", host,
+                 {
+                     {"150,0x50020,7010"}, // before any load: no code there yet
+                     {"250,0x50020,7010"}, // Total, tier 0
+                     {"350,0x50020,7010"}, // tier 0 still: tier 1 is elsewhere
+                     {"350,0x51020,7010"}, // Total, tier 1
+                     {"350,0x52010,7010"}, // Kernel0
+                     {"450,0x52010,7010"}, // Kernel1, at Kernel0's address
+                     {"450,0x80010,7010"}, // precompiled Main, from the rundown
+                 });
     // Times are in the traces' units: nanoseconds for the dump, any real time for the maps.
-    writeText(out + "/samples.csv",
-              "time,address,pid,host\n"
-              "3000,0x7010,7001,demo-host\n" // checkout, first compilation
-              "6000,0x7110,7001,demo-host\n" // checkout, reloaded
-              "120000,0x10015,7002," +
-                  host +
-                  "\n" // interpreted addItem, line 4
-                  "250000,0x10015,7002," +
-                  host +
-                  "\n" // optimised addItem over it, line 5
-                  "250000,0x10105,7002," +
-                  host +
-                  "\n" // total, line 20
-                  "350000,0x10805,7002," +
-                  host +
-                  "\n" // total after its move, line 20
-                  "350000,0x10405,7002," +
-                  host +
-                  "\n" // the stub only the perf map names
-                  "50,0x10015,7002," +
-                  host +
-                  "\n" // before any load of the dump: the map leaves it to the dump
-                  "1000000,0x30010,7003," +
-                  host +
-                  "\n" // Main: the later of two lines
-                  "1000000,0x30105,7003," +
-                  host +
-                  "\n" // Hash ended by Mix, which overlaps it
-                  "1000000,0x30115,7003," +
-                  host +
-                  "\n" // Mix
-                  "2500,0x20110,7004," +
-                  host +
-                  "\n" // second, before the cut
-                  "2500,0x20210,7004," +
-                  host +
-                  "\n" // third: cut away
-                  "1000,0x40015,7005," +
-                  host +
-                  "\n" // second
-                  "1000,0x40020,7005," +
-                  host + "\n"); // the cut line: left out
+    writeSamples(out + "/samples.csv", host,
+                 {
+                     {"3000,0x7010,7001", "demo-host"}, // checkout, first compilation
+                     {"6000,0x7110,7001", "demo-host"}, // checkout, reloaded
+                     {"120000,0x10015,7002"},           // interpreted addItem, line 4
+                     {"250000,0x10015,7002"},           // optimised addItem over it, line 5
+                     {"250000,0x10105,7002"},           // total, line 20
+                     {"350000,0x10805,7002"},           // total after its move, line 20
+                     {"350000,0x10405,7002"},           // the stub only the perf map names
+                     {"50,0x10015,7002"},               // before any load of the dump: the map leaves it to the dump
+                     {"1000000,0x30010,7003"},          // Main: the later of two lines
+                     {"1000000,0x30105,7003"},          // Hash ended by Mix, which overlaps it
+                     {"1000000,0x30115,7003"},          // Mix
+                     {"2500,0x20110,7004"},             // second, before the cut
+                     {"2500,0x20210,7004"},             // third: cut away
+                     {"1000,0x40015,7005"},             // second
+                     {"1000,0x40020,7005"},             // the cut line: left out
+                 });
     return 0;
 }
