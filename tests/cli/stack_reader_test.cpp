@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -43,6 +44,9 @@ std::string brief(const StackSample& s) {
     return os.str();
 }
 
+// Malformed lines, dropped samples and samples that may be cut short.
+using Counts = std::array<uint64_t, 3>;
+
 // A damaged frame, a damaged header and an input that ends inside a frame:
 // the stacks_bad_input golden.
 TEST(StackReader, PerfTextInTheShapesPerfPrints) {
@@ -50,7 +54,7 @@ TEST(StackReader, PerfTextInTheShapesPerfPrints) {
         const char* what;
         std::string text;
         std::vector<std::string> samples;
-        uint64_t malformed, dropped, truncated;
+        Counts counts;
     } cases[] = {
         {"call chains, each closed by an empty line",
          "24238/24240  1340.741138651: \n"
@@ -61,59 +65,41 @@ TEST(StackReader, PerfTextInTheShapesPerfPrints) {
          "\tffffffff8225f2d9 pvm_irq_enable ([kernel.kallsyms])\n"
          "\n",
          {"24238/24240@1340741138651: bb5345,7f39c0952f2f", "42/43@5: ffffffff8225f2d9"},
-         0,
-         0,
-         0},
+         {0, 0, 0}},
         {"samples that carry their ip in the header (no call chains), with and without a symbol",
          "  4242 785.213867049:   7f12abcd1234\n"
          "  4242/4250 785.3:      10 main (/usr/bin/app)\n",
          {"4242@785213867049: 7f12abcd1234", "4242/4250@785300000000: 10"},
-         0,
-         0,
-         0},
+         {0, 0, 0}},
         {"a command name (with spaces) and an event name around pid and time",
          "Thread pool 1  77/78  12.5: cpu-clock: \n\t1000 f (m)\n\n",
          {"77/78@12500000000: 1000"},
-         0,
-         0,
-         0},
+         {0, 0, 0}},
         {"CRLF line ends and frames whose tab became spaces",
          "1/1 1.0: \r\n    abc sym (mod)\r\n    0xdef [unknown] ([unknown])\r\n\r\n",
          {"1/1@1000000000: abc,def"},
-         0,
-         0,
-         0},
+         {0, 0, 0}},
         {"a header right after the last frame, without the empty line",
          "1/1 1.0: \n\t10 a (m)\n2/2 2.0: \n\t20 b (m)\n\n",
          {"1/1@1000000000: 10", "2/2@2000000000: 20"},
-         0,
-         0,
-         0},
+         {0, 0, 0}},
         {"frames before the first header (the input starts inside a sample)",
          "\t10 a (m)\n\t11 b (m)\n\n2/2 2.0: \n\t20 b (m)\n\n",
          {"2/2@2000000000: 20"},
-         1,
-         1,
-         0},
-        {"a sample without frames", "1/1 1.0: \n\n2/2 2.0: \n\t20 b (m)\n\n", {"2/2@2000000000: 20"}, 1, 1, 0},
+         {1, 1, 0}},
+        {"a sample without frames", "1/1 1.0: \n\n2/2 2.0: \n\t20 b (m)\n\n", {"2/2@2000000000: 20"}, {1, 1, 0}},
         {"the input ends before the last sample's empty line: it may have lost callers",
          "1/1 1.0: \n\t10 a (m)\n\n2/2 2.0: \n\t20 b (m)\n\t21 c (m)\n",
          {"1/1@1000000000: 10"},
-         0,
-         0,
-         1},
+         {0, 0, 1}},
         {"the input ends in the middle of a one-line sample",
          "1/1 1.0: 10\n2/2 2.0: 7f12",
          {"1/1@1000000000: 10"},
-         0,
-         0,
-         1},
+         {0, 0, 1}},
         {"comments between samples",
          "# captured on: x\n#\n1/1 1.0: \n\t10 a (m)\n\n# more\n",
          {"1/1@1000000000: 10"},
-         0,
-         0,
-         0},
+         {0, 0, 0}},
     };
     for (const Case& c : cases) {
         const Read r = readAll(c.text);
@@ -122,9 +108,8 @@ TEST(StackReader, PerfTextInTheShapesPerfPrints) {
         for (const StackSample& s : r.samples)
             got.push_back(brief(s));
         EXPECT_EQ(c.samples, got) << c.what;
-        EXPECT_EQ(c.malformed, r.stats.malformedLines) << c.what;
-        EXPECT_EQ(c.dropped, r.stats.droppedSamples) << c.what;
-        EXPECT_EQ(c.truncated, r.stats.truncatedSamples) << c.what;
+        EXPECT_EQ(c.counts, (Counts{r.stats.malformedLines, r.stats.droppedSamples, r.stats.truncatedSamples}))
+            << c.what;
         EXPECT_EQ(c.samples.size(), r.stats.samples) << c.what;
     }
 }
