@@ -95,10 +95,6 @@ TEST(GenericIteratorTest, WalksAnyContainerWithoutCopyingIt) {
     EXPECT_EQ("b", copy.current());
     EXPECT_EQ(2u, owning.remaining());
     EXPECT_TRUE(generic_iterator_t<int>().atEnd());
-
-    const char* paths[] = {"x", "y"};
-    generic_iterator_t<const char*> fromArray(std::begin(paths), std::end(paths));
-    EXPECT_EQ(2u, fromArray.remaining());
 }
 
 } // namespace
