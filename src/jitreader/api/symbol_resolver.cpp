@@ -241,13 +241,13 @@ ISymbolResolver::Ptr ISymbolResolver::create(generic_iterator_t<JitFileDescripto
 quarvel_error_t SymbolResolver::resolveJitPoint(u64 timestamp, u64 virtualAddress, unsigned pid, unsigned hostId,
                                                 u64& jitRva) const {
     try {
-        JitMethod::Ptr method;
+        IModule* module = nullptr;
         u64 rva = 0;
-        const quarvel_error_t ret = m_data.resolveJitPoint(virtualAddress, timestamp, pid, hostId, method, rva);
+        const quarvel_error_t ret = m_data.resolveJitPoint(virtualAddress, timestamp, pid, hostId, module, rva);
         if (ret != meSuccess)
             return ret;
         // A jit rva of 0 is never a valid answer.
-        if (!method || rva == 0)
+        if (rva == 0)
             return meNotFound;
         jitRva = rva;
         return meSuccess;

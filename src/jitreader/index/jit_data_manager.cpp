@@ -416,7 +416,8 @@ AddressLookup JitDataManager::lookup(u64 address, u64 timestamp, u32 pid, u32 ho
         none.outcome = AddressLookup::noSpace;
         return none;
     }
-    return target->frozenCurrent ? target->frozen.find(address, timestamp) : target->history.find(address, timestamp);
+    return target->frozenCurrent ? target->frozen.find(address, timestamp, target->history.slots())
+                                 : target->history.find(address, timestamp);
 }
 
 void JitDataManager::traceMiss(const AddressLookup& miss, u32 pid, u64 address, u64 timestamp) {
@@ -475,6 +476,38 @@ quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestam
     return meSuccess;
 }
 
+quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId,
+                                                IModule*& module, u64& jitRva) const {
+    module = nullptr;
+    QV_TRACE("RESOLVE JIT POINT: vaddr = " << virtualAddress << ", timestamp = " << timestamp << ", pid = " << pid
+                                           << ", hostId = " << hostId);
+    const AddressSpace* target = space(pid, hostId);
+    AddressLookup hit;
+    if (!target || target->history.empty())
+        hit.outcome = AddressLookup::noSpace;
+    else if (target->frozenCurrent)
+        hit = target->frozen.resolve(virtualAddress, timestamp);
+    else
+        hit = target->history.find(virtualAddress, timestamp);
+    if (!hit.ok()) {
+        if (hit.outcome == AddressLookup::unloaded && !hit.region && QV_TRACE_ENABLED())
+            hit.region = target->history.slots()[hit.slot].region; // for the log line
+        traceMiss(hit, pid, virtualAddress, timestamp);
+        QV_TRACE("Couldn't match jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp
+                                                      << ") to any known ip address range.");
+        return meNotFound;
+    }
+    jitRva = virtualAddress + hit.jitRvaBias;
+    module = hit.module;
+    QV_INFO("Resolved jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp << ") to jit rva = "
+                                           << jitRva << " of method "
+                                           << target->history.slots()[hit.slot].method->getRawMethodId() << ", name = "
+                                           << target->history.slots()[hit.slot].method->getMethodName()
+                                           << ", load time = "
+                                           << target->history.slots()[hit.slot].method->getLoadTime());
+    return meSuccess;
+}
+
 const RegionInfo* JitDataManager::findJitRvaRegion(u64 jitRva) const {
     if (jitRva == kInvalidJitRva)
         return nullptr;
@@ -518,7 +551,8 @@ quarvel_error_t JitDataManager::findOverlappedRegion(u64 startAddress, u64 endAd
     // The first region loaded strictly after the timestamp: what replaced the
     // code, not what was live at that moment.
     const AddressLookup hit = target->frozenCurrent
-                                  ? target->frozen.findLoadedAfter(startAddress, probeEnd, timestamp)
+                                  ? target->frozen.findLoadedAfter(startAddress, probeEnd, timestamp,
+                                                                   target->history.slots())
                                   : target->history.findLoadedAfter(startAddress, probeEnd, timestamp);
     if (hit.outcome == AddressLookup::noRange) {
         QV_TRACE("Couldn't find a region for addr = " << startAddress);
