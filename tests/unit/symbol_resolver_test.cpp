@@ -55,8 +55,10 @@ std::vector<quarvel_line_number_entry> table(const ISymbol::Ptr& s, quarvel_line
 class SymbolResolverTest : public ::testing::Test {
 protected:
     // One .NET-like method of 16 bytes with a native-to-managed table.
-    SymbolResolver::Ptr resolverFor(const std::string& sourceFile, const ISymbolFileLocator::Ptr& locator) {
+    SymbolResolver::Ptr resolverFor(const std::string& sourceFile, const ISymbolFileLocator::Ptr& locator,
+                                    u32 token = 0) {
         TraceMethodLoad load = makeLoad(1, 100, 0x5000, 16, "Main", "Program");
+        load.tail.metadataToken = token;
         load.tail.moduleName = dir.file("Program.dll"); // a new path per test: failures are logged once per file
         load.tail.sourceFile = sourceFile;
         load.tail.lines.nativeToManaged = {{0, 8, 0}, {8, 16, 5}};
@@ -85,9 +87,8 @@ TEST_F(SymbolResolverTest, CompletionWithoutAPdbLeavesTablesAndSourceFile) {
 
 TEST_F(SymbolResolverTest, TokenedMethodWithoutAnAssemblyReaderComesBackAsItIs) {
     LogCapture log;
-    SymbolResolver::Ptr resolver = resolverFor("", ISymbolFileLocator::Ptr());
+    SymbolResolver::Ptr resolver = resolverFor("", ISymbolFileLocator::Ptr(), 0x06000001);
     JitMethod::Ptr method = onlyMethod(resolver);
-    method->info()->setMethodToken(0x06000001);
     ISymbol::Ptr symbol = resolver->getSymbol(method->getStartJitRva() + 3);
     EXPECT_EQ(method, symbol);
     EXPECT_TRUE(table(method, quarvel_line_info_managed_to_source).empty());

@@ -268,7 +268,8 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
     }
 
     for (const Region::Ptr& region : newRegions) {
-        m_jitRvas.add(RegionInfo{region->startJitRva(), region->length(), region.get(), method.get()});
+        m_jitRvas.add(RegionInfo{region->startJitRva(), region->length(), method->getMethodToken(), region.get(),
+                                 method.get()});
         AddressSpace& target = spaceFor(region->processId(), region->hostId());
         // The plan of the check above still holds for a record's only region.
         if (newRegions.size() > 1 || !planned) {
@@ -404,6 +405,7 @@ void JitDataManager::finalize() {
         changed->changed = false;
     }
     m_changedSpaces.clear();
+    m_jitRvas.freeze();
 }
 
 // ---------------------------------------------------------------------------
@@ -514,21 +516,29 @@ const RegionInfo* JitDataManager::findJitRvaRegion(u64 jitRva) const {
     return m_jitRvas.find(jitRva);
 }
 
-quarvel_error_t JitDataManager::resolveJitPoint(u64 jitRva, JitMethod::Ptr& method) const {
-    method.reset();
+const RegionInfo* JitDataManager::symbolAt(u64 jitRva) const {
     QV_INFO("RESOLVE JIT POINT: jit rva = " << jitRva);
     if (jitRva == kInvalidJitRva) {
         QV_TRACE("Couldn't resolve jit rva = " << jitRva << " because it is invalid.");
-        return meNotFound;
+        return nullptr;
     }
     const RegionInfo* info = m_jitRvas.find(jitRva);
     if (!info) {
         QV_TRACE("Couldn't resolve jit rva = " << jitRva << " because it is out of the jit rva domain.");
-        return meNotFound;
+        return nullptr;
     }
+    QV_INFO("Resolved jit rva = " << jitRva << " to method " << info->method->getRawMethodId() << ", name = "
+                                  << info->method->getMethodName() << ", load time = "
+                                  << info->method->getLoadTime());
+    return info;
+}
+
+quarvel_error_t JitDataManager::resolveJitPoint(u64 jitRva, JitMethod::Ptr& method) const {
+    method.reset();
+    const RegionInfo* info = symbolAt(jitRva);
+    if (!info)
+        return meNotFound;
     method = info->method;
-    QV_INFO("Resolved jit rva = " << jitRva << " to method " << method->getRawMethodId() << ", name = "
-                                  << method->getMethodName() << ", load time = " << method->getLoadTime());
     return meSuccess;
 }
 

@@ -81,6 +81,9 @@ public:
     quarvel_error_t resolveJitPoint(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, IModule*& module,
                                     u64& jitRva) const;
     quarvel_error_t resolveJitPoint(u64 jitRva, JitMethod::Ptr& method) const;
+    // As resolveJitPoint(jitRva, method), with the entry's copy of the
+    // method's token; null when no region holds jitRva.
+    const RegionInfo* symbolAt(u64 jitRva) const;
     quarvel_error_t findOverlappedRegion(u64 startAddress, u64 endAddress, u64 timestamp, u32 pid, u32 hostId,
                                          ICodeRegion::Ptr& region) const;
     quarvel_error_t getCalleeTarget(u64 callerJitRva, u64 targetAddress, u64& calleeJitRva) const;
