@@ -9,7 +9,8 @@
 QUARVEL_NAMESPACE_BEGIN
 
 // Fixed-size blocks for the model objects there are millions of (methods,
-// their records, regions), cut from 2 MiB chunks that ask for huge pages.
+// their records, regions), cut from chunks that double from 64 KiB (a small
+// trace costs little) to 2 MiB, the size at which they ask for huge pages.
 // Beside the general heap this saves the allocator's bookkeeping per object,
 // a page fault per 4 KiB as the model grows, and (on huge pages) most TLB
 // misses of a query that lands on a method. Freed blocks are reused by the
@@ -29,6 +30,7 @@ public:
     void deallocate(void* block) noexcept;
     size_t blockSize() const { return m_blockSize; }
 
+    static const size_t kFirstChunkBytes = size_t(64) << 10;
     static const size_t kChunkBytes = size_t(2) << 20;
 
 private:
@@ -42,6 +44,7 @@ private:
     FreeBlock* m_free = nullptr;
     char* m_next = nullptr; // the rest of the current chunk
     char* m_end = nullptr;
+    size_t m_chunkBytes = kFirstChunkBytes; // the next chunk's
 };
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
