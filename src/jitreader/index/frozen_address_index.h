@@ -58,7 +58,7 @@ private:
         u32 olderCount = 0; // and kInherits: tree nodes above the piece hold regions too
     };
     static const u32 kInherits = 0x80000000u;
-    static const u32 kNoSlot = 0xFFFFFFFFu;
+    static constexpr u32 kNoSlot = 0xFFFFFFFFu;
 
     // The entry that answers for (address, timestamp), with the outcome and
     // the piece's bounds in result; null when none does.

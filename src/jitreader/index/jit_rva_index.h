@@ -53,7 +53,7 @@ private:
 
     std::vector<Run> m_runs; // all sealed but the last, which takes appends
     // Per run, every kBlock-th start; empty until freeze().
-    static const size_t kBlock = 32;
+    static constexpr size_t kBlock = 32;
     std::vector<std::vector<u64>> m_blockStarts;
     size_t m_size = 0;
     u64 m_maxEnd = 0; // nothing registered ends above it

@@ -30,8 +30,8 @@ public:
     void deallocate(void* block) noexcept;
     size_t blockSize() const { return m_blockSize; }
 
-    static const size_t kFirstChunkBytes = size_t(64) << 10;
-    static const size_t kChunkBytes = size_t(2) << 20;
+    static constexpr size_t kFirstChunkBytes = size_t(64) << 10;
+    static constexpr size_t kChunkBytes = size_t(2) << 20;
 
 private:
     struct FreeBlock {
