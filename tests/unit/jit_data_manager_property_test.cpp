@@ -19,6 +19,12 @@ const u64 kSpaceStart = 0x1000;
 const u64 kSpaceSize = 256;
 const u64 kNoAnswer = std::numeric_limits<u64>::max();
 
+// Methods fall into a few modules, so that a sample answered with another
+// region's module shows.
+std::string moduleOf(u32 rawId) {
+    return "module" + std::to_string(rawId % 5);
+}
+
 // One step of a history: a method load (a raw id, repeated ids are reloads
 // of one method; a load time; disjoint regions), or an unload of a range.
 struct Event {
@@ -202,7 +208,9 @@ void apply(JitDataManager& manager, const Event& e) {
     if (e.unload)
         ASSERT_TRUE(manager.processCodeUnload(kPid, kHost, e.start, e.length, e.time).ok());
     else
-        ASSERT_TRUE(manager.processMethodLoadRecord(kPid, kHost, makeMethod(e.rawId, e.time, e.regions)).ok());
+        ASSERT_TRUE(manager.processMethodLoadRecord(kPid, kHost, makeMethod(e.rawId, e.time, e.regions, std::string(), kPid, kHost,
+                                                                         moduleOf(e.rawId)))
+                        .ok());
 }
 
 ::testing::AssertionResult sameCoverage(const JitDataManager& manager, const ReferenceModel& model) {
@@ -224,6 +232,18 @@ ReferenceModel::Answer resolveWith(const JitDataManager& manager, u64 address, u
         answer.rawId = method->getRawMethodId();
         answer.jitRva = jitRva;
     }
+    // The sample path answers from the query index's own copies: it must
+    // give the same jit rva and the module of the same method.
+    IModule* module = nullptr;
+    u64 sampleRva = 0;
+    const bool sampled = manager.resolveJitPoint(address, timestamp, kPid, kHost, module, sampleRva) == meSuccess;
+    if (sampled != (answer.rawId != 0))
+        ADD_FAILURE() << "address " << address << ", tsc " << timestamp << ": the sample path "
+                      << (sampled ? "found" : "missed") << " what the method lookup did not";
+    else if (sampled && (sampleRva != jitRva || !module || moduleOf(answer.rawId) != module->getFilePath()))
+        ADD_FAILURE() << "address " << address << ", tsc " << timestamp << ": the sample path gave jit rva "
+                      << sampleRva << " in " << (module ? module->getFilePath() : "no module") << ", expected "
+                      << jitRva << " in " << moduleOf(answer.rawId);
     return answer;
 }
 

@@ -59,15 +59,18 @@ quarvel_error_t JitLoader::resolveJitPoint(u64 timestamp, u64 virtualAddress, un
         if (ret != meSuccess)
             return ret;
         std::shared_lock<std::shared_mutex> lock(m_modelMutex);
-        JitMethod::Ptr method;
+        IModule* found = nullptr;
         u64 rva = 0;
-        ret = m_data.resolveJitPoint(virtualAddress, timestamp, pid, hostId, method, rva);
+        ret = m_data.resolveJitPoint(virtualAddress, timestamp, pid, hostId, found, rva);
         if (ret != meSuccess)
             return ret;
         // A jit rva of 0 is never a valid answer.
-        if (!method || rva == 0)
+        if (rva == 0)
             return meNotFound;
-        module = method->getModule();
+        // Samples mostly hit the module the caller holds already: keeping it
+        // spares two atomic updates of a count every querying thread shares.
+        if (module.get() != found)
+            module = IModule::Ptr(found);
         *jitRva = rva;
         return meSuccess;
     } catch (const std::exception& e) {

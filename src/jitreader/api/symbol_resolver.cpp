@@ -135,23 +135,27 @@ void SymbolResolver::completeDotNetMethod(const JitMethod::Ptr& method, const Do
 
 ISymbol::Ptr SymbolResolver::getSymbol(u64 jitRva) {
     try {
-        JitMethod::Ptr method;
-        if (m_data.resolveJitPoint(jitRva, method) != meSuccess || !method)
+        const RegionInfo* found = m_data.symbolAt(jitRva);
+        if (!found || !found->method)
             return ISymbol::Ptr();
-        const unsigned token = method->getMethodToken();
+        // Made as the type handed out: a converted copy would cost another
+        // pair of updates of the method's count.
+        ISymbol::Ptr symbol(found->method);
+        const unsigned token = found->methodToken;
         if (token == 0)
-            return method; // not a .NET method
+            return symbol; // not a .NET method
+        const JitMethod::Ptr method(found->method);
         const IModule::Ptr module = method->getModule();
         if (!module || !module->getFilePath())
-            return method;
+            return symbol;
         const IAssemblyReader::Ptr reader = getAssemblyReader(module->getFilePath());
         if (!reader)
-            return method;
+            return symbol;
         const DotNetMethod::Ptr dotNetMethod = reader->getMethod(token);
         if (!dotNetMethod)
-            return method;
+            return symbol;
         completeDotNetMethod(method, *dotNetMethod);
-        return method;
+        return symbol;
     } catch (const std::exception& e) {
         QV_ERROR("getSymbol failed for jit rva " << jitRva << ": " << e.what());
         return ISymbol::Ptr();
@@ -241,13 +245,13 @@ ISymbolResolver::Ptr ISymbolResolver::create(generic_iterator_t<JitFileDescripto
 quarvel_error_t SymbolResolver::resolveJitPoint(u64 timestamp, u64 virtualAddress, unsigned pid, unsigned hostId,
                                                 u64& jitRva) const {
     try {
-        JitMethod::Ptr method;
+        IModule* module = nullptr;
         u64 rva = 0;
-        const quarvel_error_t ret = m_data.resolveJitPoint(virtualAddress, timestamp, pid, hostId, method, rva);
+        const quarvel_error_t ret = m_data.resolveJitPoint(virtualAddress, timestamp, pid, hostId, module, rva);
         if (ret != meSuccess)
             return ret;
         // A jit rva of 0 is never a valid answer.
-        if (!method || rva == 0)
+        if (rva == 0)
             return meNotFound;
         jitRva = rva;
         return meSuccess;

@@ -63,6 +63,12 @@ quarvel_error_t JitFileDecoder::getNextRecord(Record& record) {
         QV_ERROR("Couldn't open the jit file");
         return meFileOpenError;
     }
+    // Records are read forward once: the pages behind them need not stay resident.
+    const u64 kReleaseStep = u64(16) << 20;
+    if (m_file && m_position - m_releasedTo >= kReleaseStep) {
+        m_file->releaseBefore(static_cast<size_t>(m_position));
+        m_releasedTo = m_position;
+    }
     record.offset = m_position;
     record.data = ByteSpan();
     const u64 size = m_bytes.size();

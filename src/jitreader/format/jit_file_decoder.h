@@ -61,6 +61,7 @@ private:
     ByteSpan m_bytes;
     bool m_open = false;
     u64 m_position = 0;
+    u64 m_releasedTo = 0; // the mapped pages before it may be dropped from memory
     decoding_mode_t m_mode;
     u32 m_hostId;
     u32 m_pid;

@@ -234,6 +234,8 @@ AddressLookup AddressHistory::find(u64 address, u64 timestamp) const {
     const Slot& s = m_slots[slot];
     result.region = s.region;
     result.method = s.method;
+    result.module = s.method->getModule().get();
+    result.slot = slot;
     result.rangeStart = s.start;
     result.rangeEnd = s.end;
     result.jitRvaBias = s.region->startJitRva() - s.start;
@@ -259,6 +261,8 @@ AddressLookup AddressHistory::findLoadedAfter(u64 start, u64 end, u64 timestamp)
     result.outcome = AddressLookup::found;
     result.region = s.region;
     result.method = s.method;
+    result.module = s.method->getModule().get();
+    result.slot = best;
     result.rangeStart = s.start;
     result.rangeEnd = s.end;
     result.jitRvaBias = s.region->startJitRva() - s.start;

@@ -18,8 +18,10 @@ struct AddressLookup {
         unloaded  // the region there had ended its life by then
     };
     Outcome outcome = noRange;
-    Region* region = nullptr;    // found, unloaded
-    JitMethod* method = nullptr; // found, unloaded
+    Region* region = nullptr;    // found, unloaded (not filled by a resolve)
+    JitMethod* method = nullptr; // found, unloaded (not filled by a resolve)
+    IModule* module = nullptr;   // found, unloaded: the method's module
+    u32 slot = 0;                // found, unloaded: the region's slot in its address history
     u64 rangeStart = 0;          // the stretch of addresses the answer holds for
     u64 rangeEnd = 0;
     u64 jitRvaBias = 0; // found: jit rva = address + jitRvaBias (mod 2^64)

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <unordered_map>
 
 #include <sys/mman.h>
 
@@ -58,16 +59,17 @@ void FrozenAddressIndex::clear() {
     std::vector<Piece>().swap(m_pieces);
     std::vector<Entry>().swap(m_entries);
     std::vector<u32>().swap(m_nodeFirst);
+    std::vector<IModule*>().swap(m_modules);
 }
 
 size_t FrozenAddressIndex::entryCount() const {
     size_t tops = 0;
     for (const Piece& p : m_pieces)
-        tops += p.top.region != nullptr;
+        tops += p.top.slot != kNoSlot;
     return tops + m_entries.size();
 }
 
-void FrozenAddressIndex::build(const std::vector<AddressHistory::Slot>& slots) {
+void FrozenAddressIndex::build(const Slots& slots) {
     clear();
     const size_t count = slots.size();
     if (count == 0)
@@ -161,14 +163,32 @@ void FrozenAddressIndex::build(const std::vector<AddressHistory::Slot>& slots) {
     std::vector<u32>().swap(firstPiece);
     std::vector<u32>().swap(pastPiece);
 
-    auto entryOf = [&slots](u32 slot) {
+    // Module numbers per slot: consecutive methods mostly share one.
+    std::vector<u32> moduleOf(count);
+    {
+        std::unordered_map<IModule*, u32> numbers;
+        IModule* last = nullptr;
+        u32 lastNumber = 0;
+        for (u32 slot = 0; slot < count; ++slot) {
+            IModule* module = slots[slot].method->getModule().get();
+            if (module != last || m_modules.empty()) {
+                auto inserted = numbers.emplace(module, static_cast<u32>(m_modules.size()));
+                if (inserted.second)
+                    m_modules.push_back(module);
+                last = module;
+                lastNumber = inserted.first->second;
+            }
+            moduleOf[slot] = lastNumber;
+        }
+    }
+    auto entryOf = [&slots, &moduleOf](u32 slot) {
         const AddressHistory::Slot& s = slots[slot];
         Entry e;
         e.loadTime = s.loadTime;
         e.unloadTime = s.region->unloadTime();
         e.jitRvaBias = s.region->startJitRva() - s.start;
-        e.region = s.region;
-        e.method = s.method;
+        e.slot = slot;
+        e.module = moduleOf[slot];
         return e;
     };
     auto byLoadTime = [&slots](u32 a, u32 b) {
@@ -251,7 +271,7 @@ size_t FrozenAddressIndex::pieceOf(u64 address) const {
 const FrozenAddressIndex::Entry* FrozenAddressIndex::latestAtOrBefore(size_t p, u64 timestamp) const {
     const Piece& piece = m_pieces[p];
     const Entry* best = nullptr;
-    if (piece.top.region && piece.top.loadTime <= timestamp) {
+    if (piece.top.slot != kNoSlot && piece.top.loadTime <= timestamp) {
         best = &piece.top;
     } else if (piece.olderCount & ~kInherits) {
         const Entry* first = m_entries.data() + piece.olderAt;
@@ -285,7 +305,7 @@ const FrozenAddressIndex::Entry* FrozenAddressIndex::firstAfter(size_t p, u64 ti
     const Entry* it = std::upper_bound(first, last, timestamp, [](u64 t, const Entry& e) { return t < e.loadTime; });
     if (it != last)
         best = it;
-    else if (piece.top.region && piece.top.loadTime > timestamp)
+    else if (piece.top.slot != kNoSlot && piece.top.loadTime > timestamp)
         best = &piece.top;
     if (!(piece.olderCount & kInherits))
         return best;
@@ -300,31 +320,52 @@ const FrozenAddressIndex::Entry* FrozenAddressIndex::firstAfter(size_t p, u64 ti
     return best;
 }
 
-AddressLookup FrozenAddressIndex::find(u64 address, u64 timestamp) const {
-    AddressLookup result;
+const FrozenAddressIndex::Entry* FrozenAddressIndex::findEntry(u64 address, u64 timestamp,
+                                                               AddressLookup& result) const {
     const size_t p = pieceOf(address);
     if (p == m_pieces.size())
-        return result;
+        return nullptr;
     const Piece& piece = m_pieces[p];
     result.rangeStart = piece.start;
     result.rangeEnd = piece.end;
     // Most samples land on the latest region of a piece without history above it.
-    const Entry* entry = !(piece.olderCount & kInherits) && piece.top.region && piece.top.loadTime <= timestamp
+    const Entry* entry = !(piece.olderCount & kInherits) && piece.top.slot != kNoSlot && piece.top.loadTime <= timestamp
                              ? &piece.top
                              : latestAtOrBefore(p, timestamp);
     if (!entry) {
         result.outcome = AddressLookup::tooEarly;
-        return result;
+        return nullptr;
     }
-    result.region = entry->region;
-    result.method = entry->method;
     result.jitRvaBias = entry->jitRvaBias;
+    result.module = m_modules[entry->module];
+    result.slot = entry->slot;
     const bool ended = entry->unloadTime > entry->loadTime && entry->unloadTime <= timestamp;
     result.outcome = ended ? AddressLookup::unloaded : AddressLookup::found;
+    return entry;
+}
+
+void FrozenAddressIndex::fill(const Entry& entry, const Slots& slots, AddressLookup& result) const {
+    result.jitRvaBias = entry.jitRvaBias;
+    result.module = m_modules[entry.module];
+    result.slot = entry.slot;
+    result.region = slots[entry.slot].region;
+    result.method = slots[entry.slot].method;
+}
+
+AddressLookup FrozenAddressIndex::resolve(u64 address, u64 timestamp) const {
+    AddressLookup result;
+    findEntry(address, timestamp, result);
     return result;
 }
 
-AddressLookup FrozenAddressIndex::findLoadedAfter(u64 start, u64 end, u64 timestamp) const {
+AddressLookup FrozenAddressIndex::find(u64 address, u64 timestamp, const Slots& slots) const {
+    AddressLookup result;
+    if (const Entry* entry = findEntry(address, timestamp, result))
+        fill(*entry, slots, result);
+    return result;
+}
+
+AddressLookup FrozenAddressIndex::findLoadedAfter(u64 start, u64 end, u64 timestamp, const Slots& slots) const {
     AddressLookup result;
     // The first piece that ends above start; it must begin before end.
     size_t p = firstStartingAbove(start);
@@ -340,9 +381,7 @@ AddressLookup FrozenAddressIndex::findLoadedAfter(u64 start, u64 end, u64 timest
         return result;
     }
     result.outcome = AddressLookup::found;
-    result.region = entry->region;
-    result.method = entry->method;
-    result.jitRvaBias = entry->jitRvaBias;
+    fill(*entry, slots, result);
     return result;
 }
 

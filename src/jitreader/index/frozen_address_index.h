@@ -23,25 +23,34 @@ QUARVEL_NAMESPACE_BEGIN
 // also takes the best entry of the piece's ancestors.
 class FrozenAddressIndex {
 public:
-    void build(const std::vector<AddressHistory::Slot>& slots);
+    typedef std::vector<AddressHistory::Slot> Slots;
+
+    void build(const Slots& slots);
     void clear();
 
     // As AddressHistory::find / findLoadedAfter, with rangeStart/rangeEnd
-    // naming the piece.
-    AddressLookup find(u64 address, u64 timestamp) const;
-    AddressLookup findLoadedAfter(u64 start, u64 end, u64 timestamp) const;
+    // naming the piece; slots are the ones the index was built from.
+    AddressLookup find(u64 address, u64 timestamp, const Slots& slots) const;
+    AddressLookup findLoadedAfter(u64 start, u64 end, u64 timestamp, const Slots& slots) const;
+    // As find, answering only what a sample needs (outcome, jit rva bias,
+    // module, slot) from the index's own arrays: the region and the method
+    // stay untouched.
+    AddressLookup resolve(u64 address, u64 timestamp) const;
     size_t pieceCount() const { return m_pieces.size(); }
     size_t entryCount() const;
 
 private:
-    struct Entry {
+    // What a sample needs of a region, copied out of the model so that a
+    // lookup reads only these arrays; the slot leads to the region and the
+    // method when a caller wants them.
+    struct Entry { // 32 bytes
         u64 loadTime = 0;
         u64 unloadTime = 0;
         u64 jitRvaBias = 0; // start jit rva - start address
-        Region* region = nullptr;
-        JitMethod* method = nullptr;
+        u32 slot = kNoSlot;
+        u32 module = 0; // in m_modules
     };
-    struct Piece { // 64 bytes: one cache line
+    struct Piece { // 56 bytes
         u64 start = 0;
         u64 end = 0;
         Entry top;          // the region loaded last over the piece (none: only ancestors hold it)
@@ -49,6 +58,12 @@ private:
         u32 olderCount = 0; // and kInherits: tree nodes above the piece hold regions too
     };
     static const u32 kInherits = 0x80000000u;
+    static constexpr u32 kNoSlot = 0xFFFFFFFFu;
+
+    // The entry that answers for (address, timestamp), with the outcome and
+    // the piece's bounds in result; null when none does.
+    const Entry* findEntry(u64 address, u64 timestamp, AddressLookup& result) const;
+    void fill(const Entry& entry, const Slots& slots, AddressLookup& result) const;
 
     // The first piece that starts above address, or pieceCount().
     size_t firstStartingAbove(u64 address) const;
@@ -64,6 +79,8 @@ private:
     std::vector<Piece> m_pieces;
     std::vector<Entry> m_entries; // older regions of pieces, then the lists of inner tree nodes
     std::vector<u32> m_nodeFirst; // inner node i (1 <= i < pieces) lists m_entries[m_nodeFirst[i], m_nodeFirst[i + 1])
+    // The distinct modules of the regions' methods (methods share them; few per process).
+    std::vector<IModule*> m_modules;
 };
 
 QUARVEL_NAMESPACE_END

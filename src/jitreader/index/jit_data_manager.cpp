@@ -268,7 +268,8 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
     }
 
     for (const Region::Ptr& region : newRegions) {
-        m_jitRvas.add(RegionInfo{region->startJitRva(), region->length(), region.get(), method.get()});
+        m_jitRvas.add(RegionInfo{region->startJitRva(), region->length(), method->getMethodToken(), region.get(),
+                                 method.get()});
         AddressSpace& target = spaceFor(region->processId(), region->hostId());
         // The plan of the check above still holds for a record's only region.
         if (newRegions.size() > 1 || !planned) {
@@ -404,6 +405,7 @@ void JitDataManager::finalize() {
         changed->changed = false;
     }
     m_changedSpaces.clear();
+    m_jitRvas.freeze();
 }
 
 // ---------------------------------------------------------------------------
@@ -416,7 +418,8 @@ AddressLookup JitDataManager::lookup(u64 address, u64 timestamp, u32 pid, u32 ho
         none.outcome = AddressLookup::noSpace;
         return none;
     }
-    return target->frozenCurrent ? target->frozen.find(address, timestamp) : target->history.find(address, timestamp);
+    return target->frozenCurrent ? target->frozen.find(address, timestamp, target->history.slots())
+                                 : target->history.find(address, timestamp);
 }
 
 void JitDataManager::traceMiss(const AddressLookup& miss, u32 pid, u64 address, u64 timestamp) {
@@ -475,27 +478,67 @@ quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestam
     return meSuccess;
 }
 
+quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId,
+                                                IModule*& module, u64& jitRva) const {
+    module = nullptr;
+    QV_TRACE("RESOLVE JIT POINT: vaddr = " << virtualAddress << ", timestamp = " << timestamp << ", pid = " << pid
+                                           << ", hostId = " << hostId);
+    const AddressSpace* target = space(pid, hostId);
+    AddressLookup hit;
+    if (!target || target->history.empty())
+        hit.outcome = AddressLookup::noSpace;
+    else if (target->frozenCurrent)
+        hit = target->frozen.resolve(virtualAddress, timestamp);
+    else
+        hit = target->history.find(virtualAddress, timestamp);
+    if (!hit.ok()) {
+        if (hit.outcome == AddressLookup::unloaded && !hit.region && QV_TRACE_ENABLED())
+            hit.region = target->history.slots()[hit.slot].region; // for the log line
+        traceMiss(hit, pid, virtualAddress, timestamp);
+        QV_TRACE("Couldn't match jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp
+                                                      << ") to any known ip address range.");
+        return meNotFound;
+    }
+    jitRva = virtualAddress + hit.jitRvaBias;
+    module = hit.module;
+    QV_INFO("Resolved jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp << ") to jit rva = "
+                                           << jitRva << " of method "
+                                           << target->history.slots()[hit.slot].method->getRawMethodId() << ", name = "
+                                           << target->history.slots()[hit.slot].method->getMethodName()
+                                           << ", load time = "
+                                           << target->history.slots()[hit.slot].method->getLoadTime());
+    return meSuccess;
+}
+
 const RegionInfo* JitDataManager::findJitRvaRegion(u64 jitRva) const {
     if (jitRva == kInvalidJitRva)
         return nullptr;
     return m_jitRvas.find(jitRva);
 }
 
-quarvel_error_t JitDataManager::resolveJitPoint(u64 jitRva, JitMethod::Ptr& method) const {
-    method.reset();
+const RegionInfo* JitDataManager::symbolAt(u64 jitRva) const {
     QV_INFO("RESOLVE JIT POINT: jit rva = " << jitRva);
     if (jitRva == kInvalidJitRva) {
         QV_TRACE("Couldn't resolve jit rva = " << jitRva << " because it is invalid.");
-        return meNotFound;
+        return nullptr;
     }
     const RegionInfo* info = m_jitRvas.find(jitRva);
     if (!info) {
         QV_TRACE("Couldn't resolve jit rva = " << jitRva << " because it is out of the jit rva domain.");
-        return meNotFound;
+        return nullptr;
     }
+    QV_INFO("Resolved jit rva = " << jitRva << " to method " << info->method->getRawMethodId() << ", name = "
+                                  << info->method->getMethodName() << ", load time = "
+                                  << info->method->getLoadTime());
+    return info;
+}
+
+quarvel_error_t JitDataManager::resolveJitPoint(u64 jitRva, JitMethod::Ptr& method) const {
+    method.reset();
+    const RegionInfo* info = symbolAt(jitRva);
+    if (!info)
+        return meNotFound;
     method = info->method;
-    QV_INFO("Resolved jit rva = " << jitRva << " to method " << method->getRawMethodId() << ", name = "
-                                  << method->getMethodName() << ", load time = " << method->getLoadTime());
     return meSuccess;
 }
 
@@ -518,7 +561,8 @@ quarvel_error_t JitDataManager::findOverlappedRegion(u64 startAddress, u64 endAd
     // The first region loaded strictly after the timestamp: what replaced the
     // code, not what was live at that moment.
     const AddressLookup hit = target->frozenCurrent
-                                  ? target->frozen.findLoadedAfter(startAddress, probeEnd, timestamp)
+                                  ? target->frozen.findLoadedAfter(startAddress, probeEnd, timestamp,
+                                                                   target->history.slots())
                                   : target->history.findLoadedAfter(startAddress, probeEnd, timestamp);
     if (hit.outcome == AddressLookup::noRange) {
         QV_TRACE("Couldn't find a region for addr = " << startAddress);

@@ -75,7 +75,15 @@ public:
                                JitMethod::Ptr& method) const;
     quarvel_error_t resolveJitPoint(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, JitMethod::Ptr& method,
                                     u64& jitRva) const;
+    // What a sample needs, read from the query index alone: the jit rva and
+    // the module of the method that held the address at that moment. The
+    // module lives as long as the model (the methods hold it).
+    quarvel_error_t resolveJitPoint(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId, IModule*& module,
+                                    u64& jitRva) const;
     quarvel_error_t resolveJitPoint(u64 jitRva, JitMethod::Ptr& method) const;
+    // As resolveJitPoint(jitRva, method), with the entry's copy of the
+    // method's token; null when no region holds jitRva.
+    const RegionInfo* symbolAt(u64 jitRva) const;
     quarvel_error_t findOverlappedRegion(u64 startAddress, u64 endAddress, u64 timestamp, u32 pid, u32 hostId,
                                          ICodeRegion::Ptr& region) const;
     quarvel_error_t getCalleeTarget(u64 callerJitRva, u64 targetAddress, u64& calleeJitRva) const;

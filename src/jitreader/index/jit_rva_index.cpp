@@ -25,13 +25,39 @@ bool byStart(const RegionInfo& a, const RegionInfo& b) {
 } // namespace
 
 const RegionInfo* JitRvaIndex::find(u64 jitRva) const {
-    for (const Run& run : m_runs) {
-        auto it = std::upper_bound(run.begin(), run.end(), jitRva,
-                                   [](u64 rva, const RegionInfo& e) { return rva < e.startJitRva; });
+    const bool directed = m_blockStarts.size() == m_runs.size();
+    for (size_t r = 0; r < m_runs.size(); ++r) {
+        const Run& run = m_runs[r];
+        auto first = run.begin();
+        auto last = run.end();
+        if (directed) {
+            const std::vector<u64>& blocks = m_blockStarts[r];
+            const size_t block =
+                static_cast<size_t>(std::upper_bound(blocks.begin(), blocks.end(), jitRva) - blocks.begin());
+            if (block == 0)
+                continue;
+            first += static_cast<std::ptrdiff_t>((block - 1) * kBlock);
+            last = run.begin() + static_cast<std::ptrdiff_t>(std::min(block * kBlock, run.size()));
+        }
+        auto it =
+            std::upper_bound(first, last, jitRva, [](u64 rva, const RegionInfo& e) { return rva < e.startJitRva; });
         if (it != run.begin() && std::prev(it)->contains(jitRva))
             return &*std::prev(it);
     }
     return nullptr;
+}
+
+void JitRvaIndex::freeze() {
+    if (m_blockStarts.size() == m_runs.size())
+        return; // nothing added since
+    m_blockStarts.resize(m_runs.size());
+    for (size_t r = 0; r < m_runs.size(); ++r) {
+        std::vector<u64>& blocks = m_blockStarts[r];
+        blocks.clear();
+        blocks.reserve(m_runs[r].size() / kBlock + 1);
+        for (size_t i = 0; i < m_runs[r].size(); i += kBlock)
+            blocks.push_back(m_runs[r][i].startJitRva);
+    }
 }
 
 const RegionInfo* JitRvaIndex::findOverlap(u64 start, u32 length) const {
@@ -47,6 +73,7 @@ const RegionInfo* JitRvaIndex::findOverlap(u64 start, u32 length) const {
 }
 
 void JitRvaIndex::add(const RegionInfo& info) {
+    m_blockStarts.clear();
     if (m_runs.empty() || m_runs.back().back().endJitRva() > info.startJitRva) {
         if (!m_runs.empty())
             sealLastRun();

@@ -14,6 +14,7 @@ QUARVEL_NAMESPACE_BEGIN
 struct RegionInfo {
     u64 startJitRva = 0;
     u32 length = 0;
+    u32 methodToken = 0;         // the method's, so that a symbol query need not read its record
     Region* region = nullptr;    // kept alive by its method
     JitMethod* method = nullptr; // kept alive by the registered methods
 
@@ -36,6 +37,9 @@ public:
     const RegionInfo* findOverlap(u64 start, u32 length) const;
     // Adds an entry that overlaps none (see findOverlap).
     void add(const RegionInfo& info);
+    // Builds the search directories once the entries are all added (until
+    // the next add): lookups then miss the cache in one block of a run.
+    void freeze();
 
     size_t size() const { return m_size; }
     size_t runCount() const { return m_runs.size(); }
@@ -48,6 +52,9 @@ private:
     void sealLastRun();
 
     std::vector<Run> m_runs; // all sealed but the last, which takes appends
+    // Per run, every kBlock-th start; empty until freeze().
+    static constexpr size_t kBlock = 32;
+    std::vector<std::vector<u64>> m_blockStarts;
     size_t m_size = 0;
     u64 m_maxEnd = 0; // nothing registered ends above it
 };

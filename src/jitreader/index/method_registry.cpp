@@ -2,6 +2,7 @@
 
 #include "model/module.h"
 
+#include <atomic>
 #include <cstring>
 #include <string_view>
 
@@ -107,16 +108,22 @@ void MethodRegistry::internShared(JitMethod& method) {
     internSourceFile(method);
 }
 
+u64 MethodRegistry::nextOwner() {
+    static std::atomic<u64> last{0};
+    return ++last;
+}
+
 void MethodRegistry::internSourceFile(JitMethod& method) {
     const SourceFile::Ptr& file = method.info()->sharedSourceFile();
-    if (!file)
-        return;
+    if (!file || file->sharedBy(m_owner))
+        return; // the reading pass shares the files it made: most are kept here already
     if (m_lastSourceFile && (file == m_lastSourceFile || sameSourceFile(*file, *m_lastSourceFile))) {
         if (file != m_lastSourceFile)
             method.info()->shareSourceFile(m_lastSourceFile);
         return;
     }
     const SourceFile::Ptr shared = *m_sourceFiles.insert(file).first;
+    shared->markSharedBy(m_owner);
     if (shared != file)
         method.info()->shareSourceFile(shared);
     m_lastSourceFile = shared;

@@ -74,6 +74,8 @@ private:
     IModule::Ptr m_lastModule; // most records name the module of the record before
     std::unordered_set<SourceFile::Ptr, SourceFileHash, SameSourceFile> m_sourceFiles;
     SourceFile::Ptr m_lastSourceFile;
+    const u64 m_owner = nextOwner(); // marks the source files kept here
+    static u64 nextOwner();
     size_t m_modulesInterned = 0;
 
     // (module path, raw id) -> method index, filled up to m_symbolsIndexed.

@@ -60,6 +60,53 @@ IModule::Ptr ModuleCache::get(const std::string& path, quarvel_error_t status, q
     return slot;
 }
 
+namespace {
+
+bool sameSourceFile(const SourceFile& file, const std::string& name, const std::string& checksum,
+                    unsigned checksumType, unsigned language) {
+    return file.getChecksumType() == checksumType && file.getLanguageType() == language && file.name() == name &&
+           checksum == file.getChecksum();
+}
+
+} // namespace
+
+const SourceFile::Ptr& ModuleCache::sourceFile(const std::string& name, const std::string& checksum,
+                                               unsigned checksumType, unsigned language) {
+    if (m_lastSourceFile && sameSourceFile(*m_lastSourceFile, name, checksum, checksumType, language))
+        return m_lastSourceFile;
+    const size_t hash = std::hash<std::string>()(name) ^ (std::hash<std::string>()(checksum) << 1) ^
+                        (size_t(checksumType) << 8) ^ (size_t(language) << 16);
+    if ((m_sourceFileObjects.size() + 1) * 4 > m_sourceFileSlots.size() * 3)
+        growSourceFiles();
+    const size_t mask = m_sourceFileSlots.size() - 1;
+    size_t i = hash & mask;
+    for (; m_sourceFileSlots[i].file; i = (i + 1) & mask) {
+        const SourceFileSlot& slot = m_sourceFileSlots[i];
+        if (slot.hash == hash && sameSourceFile(*slot.file, name, checksum, checksumType, language)) {
+            m_lastSourceFile = SourceFile::Ptr(slot.file);
+            return m_lastSourceFile;
+        }
+    }
+    m_lastSourceFile = SourceFile::Ptr(new SourceFile(name, checksum, checksumType, language));
+    m_sourceFileObjects.push_back(m_lastSourceFile);
+    m_sourceFileSlots[i] = SourceFileSlot{hash, m_lastSourceFile.get()};
+    return m_lastSourceFile;
+}
+
+void ModuleCache::growSourceFiles() {
+    std::vector<SourceFileSlot> slots(std::max<size_t>(64, m_sourceFileSlots.size() * 2));
+    const size_t mask = slots.size() - 1;
+    for (const SourceFileSlot& slot : m_sourceFileSlots) {
+        if (!slot.file)
+            continue;
+        size_t i = slot.hash & mask;
+        while (slots[i].file)
+            i = (i + 1) & mask;
+        slots[i] = slot;
+    }
+    m_sourceFileSlots.swap(slots);
+}
+
 void MethodBuilder::applyTail(JitMethod& method, const TraceMethodTail& tail, bool legacy, const BuildContext& context,
                               u64 codeLength) {
     BaseMethodInfo& info = *method.info();
@@ -80,7 +127,7 @@ void MethodBuilder::applyTail(JitMethod& method, const TraceMethodTail& tail, bo
     }
     if (!context.keepSymbolic)
         return;
-    info.setSourceFile(SourceFile(tail.sourceFile, tail.checksum, tail.checksumType, tail.language));
+    info.shareSourceFile(m_modules.sourceFile(tail.sourceFile, tail.checksum, tail.checksumType, tail.language));
     addLineTables(method, tail, codeLength);
 }
 

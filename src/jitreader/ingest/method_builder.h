@@ -17,13 +17,26 @@
 QUARVEL_NAMESPACE_BEGIN
 
 // One Module object per distinct (path, status, architecture) of a reading
-// pass, instead of one per record.
+// pass, instead of one per record; likewise one SourceFile per distinct
+// source file, so that methods share it from the start.
 class ModuleCache {
 public:
     IModule::Ptr get(const std::string& path, quarvel_error_t status, quarvel_arch arch);
+    const SourceFile::Ptr& sourceFile(const std::string& name, const std::string& checksum, unsigned checksumType,
+                                      unsigned language);
 
 private:
     std::map<std::tuple<std::string, quarvel_error_t, int>, IModule::Ptr> m_modules;
+    // An open hash of the content's hash and the file, small enough to stay
+    // in cache: a lookup builds no key and touches one file object.
+    struct SourceFileSlot {
+        size_t hash = 0;
+        SourceFile* file = nullptr; // kept by m_sourceFileObjects
+    };
+    void growSourceFiles();
+    std::vector<SourceFileSlot> m_sourceFileSlots; // power-of-two size, at most 3/4 full
+    std::vector<SourceFile::Ptr> m_sourceFileObjects;
+    SourceFile::Ptr m_lastSourceFile; // records of one class come together
 };
 
 // Where the method's code comes from.

@@ -4,6 +4,8 @@
 #include "model/base_method_id.h"
 #include "model/source_file.h"
 
+#include "support/object_pool.h"
+
 #include <quarvel/symbol.h>
 
 #include <memory>
@@ -13,7 +15,7 @@
 QUARVEL_NAMESPACE_BEGIN
 
 // Names, identity, module and source file of a method; shared by a method and its clones.
-class BaseMethodInfo : public BaseObject {
+class BaseMethodInfo : public BaseObject, public Pooled<BaseMethodInfo> {
 public:
     typedef boost::intrusive_ptr<BaseMethodInfo> Ptr;
 

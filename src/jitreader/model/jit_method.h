@@ -5,6 +5,8 @@
 #include "model/range.h"
 #include "model/region.h"
 
+#include "support/object_pool.h"
+
 #include <quarvel/symbol.h>
 
 #include <map>
@@ -17,7 +19,7 @@ QUARVEL_NAMESPACE_BEGIN
 
 // One jitted method: its descriptive record (shared with clones), raw ids,
 // times, code regions and line tables.
-class JitMethod : public ISymbol {
+class JitMethod : public ISymbol, public Pooled<JitMethod> {
 public:
     typedef boost::intrusive_ptr<JitMethod> Ptr;
     typedef std::vector<quarvel_line_number_entry> LineTable;

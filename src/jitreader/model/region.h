@@ -3,6 +3,8 @@
 
 #include "model/range.h"
 
+#include "support/object_pool.h"
+
 #include <quarvel/symbol.h>
 
 #include <map>
@@ -18,7 +20,7 @@ class JitMethod;
 // One contiguous piece of jitted code of one method in one process, with the
 // methods inlined into it (child regions paired with their methods) and the
 // byte ranges that method updates rewrote.
-class Region : public ICodeRegion {
+class Region : public ICodeRegion, public Pooled<Region> {
 public:
     typedef boost::intrusive_ptr<Region> Ptr;
     typedef boost::intrusive_ptr<JitMethod> MethodPtr;

@@ -1,0 +1,81 @@
+#include "support/object_pool.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+
+#include <sys/mman.h>
+
+QUARVEL_NAMESPACE_BEGIN
+
+namespace {
+
+// Blocks keep the alignment operator new promises.
+size_t roundedUp(size_t size) {
+    const size_t align = alignof(std::max_align_t);
+    size = size < sizeof(void*) ? sizeof(void*) : size;
+    return (size + align - 1) / align * align;
+}
+
+// Maps bytes at an address that is a multiple of align (a power of two,
+// at least a page): maps align more and unmaps what is left over.
+char* mapAligned(size_t bytes, size_t align) {
+    void* at = ::mmap(nullptr, bytes + align, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (at == MAP_FAILED)
+        throw std::bad_alloc();
+    char* const raw = static_cast<char*>(at);
+    const uintptr_t start = (reinterpret_cast<uintptr_t>(raw) + align - 1) & ~(uintptr_t(align) - 1);
+    char* const aligned = reinterpret_cast<char*>(start);
+    if (aligned > raw)
+        ::munmap(raw, static_cast<size_t>(aligned - raw));
+    const size_t tail = static_cast<size_t>(raw + bytes + align - (aligned + bytes));
+    if (tail > 0)
+        ::munmap(aligned + bytes, tail);
+    return aligned;
+}
+
+} // namespace
+
+ObjectPool::ObjectPool(size_t blockSize) : m_blockSize(roundedUp(blockSize)) {}
+
+void* ObjectPool::allocate() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_free) {
+        FreeBlock* block = m_free;
+        m_free = block->next;
+        return block;
+    }
+    return carve();
+}
+
+void ObjectPool::deallocate(void* block) noexcept {
+    if (!block)
+        return;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    FreeBlock* freed = static_cast<FreeBlock*>(block);
+    freed->next = m_free;
+    m_free = freed;
+}
+
+void* ObjectPool::carve() {
+    if (static_cast<size_t>(m_end - m_next) < m_blockSize) {
+        const size_t bytes = std::max(m_chunkBytes, m_blockSize);
+        const bool huge = bytes >= kChunkBytes;
+        // Mapped apart from the general heap; a 2 MiB chunk aligned to its
+        // size, so that it can be one huge page.
+        const size_t align = huge ? kChunkBytes : kFirstChunkBytes;
+        const size_t rounded = (bytes + align - 1) / align * align;
+        char* chunk = mapAligned(rounded, align);
+        if (huge)
+            ::madvise(chunk, rounded, MADV_HUGEPAGE);
+        m_next = chunk;
+        m_end = m_next + rounded;
+        m_chunkBytes = std::min(m_chunkBytes * 2, kChunkBytes);
+    }
+    void* block = m_next;
+    m_next += m_blockSize;
+    return block;
+}
+
+QUARVEL_NAMESPACE_END

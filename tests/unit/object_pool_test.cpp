@@ -1,0 +1,85 @@
+// The pool behind the model objects: blocks that never overlap, keep the
+// alignment of operator new, come back after being freed, and stay whole
+// when several threads allocate and free at once (objects are released by
+// whichever thread drops the last reference).
+
+#include "support/object_pool.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <set>
+#include <thread>
+#include <vector>
+
+using namespace quarvel;
+
+namespace object_pool_test {
+
+TEST(ObjectPool, BlocksAreDisjointAlignedAndReusedAcrossChunks) {
+    for (size_t size : {size_t(1), size_t(24), size_t(100), size_t(4000)}) {
+        SCOPED_TRACE(size);
+        ObjectPool pool(size);
+        ASSERT_GE(pool.blockSize(), size);
+        // More than one chunk's worth.
+        const size_t count = ObjectPool::kChunkBytes / pool.blockSize() + 50;
+        std::vector<char*> blocks;
+        for (size_t i = 0; i < count; ++i) {
+            char* block = static_cast<char*>(pool.allocate());
+            ASSERT_EQ(0u, reinterpret_cast<uintptr_t>(block) % alignof(std::max_align_t));
+            std::memset(block, static_cast<int>(i & 0xFF), size);
+            blocks.push_back(block);
+        }
+        std::vector<char*> sorted = blocks;
+        std::sort(sorted.begin(), sorted.end());
+        for (size_t i = 1; i < sorted.size(); ++i)
+            ASSERT_GE(sorted[i] - sorted[i - 1], static_cast<std::ptrdiff_t>(size)) << "blocks overlap";
+        for (size_t i = 0; i < count; ++i)
+            ASSERT_EQ(static_cast<char>(i & 0xFF), blocks[i][size - 1]) << "a block was overwritten";
+
+        // Freed blocks are handed out again before the pool grows.
+        const std::set<char*> freed(blocks.begin(), blocks.begin() + 10);
+        for (char* block : freed)
+            pool.deallocate(block);
+        for (int i = 0; i < 10; ++i)
+            EXPECT_EQ(1u, freed.count(static_cast<char*>(pool.allocate())));
+    }
+}
+
+TEST(ObjectPool, ThreadsAllocatingAndFreeingNeverShareABlock) {
+    ObjectPool pool(48);
+    const int kThreads = 4;
+    const int kRounds = 20000;
+    std::vector<std::thread> threads;
+    std::vector<int> corrupted(kThreads, 0);
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&pool, &corrupted, t] {
+            std::vector<uint64_t*> held;
+            for (int i = 0; i < kRounds; ++i) {
+                uint64_t* block = static_cast<uint64_t*>(pool.allocate());
+                block[0] = block[5] = (uint64_t(t) << 32) | uint64_t(i);
+                held.push_back(block);
+                if (i % 3 == 2) {
+                    // Free two, checking that nobody else wrote into them meanwhile.
+                    for (int k = 0; k < 2; ++k) {
+                        uint64_t* back = held.back();
+                        held.pop_back();
+                        corrupted[t] += back[0] != back[5] || (back[0] >> 32) != uint64_t(t);
+                        pool.deallocate(back);
+                    }
+                }
+            }
+            for (uint64_t* block : held) {
+                corrupted[t] += (block[0] >> 32) != uint64_t(t);
+                pool.deallocate(block);
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (int t = 0; t < kThreads; ++t)
+        EXPECT_EQ(0, corrupted[t]) << "thread " << t;
+}
+
+} // namespace object_pool_test
