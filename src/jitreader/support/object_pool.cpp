@@ -66,7 +66,11 @@ void* ObjectPool::carve() {
         // size, so that it can be one huge page.
         const size_t align = huge ? kChunkBytes : kFirstChunkBytes;
         const size_t rounded = (bytes + align - 1) / align * align;
-        char* chunk = mapAligned(rounded, align);
+        // Smaller chunks come from the general heap: a small trace should not
+        // pay a fresh mapping's page faults for every one of them.
+        char* chunk = huge ? mapAligned(rounded, align) : static_cast<char*>(std::aligned_alloc(align, rounded));
+        if (!chunk)
+            throw std::bad_alloc();
         if (huge)
             ::madvise(chunk, rounded, MADV_HUGEPAGE);
         m_next = chunk;
