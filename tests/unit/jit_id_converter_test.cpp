@@ -98,14 +98,4 @@ TEST(JitIdConverter, IndexOffsetShiftsTheSearchedPosition) {
     EXPECT_EQ(meNotFound, converter.convert(std::numeric_limits<u32>::max(), 0x80003, 0x4000, kNoLimit, jitRva));
 }
 
-TEST(JitIdConverter, ParallelVectorsOfDifferentSizesAreCutToTheShortest) {
-    JitIdConverter converter;
-    converter.initialize({0x1000, 0x2000, 0x3000}, {0x10, 0x10}, {0x50000, 0x60000, 0x70000});
-    EXPECT_EQ(2u, converter.size());
-    u64 jitRva = 0;
-    EXPECT_EQ(meSuccess, converter.convert(0, 0x60001, 0x2000, kNoLimit, jitRva));
-    EXPECT_EQ(0x2001u, jitRva);
-    EXPECT_EQ(meNotFound, converter.convert(0, 0x70001, 0x3000, kNoLimit, jitRva));
-}
-
 } // namespace

@@ -1,4 +1,5 @@
-// Ranges as map keys, method ids, class and method names, identity digests.
+// Ranges as map keys, class and method names, identity digests (the order
+// of method ids is any strict order: the data manager's tests see it used).
 
 #include "model/base_method_info.h"
 #include "model/jit_method.h"
@@ -40,16 +41,6 @@ TEST(RangeTest, AMapKeyedByRangesHoldsDisjointRangesAndFindsByProbe) {
     }
     auto run = map.equal_range(Range(120, 35));
     EXPECT_EQ(2, std::distance(run.first, run.second));
-}
-
-TEST(BaseMethodIdTest, EmptinessAndOrder) {
-    EXPECT_TRUE(BaseMethodId().isEmpty());
-    EXPECT_FALSE(BaseMethodId(0, 1).isEmpty());
-    const BaseMethodId::Comparator less;
-    EXPECT_TRUE(less(BaseMethodId(1, 9), BaseMethodId(2, 0)));
-    EXPECT_TRUE(less(BaseMethodId(2, 0), BaseMethodId(2, 1)));
-    EXPECT_FALSE(less(BaseMethodId(2, 1), BaseMethodId(2, 1)));
-    EXPECT_TRUE(less(BaseMethodId(1, 0), BaseMethodId(0xFFFFFFFFFFFFFFFFull, 0))); // unsigned
 }
 
 struct ClassNameCase {

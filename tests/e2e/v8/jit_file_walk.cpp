@@ -1,8 +1,8 @@
 // Walks jitdump files and perf maps with the library's readers and prints, per
 // file, one JSON object of what it found: record counts, debug pairing, the
-// debug-address bias, where a cut or damaged file stopped, and how long the
-// walk took. The end-to-end test sets these against an independent count and
-// against perf's own tools.
+// debug-address bias and where a cut or damaged file stopped. The end-to-end
+// test (check.py) sets these against an independent count and against perf's
+// own tools.
 //
 //   quarvel_jit_file_walk [--loads LIST] FILE...
 //
@@ -16,39 +16,24 @@
 #include "format/perf_map_reader.h"
 #include "support/mapped_file.h"
 
-#include <chrono>
+#include <nlohmann/json.hpp>
+
 #include <cstdio>
 #include <cstring>
-#include <sstream>
 #include <string>
 #include <unordered_map>
 
 using namespace quarvel;
+using Json = nlohmann::ordered_json;
 
 namespace {
 
-std::string quote(const std::string& text) {
-    std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            out += escaped;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
+void print(const Json& doc) {
+    std::printf("%s\n", doc.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
 }
 
-std::string reasonJson(const Reason& r, bool truncated) {
-    std::ostringstream os;
-    os << "{\"offset\":" << r.offset << ",\"field\":" << quote(r.field) << ",\"message\":" << quote(r.message)
-       << ",\"truncated\":" << (truncated ? "true" : "false") << "}";
-    return os.str();
+Json error(const std::string& path, const std::string& text) {
+    return Json{{"file", path}, {"error", text}};
 }
 
 FILE* g_loads = nullptr;
@@ -60,15 +45,12 @@ uint64_t fnv1a(const uint8_t* p, uint64_t n) {
     return h;
 }
 
-int walkJitdump(const std::string& path) {
-    const auto started = std::chrono::steady_clock::now();
+Json walkJitdump(const std::string& path) {
     Expected<JitdumpReader> reader = JitdumpReader::open(path);
-    if (!reader) {
-        std::printf("{\"file\":%s,\"error\":%s}\n", quote(path).c_str(), quote(reader.reason().text()).c_str());
-        return 1;
-    }
+    if (!reader)
+        return error(path, reader.reason().text());
     uint64_t loads = 0, moves = 0, debug = 0, debugEntries = 0, close = 0, unwinding = 0, unknown = 0;
-    uint64_t codeBytes = 0, codeSum = 0, loadsWithoutDebug = 0, positionWouldMispair = 0;
+    uint64_t loadsWithoutDebug = 0, positionWouldMispair = 0;
     std::unordered_map<uint64_t, uint64_t> loadsAt;
     JitdumpDebugPairing pairing;
     JitdumpDebugBias bias(reader->header().elfMachine);
@@ -77,13 +59,9 @@ int walkJitdump(const std::string& path) {
     JitdumpRecord r;
     while (reader->next(r)) {
         switch (r.kind) {
-        case JitdumpRecordKind::codeLoad: {
+        case JitdumpRecordKind::codeLoad:
             ++loads;
             ++loadsAt[r.load.codeAddr];
-            codeBytes += r.load.codeSize;
-            // Every code byte is read, as a consumer that decodes it would.
-            for (uint64_t i = 0; i < r.load.codeSize; ++i)
-                codeSum += r.load.code[i];
             if (g_loads)
                 std::fprintf(g_loads, "%llu\t%llx\t%llu\t%016llx\t%.*s\n", (unsigned long long)r.load.codeIndex,
                              (unsigned long long)r.load.codeAddr, (unsigned long long)r.load.codeSize,
@@ -96,7 +74,6 @@ int walkJitdump(const std::string& path) {
             else
                 ++loadsWithoutDebug;
             break;
-        }
         case JitdumpRecordKind::codeMove:
             ++moves;
             break;
@@ -118,63 +95,59 @@ int walkJitdump(const std::string& path) {
         previousWasDebug = r.kind == JitdumpRecordKind::debugInfo;
         previousDebugAddr = r.debugInfo.codeAddr;
     }
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     uint64_t reused = 0;
     for (const auto& at : loadsAt)
         reused += at.second > 1;
-    const JitdumpHeader& h = reader->header();
-    std::printf(
-        "{\"file\":%s,\"format\":\"jitdump\",\"size\":%llu,\"pid\":%u,\"elfMachine\":%u,\"version\":%u,"
-        "\"bigEndian\":%s,\"archTimestamp\":%s,\"unknownFlags\":%llu,"
-        "\"loads\":%llu,\"moves\":%llu,\"debug\":%llu,\"close\":%llu,\"unwinding\":%llu,\"unknown\":%llu,"
-        "\"debugEntries\":%llu,\"codeBytes\":%llu,\"codeSum\":%llu,\"addressesLoadedMoreThanOnce\":%llu,"
-        "\"paired\":%llu,\"loadsWithoutDebug\":%llu,\"debugWaiting\":%zu,\"debugReplaced\":%llu,"
-        "\"positionWouldMispair\":%llu,\"bias\":%llu,\"biasEvidence\":{\"none\":%llu,\"elf64\":%llu,"
-        "\"elf32\":%llu,\"undecided\":%llu},\"completeEnd\":%llu,\"stop\":%s,\"walkSeconds\":%.6f}\n",
-        quote(path).c_str(), (unsigned long long)reader->fileSize(), h.pid, h.elfMachine, h.version,
-        h.bigEndian ? "true" : "false", h.archTimestamp() ? "true" : "false", (unsigned long long)h.unknownFlags(),
-        (unsigned long long)loads, (unsigned long long)moves, (unsigned long long)debug, (unsigned long long)close,
-        (unsigned long long)unwinding, (unsigned long long)unknown, (unsigned long long)debugEntries,
-        (unsigned long long)codeBytes, (unsigned long long)codeSum, (unsigned long long)reused,
-        (unsigned long long)pairing.paired(), (unsigned long long)loadsWithoutDebug, pairing.waiting(),
-        (unsigned long long)pairing.replaced(), (unsigned long long)positionWouldMispair,
-        (unsigned long long)bias.bias(), (unsigned long long)bias.unbiasedRecords(),
-        (unsigned long long)bias.biased64Records(), (unsigned long long)bias.biased32Records(),
-        (unsigned long long)bias.undecidedRecords(), (unsigned long long)reader->completeEnd(),
-        reader->stopReason() ? reasonJson(*reader->stopReason(), reader->truncated()).c_str() : "null", seconds);
-    return 0;
+    Json stop = nullptr;
+    if (const Reason* why = reader->stopReason())
+        stop = Json{{"offset", why->offset},
+                    {"field", why->field},
+                    {"message", why->message},
+                    {"truncated", reader->truncated()}};
+    return Json{{"file", path},
+                {"pid", reader->header().pid},
+                {"elfMachine", reader->header().elfMachine},
+                {"loads", loads},
+                {"moves", moves},
+                {"debug", debug},
+                {"close", close},
+                {"unwinding", unwinding},
+                {"unknown", unknown},
+                {"debugEntries", debugEntries},
+                {"addressesLoadedMoreThanOnce", reused},
+                {"paired", pairing.paired()},
+                {"loadsWithoutDebug", loadsWithoutDebug},
+                {"debugWaiting", pairing.waiting()},
+                {"positionWouldMispair", positionWouldMispair},
+                {"bias", bias.bias()},
+                {"biasEvidence",
+                 {{"none", bias.unbiasedRecords()},
+                  {"elf64", bias.biased64Records()},
+                  {"elf32", bias.biased32Records()},
+                  {"undecided", bias.undecidedRecords()}}},
+                {"completeEnd", reader->completeEnd()},
+                {"stop", stop}};
 }
 
-int walkPerfMap(const std::string& path) {
-    const auto started = std::chrono::steady_clock::now();
+Json walkPerfMap(const std::string& path) {
     Expected<PerfMapReader> reader = PerfMapReader::open(path);
-    if (!reader) {
-        std::printf("{\"file\":%s,\"error\":%s}\n", quote(path).c_str(), quote(reader.reason().text()).c_str());
-        return 1;
-    }
-    uint64_t entries = 0, nameBytes = 0;
+    if (!reader)
+        return error(path, reader.reason().text());
+    uint64_t entries = 0;
     std::unordered_map<uint64_t, uint64_t> startsAt;
     PerfMapEntry e;
     while (reader->next(e)) {
         ++entries;
-        nameBytes += e.name.size();
         ++startsAt[e.start];
     }
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     uint64_t repeated = 0;
     for (const auto& at : startsAt)
         repeated += at.second > 1;
-    std::string problems = "[";
-    for (const PerfMapProblem& p : reader->problems())
-        problems += (problems.size() > 1 ? "," : "") + quote(p.reason.text());
-    problems += "]";
-    std::printf("{\"file\":%s,\"format\":\"perf-map\",\"lines\":%llu,\"entries\":%llu,\"malformed\":%llu,"
-                "\"nameBytes\":%llu,\"distinctStarts\":%zu,\"startsListedMoreThanOnce\":%llu,\"endedMidLine\":%s,"
-                "\"problems\":%s,\"walkSeconds\":%.6f}\n",
-                quote(path).c_str(), (unsigned long long)reader->linesRead(), (unsigned long long)entries,
-                (unsigned long long)reader->malformedLines(), (unsigned long long)nameBytes, startsAt.size(),
-                (unsigned long long)repeated, reader->endedMidLine() ? "true" : "false", problems.c_str(), seconds);
-    return 0;
+    return Json{{"file", path},
+                {"entries", entries},
+                {"malformed", reader->malformedLines()},
+                {"distinctStarts", startsAt.size()},
+                {"startsListedMoreThanOnce", repeated}};
 }
 
 } // namespace
@@ -198,20 +171,17 @@ int main(int argc, char** argv) {
     for (int i = first; i < argc; ++i) {
         const std::string path = argv[i];
         Expected<std::shared_ptr<const MappedFile>> file = MappedFile::open(path);
-        if (!file) {
-            std::printf("{\"file\":%s,\"error\":%s}\n", quote(path).c_str(), quote(file.reason().text()).c_str());
-            status = 1;
-            continue;
-        }
-        const MappedFile& f = **file;
-        if (JitdumpReader::detect(f.data(), f.size()))
-            status |= walkJitdump(path);
-        else if (PerfMapReader::detect(f.data(), f.size()))
-            status |= walkPerfMap(path);
-        else {
-            std::printf("{\"file\":%s,\"error\":\"neither a jitdump nor a perf map\"}\n", quote(path).c_str());
-            status = 1;
-        }
+        Json walked;
+        if (!file)
+            walked = error(path, file.reason().text());
+        else if (JitdumpReader::detect((*file)->data(), (*file)->size()))
+            walked = walkJitdump(path);
+        else if (PerfMapReader::detect((*file)->data(), (*file)->size()))
+            walked = walkPerfMap(path);
+        else
+            walked = error(path, "neither a jitdump nor a perf map");
+        status |= walked.contains("error") ? 1 : 0;
+        print(walked);
     }
     if (g_loads && std::fclose(g_loads) != 0)
         status = 1;
