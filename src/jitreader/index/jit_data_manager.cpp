@@ -422,6 +422,17 @@ AddressLookup JitDataManager::lookup(u64 address, u64 timestamp, u32 pid, u32 ho
                                  : target->history.find(address, timestamp);
 }
 
+void JitDataManager::traceQuery(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId) {
+    QV_TRACE("RESOLVE JIT POINT: vaddr = " << virtualAddress << ", timestamp = " << timestamp << ", pid = " << pid
+                                           << ", hostId = " << hostId);
+}
+
+void JitDataManager::traceUnmatched(const AddressLookup& miss, u32 pid, u64 virtualAddress, u64 timestamp) {
+    traceMiss(miss, pid, virtualAddress, timestamp);
+    QV_TRACE("Couldn't match jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp
+                                                  << ") to any known ip address range.");
+}
+
 void JitDataManager::traceMiss(const AddressLookup& miss, u32 pid, u64 address, u64 timestamp) {
     switch (miss.outcome) {
     case AddressLookup::noSpace:
@@ -460,13 +471,10 @@ quarvel_error_t JitDataManager::findRegion(u64 virtualAddress, u64 timestamp, u3
 quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId,
                                                 JitMethod::Ptr& method, u64& jitRva) const {
     method.reset();
-    QV_TRACE("RESOLVE JIT POINT: vaddr = " << virtualAddress << ", timestamp = " << timestamp << ", pid = " << pid
-                                           << ", hostId = " << hostId);
+    traceQuery(virtualAddress, timestamp, pid, hostId);
     const AddressLookup hit = lookup(virtualAddress, timestamp, pid, hostId);
     if (!hit.ok()) {
-        traceMiss(hit, pid, virtualAddress, timestamp);
-        QV_TRACE("Couldn't match jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp
-                                                      << ") to any known ip address range.");
+        traceUnmatched(hit, pid, virtualAddress, timestamp);
         return meNotFound;
     }
     jitRva = virtualAddress + hit.jitRvaBias;
@@ -481,8 +489,7 @@ quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestam
 quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId,
                                                 IModule*& module, u64& jitRva) const {
     module = nullptr;
-    QV_TRACE("RESOLVE JIT POINT: vaddr = " << virtualAddress << ", timestamp = " << timestamp << ", pid = " << pid
-                                           << ", hostId = " << hostId);
+    traceQuery(virtualAddress, timestamp, pid, hostId);
     const AddressSpace* target = space(pid, hostId);
     AddressLookup hit;
     if (!target || target->history.empty())
@@ -494,9 +501,7 @@ quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestam
     if (!hit.ok()) {
         if (hit.outcome == AddressLookup::unloaded && !hit.region && QV_TRACE_ENABLED())
             hit.region = target->history.slots()[hit.slot].region; // for the log line
-        traceMiss(hit, pid, virtualAddress, timestamp);
-        QV_TRACE("Couldn't match jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp
-                                                      << ") to any known ip address range.");
+        traceUnmatched(hit, pid, virtualAddress, timestamp);
         return meNotFound;
     }
     jitRva = virtualAddress + hit.jitRvaBias;

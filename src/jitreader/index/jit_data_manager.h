@@ -129,6 +129,9 @@ private:
     AddressLookup lookup(u64 address, u64 timestamp, u32 pid, u32 hostId) const;
     // Logs why lookup found nothing, as findRegion does.
     static void traceMiss(const AddressLookup& miss, u32 pid, u64 address, u64 timestamp);
+    // The TRACE lines of a query and of one that matched nothing.
+    static void traceQuery(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId);
+    static void traceUnmatched(const AddressLookup& miss, u32 pid, u64 virtualAddress, u64 timestamp);
 
     Status checkRegions(const JitMethod& rawMethod) const;
     Status registerRegions(u32 processId, u32 hostId, const JitMethod::Ptr& rawMethod);
