@@ -123,25 +123,19 @@ TEST_F(ConcurrentFacadesTest, LoaderSymbolSearchWhileProcessesAreRead) {
     ASSERT_TRUE(loader);
     unsigned host = 0;
     ASSERT_EQ(meSuccess, loader->getHostIdByName("node", &host));
-    std::vector<std::thread> threads;
     std::atomic<unsigned> failures{0};
-    for (unsigned t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            for (unsigned p = 0; p < kProcesses; ++p) {
-                const unsigned pid = 1000 + (p + t) % kProcesses;
-                if (t % 2) {
-                    ISymbol::Ptr symbol;
-                    if (loader->findSymbol(("mod" + std::to_string(pid - 1000) + ".jar").c_str(), 3, symbol) !=
-                        meSuccess)
-                        ++failures;
-                } else if (ask(loader, host, Query{125, 0x100210, pid}).status != meSuccess) {
+    together([&](unsigned t) {
+        for (unsigned p = 0; p < kProcesses; ++p) {
+            const unsigned pid = 1000 + (p + t) % kProcesses;
+            if (t % 2) {
+                ISymbol::Ptr symbol;
+                if (loader->findSymbol(("mod" + std::to_string(pid - 1000) + ".jar").c_str(), 3, symbol) != meSuccess)
                     ++failures;
-                }
+            } else if (ask(loader, host, Query{125, 0x100210, pid}).status != meSuccess) {
+                ++failures;
             }
-        });
-    }
-    for (std::thread& th : threads)
-        th.join();
+        }
+    });
     EXPECT_EQ(0u, failures.load());
 }
 

@@ -48,22 +48,6 @@ TEST(RegionInlineTest, FirstAttachedChildWinsAndEndsAreExclusive) {
     EXPECT_EQ(2u, parent->getInlinedRegions().remaining());
 }
 
-TEST(RegionInlineTest, NormalisationPlacesChildrenAndTheirLinesInJitRvaSpace) {
-    const Region::Ptr parent = region(5000, 0x4000, 64);
-    const Region::Ptr child = region(0, 0x4010, 8);
-    const JitMethod::Ptr inlined = named("inner", 3);
-    inlined->addCodeRegion(child);
-    inlined->addLineNumberInfo(quarvel_line_info_native_to_source, {{0, 8, 77}}, Range(0, 8));
-    parent->addChildRegion(child, inlined);
-
-    EXPECT_EQ(meSuccess, parent->normalizeInlineJitRvaRanges(5000, 0x4000));
-    EXPECT_EQ(5016u, child->startJitRva());
-    EXPECT_EQ(5016u, inlined->getStartJitRva());
-    ISourceLocation::Ptr location = inlined->getSourceLocation(5020);
-    ASSERT_TRUE(location);
-    EXPECT_EQ(77u, location->getLine());
-}
-
 TEST(RegionInlineTest, DumpInlinesIndentsEachLevel) {
     const Region::Ptr parent = region(1000, 0x4000, 64);
     const Region::Ptr child = region(0, 0x4010, 16);

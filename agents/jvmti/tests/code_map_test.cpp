@@ -27,13 +27,6 @@ std::string show(const Table& t) {
 
 } // namespace
 
-TEST(JvmtiCodeMap, RecordDescribesCodeUpToItsPc) {
-    const CodeMap map = buildCodeMap(kBase, 0x40, {pc(0x10, {{M, 1}}), pc(0x20, {{M, 2}}), pc(0x28, {{M, 2}})});
-    // The code after the last record has no record, so no entry.
-    EXPECT_EQ(show(map.nativeToManaged), "[0,16)->1 [16,40)->2 ");
-    EXPECT_TRUE(map.inlines.empty());
-}
-
 TEST(JvmtiCodeMap, UnsortedDuplicateAndOutOfRangePcsAreTamed) {
     const CodeMap map = buildCodeMap(kBase, 0x30,
                                      {pc(0x20, {{M, 2}}), pc(0, {{M, 9}}), pc(0x10, {{M, 1}}), pc(0x10, {{M, 7}}),
