@@ -39,6 +39,15 @@ char* mapAligned(size_t bytes, size_t align) {
 
 ObjectPool::ObjectPool(size_t blockSize) : m_blockSize(roundedUp(blockSize)) {}
 
+ObjectPool::~ObjectPool() {
+    for (const Chunk& chunk : m_chunks) {
+        if (chunk.mapped)
+            ::munmap(chunk.at, chunk.bytes);
+        else
+            std::free(chunk.at);
+    }
+}
+
 void* ObjectPool::allocate() {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_free) {
@@ -62,15 +71,16 @@ void* ObjectPool::carve() {
     if (static_cast<size_t>(m_end - m_next) < m_blockSize) {
         const size_t bytes = std::max(m_chunkBytes, m_blockSize);
         const bool huge = bytes >= kChunkBytes;
-        // Mapped apart from the general heap; a 2 MiB chunk aligned to its
-        // size, so that it can be one huge page.
+        // A 2 MiB chunk is mapped apart, aligned to its size so that it can be
+        // one huge page; smaller ones come from the general heap, so that a
+        // small trace does not pay a fresh mapping's page faults for each.
         const size_t align = huge ? kChunkBytes : kFirstChunkBytes;
         const size_t rounded = (bytes + align - 1) / align * align;
-        // Smaller chunks come from the general heap: a small trace should not
-        // pay a fresh mapping's page faults for every one of them.
+        m_chunks.reserve(m_chunks.size() + 1);
         char* chunk = huge ? mapAligned(rounded, align) : static_cast<char*>(std::aligned_alloc(align, rounded));
         if (!chunk)
             throw std::bad_alloc();
+        m_chunks.push_back(Chunk{chunk, rounded, huge});
         if (huge)
             ::madvise(chunk, rounded, MADV_HUGEPAGE);
         m_next = chunk;

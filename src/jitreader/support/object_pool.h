@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <mutex>
+#include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
 
@@ -23,6 +24,9 @@ QUARVEL_NAMESPACE_BEGIN
 class ObjectPool {
 public:
     explicit ObjectPool(size_t blockSize);
+    // Gives every chunk back: blocks still handed out die with it (the class
+    // pools below are never destroyed).
+    ~ObjectPool();
     ObjectPool(const ObjectPool&) = delete;
     ObjectPool& operator=(const ObjectPool&) = delete;
 
@@ -37,6 +41,11 @@ private:
     struct FreeBlock {
         FreeBlock* next;
     };
+    struct Chunk {
+        char* at;
+        size_t bytes;
+        bool mapped; // else from the general heap
+    };
     void* carve(); // under m_mutex
 
     const size_t m_blockSize;
@@ -45,6 +54,7 @@ private:
     char* m_next = nullptr; // the rest of the current chunk
     char* m_end = nullptr;
     size_t m_chunkBytes = kFirstChunkBytes; // the next chunk's
+    std::vector<Chunk> m_chunks;
 };
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
