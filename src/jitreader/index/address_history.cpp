@@ -231,16 +231,9 @@ AddressLookup AddressHistory::find(u64 address, u64 timestamp) const {
             return result;
         }
     }
-    const Slot& s = m_slots[slot];
-    result.region = s.region;
-    result.method = s.method;
-    result.module = s.method->getModule().get();
-    result.slot = slot;
-    result.rangeStart = s.start;
-    result.rangeEnd = s.end;
-    result.jitRvaBias = s.region->startJitRva() - s.start;
-    const u64 unload = s.region->unloadTime();
-    result.outcome = unload > s.loadTime && unload <= timestamp ? AddressLookup::unloaded : AddressLookup::found;
+    result = hitAt(slot);
+    const u64 unload = result.region->unloadTime();
+    result.outcome = unload > loadTime(slot) && unload <= timestamp ? AddressLookup::unloaded : AddressLookup::found;
     return result;
 }
 
@@ -257,16 +250,22 @@ AddressLookup AddressHistory::findLoadedAfter(u64 start, u64 end, u64 timestamp)
         result.outcome = AddressLookup::tooEarly;
         return result;
     }
-    const Slot& s = m_slots[best];
+    result = hitAt(best);
     result.outcome = AddressLookup::found;
-    result.region = s.region;
-    result.method = s.method;
-    result.module = s.method->getModule().get();
-    result.slot = best;
-    result.rangeStart = s.start;
-    result.rangeEnd = s.end;
-    result.jitRvaBias = s.region->startJitRva() - s.start;
     return result;
+}
+
+AddressLookup AddressHistory::hitAt(u32 slot) const {
+    const Slot& s = m_slots[slot];
+    AddressLookup hit;
+    hit.region = s.region;
+    hit.method = s.method;
+    hit.module = s.method->getModule().get();
+    hit.slot = slot;
+    hit.rangeStart = s.start;
+    hit.rangeEnd = s.end;
+    hit.jitRvaBias = s.region->startJitRva() - s.start;
+    return hit;
 }
 
 bool AddressHistory::endLife(u32 slot, u64 time) {

@@ -100,6 +100,8 @@ private:
     };
 
     u64 loadTime(u32 slot) const { return m_slots[slot].loadTime; }
+    // The answer of a lookup that landed on slot (its outcome aside).
+    AddressLookup hitAt(u32 slot) const;
     // Links the registered slot in along pieces.
     void link(u32 self, const std::vector<Piece>& pieces, bool quiet);
     size_t endLives(u64 start, u64 end, u64 time);
