@@ -190,12 +190,7 @@ quarvel_error_t JitdumpFileReader::readFile(const RuntimeFileContext& file, JitD
 
     Expected<JitdumpReader> opened = JitdumpReader::open(file.path);
     if (!opened) {
-        Reason reason = opened.reason();
-        reason.inFile(file.path);
-        QV_ERROR("Couldn't read jitdump " << file.path << ": " << reason.text());
-        stats.failedFiles = 1;
-        stats.addRefusal(reason);
-        status = reason.code;
+        status = refuseUnopenedFile(file, "jitdump", opened.reason(), stats);
     } else {
         JitdumpReader& reader = *opened;
         const JitdumpHeader& header = reader.header();

@@ -496,12 +496,7 @@ quarvel_error_t NettraceFileReader::readFile(const RuntimeFileContext& file, Jit
 
     Expected<std::unique_ptr<NettraceReader>> opened = NettraceReader::open(file.path);
     if (!opened) {
-        Reason reason = opened.reason();
-        reason.inFile(file.path);
-        QV_ERROR("Couldn't read event trace " << file.path << ": " << reason.text());
-        stats.failedFiles = 1;
-        stats.addRefusal(reason);
-        status = reason.code;
+        status = refuseUnopenedFile(file, "event trace", opened.reason(), stats);
     } else {
         NettraceReader& reader = **opened;
         RuntimeFileContext context = file;

@@ -100,12 +100,7 @@ quarvel_error_t PerfMapFileReader::readFile(const RuntimeFileContext& file, JitD
 
     Expected<PerfMapReader> opened = PerfMapReader::open(file.path);
     if (!opened) {
-        Reason reason = opened.reason();
-        reason.inFile(file.path);
-        QV_ERROR("Couldn't read perf map " << file.path << ": " << reason.text());
-        stats.failedFiles = 1;
-        stats.addRefusal(reason);
-        status = reason.code;
+        status = refuseUnopenedFile(file, "perf map", opened.reason(), stats);
     } else {
         PerfMapReader& reader = *opened;
         MapPass pass(file, reader, dataManager, m_modules, stats, jitdumpCode);

@@ -4,6 +4,7 @@
 #include "ingest/jit_file_reader.h"
 #include "model/module.h"
 #include "model/source_file.h"
+#include "support/log.h"
 
 #include <limits>
 #include <sstream>
@@ -34,6 +35,15 @@ IByteBuffer::Ptr contentOf(const RuntimeCode& code, u32 size) {
 }
 
 } // namespace
+
+quarvel_error_t refuseUnopenedFile(const RuntimeFileContext& file, const char* kind, Reason reason,
+                                   JitReadStats& stats) {
+    reason.inFile(file.path);
+    QV_ERROR("Couldn't read " << kind << " " << file.path << ": " << reason.text());
+    stats.failedFiles = 1;
+    stats.addRefusal(reason);
+    return reason.code;
+}
 
 RuntimeCodeBuilder::RuntimeCodeBuilder(const RuntimeFileContext& file, ModuleCache& modules)
     : m_file(file), m_module(modules.get(kDynamicCodeModule, meSuccess, file.arch)), m_nextJitRva(file.jitRvaBase) {

@@ -33,6 +33,14 @@ struct RuntimeFileContext {
     bool keepLines() const { return (mode & dmSkipSymbolic) == 0; }
 };
 
+struct JitReadStats;
+
+// A runtime file that could not be opened (`kind` names its format in the
+// log line): logged, counted as a failed file with its reason. Returns the
+// reason's code.
+quarvel_error_t refuseUnopenedFile(const RuntimeFileContext& file, const char* kind, Reason reason,
+                                   JitReadStats& stats);
+
 // One piece of code as a runtime file describes it.
 struct RuntimeCode {
     u64 address = 0;
