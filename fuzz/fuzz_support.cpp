@@ -173,9 +173,10 @@ void exerciseMethod(JitMethod& method) {
     std::vector<u64> jitRvas{0, method.getStartJitRva(), 1, ~u64(0)};
     for (auto it = method.getRegions(); !it.atEnd(); it.advance())
         exerciseRegion(it.current(), jitRvas, 0);
-    for (const auto& entry : method.getLineNumberInfo()) {
-        jitRvas.push_back(entry.first.start);
-        jitRvas.push_back(entry.first.start + entry.first.length / 2);
+    const LineTables& lines = method.getLineNumberInfo();
+    for (size_t r = 0; r < lines.rangeCount(); ++r) {
+        jitRvas.push_back(lines.range(r).start);
+        jitRvas.push_back(lines.range(r).start + lines.range(r).length / 2);
     }
     if (jitRvas.size() > 64)
         jitRvas.resize(64);

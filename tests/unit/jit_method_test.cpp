@@ -72,15 +72,26 @@ TEST(JitMethodLineInfoTest, EachRangeAnswersWithItsTablesAndTheFirstTableAddedSt
     EXPECT_EQ(4u, query(*m, N2M, 1000).front().value);
 }
 
-TEST(JitMethodLineInfoTest, WholeMapsAddInKeyOrderAndStopAtTheFirstRefusal) {
-    JitMethod::LineInfoMap map;
-    map[Range(0, 10)].tables[N2S] = {{0, 10, 1}};
-    map[Range(10, 10)].tables[N2M] = {{0, 10, 2}};
+TEST(JitMethodLineInfoTest, RangesKeepTheirOrderAndARefusedSetAddsNothing) {
     JitMethod m;
-    EXPECT_TRUE(m.addLineNumberInfo(map));
-    EXPECT_EQ(2u, m.getLineNumberInfo().size());
-    EXPECT_FALSE(m.addLineNumberInfo(map)) << "the same tables again";
-    EXPECT_TRUE(m.addLineNumberInfo(JitMethod::LineInfoMap()));
+    const Table n2s{{0, 10, 1}}, n2m{{0, 10, 2}}, m2s{{2, 3, 7}};
+    LineTables::Span tables[LineTables::kTypes];
+    tables[N2S] = {n2s.data(), n2s.size()};
+    EXPECT_TRUE(m.addLineNumberInfo(Range(20, 10), tables));
+    EXPECT_TRUE(m.addLineNumberInfo(Range(0, 10), tables));
+    EXPECT_TRUE(m.addLineNumberInfo(N2M, n2m, Range(10, 10)));
+    const LineTables& lines = m.getLineNumberInfo();
+    ASSERT_EQ(3u, lines.rangeCount());
+    EXPECT_EQ(0u, lines.range(0).start);
+    EXPECT_EQ(10u, lines.range(1).start);
+    EXPECT_EQ(20u, lines.range(2).start);
+    EXPECT_EQ(2u, lines.table(1, N2M)[0].value);
+
+    LogCapture log;
+    tables[M2S] = {m2s.data(), m2s.size()};
+    EXPECT_FALSE(m.addLineNumberInfo(Range(5, 1), tables)) << "the range at 0 has its native-to-source table";
+    EXPECT_TRUE(lines.table(0, M2S).empty());
+    EXPECT_EQ(1u, log.errors().size());
 }
 
 struct LocationCase {
@@ -163,8 +174,8 @@ TEST(JitMethodTest, ClonesShareInfoAndRegionsButNotLineMapsOrRuntimeInfo) {
     EXPECT_TRUE(c->isInlineAttached());
     EXPECT_TRUE(c->runtimeInfo().version.empty());
     c->normalizeLineNumberInfoJitRvaRanges(1);
-    EXPECT_EQ(1000u, m->getLineNumberInfo().begin()->first.start);
-    EXPECT_EQ(1001u, c->getLineNumberInfo().begin()->first.start);
+    EXPECT_EQ(1000u, m->getLineNumberInfo().range(0).start);
+    EXPECT_EQ(1001u, c->getLineNumberInfo().range(0).start);
 }
 
 TEST(JitMethodTest, ValidationChecksTheFirstRegionsLines) {

@@ -257,14 +257,14 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
         // The newcomer's line tables are offsets from its own first byte; kept
         // at its jit rvas they keep answering for the reloaded code.
         const jit_rva_t newStart = methodStartJitRva(*rawMethod);
-        const JitMethod::LineInfoMap newLines = rawMethod->getLineNumberInfo();
-        for (const auto& entry : newLines)
+        const LineTables& newLines = rawMethod->getLineNumberInfo();
+        for (size_t r = 0; r < newLines.rangeCount(); ++r)
             for (quarvel_line_info_type type :
                  {quarvel_line_info_native_to_managed, quarvel_line_info_managed_to_source,
                   quarvel_line_info_native_to_source})
-                if (!entry.second.tables[type].empty())
-                    stored->addLineNumberInfo(type, entry.second.tables[type],
-                                              Range(entry.first.start + newStart, entry.first.length));
+                if (!newLines.table(r, type).empty())
+                    stored->addLineNumberInfo(type, newLines.table(r, type),
+                                              Range(newLines.range(r).start + newStart, newLines.range(r).length));
     }
 
     for (const Region::Ptr& region : newRegions) {

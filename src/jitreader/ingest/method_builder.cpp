@@ -34,9 +34,6 @@ void applyNames(BaseMethodInfo& info, const TraceMethodTail& tail) {
         info.setMethodName(methodName);
 }
 
-const quarvel_line_info_type kTableTypes[3] = {quarvel_line_info_managed_to_source, quarvel_line_info_native_to_managed,
-                                               quarvel_line_info_native_to_source};
-
 // Line tables are keyed by offsets from the method's first byte: its regions
 // are consecutive in jit rva space, so one range covers them all. The data
 // manager shifts the key to jit rvas when it registers the method.
@@ -44,11 +41,12 @@ void addLineTables(JitMethod& method, const TraceMethodTail& tail, u64 codeLengt
     if (codeLength == 0)
         return; // no code the tables could describe
     const Range range(0, static_cast<u32>(std::min<u64>(codeLength, std::numeric_limits<u32>::max())));
-    const std::vector<quarvel_line_number_entry>* tables[3] = {&tail.lines.managedToSource, &tail.lines.nativeToManaged,
-                                                               &tail.lines.nativeToSource};
-    for (int t = 0; t < 3; ++t)
-        if (!tables[t]->empty())
-            method.addLineNumberInfo(kTableTypes[t], *tables[t], range);
+    LineTables::Span tables[LineTables::kTypes];
+    tables[quarvel_line_info_managed_to_source] = {tail.lines.managedToSource.data(), tail.lines.managedToSource.size()};
+    tables[quarvel_line_info_native_to_managed] = {tail.lines.nativeToManaged.data(), tail.lines.nativeToManaged.size()};
+    tables[quarvel_line_info_native_to_source] = {tail.lines.nativeToSource.data(), tail.lines.nativeToSource.size()};
+    if (!tables[0].empty() || !tables[1].empty() || !tables[2].empty())
+        method.addLineNumberInfo(range, tables);
 }
 
 } // namespace

@@ -102,10 +102,12 @@ JitMethod::Ptr RuntimeCodeBuilder::build(RuntimeCode& code, jit_rva_t jitRva) {
     info.setMethodId(identityOf(m_file.jitRvaBase, rawId));
     if (!code.sourceFile.empty())
         info.setSourceFile(SourceFile(std::string(code.sourceFile), std::string(), 0, 0));
-    if (!code.lines.empty())
-        method->addLineNumberInfo(quarvel_line_info_native_to_source, std::move(code.lines), Range(0, size));
-    if (!code.nativeToManaged.empty())
-        method->addLineNumberInfo(quarvel_line_info_native_to_managed, std::move(code.nativeToManaged), Range(0, size));
+    if (!code.lines.empty() || !code.nativeToManaged.empty()) {
+        LineTables::Span tables[LineTables::kTypes];
+        tables[quarvel_line_info_native_to_source] = {code.lines.data(), code.lines.size()};
+        tables[quarvel_line_info_native_to_managed] = {code.nativeToManaged.data(), code.nativeToManaged.size()};
+        method->addLineNumberInfo(Range(0, size), tables);
+    }
     return method;
 }
 
@@ -120,14 +122,14 @@ JitMethod::Ptr RuntimeCodeBuilder::moved(const JitMethod& owner, const Region& r
     // Same identity: the registered method takes the new region over.
     *method->info() = *owner.info();
     // The owner's tables are keyed by jit rva; the newcomer's by offset from its first byte.
-    const JitMethod::LineInfoMap& tables = owner.getLineNumberInfo();
-    const auto found = tables.find(Range(region.startJitRva(), 1));
-    if (found != tables.end() && found->first.start == region.startJitRva())
-        for (const quarvel_line_info_type type :
-             {quarvel_line_info_native_to_managed, quarvel_line_info_managed_to_source,
-              quarvel_line_info_native_to_source})
-            if (!found->second.tables[type].empty())
-                method->addLineNumberInfo(type, found->second.tables[type], Range(0, found->first.length));
+    const LineTables& lines = owner.getLineNumberInfo();
+    const size_t found = lines.find(region.startJitRva());
+    if (found != LineTables::npos && lines.range(found).start == region.startJitRva()) {
+        LineTables::Span tables[LineTables::kTypes];
+        for (size_t t = 0; t < LineTables::kTypes; ++t)
+            tables[t] = lines.table(found, static_cast<quarvel_line_info_type>(t));
+        method->addLineNumberInfo(Range(0, lines.range(found).length), tables);
+    }
     return method;
 }
 

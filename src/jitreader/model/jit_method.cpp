@@ -75,23 +75,21 @@ quarvel_error_t JitMethod::getLineNumberInfo(quarvel_line_info_type type, quarve
     if (m_lineInfo.empty())
         return meNotFound;
 
-    LineInfoHolder& first = m_lineInfo.begin()->second;
     if (jitRva != 0) {
-        auto found = m_lineInfo.find(Range(jitRva, 1));
-        if (found == m_lineInfo.end())
+        const size_t found = m_lineInfo.find(jitRva);
+        if (found == LineTables::npos)
             return meNotFound;
-        // The selected range's tables are kept in the first holder: after this
+        // The selected range's tables are kept in the first range: after this
         // query the first code range reports them.
-        if (&found->second != &first)
-            first = found->second;
+        m_lineInfo.copyTables(found, 0);
     }
     if (type > quarvel_line_info_native_to_source)
         return meNotFound;
     if (!count)
         return meInvalidPointer;
 
-    const LineTable& table = first.tables[type];
-    const unsigned n = static_cast<unsigned>(table.size());
+    const LineTables::Span table = m_lineInfo.table(0, type);
+    const unsigned n = static_cast<unsigned>(table.size);
     if (!entries) {
         *count = n;
         return meSuccess;
@@ -109,14 +107,14 @@ quarvel_error_t JitMethod::getSourceRange(quarvel_line_number_entry* first, quar
         return meNotFound;
     u32 minLine = 0;
     u32 maxLine = 0;
-    for (const auto& entry : m_lineInfo) {
-        const LineTable& table = entry.second.tables[quarvel_line_info_native_to_source];
+    for (size_t r = 0; r < m_lineInfo.rangeCount(); ++r) {
+        const LineTables::Span table = m_lineInfo.table(r, quarvel_line_info_native_to_source);
         if (table.empty())
             continue;
         // Entry 0 of a later table seeds nothing once min and max are set.
         if (minLine == 0 || maxLine == 0)
             minLine = maxLine = table[0].value;
-        for (size_t i = 1; i < table.size(); ++i) {
+        for (size_t i = 1; i < table.size; ++i) {
             minLine = std::min(minLine, table[i].value);
             maxLine = std::max(maxLine, table[i].value);
         }
@@ -129,14 +127,13 @@ quarvel_error_t JitMethod::getSourceRange(quarvel_line_number_entry* first, quar
 }
 
 ISourceLocation::Ptr JitMethod::getSourceLocation(u64 jitRva) const {
-    auto found = m_lineInfo.find(Range(jitRva, 1));
-    if (found == m_lineInfo.end() || found->second.empty())
+    const size_t found = m_lineInfo.find(jitRva);
+    if (found == LineTables::npos)
         return ISourceLocation::Ptr();
-    const u64 off = jitRva - found->first.start;
-    const LineInfoHolder& holder = found->second;
-    const LineTable& nativeToManaged = holder.tables[quarvel_line_info_native_to_managed];
-    const LineTable& managedToSource = holder.tables[quarvel_line_info_managed_to_source];
-    const LineTable& nativeToSource = holder.tables[quarvel_line_info_native_to_source];
+    const u64 off = jitRva - m_lineInfo.range(found).start;
+    const LineTables::Span nativeToManaged = m_lineInfo.table(found, quarvel_line_info_native_to_managed);
+    const LineTables::Span managedToSource = m_lineInfo.table(found, quarvel_line_info_managed_to_source);
+    const LineTables::Span nativeToSource = m_lineInfo.table(found, quarvel_line_info_native_to_source);
 
     u32 line = 0;
     bool found_line = false;
@@ -170,58 +167,36 @@ ISourceLocation::Ptr JitMethod::getSourceLocation(u64 jitRva) const {
     return ISourceLocation::Ptr(new SourceLocation(line, m_info->sourceFile()));
 }
 
-bool JitMethod::addLineNumberInfo(quarvel_line_info_type type, LineTable entries, const Range& range) {
-    if (type > quarvel_line_info_native_to_source)
-        return false;
-    auto found = m_lineInfo.find(range);
-    if (found == m_lineInfo.end()) {
-        LineInfoHolder holder;
-        holder.tables[type] = std::move(entries);
-        if (!m_lineInfo.emplace(range, std::move(holder)).second) {
-            QV_ERROR("Couldn't add line number info for this"
-                     << " code region of already registered method " << describe());
-            return false;
-        }
-        return true;
-    }
-    LineTable& table = found->second.tables[type];
-    if (table.empty()) {
-        table = std::move(entries);
-        return true;
-    }
-    QV_ERROR("Couldn't overwrite existing line number"
-             << " info for this code region of already registered method " << describe());
-    return false;
+bool JitMethod::addLineNumberInfo(quarvel_line_info_type type, const LineTable& entries, const Range& range) {
+    return addLineNumberInfo(type, LineTables::Span{entries.data(), entries.size()}, range);
 }
 
-bool JitMethod::addLineNumberInfo(const LineInfoMap& map) {
-    for (const auto& entry : map)
-        for (quarvel_line_info_type type : {quarvel_line_info_native_to_managed, quarvel_line_info_managed_to_source,
-                                            quarvel_line_info_native_to_source})
-            if (!entry.second.tables[type].empty() && !addLineNumberInfo(type, entry.second.tables[type], entry.first))
-                return false;
+bool JitMethod::addLineNumberInfo(quarvel_line_info_type type, LineTables::Span entries, const Range& range) {
+    if (type > quarvel_line_info_native_to_source)
+        return false;
+    LineTables::Span tables[LineTables::kTypes];
+    tables[type] = entries;
+    return addLineNumberInfo(range, tables);
+}
+
+bool JitMethod::addLineNumberInfo(const Range& range, const LineTables::Span (&tables)[LineTables::kTypes]) {
+    if (!m_lineInfo.add(range, tables)) {
+        QV_ERROR("Couldn't overwrite existing line number"
+                 << " info for this code region of already registered method " << describe());
+        return false;
+    }
     return true;
 }
 
 void JitMethod::normalizeLineNumberInfoJitRvaRanges(jit_rva_t newStart) {
-    if (m_lineInfo.empty())
-        return;
-    LineInfoMap normalized;
-    // The nodes move to their new keys, without being made again.
-    while (!m_lineInfo.empty()) {
-        LineInfoMap::node_type node = m_lineInfo.extract(m_lineInfo.begin());
-        node.key() = Range(node.key().start + newStart, node.key().length);
-        const bool ret = normalized.insert(std::move(node)).inserted;
-        QV_CHECK(ret, continue);
-    }
-    m_lineInfo.swap(normalized);
+    m_lineInfo.rebase(newStart);
 }
 
 bool JitMethod::validateSymbolicInfo() const {
     if (m_regions.empty() || m_lineInfo.empty())
         return true;
     const Region& region = *m_regions.front();
-    const LineTable& table = m_lineInfo.begin()->second.tables[quarvel_line_info_native_to_source];
+    const LineTables::Span table = m_lineInfo.table(0, quarvel_line_info_native_to_source);
     for (const auto& e : table) {
         if (e.endOffset > region.length()) {
             QV_ERROR("Detected line number (start offset = "

@@ -2,6 +2,7 @@
 #define QUARVEL_MODEL_JIT_METHOD_H
 
 #include "model/base_method_info.h"
+#include "model/line_tables.h"
 #include "model/range.h"
 #include "model/region.h"
 
@@ -9,7 +10,6 @@
 
 #include <quarvel/symbol.h>
 
-#include <map>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -23,15 +23,6 @@ class JitMethod : public ISymbol, public Pooled<JitMethod> {
 public:
     typedef boost::intrusive_ptr<JitMethod> Ptr;
     typedef std::vector<quarvel_line_number_entry> LineTable;
-
-    // One table per quarvel_line_info_type; offsets relative to the start of
-    // the code range that keys the holder.
-    struct LineInfoHolder {
-        LineTable tables[3];
-        bool empty() const { return tables[0].empty() && tables[1].empty() && tables[2].empty(); }
-    };
-    // Keys are offsets until the method's jit rva is settled, jit rvas after.
-    typedef std::map<Range, LineInfoHolder, Range::Comparator> LineInfoMap;
 
     struct ManagedRuntimeInfo {
         u32 runtimeType = 0;
@@ -86,11 +77,13 @@ public:
     bool isInlineAttached() const { return m_inlineAttached; }
     void setInlineAttached(bool attached) { m_inlineAttached = attached; }
 
-    // Line tables.
-    // Takes entries by value: a caller that is done with its table moves it in.
-    bool addLineNumberInfo(quarvel_line_info_type type, LineTable entries, const Range& range);
-    bool addLineNumberInfo(const LineInfoMap& map);
-    const LineInfoMap& getLineNumberInfo() const { return m_lineInfo; }
+    // Line tables. Their ranges are offsets until the method's jit rva is
+    // settled, jit rvas after.
+    bool addLineNumberInfo(quarvel_line_info_type type, const LineTable& entries, const Range& range);
+    bool addLineNumberInfo(quarvel_line_info_type type, LineTables::Span entries, const Range& range);
+    // Several tables of one range (indexed by type; empty ones left out) at once.
+    bool addLineNumberInfo(const Range& range, const LineTables::Span (&tables)[LineTables::kTypes]);
+    const LineTables& getLineNumberInfo() const { return m_lineInfo; }
     void normalizeLineNumberInfoJitRvaRanges(jit_rva_t newStart);
     bool validateSymbolicInfo() const;
     void compareSymbolicInfoTo(const Ptr& jitMethod) const;
@@ -117,8 +110,8 @@ private:
     u64 m_unloadTime = 0;
     std::vector<Region::Ptr> m_regions;
     bool m_inlineAttached = false;
-    // A query with a non-zero jit rva copies tables into the first holder.
-    mutable LineInfoMap m_lineInfo;
+    // A query with a non-zero jit rva copies tables into the first range.
+    mutable LineTables m_lineInfo;
     std::unique_ptr<ManagedRuntimeInfo> m_runtimeInfo;
 };
 

@@ -157,13 +157,14 @@ std::ostream& operator<<(std::ostream& os, JitMethod& method) {
     const quarvel_line_info_type order[3] = {quarvel_line_info_managed_to_source, quarvel_line_info_native_to_managed,
                                              quarvel_line_info_native_to_source};
     for (quarvel_line_info_type type : order) {
+        const LineTables& lines = method.getLineNumberInfo();
         size_t count = 0;
-        for (const auto& entry : method.getLineNumberInfo())
-            count += entry.second.tables[type].size();
+        for (size_t r = 0; r < lines.rangeCount(); ++r)
+            count += lines.table(r, type).size;
         os << kTableHeadings[type] << std::endl;
         os << "number of lines: " << count << std::endl;
-        for (const auto& entry : method.getLineNumberInfo())
-            for (const quarvel_line_number_entry& e : entry.second.tables[type])
+        for (size_t r = 0; r < lines.rangeCount(); ++r)
+            for (const quarvel_line_number_entry& e : lines.table(r, type))
                 os << "    " << e.startOffset << "-" << e.endOffset << "  " << e.value << std::endl;
     }
     return os;
