@@ -23,15 +23,11 @@ bool isJavaMethod(const TraceMethodTail& tail) {
 
 void applyNames(BaseMethodInfo& info, const TraceMethodTail& tail) {
     const bool java = isJavaMethod(tail);
-    if (!tail.className.empty()) {
-        std::string className = tail.className;
-        if (java && !JavaSignatureParser::parseHiddenClassName(tail.className, className))
-            className = JavaSignatureParser::parseClassName(tail.className);
-        info.setClassName(className);
-    }
+    std::string className = tail.className;
+    if (java && !className.empty() && !JavaSignatureParser::parseHiddenClassName(tail.className, className))
+        className = JavaSignatureParser::parseClassName(tail.className);
     const std::string methodName = java ? JavaSignatureParser::parseMethodName(tail.methodName) : tail.methodName;
-    if (!methodName.empty())
-        info.setMethodName(methodName);
+    info.setClassAndMethodName(className, methodName);
 }
 
 // Line tables are keyed by offsets from the method's first byte: its regions

@@ -121,33 +121,33 @@ void BaseMethodInfo::setClassName(const std::string& name) {
         setNames(joined, methodName(), qualifiedMethodName());
 }
 
-void BaseMethodInfo::setMethodName(const std::string& name) {
+void BaseMethodInfo::setClassAndMethodName(const std::string& cls, const std::string& name) {
+    const std::string joinedClass = cls.empty() ? std::string() : joinDotted(cls);
+    // Empty input or dots only keep the old class name.
+    const std::string keptClass = joinedClass.empty() ? std::string(className()) : joinedClass;
+    const auto keepClassOnly = [&] {
+        if (!joinedClass.empty())
+            setNames(joinedClass, methodName(), qualifiedMethodName());
+    };
     if (name.empty())
-        return;
+        return keepClassOnly();
 
     std::string shortName;
     std::string fullName;
     if (demangle(name, shortName, fullName) && !shortName.empty() && shortName != name) {
-        setNames(className(), shortName, fullName);
+        setNames(keptClass, shortName, fullName);
         return;
     }
 
     // Not mangled: qualify with the class. The parameter list is split at
     // dots too, so run(java.lang.String) in pkg::Foo is pkg::Foo::run(java::lang::String).
-    std::string qualified = className().empty() ? std::string() : std::string(className()) + "::";
+    std::string qualified = keptClass.empty() ? std::string() : keptClass + "::";
     qualified += joinDotted(name);
-
+    if (qualified.empty())
+        return keepClassOnly();
     const size_t paren = qualified.find('(');
-    std::string_view shortView = methodName();
-    if (paren != std::string::npos)
-        shortView = std::string_view(qualified).substr(0, paren);
-    else if (!qualified.empty())
-        shortView = qualified;
-    if (qualified.empty()) {
-        return;
-    }
-    const std::string keptShort(shortView); // may point into the names being replaced
-    setNames(className(), keptShort, qualified);
+    const std::string keptShort = paren != std::string::npos ? qualified.substr(0, paren) : qualified;
+    setNames(keptClass, keptShort, qualified);
 }
 
 const SourceFile& BaseMethodInfo::sourceFile() const {

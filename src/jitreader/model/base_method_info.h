@@ -36,7 +36,10 @@ public:
     void setClassName(const std::string& name);
     // Demangles Itanium names; otherwise qualifies the name with the class
     // name and "::" (see the .cpp). Call setClassName first.
-    void setMethodName(const std::string& name);
+    void setMethodName(const std::string& name) { setClassAndMethodName(std::string(), name); }
+    // Both at once, as setClassName and then setMethodName would set them,
+    // with one allocation for the names rather than two.
+    void setClassAndMethodName(const std::string& className, const std::string& methodName);
     // A name kept exactly as written, as both the method name and the
     // qualified name: runtimes that write names for profilers (jitdump files,
     // perf maps) already made them readable, and dots or parentheses in them

@@ -59,7 +59,11 @@ bool LineTables::add(const Range& r, const Span (&tables)[kTypes]) {
         count += table.size;
     if (count > UINT32_MAX - entryCount())
         return false;
-    std::vector<Unpacked> all = unpack(); // a method's first tables: nothing to unpack
+    if (empty()) {
+        packFirst(r, tables, count);
+        return true;
+    }
+    std::vector<Unpacked> all = unpack();
     size_t at = findOverlap(r);
     if (at == npos) {
         // Before the first range that starts at or after r's end.
@@ -92,6 +96,23 @@ void LineTables::copyTables(size_t from, size_t to) {
     for (size_t t = 0; t < kTypes; ++t)
         all[to].tables[t] = all[from].tables[t];
     pack(all);
+}
+
+// A method's first tables, the usual case: one range, packed straight from the spans.
+void LineTables::packFirst(const Range& r, const Span (&tables)[kTypes], size_t count) {
+    std::unique_ptr<void, Free> block(::operator new(sizeof(Header) + count * sizeof(Entry)));
+    Header* header = new (block.get()) Header();
+    header->start = r.start;
+    header->length = r.length;
+    Entry* e = reinterpret_cast<Entry*>(header + 1);
+    u32 end = 0;
+    for (size_t t = 0; t < kTypes; ++t) {
+        for (const Entry& entry : tables[t])
+            new (e + end++) Entry(entry);
+        header->end[t] = end;
+    }
+    m_block = std::move(block);
+    m_ranges = 1;
 }
 
 std::vector<LineTables::Unpacked> LineTables::unpack() const {

@@ -75,6 +75,7 @@ private:
     const Entry* entries() const { return reinterpret_cast<const Entry*>(headers() + m_ranges); }
     size_t entryCount() const { return m_ranges ? headers()[m_ranges - 1].end[kTypes - 1] : 0; }
     std::vector<Unpacked> unpack() const;
+    void packFirst(const Range& r, const Span (&tables)[kTypes], size_t count);
     void pack(const std::vector<Unpacked>& ranges);
 
     std::unique_ptr<void, Free> m_block;

@@ -4,6 +4,7 @@
 
 #include <openssl/evp.h>
 
+#include <memory>
 #include <sstream>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -49,12 +50,25 @@ const EVP_MD* md5() {
     return fetched;
 }
 
+struct FreeContext {
+    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+
+// One context per thread, reset for each digest: a one-shot digest makes and
+// frees a context every time, and methods are hashed once or twice each.
+EVP_MD_CTX* context() {
+    thread_local const std::unique_ptr<EVP_MD_CTX, FreeContext> made(EVP_MD_CTX_new());
+    return made.get();
+}
+
 } // namespace
 
 BaseMethodId Md5HashGenerator::hashText(const std::string& text) {
     unsigned char digest[EVP_MAX_MD_SIZE] = {};
     unsigned int length = 0;
-    if (EVP_Digest(text.data(), text.size(), digest, &length, md5(), nullptr) != 1 || length != 16)
+    EVP_MD_CTX* const ctx = context();
+    if (!ctx || EVP_DigestInit_ex2(ctx, md5(), nullptr) != 1 || EVP_DigestUpdate(ctx, text.data(), text.size()) != 1 ||
+        EVP_DigestFinal_ex(ctx, digest, &length) != 1 || length != 16)
         return BaseMethodId();
     u64 halves[2] = {0, 0};
     for (int h = 0; h < 2; ++h)
