@@ -4,11 +4,11 @@
 // source lines that the peer tool (System.Reflection.Metadata) reads from the
 // same assemblies and PDBs. Public API only.
 
+#include "path_list.h"
 #include "temp_dir.h"
 #include "trace_builder.h"
 
 #include <quarvel/facades.h>
-#include <quarvel/generic_iterator.h>
 #include <quarvel/jittrace_writer.h>
 
 #include <gtest/gtest.h>
@@ -183,10 +183,8 @@ TEST_P(DotNetResolver, NamesAndLinesOfTracedMethodsAgreeWithThePeer) {
     quarvel_test::TempDir dir;
     const std::string path = trace.writeTo(dir.file("fixtures.4242.jit"));
 
-    std::vector<const char*> paths{path.c_str()};
-    generic_iterator_t<const char*> files(paths.begin(), paths.end());
     ISymbolFileLocator::Ptr locator = GetParam() ? ISymbolFileLocator::createDefault() : ISymbolFileLocator::Ptr();
-    ISymbolResolver::Ptr resolver = ISymbolResolver::create(files, locator);
+    ISymbolResolver::Ptr resolver = ISymbolResolver::create(quarvel_test::PathList{path}.it(), locator);
     ASSERT_TRUE(resolver);
     std::map<uint64_t, uint64_t> jitRvaOf; // by address
     for (auto it = resolver->getSymbols(); !it.atEnd(); it.advance())

@@ -61,14 +61,8 @@ TEST_F(AssemblyReaderTest, FindsThePdbWhereverItIs) {
         std::function<std::string()> place; // writes the files, returns the assembly's path
         const char* debugFile;
     };
+    // Embedded PDBs: APdbOfAnotherBuildIsRefusedOnce, DamagedEmbeddedPdbs and tests/dotnet.
     const std::vector<Case> cases = {
-        {"embedded",
-         [&] {
-             SampleAssembly a;
-             a.embedded = &pdb;
-             return write("e/Sample.dll", a.build());
-         },
-         nullptr},
         {"beside, under the CodeView name",
          [&] {
              write("b/Sample.pdb", pdb);
@@ -96,9 +90,6 @@ TEST_F(AssemblyReaderTest, FindsThePdbWhereverItIs) {
         ASSERT_TRUE(reader);
         DotNetMethod::Ptr add = reader->getMethod(0x06000001);
         ASSERT_TRUE(add);
-        EXPECT_EQ("Fixture.Sample.Calculator", add->getClassName());
-        EXPECT_EQ("Add", add->getMethodName());
-        EXPECT_EQ("(int, int)", add->getMethodSignature());
         ASSERT_TRUE(add->symbolReader());
         EXPECT_EQ(11u, add->getSourceLineByILOffset(3));
         SourceFile file;
@@ -398,14 +389,12 @@ TEST_F(AssemblyReaderTest, ResolverCompletesTracedMethods) {
             methods.push_back(resolver->getSymbol(s.current()->getStartJitRva() + 1));
         ASSERT_EQ(5u, methods.size());
 
+        // Names and native-to-source lines of a method the trace names by
+        // token only: tests/dotnet, against the peer reader. The trace's
+        // placeholder source file gives way to the PDB's.
         const ISymbol::Ptr& add = methods[0];
-        EXPECT_STREQ("Fixture::Sample::Calculator", add->getClassName());
-        EXPECT_STREQ("Fixture::Sample::Calculator::Add", add->getMethodName());
-        EXPECT_STREQ("Fixture::Sample::Calculator::Add(int, int)", add->getQualifiedMethodName());
         ASSERT_TRUE(add->getSourceFile());
         EXPECT_STREQ("/src/Calculator.cs", add->getSourceFile()->getSourceFileName());
-        EXPECT_EQ((std::vector<quarvel_line_number_entry>{{0, 4, 10}, {4, 10, 11}, {10, 16, 12}}),
-                  table(add, quarvel_line_info_native_to_source));
         EXPECT_EQ(
             (std::vector<quarvel_line_number_entry>{{0, 0, 10}, {2, 2, 11}, {kEpilogueOffset, kEpilogueOffset, 12}}),
             table(add, quarvel_line_info_managed_to_source));

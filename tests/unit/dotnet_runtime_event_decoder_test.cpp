@@ -41,6 +41,8 @@ Bytes withTrailing(Bytes b, size_t extra) {
     return b;
 }
 
+// The ids the decoding tests below do not reach, the ids that mean another
+// event (or none) under the other provider, and names that almost match.
 TEST(DotnetRuntimeEvents, EventsAreKnownByProviderIdAndNothingElse) {
     using K = DotnetEventKind;
     using P = DotnetEventPhase;
@@ -51,15 +53,8 @@ TEST(DotnetRuntimeEvents, EventsAreKnownByProviderIdAndNothingElse) {
         P phase;
         bool verbose;
     } cases[] = {
-        {kDotnetRuntimeProvider, 141, K::method, P::load, false},
         {kDotnetRuntimeProvider, 142, K::method, P::unload, false},
-        {kDotnetRuntimeProvider, 143, K::method, P::load, true},
         {kDotnetRuntimeProvider, 144, K::method, P::unload, true},
-        {kDotnetRuntimeProvider, 190, K::methodILToNativeMap, P::load, false},
-        {kDotnetRuntimeProvider, 152, K::module, P::load, false},
-        {kDotnetRuntimeProvider, 153, K::module, P::unload, false},
-        {kDotnetRuntimeProvider, 154, K::assembly, P::load, false},
-        {kDotnetRuntimeProvider, 155, K::assembly, P::unload, false},
         {kDotnetRuntimeProvider, 145, K::other, P::load, false}, // MethodJittingStarted
         {kDotnetRuntimeProvider, 150, K::other, P::load, false},
         {kDotnetRundownProvider, 141, K::method, P::rundownStart, false},
@@ -68,13 +63,9 @@ TEST(DotnetRuntimeEvents, EventsAreKnownByProviderIdAndNothingElse) {
         {kDotnetRundownProvider, 144, K::method, P::rundownEnd, true},
         {kDotnetRundownProvider, 145, K::rundownComplete, P::rundownStart, false},
         {kDotnetRundownProvider, 146, K::rundownComplete, P::rundownEnd, false},
-        {kDotnetRundownProvider, 149, K::methodILToNativeMap, P::rundownStart, false},
-        {kDotnetRundownProvider, 150, K::methodILToNativeMap, P::rundownEnd, false},
         {kDotnetRundownProvider, 152, K::other, P::load, false}, // DomainModuleDCEnd
         {kDotnetRundownProvider, 153, K::module, P::rundownStart, false},
-        {kDotnetRundownProvider, 154, K::module, P::rundownEnd, false},
         {kDotnetRundownProvider, 155, K::assembly, P::rundownStart, false},
-        {kDotnetRundownProvider, 156, K::assembly, P::rundownEnd, false},
         {kDotnetRundownProvider, 190, K::other, P::load, false},
         {"microsoft-windows-dotnetruntime", 143, K::method, P::load, true}, // names are case-insensitive
         {"Microsoft-Windows-DotNETRuntimeX", 143, K::other, P::load, false},
@@ -131,6 +122,7 @@ TEST(DotnetRuntimeEvents, MethodEventsOfEveryVersionDecode) {
         SCOPED_TRACE(std::string(c.verbose ? "verbose" : "plain") + " v" + std::to_string(c.declaredVersion));
         EventOf e(kDotnetRuntimeProvider, c.verbose ? 143 : 141, c.declaredVersion,
                   withTrailing(dotnetMethodPayload(m, c.verbose, c.writtenVersion), c.trailing));
+        EXPECT_EQ(e.type().kind, DotnetEventKind::method);
         const Status s = DotnetRuntimeEventDecoder::decodeMethod(e.event, e.type(), out);
         ASSERT_TRUE(s.ok()) << s.reason().text();
         EXPECT_EQ(out.phase, DotnetEventPhase::load);
@@ -210,6 +202,7 @@ TEST(DotnetRuntimeEvents, ILToNativeMapsKeepTheirSpecialOffsets) {
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.provider) + " v" + std::to_string(c.declared));
         EventOf e(c.provider, c.id, c.declared, withTrailing(dotnetILMapPayload(m, c.written), c.trailing));
+        EXPECT_EQ(e.type().kind, DotnetEventKind::methodILToNativeMap);
         DotnetILToNativeMap out;
         const Status s = DotnetRuntimeEventDecoder::decodeILToNativeMap(e.event, e.type(), out);
         ASSERT_TRUE(s.ok()) << s.reason().text();
@@ -240,7 +233,6 @@ TEST(DotnetRuntimeEvents, ModuleAndAssemblyEventsOfEveryVersionDecode) {
     m.assemblyId = 0x55aa;
     m.flags = 0x28; // manifest, ReadyToRun
     m.ilPath = "/usr/share/dotnet/shared/Microsoft.NETCore.App/10.0.12/System.Private.CoreLib.dll";
-    m.nativePath = "";
     m.clrInstanceId = 9;
     for (uint8_t i = 0; i < 16; ++i)
         m.managedPdbSignature[i] = static_cast<uint8_t>(0x81 + i);
@@ -259,6 +251,7 @@ TEST(DotnetRuntimeEvents, ModuleAndAssemblyEventsOfEveryVersionDecode) {
     for (const auto& c : modules) {
         SCOPED_TRACE("module v" + std::to_string(c.declared));
         EventOf e(c.provider, c.id, c.declared, withTrailing(dotnetModulePayload(m, c.written), c.trailing));
+        EXPECT_EQ(e.type().kind, DotnetEventKind::module);
         DotnetModuleEvent out;
         const Status s = DotnetRuntimeEventDecoder::decodeModule(e.event, e.type(), out);
         ASSERT_TRUE(s.ok()) << s.reason().text();
@@ -294,6 +287,7 @@ TEST(DotnetRuntimeEvents, ModuleAndAssemblyEventsOfEveryVersionDecode) {
     for (const auto& c : assemblies) {
         SCOPED_TRACE("assembly v" + std::to_string(c.declared));
         EventOf e(c.provider, c.id, c.declared, dotnetAssemblyPayload(a, c.written));
+        EXPECT_EQ(e.type().kind, DotnetEventKind::assembly);
         DotnetAssemblyEvent out;
         const Status s = DotnetRuntimeEventDecoder::decodeAssembly(e.event, e.type(), out);
         ASSERT_TRUE(s.ok()) << s.reason().text();

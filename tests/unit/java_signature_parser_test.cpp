@@ -24,7 +24,6 @@ TEST(JavaSignatureParser, ParsesClassNames) {
         {"La/Outer<La/Inner<I>;>;", "a.Outer<a.Inner<int>>"},
         // Already readable, or neither starting with L nor ending with ';': unchanged.
         {"java.lang.String", "java.lang.String"},
-        {"Foo", "Foo"},
         // Only one of the two marks is enough to be unmangled.
         {"Lpkg/Foo", "pkg.Foo"},
         {"I;", "int"},
