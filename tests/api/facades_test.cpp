@@ -314,7 +314,7 @@ TEST_F(FacadesTest, ResolverArchitectureFilter) {
     for (const auto& c : {std::make_pair(quarvel_arch_vx32, std::vector<unsigned>{1, 4}),
                           std::make_pair(quarvel_arch_vx64, std::vector<unsigned>{5, 6, 7})}) {
         std::vector<unsigned> ids;
-        for (const ISymbol::Ptr& s : symbols(ISymbolResolver::create(paths.it(), none, c.first)))
+        for (const ISymbol::Ptr& s : itemsOf(ISymbolResolver::create(paths.it(), none, c.first)->getSymbols()))
             ids.push_back(s->getMethodID());
         std::sort(ids.begin(), ids.end());
         EXPECT_EQ(c.second, ids) << c.first;
@@ -332,14 +332,14 @@ TEST_F(FacadesTest, ResolverFromDescriptors) {
     const char* name = nullptr;
     ASSERT_EQ(meSuccess, resolver->getHostNameById(1, &name));
     EXPECT_STREQ("somewhere", name);
-    EXPECT_EQ(2u, symbols(resolver).size());
+    EXPECT_EQ(2u, itemsOf(resolver->getSymbols()).size());
 
     // Descriptors are trusted: an unreadable one still gives a resolver.
     std::vector<JitFileDescriptor> bad{{missing.c_str(), 1, "h"}};
     generic_iterator_t<JitFileDescriptor> badIt(bad.begin(), bad.end());
     ISymbolResolver::Ptr empty = ISymbolResolver::create(badIt, none);
     ASSERT_TRUE(empty);
-    EXPECT_TRUE(symbols(empty).empty());
+    EXPECT_TRUE(itemsOf(empty->getSymbols()).empty());
 
     // The loader is not so trusting.
     generic_iterator_t<JitFileDescriptor> badIt2(bad.begin(), bad.end());
@@ -379,7 +379,7 @@ TEST_F(FacadesTest, DotNetMethodsWithoutAnAssemblyComeBackAsTheyAre) {
     Paths paths{dir.file("dotnet.300.jit")};
     ISymbolResolver::Ptr resolver = ISymbolResolver::create(paths.it(), locator);
     ASSERT_TRUE(resolver);
-    const std::vector<ISymbol::Ptr> all = symbols(resolver);
+    const std::vector<ISymbol::Ptr> all = itemsOf(resolver->getSymbols());
     ASSERT_EQ(1u, all.size());
     ISymbol::Ptr s = resolver->getSymbol(all[0]->getStartJitRva());
     ASSERT_TRUE(s);
@@ -390,10 +390,7 @@ TEST_F(FacadesTest, DotNetMethodsWithoutAnAssemblyComeBackAsTheyAre) {
 TEST_F(FacadesTest, ProcessList) {
     IJitProcesses::Ptr processes = makeProcesses({dir.path()});
     ASSERT_TRUE(processes);
-    std::vector<unsigned> pids;
-    for (auto it = processes->getJitProcessId(); !it.atEnd(); it.advance())
-        pids.push_back(it.current());
-    EXPECT_EQ((std::vector<unsigned>{100, 200, 100}), pids);
+    EXPECT_EQ((std::vector<unsigned>{100, 200, 100}), itemsOf(processes->getJitProcessId()));
     EXPECT_EQ(3u, processes->getJitProcessId().remaining());
     // Loaders that read their processes in another order agree: one_answer_test.
 }
