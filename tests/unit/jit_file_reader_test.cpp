@@ -297,12 +297,10 @@ TEST(ReadingPassFlow, ARefusedRecordNeverCostsTheRestOfTheFile) {
     EXPECT_EQ(0u, methodOf(data, 3)->regionCount());
     EXPECT_EQ(1u, pass.stats.refusedBodies);        // every region empty
     EXPECT_EQ(1u, pass.stats.refusedByDataManager); // the crossing inline
-    // Each refusal names the file and the record it refused.
-    for (const Reason& reason : pass.stats.refusals) {
+    // Each refusal names the file and points into the record it refused; the
+    // model's carries its own reason.
+    for (const Reason& reason : pass.stats.refusals)
         EXPECT_EQ("h.42.jit", reason.file);
-        EXPECT_NE(Reason::kNoOffset, reason.offset);
-    }
-    // Each points into the record it refused; the model's carries its own reason.
     ASSERT_EQ(2u, pass.stats.refusals.size());
     EXPECT_GE(pass.stats.refusals.front().offset, trace.recordStarts()[2]);
     EXPECT_LT(pass.stats.refusals.front().offset, trace.recordStarts()[3]);
