@@ -5,6 +5,7 @@
 // and the small helpers a caller of the library needs. Only public headers.
 
 #include "path_list.h"
+#include "sequence.h"
 #include "temp_dir.h"
 #include "trace_builder.h"
 
@@ -24,6 +25,7 @@ namespace api_test {
 using namespace quarvel;
 namespace stdfs = std::filesystem;
 
+using quarvel_test::itemsOf;
 using quarvel_test::TempDir;
 using quarvel_test::TraceBuilder;
 
@@ -71,23 +73,9 @@ inline quarvel_error_t resolve(const IJitLoader::Ptr& loader, const char* host, 
     return loader->resolveJitPoint(time, address, pid, hostId, rva ? rva : &local, module);
 }
 
-inline std::vector<ISymbol::Ptr> symbols(const ISymbolResolver::Ptr& resolver) {
-    std::vector<ISymbol::Ptr> out;
-    for (auto it = resolver->getSymbols(); !it.atEnd(); it.advance())
-        out.push_back(it.current());
-    return out;
-}
-
-inline std::vector<ICodeRegion::Ptr> regions(const ISymbol::Ptr& symbol) {
-    std::vector<ICodeRegion::Ptr> out;
-    for (auto it = symbol->getRegions(); !it.atEnd(); it.advance())
-        out.push_back(it.current());
-    return out;
-}
-
 // The region of symbol that holds jitRva.
 inline ICodeRegion::Ptr regionAt(const ISymbol::Ptr& symbol, u64 jitRva) {
-    for (const ICodeRegion::Ptr& r : regions(symbol))
+    for (const ICodeRegion::Ptr& r : itemsOf(symbol->getRegions()))
         if (r->getStartJitRva() <= jitRva && jitRva - r->getStartJitRva() < r->getLength())
             return r;
     return ICodeRegion::Ptr();

@@ -166,7 +166,7 @@ TEST_F(ConcurrentFacadesTest, ResolverTranslationsRaceToBuildTheConverter) {
     for (const Translation& t : translations)
         expected.push_back(translate(reference, t));
     ASSERT_GT(std::count_if(expected.begin(), expected.end(), [](u64 v) { return v != ~u64(0); }), 100);
-    const std::vector<ISymbol::Ptr> all = symbols(reference);
+    const std::vector<ISymbol::Ptr> all = itemsOf(reference->getSymbols());
 
     ASSERT_EQ(kProcesses * kMethodsPerProcess, all.size());
 

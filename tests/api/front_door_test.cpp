@@ -9,13 +9,6 @@
 namespace api_test {
 namespace front_door_test {
 
-std::vector<unsigned> pidsOf(const IJitProcesses::Ptr& processes) {
-    std::vector<unsigned> out;
-    for (auto it = processes->getJitProcessId(); !it.atEnd(); it.advance())
-        out.push_back(it.current());
-    return out;
-}
-
 TEST(FrontDoorTest, MissingPathsAndUnparsableNamesFailEveryFactory) {
     TempDir dir;
     TraceBuilder().load(3, method(1, 100, 0x1000, 16, "m"), true).writeTo(dir.file("h.1.jit"));
@@ -49,7 +42,7 @@ TEST(FrontDoorTest, EmptyDirectoriesAndDirectoriesOfOtherFilesGiveEmptySets) {
         EXPECT_EQ(meNotFound, loader->findSymbol("app.jar", 1, symbol));
         ISymbolResolver::Ptr resolver = makeResolver({path});
         ASSERT_TRUE(resolver);
-        EXPECT_TRUE(symbols(resolver).empty());
+        EXPECT_TRUE(itemsOf(resolver->getSymbols()).empty());
         EXPECT_FALSE(resolver->getSymbol(0x1000));
         IJitProcesses::Ptr processes = makeProcesses({path});
         ASSERT_TRUE(processes);
@@ -69,7 +62,7 @@ TEST(FrontDoorTest, SymlinksAreNotReadThrough) {
     // In a directory a link is passed over.
     IJitProcesses::Ptr listed = makeProcesses({dir.path()});
     ASSERT_TRUE(listed);
-    EXPECT_TRUE(pidsOf(listed).empty());
+    EXPECT_TRUE(itemsOf(listed->getJitProcessId()).empty());
 
     // Named directly it is part of the set, but the reader refuses to open it.
     IJitLoader::Ptr loader = makeLoader({dir.file("h.1.jit")});
@@ -77,7 +70,7 @@ TEST(FrontDoorTest, SymlinksAreNotReadThrough) {
     EXPECT_EQ(meNotFound, resolve(loader, "h", 1, 100, 0x1000));
     ISymbolResolver::Ptr resolver = makeResolver({dir.file("h.1.jit")});
     ASSERT_TRUE(resolver);
-    EXPECT_TRUE(symbols(resolver).empty());
+    EXPECT_TRUE(itemsOf(resolver->getSymbols()).empty());
 
     // The real path reads.
     IJitLoader::Ptr direct = makeLoader({real.file("h.1.jit")});
@@ -95,7 +88,7 @@ TEST(FrontDoorTest, UnreadableFile) {
     EXPECT_EQ(meFileOpenError, resolve(loader, "h", 1, 100, 0x1000));
     ISymbolResolver::Ptr resolver = makeResolver({dir.path()});
     ASSERT_TRUE(resolver);
-    EXPECT_TRUE(symbols(resolver).empty());
+    EXPECT_TRUE(itemsOf(resolver->getSymbols()).empty());
 }
 
 TEST(FrontDoorTest, FifoNamedDirectlyFailsAndIsPassedOverInADirectory) {
@@ -132,7 +125,7 @@ TEST(FrontDoorTest, TruncatedFilesKeepWhatWasWrittenBeforeTheCut) {
         }
         ISymbolResolver::Ptr resolver = makeResolver({dir.path()});
         ASSERT_TRUE(resolver) << cut;
-        EXPECT_LE(symbols(resolver).size(), 2u);
+        EXPECT_LE(itemsOf(resolver->getSymbols()).size(), 2u);
     }
     EXPECT_GT(firstComplete, 0u);
     EXPECT_LT(firstComplete, trace.bytes().size());
@@ -166,20 +159,20 @@ TEST(FrontDoorTest, RandomBytesNeverCrash) {
     loader->findSymbol("x", 1, symbol);
     ISymbolResolver::Ptr resolver = makeResolver({dir.path()});
     ASSERT_TRUE(resolver);
-    for (const ISymbol::Ptr& s : symbols(resolver))
+    for (const ISymbol::Ptr& s : itemsOf(resolver->getSymbols()))
         resolver->getSymbol(s->getStartJitRva());
     // A directory holds only the files whose content is a trace's; named
     // one by one, every file is taken as a trace.
     IJitProcesses::Ptr processes = makeProcesses({dir.path()});
     ASSERT_TRUE(processes);
-    EXPECT_LE(pidsOf(processes).size(), pids.size());
-    EXPECT_GE(pidsOf(processes).size(), pids.size() / 4);
+    EXPECT_LE(itemsOf(processes->getJitProcessId()).size(), pids.size());
+    EXPECT_GE(itemsOf(processes->getJitProcessId()).size(), pids.size() / 4);
     std::vector<std::string> files;
     for (unsigned pid : pids)
         files.push_back(dir.file("noise." + std::to_string(pid) + ".jit"));
     IJitProcesses::Ptr named = makeProcesses(Paths(files));
     ASSERT_TRUE(named);
-    EXPECT_EQ(pids.size(), pidsOf(named).size());
+    EXPECT_EQ(pids.size(), itemsOf(named->getJitProcessId()).size());
 }
 
 } // namespace

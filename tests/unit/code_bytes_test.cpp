@@ -1,6 +1,7 @@
 // Code bytes of runtime files: a view into a file's mapping keeps the mapping
 // alive, and taking new bytes (even its own) never reads a released mapping.
 
+#include "byte_buffers.h"
 #include "ingest/code_bytes.h"
 #include "support/mapped_file.h"
 #include "temp_dir.h"
@@ -13,6 +14,7 @@
 namespace code_bytes_test {
 
 using namespace quarvel;
+using quarvel_test::bytesOf;
 using quarvel_test::TempDir;
 
 std::shared_ptr<const MappedFile> mapped(const TempDir& dir, const std::vector<unsigned char>& bytes) {
@@ -20,10 +22,6 @@ std::shared_ptr<const MappedFile> mapped(const TempDir& dir, const std::vector<u
         MappedFile::open(dir.write("code.bin", std::string(bytes.begin(), bytes.end())));
     EXPECT_TRUE(file.ok());
     return file.ok() ? *file : nullptr;
-}
-
-std::vector<unsigned char> contentOf(const IByteBuffer& buffer) {
-    return std::vector<unsigned char>(buffer.data(), buffer.data() + buffer.size());
 }
 
 TEST(CodeBytes, AViewOutlivesItsReaderAndBecomesACopyOnAssign) {
@@ -36,16 +34,16 @@ TEST(CodeBytes, AViewOutlivesItsReaderAndBecomesACopyOnAssign) {
     const unsigned char* const inFile = file->data() + 1;
     file.reset(); // the reader is gone; the view holds the mapping
     EXPECT_EQ(inFile, view.data());
-    EXPECT_EQ(std::vector<unsigned char>(code.begin() + 1, code.begin() + 5), contentOf(view));
+    EXPECT_EQ(std::vector<unsigned char>(code.begin() + 1, code.begin() + 5), bytesOf(&view));
 
     // Its own bytes: copied before the mapping is let go.
     view.assign(view.data(), view.size());
     EXPECT_NE(inFile, view.data());
-    EXPECT_EQ(std::vector<unsigned char>(code.begin() + 1, code.begin() + 5), contentOf(view));
+    EXPECT_EQ(std::vector<unsigned char>(code.begin() + 1, code.begin() + 5), bytesOf(&view));
 
     const unsigned char other[] = {0xcc, 0xcc};
     view.assign(other, sizeof other);
-    EXPECT_EQ(std::vector<unsigned char>(other, other + 2), contentOf(view));
+    EXPECT_EQ(std::vector<unsigned char>(other, other + 2), bytesOf(&view));
     view.assign(nullptr, 3);
     EXPECT_EQ(0u, view.size());
     EXPECT_EQ(nullptr, view.data());

@@ -2,6 +2,7 @@
 // what it broke. The fuzz corpus replay (tests/fuzz_replay) keeps the raw
 // inputs; these say what must hold.
 
+#include "byte_buffers.h"
 #include "format/jit_file_decoder.h"
 #include "index/jit_data_manager.h"
 #include "ingest/jit_file_reader.h"
@@ -15,6 +16,8 @@
 #include <vector>
 
 using namespace quarvel;
+using quarvel_test::bufferOf;
+using quarvel_test::bytesOf;
 using quarvel_test::LogCapture;
 using quarvel_test::makeLoad;
 using quarvel_test::TempDir;
@@ -42,12 +45,6 @@ u64 peakRssKb() {
 }
 const u64 kOneGiBInKb = 1024 * 1024;
 
-IByteBuffer::Ptr bufferOf(const std::vector<uint8_t>& bytes) {
-    IByteBuffer::Ptr buffer = IByteBuffer::create();
-    buffer->assign(bytes.data(), static_cast<unsigned>(bytes.size()));
-    return buffer;
-}
-
 quarvel_error_t readFile(const std::string& path, JitDataManager& data) {
     JitFileDecoder decoder(path, kPid, kHost, 0x10000, dmCodeBytes);
     ModuleCache modules;
@@ -73,8 +70,7 @@ TEST(FuzzRegressions, UpdateOfRegionWithoutBytesNeverSizesACopyByTheRegionLength
     ASSERT_EQ(1u, data.getJitMethods().size());
     const Region::Ptr& region = data.getJitMethods().front()->regions().front();
     EXPECT_EQ(0xFFFFFFFFu, region->length());
-    const IByteBuffer::Ptr bytes = region->getBytes();
-    EXPECT_TRUE(!bytes || bytes->size() == 0) << bytes->size();
+    EXPECT_TRUE(bytesOf(region->getBytes().get()).empty());
 }
 
 // A region whose length claims 4 GiB holds a 64-byte code copy; a padding
@@ -98,9 +94,7 @@ TEST(FuzzRegressions, PaddingOfAHugeRegionFillsOnlyTheCodeCopy) {
     std::vector<uint8_t> expected(64, 0x90);
     std::fill(expected.begin(), expected.begin() + 8, 0xCC);
     std::fill(expected.begin() + 12, expected.begin() + 16, 0xCC);
-    const IByteBuffer::Ptr bytes = region.getBytes();
-    ASSERT_TRUE(bytes);
-    EXPECT_EQ(expected, std::vector<uint8_t>(bytes->data(), bytes->data() + bytes->size()));
+    EXPECT_EQ(expected, bytesOf(region.getBytes().get()));
     EXPECT_EQ(2u, region.markup().size());
     EXPECT_TRUE(capture.errors().empty()) << capture.dump();
 }

@@ -6,6 +6,7 @@
 #include "ingest/trace_format.h"
 #include "log_capture.h"
 #include "path_list.h"
+#include "sequence.h"
 #include "trace_builder.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +16,7 @@
 #include <vector>
 
 using namespace quarvel;
+using quarvel_test::itemsOf;
 using quarvel_test::LogCapture;
 using quarvel_test::TempDir;
 
@@ -34,13 +36,6 @@ const u64 kStride = JitFileReader::kJitRvaStride;
 
 quarvel_error_t init(JitFilesManager& files, const std::vector<std::string>& paths, target_arch_t arch = taAny) {
     return files.initialize(quarvel_test::PathList(paths).it(), arch);
-}
-
-std::vector<unsigned> pids(const JitFilesManager& files) {
-    std::vector<unsigned> out;
-    for (auto it = files.getJitPidArray(); !it.atEnd(); it.advance())
-        out.push_back(it.current());
-    return out;
 }
 
 // --- names ----------------------------------------------------------------
@@ -171,8 +166,8 @@ TEST(JitFilesManagerTest, PidArrayListsEachHostsPidsInOrder) {
     JitFilesManager files;
     ASSERT_EQ(meSuccess, init(files, {dir.path()}));
     const std::vector<unsigned> expected{4, 30, 7, 30};
-    EXPECT_EQ(expected, pids(files));
-    EXPECT_EQ(expected, pids(files)); // the same array again
+    EXPECT_EQ(expected, itemsOf(files.getJitPidArray()));
+    EXPECT_EQ(expected, itemsOf(files.getJitPidArray())); // the same array again
 
     // The iterator keeps the array alive after the set is gone.
     generic_iterator_t<unsigned> kept;
@@ -195,7 +190,7 @@ TEST(JitFilesManagerTest, ReinitialisationAddsProcessesWithDisjointRanges) {
     writeFile(dir.file("h.2.jit"), 50);
     ASSERT_EQ(meSuccess, init(files, {dir.file("h.1.jit")}));
     ASSERT_EQ(meSuccess, init(files, {dir.file("h.2.jit")}));
-    EXPECT_EQ((std::vector<unsigned>{1, 2}), pids(files));
+    EXPECT_EQ((std::vector<unsigned>{1, 2}), itemsOf(files.getJitPidArray()));
     const ProcessJitInfo* p2 = files.getProcessJitInfo(2, 1);
     ASSERT_TRUE(p2);
     EXPECT_EQ(JitFilesManager::kFirstJitRva + kStride, p2->files[0].jitRvaBase);

@@ -1,5 +1,6 @@
 // Inline children of a region, jit rva normalisation and byte updates.
 
+#include "byte_buffers.h"
 #include "log_capture.h"
 #include "model/jit_method.h"
 #include "model/region.h"
@@ -13,16 +14,8 @@ using quarvel_test::LogCapture;
 
 namespace region_test {
 
-IByteBuffer::Ptr bufferOf(std::vector<unsigned char> bytes) {
-    IByteBuffer::Ptr buffer = IByteBuffer::create();
-    buffer->assign(bytes.data(), static_cast<unsigned>(bytes.size()));
-    return buffer;
-}
-
-std::vector<unsigned char> contentOf(const Region& region) {
-    const IByteBuffer::Ptr& b = region.content();
-    return b && b->size() ? std::vector<unsigned char>(b->data(), b->data() + b->size()) : std::vector<unsigned char>();
-}
+using quarvel_test::bufferOf;
+using quarvel_test::bytesOf;
 
 Region::Ptr region(u64 jitRva, u64 address, u32 length, IByteBuffer::Ptr content = nullptr) {
     return Region::Ptr(new Region(1, 42, jitRva, 100, 0, address, length, content));
@@ -81,7 +74,7 @@ TEST_P(RegionUpdateTest, AppliesOrRefuses) {
     const bool refused = c.content == before;
     EXPECT_EQ(refused ? meNotFound : meSuccess,
               r->addBytesUpdate(c.address, c.length, c.bytes.empty() ? nullptr : bufferOf(c.bytes), c.type, "t"));
-    EXPECT_EQ(c.content, contentOf(*r));
+    EXPECT_EQ(c.content, bytesOf(r->content().get()));
     EXPECT_EQ(refused ? 1u : 0u, log.errors().size()) << log.dump();
 }
 
@@ -113,14 +106,14 @@ TEST(RegionUpdateMarkupTest, SameRangeKeepsOrChangesTypeAndPartialOverlapIsRefus
     // Type 3 keeps the recorded type (padding), so the bytes are no-operations again.
     ASSERT_EQ(meSuccess, r->addBytesUpdate(0x1002, 2, bufferOf({7, 7}), quarvel_segment_unchanged, "b"));
     EXPECT_EQ(quarvel_segment_padding, r->markup().begin()->second.segType);
-    EXPECT_EQ((std::vector<unsigned char>{1, 2, 0x90, 0x90, 5, 6, 7, 8}), contentOf(*r));
+    EXPECT_EQ((std::vector<unsigned char>{1, 2, 0x90, 0x90, 5, 6, 7, 8}), bytesOf(r->content().get()));
     // Another type changes the record and still rewrites the bytes.
     ASSERT_EQ(meSuccess, r->addBytesUpdate(0x1002, 2, bufferOf({7, 7}), quarvel_segment_code, "c"));
     EXPECT_EQ(quarvel_segment_code, r->markup().begin()->second.segType);
-    EXPECT_EQ((std::vector<unsigned char>{1, 2, 7, 7, 5, 6, 7, 8}), contentOf(*r));
+    EXPECT_EQ((std::vector<unsigned char>{1, 2, 7, 7, 5, 6, 7, 8}), bytesOf(r->content().get()));
     // Partly overlapping an earlier update: refused, bytes unchanged.
     EXPECT_EQ(meNotFound, r->addBytesUpdate(0x1003, 2, bufferOf({5, 5}), quarvel_segment_code, "d"));
-    EXPECT_EQ((std::vector<unsigned char>{1, 2, 7, 7, 5, 6, 7, 8}), contentOf(*r));
+    EXPECT_EQ((std::vector<unsigned char>{1, 2, 7, 7, 5, 6, 7, 8}), bytesOf(r->content().get()));
     EXPECT_EQ(1u, log.errors().size()) << log.dump();
     EXPECT_EQ(1u, r->markup().size());
 }

@@ -3,7 +3,8 @@
 // moves, refusals that let the pass read on, perf map cuts that keep every
 // whole line and say where, the pairing of a perf map with a jitdump, and jit
 // rvas that do not depend on the decoding mode. (A jitdump cut at every byte:
-// jitdump_reader_test; the pass over a cut one: the cli runtime goldens.)
+// jitdump_reader_test; the pass over a cut one, and the last of several perf
+// map lines over an address: the cli runtime goldens.)
 
 #include "index/jit_data_manager.h"
 #include "ingest/address_ranges.h"
@@ -221,26 +222,6 @@ TEST(PerfMapThroughTheFileSet, ACutAtAnyByteKeepsEveryWholeLineAndSaysWhere) {
 }
 
 // --- perf maps ----------------------------------------------------------------
-
-TEST(PerfMapThroughTheFileSet, TheLastLineOverAnAddressAnswersAtEveryRealTime) {
-    TempDir dir;
-    const std::string path =
-        dir.write("perf-4242.map", "1000 40 Main[Tier0]\n"
-                                   "0x1000 0x40 Main[Tier1]\n" // the same start again, with 0x
-                                   "2000 20 Hash\n"
-                                   "2010 20 Mix with spaces\n" // over Hash's second half: Hash ends
-                                   "3000 zz broken\n"
-                                   "4000 10 Last\r\n");
-    ReadSet set({path});
-    const Query queries[] = {
-        {0x1010, 1000000, "Main[Tier1]"}, {0x2005, 1000000, "-"}, {0x2015, 1000000, "Mix with spaces"},
-        {0x4005, 1000000, "Last"},        {0x3000, 1000000, "-"}, {0x1010, 0, "-"},
-    };
-    for (const Query& q : queries)
-        EXPECT_EQ(q.name, set.nameAt(q.address, q.time)) << std::hex << q.address << " at " << std::dec << q.time;
-    EXPECT_EQ(5u, set.stats().perfMapEntries);
-    EXPECT_EQ(1u, set.stats().refusedBodies);
-}
 
 TEST(PerfMapThroughTheFileSet, PairedWithAJitdumpTheDumpWinsWhereItHasCodeInEitherOrder) {
     for (const bool mapFirst : {false, true}) {
