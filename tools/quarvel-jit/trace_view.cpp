@@ -3,9 +3,6 @@
 #include <quarvel/generic_iterator.h>
 #include <quarvel/jittrace_format.h>
 
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
-
 #include <algorithm>
 #include <sstream>
 
@@ -324,7 +321,6 @@ bool TraceView::hostIdOf(const std::string& host, unsigned& hostId, bool& noHost
     }
     const auto found = std::find(m_hosts.begin(), m_hosts.end(), host);
     if (found == m_hosts.end()) {
-        const std::lock_guard<std::mutex> lock(m_unknownHostsMutex);
         ++m_unknownHosts[host];
         return false;
     }
@@ -418,29 +414,14 @@ void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
     r.status = SampleStatus::Resolved;
 }
 
-// Samples are resolved a chunk at a time on every core there is (the library
-// answers queries from any number of threads) and handed out in their order.
 void TraceView::resolveEach(const std::vector<Sample>& samples, const std::function<void(const SampleResult&)>& each,
                             const std::function<void(size_t, size_t)>& progress) {
-    const size_t kChunk = 4096;
-    const size_t kGrain = 64; // samples per task: a few tens of microseconds of work
-    std::vector<SampleResult> chunk;
-    for (size_t first = 0; first < samples.size(); first += kChunk) {
-        const size_t n = std::min(kChunk, samples.size() - first);
-        chunk.resize(n);
-        if (n < 2 * kGrain) {
-            for (size_t i = 0; i < n; ++i)
-                resolveOne(samples[first + i], chunk[i]);
-        } else {
-            tbb::parallel_for(tbb::blocked_range<size_t>(0, n, kGrain), [&](const tbb::blocked_range<size_t>& range) {
-                for (size_t i = range.begin(); i != range.end(); ++i)
-                    resolveOne(samples[first + i], chunk[i]);
-            });
-        }
-        for (size_t i = 0; i < n; ++i)
-            each(chunk[i]);
-        if (progress)
-            progress(first + n, samples.size());
+    SampleResult r;
+    for (size_t i = 0; i < samples.size(); ++i) {
+        resolveOne(samples[i], r);
+        each(r);
+        if (progress && (i % 256 == 0 || i + 1 == samples.size()))
+            progress(i + 1, samples.size());
     }
 }
 

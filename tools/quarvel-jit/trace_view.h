@@ -12,7 +12,6 @@
 
 #include <functional>
 #include <map>
-#include <mutex>
 #include <regex>
 #include <set>
 #include <string>
@@ -37,9 +36,9 @@ public:
     // After a failed open(): why the paths do not make a trace set.
     std::string whyNotOpen() const;
 
-    // Resolves the samples on every core, handing each result to `each` in
-    // the samples' order (valid during the call only), so that no more than
-    // a chunk is held at a time. progress(done, total) is called now and then.
+    // Resolves the samples in order, handing each result to `each` (valid
+    // during the call only), so that no more than one is held at a time.
+    // progress(done, total) is called now and then.
     void resolveEach(const std::vector<Sample>& samples, const std::function<void(const SampleResult&)>& each,
                      const std::function<void(size_t, size_t)>& progress);
     std::vector<SampleResult> resolve(const std::vector<Sample>& samples,
@@ -85,7 +84,6 @@ private:
     std::vector<quarvel::TraceFileInfo> m_files;
     std::set<std::pair<unsigned, unsigned>> m_processes; // (host id, pid)
     std::map<std::string, uint64_t> m_unknownHosts;
-    std::mutex m_unknownHostsMutex; // samples are resolved on several threads
     std::map<std::pair<unsigned, unsigned>, CodeExtent> m_extents; // filled on first use
     bool m_extentsDone = false;
 };
