@@ -38,6 +38,12 @@ quarvel_error_t JitLoader::readAll() {
     return m_files.readJitFiles(dmCodeBytes, m_data);
 }
 
+std::shared_lock<std::shared_mutex> JitLoader::queryLock() const {
+    if (m_files.isEveryProcessRead())
+        return std::shared_lock<std::shared_mutex>();
+    return std::shared_lock<std::shared_mutex>(m_modelMutex);
+}
+
 quarvel_error_t JitLoader::getHostIdByName(const char* hostName, unsigned* hostId) const {
     if (!hostId || !hostName)
         return meInvalidPointer;
@@ -58,7 +64,7 @@ quarvel_error_t JitLoader::resolveJitPoint(u64 timestamp, u64 virtualAddress, un
         quarvel_error_t ret = readProcess(pid, hostId);
         if (ret != meSuccess)
             return ret;
-        std::shared_lock<std::shared_mutex> lock(m_modelMutex);
+        const std::shared_lock<std::shared_mutex> lock = queryLock();
         IModule* found = nullptr;
         u64 rva = 0;
         ret = m_data.resolveJitPoint(virtualAddress, timestamp, pid, hostId, found, rva);
@@ -85,7 +91,7 @@ quarvel_error_t JitLoader::findOverlappedRegion(u64 timestamp, u64 startAddress,
         const quarvel_error_t ret = readProcess(pid, hostId);
         if (ret != meSuccess)
             return ret;
-        std::shared_lock<std::shared_mutex> lock(m_modelMutex);
+        const std::shared_lock<std::shared_mutex> lock = queryLock();
         return m_data.findOverlappedRegion(startAddress, endAddress, timestamp, pid, hostId, region);
     } catch (const std::exception& e) {
         QV_ERROR("findOverlappedRegion failed: " << e.what());

@@ -15,7 +15,10 @@ QUARVEL_NAMESPACE_BEGIN
 // (mode dmCodeBytes) on the first findSymbol.
 //
 // Queries may come from many threads: a reading pass writes the model under
-// the exclusive side of m_modelMutex, queries read it under the shared side.
+// the exclusive side of m_modelMutex, queries read it under the shared side
+// until every process is read. From then on nothing writes the model, and
+// queries take no lock: the shared side's count is one cache line that every
+// querying thread would otherwise bounce between the cores.
 class JitLoader : public IJitLoader {
 public:
     typedef boost::intrusive_ptr<JitLoader> Ptr;
@@ -42,6 +45,8 @@ private:
     // Reads the process's files unless that was done; the model stays unlocked on return.
     quarvel_error_t readProcess(unsigned pid, unsigned hostId);
     quarvel_error_t readAll();
+    // The shared side of m_modelMutex, or nothing once every process is read.
+    std::shared_lock<std::shared_mutex> queryLock() const;
 
     // Declared first so that the file set is torn down before the registry.
     JitDataManager m_data;

@@ -248,6 +248,7 @@ void JitFilesManager::addPending(const std::vector<PendingFile>& pending, target
         // A process that gained files has something to read again.
         process.read = false;
         m_wholeSetRead = false;
+        m_everyProcessRead = false;
         m_nextJitRva = next + JitFileReader::kJitRvaStride;
     }
 }
@@ -325,6 +326,7 @@ quarvel_error_t JitFilesManager::addJitFileInfo(const fs::path& path, const std:
     process.files.push_back(info);
     process.read = false;
     m_wholeSetRead = false;
+    m_everyProcessRead = false;
     if (nextJitRva > m_nextJitRva)
         m_nextJitRva = nextJitRva;
     return meSuccess;
@@ -509,14 +511,15 @@ quarvel_error_t JitFilesManager::readJitFiles(unsigned int pid, unsigned int hos
     if (status != meSuccess)
         return status;
     process->read = true;
+    noteWhetherEveryProcessIsRead();
     return meSuccess;
 }
 
 quarvel_error_t JitFilesManager::readJitFiles(decoding_mode_t mode, JitDataManager& dataManager) {
-    if (m_wholeSetRead.load())
+    if (m_wholeSetRead.load() || m_everyProcessRead.load())
         return meSuccess;
     boost::unique_lock<boost::mutex> lock(m_readMutex);
-    if (m_wholeSetRead.load())
+    if (m_wholeSetRead.load() || m_everyProcessRead.load())
         return meSuccess;
     for (auto& host : m_processes) {
         for (auto& entry : host.second) {
@@ -529,7 +532,18 @@ quarvel_error_t JitFilesManager::readJitFiles(decoding_mode_t mode, JitDataManag
     }
     dataManager.finalize();
     m_wholeSetRead = true;
+    noteWhetherEveryProcessIsRead();
     return meSuccess;
+}
+
+// With m_readMutex held, after a reading pass: set once the last process is
+// read, after everything the passes wrote.
+void JitFilesManager::noteWhetherEveryProcessIsRead() {
+    for (const auto& host : m_processes)
+        for (const auto& entry : host.second)
+            if (!entry.second.read.load())
+                return;
+    m_everyProcessRead = true;
 }
 
 QUARVEL_NAMESPACE_END

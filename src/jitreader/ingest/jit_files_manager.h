@@ -114,6 +114,9 @@ public:
     // meSuccess when read, meNotFound for an unknown process, meEndOfData while it waits to be read.
     quarvel_error_t processState(unsigned int pid, unsigned int hostId) const;
     bool isWholeSetRead() const { return m_wholeSetRead.load(); }
+    // Every process was read whole: no reading pass will change the model
+    // again (until files are added).
+    bool isEveryProcessRead() const { return m_everyProcessRead.load(); }
 
     target_arch_t targetArchitecture() const { return m_targetArch; }
     size_t fileCount() const;
@@ -122,6 +125,7 @@ public:
 
 private:
     struct PendingFile;
+    void noteWhetherEveryProcessIsRead();
     quarvel_error_t refuseInit(quarvel_error_t code, const std::string& message) const;
     quarvel_error_t collectPath(const char* path, std::vector<PendingFile>& pending) const;
     quarvel_error_t collectFile(const boost::filesystem::path& path, bool explicitPath,
@@ -144,6 +148,7 @@ private:
     mutable boost::mutex m_pidArrayMutex;
     mutable std::shared_ptr<const std::vector<unsigned>> m_pidArray;
     std::atomic<bool> m_wholeSetRead{false};
+    std::atomic<bool> m_everyProcessRead{false};
     JitReadStats m_stats;       // under m_readMutex
     ModuleCache m_modules;      // under m_readMutex
     mutable Reason m_lastError; // of the last initialisation, which runs alone
