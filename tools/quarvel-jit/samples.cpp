@@ -33,11 +33,10 @@ void split(std::string_view s, char sep, std::vector<std::string_view>& out) {
     }
 }
 
+// Overflow is caught without a division: this runs for every digit of
+// millions of samples.
 bool accumulate(uint64_t& value, unsigned base, unsigned digit) {
-    if (value > (std::numeric_limits<uint64_t>::max() - digit) / base)
-        return false;
-    value = value * base + digit;
-    return true;
+    return !__builtin_mul_overflow(value, uint64_t(base), &value) && !__builtin_add_overflow(value, digit, &value);
 }
 
 bool parseInBase(std::string_view text, unsigned base, uint64_t& value) {
