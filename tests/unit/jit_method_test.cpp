@@ -59,39 +59,25 @@ TEST(JitMethodLineInfoTest, CountOnlyBufferTooSmallAndNullPointers) {
 
 TEST(JitMethodLineInfoTest, EachRangeAnswersWithItsTablesAndTheFirstTableAddedStays) {
     const JitMethod::Ptr m = threeRangeMethod();
-    EXPECT_EQ(10u, query(*m, N2S, 0).front().value);
+    EXPECT_TRUE(m->addLineNumberInfo(N2S, {{0, 10, 5}}, Range(900, 10))) << "a range below the others";
+    EXPECT_EQ(5u, query(*m, N2S, 905).front().value);
     EXPECT_EQ(30u, query(*m, N2S, 1250).front().value);
     EXPECT_EQ(21u, query(*m, N2S, 1199).back().value);
 
     LogCapture log;
     EXPECT_FALSE(m->addLineNumberInfo(N2S, {{0, 1, 99}}, Range(1100, 100)));
     EXPECT_EQ(20u, query(*m, N2S, 1100).front().value);
-    EXPECT_EQ(1u, log.errors().size());
+    // A set of tables with one already there adds none of them.
+    const Table m2s{{2, 3, 7}}, n2s{{0, 1, 99}};
+    LineTables::Span tables[LineTables::kTypes];
+    tables[M2S] = {m2s.data(), m2s.size()};
+    tables[N2S] = {n2s.data(), n2s.size()};
+    EXPECT_FALSE(m->addLineNumberInfo(Range(1000, 1), tables));
+    EXPECT_TRUE(query(*m, M2S, 1000).empty());
+    EXPECT_EQ(2u, log.errors().size());
     // Another table of the same range is accepted into the existing holder.
     EXPECT_TRUE(m->addLineNumberInfo(N2M, {{0, 100, 4}}, Range(1010, 1)));
     EXPECT_EQ(4u, query(*m, N2M, 1000).front().value);
-}
-
-TEST(JitMethodLineInfoTest, RangesKeepTheirOrderAndARefusedSetAddsNothing) {
-    JitMethod m;
-    const Table n2s{{0, 10, 1}}, n2m{{0, 10, 2}}, m2s{{2, 3, 7}};
-    LineTables::Span tables[LineTables::kTypes];
-    tables[N2S] = {n2s.data(), n2s.size()};
-    EXPECT_TRUE(m.addLineNumberInfo(Range(20, 10), tables));
-    EXPECT_TRUE(m.addLineNumberInfo(Range(0, 10), tables));
-    EXPECT_TRUE(m.addLineNumberInfo(N2M, n2m, Range(10, 10)));
-    const LineTables& lines = m.getLineNumberInfo();
-    ASSERT_EQ(3u, lines.rangeCount());
-    EXPECT_EQ(0u, lines.range(0).start);
-    EXPECT_EQ(10u, lines.range(1).start);
-    EXPECT_EQ(20u, lines.range(2).start);
-    EXPECT_EQ(2u, lines.table(1, N2M)[0].value);
-
-    LogCapture log;
-    tables[M2S] = {m2s.data(), m2s.size()};
-    EXPECT_FALSE(m.addLineNumberInfo(Range(5, 1), tables)) << "the range at 0 has its native-to-source table";
-    EXPECT_TRUE(lines.table(0, M2S).empty());
-    EXPECT_EQ(1u, log.errors().size());
 }
 
 struct LocationCase {
