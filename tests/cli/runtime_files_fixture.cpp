@@ -151,21 +151,6 @@ void writeCutDump(const std::string& path) {
     w.writeTo(path, w.recordStarts()[2] + 30);
 }
 
-DotnetMethodFields dotnetMethod(uint64_t start, uint32_t size, uint32_t token, uint32_t flags, const std::string& type,
-                                const std::string& name, const std::string& signature) {
-    DotnetMethodFields m;
-    m.methodId = 0x5000 + token;
-    m.moduleId = 0x7000;
-    m.startAddress = start;
-    m.size = size;
-    m.token = token;
-    m.flags = flags;
-    m.methodNamespace = type;
-    m.methodName = name;
-    m.methodSignature = signature;
-    return m;
-}
-
 void writeNettrace(const std::string& path) {
     NettraceTraceShape header;
     header.processId = 7010;
@@ -183,18 +168,18 @@ void writeNettrace(const std::string& path) {
     module.assemblyId = 0x6000;
     module.ilPath = "/app/Shop.dll";
     const uint32_t jitted = 0x8, dynamic = 0x1;
-    const DotnetMethodFields tier0 = dotnetMethod(0x50000, 0x60, 0x06000002, jitted | 3 << 7, "Shop.Cart", "Total",
-                                                  "int64  (class System.String,int32)");
+    const DotnetMethodFields tier0 = dotnetCodeVersion(0x6005002, 0x7000, 0x50000, 0x60, 0x06000002, jitted | 3 << 7,
+                                                       "Shop.Cart", "Total", "int64  (class System.String,int32)");
     DotnetMethodFields tier1 = tier0;
     tier1.startAddress = 0x51000;
     tier1.size = 0x30;
     tier1.flags = jitted | 4 << 7;
     const DotnetMethodFields kernel0 =
-        dotnetMethod(0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel0", "int64  (int64)");
+        dotnetCodeVersion(0x5000, 0x7000, 0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel0");
     const DotnetMethodFields kernel1 =
-        dotnetMethod(0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel1", "int64  (int64)");
-    const DotnetMethodFields precompiled =
-        dotnetMethod(0x80000, 0x40, 0x06000001, 2 << 7, "Shop.Program", "Main", "void  (class System.String[])");
+        dotnetCodeVersion(0x5000, 0x7000, 0x52000, 0x20, 0, dynamic | jitted, "dynamicClass", "Kernel1");
+    const DotnetMethodFields precompiled = dotnetCodeVersion(0x6005001, 0x7000, 0x80000, 0x40, 0x06000001, 2 << 7,
+                                                             "Shop.Program", "Main", "void  (class System.String[])");
     DotnetILMapFields map0;
     map0.methodId = tier0.methodId;
     map0.entries = {{0xFFFFFFFE, 0}, {0, 0x10}, {8, 0x30}, {0xFFFFFFFD, 0x50}};

@@ -107,21 +107,6 @@ private:
     std::vector<std::vector<NettraceEventRow>> m_blocks;
 };
 
-DotnetMethodFields codeVersion(uint64_t id, uint64_t module, uint64_t start, uint32_t size, uint32_t token,
-                               uint32_t flags, const std::string& type, const std::string& name) {
-    DotnetMethodFields m;
-    m.methodId = id;
-    m.moduleId = module;
-    m.startAddress = start;
-    m.size = size;
-    m.token = token;
-    m.flags = flags;
-    m.methodNamespace = type;
-    m.methodName = name;
-    m.methodSignature = "int64  (int64)";
-    return m;
-}
-
 // A file set over some paths, read in one pass.
 struct ReadSet {
     JitFilesManager files;
@@ -160,19 +145,19 @@ TEST(NettraceThroughTheFileSet, EachCodeVersionLivesFromItsLoadUntilFreedOrRepla
     TempDir dir;
     const uint64_t app = 0x7000, plugin = 0x7100;
     const DotnetMethodFields tier0 =
-        codeVersion(0x50, app, 0x1000, 0x80, 0x06000001, flagJitted | 3 << 7, "App.Program", "Hot");
+        dotnetCodeVersion(0x50, app, 0x1000, 0x80, 0x06000001, flagJitted | 3 << 7, "App.Program", "Hot");
     const DotnetMethodFields tier1 =
-        codeVersion(0x50, app, 0x2000, 0x40, 0x06000001, flagJitted | 4 << 7, "App.Program", "Hot");
+        dotnetCodeVersion(0x50, app, 0x2000, 0x40, 0x06000001, flagJitted | 4 << 7, "App.Program", "Hot");
     const DotnetMethodFields spin =
-        codeVersion(0x60, plugin, 0x3000, 0x40, 0x06000002, flagJitted, "Plugin.Worker", "Spin");
+        dotnetCodeVersion(0x60, plugin, 0x3000, 0x40, 0x06000002, flagJitted, "Plugin.Worker", "Spin");
     const DotnetMethodFields kernel0 =
-        codeVersion(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel0");
+        dotnetCodeVersion(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel0");
     const DotnetMethodFields kernel1 =
-        codeVersion(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel1");
+        dotnetCodeVersion(0x70, app, 0x4000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel1");
     const DotnetMethodFields precompiled =
-        codeVersion(0x80, app, 0x9000, 0x30, 0x06000003, 2 << 7, "App.Program", "Main");
+        dotnetCodeVersion(0x80, app, 0x9000, 0x30, 0x06000003, 2 << 7, "App.Program", "Main");
     const DotnetMethodFields lateJitted =
-        codeVersion(0x90, app, 0x5000, 0x10, 0x06000004, flagJitted, "App.Program", "Late");
+        dotnetCodeVersion(0x90, app, 0x5000, 0x10, 0x06000004, flagJitted, "App.Program", "Late");
     RuntimeRun run;
     // The runtime writes each thread's events in order, but the threads'
     // buffers as they fill: threads 2 and 3 come first in the file although
@@ -240,9 +225,9 @@ TEST(NettraceThroughTheResolver, NamesFromTheAssemblyLinesFromItsPdbThroughTheIL
     TempDir dir;
     writeSampleAssembly(dir);
     const DotnetMethodFields add =
-        codeVersion(0x50, 0x7000, 0x1000, 0x40, 0x06000001, flagJitted, "Fixture.Sample.Calculator", "Add");
+        dotnetCodeVersion(0x50, 0x7000, 0x1000, 0x40, 0x06000001, flagJitted, "Fixture.Sample.Calculator", "Add");
     const DotnetMethodFields kernel =
-        codeVersion(0x70, 0x7000, 0x2000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel0");
+        dotnetCodeVersion(0x70, 0x7000, 0x2000, 0x20, 0, flagDynamic | flagJitted, "dynamicClass", "Kernel0");
     RuntimeRun run;
     run.assemblyLoad(0x600, 0, 100)
         .moduleLoad(0x7000, 0x600, dir.file("Sample.dll"), 101)
@@ -325,9 +310,10 @@ TEST(NettraceThroughTheFileSet, ACutKeepsEveryWholeLoadAndSaysWhere) {
     RuntimeRun run;
     run.assemblyLoad(0x600, 0, 100).moduleLoad(0x7000, 0x600, "/gone/App.dll", 101);
     for (uint32_t i = 0; i < 4; ++i) {
-        run.code(RuntimeRun::load,
-                 codeVersion(0x50 + i, 0x7000, 0x1000 + 0x100 * i, 0x40, 0x06000001 + i, flagJitted, "App.P", "M"),
-                 200 + i)
+        run.code(
+               RuntimeRun::load,
+               dotnetCodeVersion(0x50 + i, 0x7000, 0x1000 + 0x100 * i, 0x40, 0x06000001 + i, flagJitted, "App.P", "M"),
+               200 + i)
             .map(RuntimeRun::ilMap, 0x50 + i, {{0, 0}, {4, 0x10}}, 200 + i);
         if (i == 1)
             run.block();
