@@ -64,6 +64,11 @@ public:
 };
 
 // The full symbol view for post-processing: reads every file at creation.
+// Queries may come from any number of threads. getSymbol completes a .NET
+// method the first time it hands it out (names from its assembly, lines from
+// its PDB); getSymbols lists methods as the traces gave them. A method taken
+// from getSymbols is therefore not to be read on one thread while another
+// thread's getSymbol may be completing it: ask getSymbol for it instead.
 class QUARVEL_API ISymbolResolver : public BaseObject {
 public:
     typedef boost::intrusive_ptr<ISymbolResolver> Ptr;
