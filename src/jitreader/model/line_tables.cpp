@@ -101,18 +101,22 @@ void LineTables::copyTables(size_t from, size_t to) {
 // A method's first tables, the usual case: one range, packed straight from the spans.
 void LineTables::packFirst(const Range& r, const Span (&tables)[kTypes], size_t count) {
     std::unique_ptr<void, Free> block(::operator new(sizeof(Header) + count * sizeof(Entry)));
-    Header* header = new (block.get()) Header();
-    header->start = r.start;
-    header->length = r.length;
-    Entry* e = reinterpret_cast<Entry*>(header + 1);
-    u32 end = 0;
-    for (size_t t = 0; t < kTypes; ++t) {
-        for (const Entry& entry : tables[t])
-            new (e + end++) Entry(entry);
-        header->end[t] = end;
-    }
+    Header* header = static_cast<Header*>(block.get());
+    put(header, reinterpret_cast<Entry*>(header + 1), 0, r, tables);
     m_block = std::move(block);
     m_ranges = 1;
+}
+
+u32 LineTables::put(Header* at, Entry* entries, u32 end, const Range& r, const Span (&tables)[kTypes]) {
+    Header* header = new (at) Header();
+    header->start = r.start;
+    header->length = r.length;
+    for (size_t t = 0; t < kTypes; ++t) {
+        for (const Entry& entry : tables[t])
+            new (entries + end++) Entry(entry);
+        header->end[t] = end;
+    }
+    return end;
 }
 
 std::vector<LineTables::Unpacked> LineTables::unpack() const {
@@ -133,18 +137,14 @@ void LineTables::pack(const std::vector<Unpacked>& ranges) {
         for (const std::vector<Entry>& table : u.tables)
             total += table.size();
     std::unique_ptr<void, Free> block(::operator new(ranges.size() * sizeof(Header) + total * sizeof(Entry)));
-    Header* h = static_cast<Header*>(block.get());
-    Entry* e = reinterpret_cast<Entry*>(h + ranges.size());
+    Header* headers = static_cast<Header*>(block.get());
+    Entry* entries = reinterpret_cast<Entry*>(headers + ranges.size());
     u32 end = 0;
     for (size_t i = 0; i < ranges.size(); ++i) {
-        Header* header = new (h + i) Header();
-        header->start = ranges[i].range.start;
-        header->length = ranges[i].range.length;
-        for (size_t t = 0; t < kTypes; ++t) {
-            for (const Entry& entry : ranges[i].tables[t])
-                new (e + end++) Entry(entry);
-            header->end[t] = end;
-        }
+        Span tables[kTypes];
+        for (size_t t = 0; t < kTypes; ++t)
+            tables[t] = Span{ranges[i].tables[t].data(), ranges[i].tables[t].size()};
+        end = put(headers + i, entries, end, ranges[i].range, tables);
     }
     m_block = std::move(block);
     m_ranges = static_cast<u32>(ranges.size());

@@ -76,6 +76,8 @@ private:
     size_t entryCount() const { return m_ranges ? headers()[m_ranges - 1].end[kTypes - 1] : 0; }
     std::vector<Unpacked> unpack() const;
     void packFirst(const Range& r, const Span (&tables)[kTypes], size_t count);
+    // Writes a range's header at `at` and its tables at entries + end; returns the new end.
+    static u32 put(Header* at, Entry* entries, u32 end, const Range& r, const Span (&tables)[kTypes]);
     void pack(const std::vector<Unpacked>& ranges);
 
     std::unique_ptr<void, Free> m_block;
