@@ -99,4 +99,24 @@ TEST(FuzzRegressions, PaddingOfAHugeRegionFillsOnlyTheCodeCopy) {
     EXPECT_TRUE(capture.errors().empty()) << capture.dump();
 }
 
+// A version 3 load flagged as inline, with a load time of 0, in a file whose
+// inlines name their parent by address: the inline record's decoder refuses
+// such a time, but this form reached an internal check of the data manager.
+// Found by fuzz_method_load.
+TEST(FuzzRegressions, ALoadFlaggedInlineWithoutALoadTimeIsRefusedAsBadInput) {
+    LogCapture capture;
+    TempDir dir;
+    TraceMethodLoad parent = makeLoad(0, 50, 0x10000000, 64, "parent");
+    TraceMethodLoad inlined = makeLoad(0, 0, 0x10000010, 16, "inlined");
+    inlined.inlineFlag = 1;
+    const std::string path =
+        TraceBuilder().collector(ctUnknown).load(3, parent).load(3, inlined).writeTo(dir.file("host.7.jit"));
+
+    JitDataManager data;
+    ASSERT_EQ(meSuccess, readFile(path, data));
+    EXPECT_EQ(1u, data.getJitMethods().size());
+    ASSERT_EQ(1u, capture.errors().size()) << capture.dump();
+    EXPECT_NE(std::string::npos, capture.errors().front().find("Invalid load time: 0")) << capture.dump();
+}
+
 } // namespace

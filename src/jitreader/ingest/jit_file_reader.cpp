@@ -211,6 +211,10 @@ void FilePass::attachInline(const Record& record, const JitMethod::Ptr& method) 
     if (method->regionCount() != 1)
         return refuseBody(record, Reason::badInput("an inline method has exactly one code region; this one has " +
                                                    std::to_string(method->regionCount())));
+    // The inline record's decoder refuses it too; a load flagged as inline
+    // comes here with whatever time its record holds.
+    if (method->getLoadTime() == 0)
+        return refuseBody(record, Reason::badInput("Invalid load time: 0").ofField("load time"));
     if (m_data.getCollectorType() != ctJitProfiler && (method->getRawMethodId() || method->getRawParentId())) {
         std::ostringstream message;
         message << "in a file of collector type " << m_data.getCollectorType()
