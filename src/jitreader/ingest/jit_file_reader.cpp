@@ -215,6 +215,9 @@ void FilePass::attachInline(const Record& record, const JitMethod::Ptr& method) 
     // comes here with whatever time its record holds.
     if (method->getLoadTime() == 0)
         return refuseBody(record, Reason::badInput("Invalid load time: 0").ofField("load time"));
+    if (m_context.pid == 0)
+        return refuseBody(record,
+                          Reason::badInput("an inline needs the process it ran in; the file names process id 0"));
     if (m_data.getCollectorType() != ctJitProfiler && (method->getRawMethodId() || method->getRawParentId())) {
         std::ostringstream message;
         message << "in a file of collector type " << m_data.getCollectorType()
