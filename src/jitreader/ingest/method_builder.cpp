@@ -56,19 +56,19 @@ IModule::Ptr ModuleCache::get(const std::string& path, quarvel_error_t status, q
 
 namespace {
 
-bool sameSourceFile(const SourceFile& file, const std::string& name, const std::string& checksum,
-                    unsigned checksumType, unsigned language) {
+bool sameSourceFile(const SourceFile& file, std::string_view name, std::string_view checksum, unsigned checksumType,
+                    unsigned language) {
     return file.getChecksumType() == checksumType && file.getLanguageType() == language && file.name() == name &&
            checksum == file.getChecksum();
 }
 
 } // namespace
 
-const SourceFile::Ptr& ModuleCache::sourceFile(const std::string& name, const std::string& checksum,
-                                               unsigned checksumType, unsigned language) {
+const SourceFile::Ptr& ModuleCache::sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
+                                               unsigned language) {
     if (m_lastSourceFile && sameSourceFile(*m_lastSourceFile, name, checksum, checksumType, language))
         return m_lastSourceFile;
-    const size_t hash = std::hash<std::string>()(name) ^ (std::hash<std::string>()(checksum) << 1) ^
+    const size_t hash = std::hash<std::string_view>()(name) ^ (std::hash<std::string_view>()(checksum) << 1) ^
                         (size_t(checksumType) << 8) ^ (size_t(language) << 16);
     if ((m_sourceFileObjects.size() + 1) * 4 > m_sourceFileSlots.size() * 3)
         growSourceFiles();
@@ -81,7 +81,8 @@ const SourceFile::Ptr& ModuleCache::sourceFile(const std::string& name, const st
             return m_lastSourceFile;
         }
     }
-    m_lastSourceFile = SourceFile::Ptr(new SourceFile(name, checksum, checksumType, language));
+    m_lastSourceFile =
+        SourceFile::Ptr(new SourceFile(std::string(name), std::string(checksum), checksumType, language));
     m_sourceFileObjects.push_back(m_lastSourceFile);
     m_sourceFileSlots[i] = SourceFileSlot{hash, m_lastSourceFile.get()};
     return m_lastSourceFile;

@@ -11,6 +11,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -22,7 +23,7 @@ QUARVEL_NAMESPACE_BEGIN
 class ModuleCache {
 public:
     IModule::Ptr get(const std::string& path, quarvel_error_t status, quarvel_arch arch);
-    const SourceFile::Ptr& sourceFile(const std::string& name, const std::string& checksum, unsigned checksumType,
+    const SourceFile::Ptr& sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
                                       unsigned language);
 
 private:

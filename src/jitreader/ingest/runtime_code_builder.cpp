@@ -46,7 +46,8 @@ quarvel_error_t refuseUnopenedFile(const RuntimeFileContext& file, const char* k
 }
 
 RuntimeCodeBuilder::RuntimeCodeBuilder(const RuntimeFileContext& file, ModuleCache& modules)
-    : m_file(file), m_module(modules.get(kDynamicCodeModule, meSuccess, file.arch)), m_nextJitRva(file.jitRvaBase) {
+    : m_file(file), m_modules(modules), m_module(modules.get(kDynamicCodeModule, meSuccess, file.arch)),
+      m_nextJitRva(file.jitRvaBase) {
     const jit_rva_t top = std::numeric_limits<jit_rva_t>::max();
     const u64 stride = JitFileReader::kJitRvaStride;
     m_jitRvaLimit = file.jitRvaBase > top - stride ? top : file.jitRvaBase + stride;
@@ -78,7 +79,7 @@ bool RuntimeCodeBuilder::takeJitRvas(u64 size, jit_rva_t& jitRva, Reason& why) {
     return true;
 }
 
-JitMethod::Ptr RuntimeCodeBuilder::build(RuntimeCode& code, jit_rva_t jitRva) {
+JitMethod::Ptr RuntimeCodeBuilder::build(const RuntimeCode& code, jit_rva_t jitRva) {
     const u32 size = static_cast<u32>(code.size);
     const u64 rawId = m_nextRawId++;
     JitMethod::Ptr method(new JitMethod());
@@ -101,7 +102,7 @@ JitMethod::Ptr RuntimeCodeBuilder::build(RuntimeCode& code, jit_rva_t jitRva) {
     info.setMethodToken(code.metadataToken);
     info.setMethodId(identityOf(m_file.jitRvaBase, rawId));
     if (!code.sourceFile.empty())
-        info.setSourceFile(SourceFile(std::string(code.sourceFile), std::string(), 0, 0));
+        info.shareSourceFile(m_modules.sourceFile(code.sourceFile, std::string_view(), 0, 0));
     if (!code.lines.empty() || !code.nativeToManaged.empty()) {
         LineTables::Span tables[LineTables::kTypes];
         tables[quarvel_line_info_native_to_source] = {code.lines.data(), code.lines.size()};

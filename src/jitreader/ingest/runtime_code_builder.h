@@ -80,8 +80,8 @@ public:
     // A method of one region for code the model can hold. Each gets the next
     // raw method id of the file (1, 2, ...: never 0), and an identity no other
     // file of the set shares, so that loads never merge into one method.
-    // The code's lines move into the method.
-    JitMethod::Ptr build(RuntimeCode& code, jit_rva_t jitRva);
+    // Source files are shared through the pass's ModuleCache, as for traces.
+    JitMethod::Ptr build(const RuntimeCode& code, jit_rva_t jitRva);
 
     // The code of `region` (owned by `owner`) at a new address from `time`
     // on: the same method (identity, names, line tables), a new region.
@@ -90,6 +90,7 @@ public:
 
 private:
     const RuntimeFileContext& m_file;
+    ModuleCache& m_modules;
     IModule::Ptr m_module;
     jit_rva_t m_nextJitRva;
     jit_rva_t m_jitRvaLimit;
