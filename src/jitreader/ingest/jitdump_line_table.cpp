@@ -54,32 +54,25 @@ JitdumpLines jitdumpLines(const JitdumpDebugInfo& info, u64 codeAddr, u64 codeSi
     if (!std::is_sorted(points.begin(), points.end(), byOffset))
         std::stable_sort(points.begin(), points.end(), byOffset);
 
-    // Walked twice: rows are counted first, so that the table the method
-    // keeps is allocated once, at its size. A row that continues the one
-    // before it (same line, no gap) only moves that row's end.
-    const auto walk = [&](auto&& row) {
-        u32 lastEnd = 0, lastLine = 0;
-        for (size_t i = 0; i < points.size(); ++i) {
-            if (i + 1 < points.size() && points[i + 1].offset == points[i].offset)
-                continue;
-            const u32 end = static_cast<u32>(i + 1 < points.size() ? points[i + 1].offset : codeSize);
-            if (points[i].line == 0)
-                continue;
-            const u32 start = static_cast<u32>(points[i].offset);
-            row(start, end, points[i].line, lastLine != 0 && lastEnd == start && lastLine == points[i].line);
-            lastEnd = end;
-            lastLine = points[i].line;
-        }
-    };
-    size_t rows = 0;
-    walk([&](u32, u32, u32, bool continues) { rows += continues ? 0 : 1; });
-    out.rows.reserve(rows);
-    walk([&](u32 start, u32 end, u32 line, bool continues) {
-        if (continues)
+    // A row that continues the one before it (same line, no gap) only moves
+    // that row's end. The rows are copied into the method's own block, so
+    // this vector is only scratch: reserved for the most rows there can be.
+    out.rows.reserve(points.size());
+    u32 lastEnd = 0, lastLine = 0;
+    for (size_t i = 0; i < points.size(); ++i) {
+        if (i + 1 < points.size() && points[i + 1].offset == points[i].offset)
+            continue;
+        const u32 end = static_cast<u32>(i + 1 < points.size() ? points[i + 1].offset : codeSize);
+        if (points[i].line == 0)
+            continue;
+        const u32 start = static_cast<u32>(points[i].offset);
+        if (lastLine != 0 && lastEnd == start && lastLine == points[i].line)
             out.rows.back().endOffset = end;
         else
-            out.rows.push_back(quarvel_line_number_entry{start, end, line});
-    });
+            out.rows.push_back(quarvel_line_number_entry{start, end, points[i].line});
+        lastEnd = end;
+        lastLine = points[i].line;
+    }
     return out;
 }
 
