@@ -113,14 +113,6 @@ void BaseMethodInfo::setNames(std::string_view className, std::string_view metho
     m_names = std::move(names);
 }
 
-void BaseMethodInfo::setClassName(const std::string& name) {
-    if (name.empty())
-        return;
-    const std::string joined = joinDotted(name);
-    if (!joined.empty())
-        setNames(joined, methodName(), qualifiedMethodName());
-}
-
 void BaseMethodInfo::setClassAndMethodName(const std::string& cls, const std::string& name) {
     const std::string joinedClass = cls.empty() ? std::string() : joinDotted(cls);
     // Empty input or dots only keep the old class name.

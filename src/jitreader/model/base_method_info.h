@@ -33,7 +33,7 @@ public:
     std::string_view className() const { return name(0); }
 
     // "a.b.C" is stored as "a::b::C"; empty input or dots only keep the old name.
-    void setClassName(const std::string& name);
+    void setClassName(const std::string& name) { setClassAndMethodName(name, std::string()); }
     // Demangles Itanium names; otherwise qualifies the name with the class
     // name and "::" (see the .cpp). Call setClassName first.
     void setMethodName(const std::string& name) { setClassAndMethodName(std::string(), name); }
