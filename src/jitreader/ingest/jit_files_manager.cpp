@@ -243,12 +243,10 @@ void JitFilesManager::addPending(const std::vector<PendingFile>& pending, target
             hostId = static_cast<unsigned int>(m_hostNames.size() - 1);
             m_hostIds.emplace(file.hostName, hostId);
         }
-        ProcessJitInfo& process = m_processes[hostId][file.pid];
+        const auto slot = m_processes[hostId].try_emplace(file.pid);
+        ProcessJitInfo& process = slot.first->second;
         process.files.push_back(info);
-        // A process that gained files has something to read again.
-        process.read = false;
-        m_wholeSetRead = false;
-        m_everyProcessRead = false;
+        markUnread(process, slot.second);
         m_nextJitRva = next + JitFileReader::kJitRvaStride;
     }
 }
@@ -316,7 +314,8 @@ quarvel_error_t JitFilesManager::addJitFileInfo(const fs::path& path, const std:
         hostId = static_cast<unsigned int>(m_hostNames.size() - 1);
         m_hostIds.emplace(hostName, hostId);
     }
-    ProcessJitInfo& process = m_processes[hostId][pid];
+    const auto slot = m_processes[hostId].try_emplace(pid);
+    ProcessJitInfo& process = slot.first->second;
     JitFileInfo info;
     info.path = path;
     info.fileName = fileName;
@@ -324,9 +323,7 @@ quarvel_error_t JitFilesManager::addJitFileInfo(const fs::path& path, const std:
     info.size = size;
     nextJitRva += JitFileReader::kJitRvaStride;
     process.files.push_back(info);
-    process.read = false;
-    m_wholeSetRead = false;
-    m_everyProcessRead = false;
+    markUnread(process, slot.second);
     if (nextJitRva > m_nextJitRva)
         m_nextJitRva = nextJitRva;
     return meSuccess;
@@ -510,8 +507,7 @@ quarvel_error_t JitFilesManager::readJitFiles(unsigned int pid, unsigned int hos
     dataManager.finalize();
     if (status != meSuccess)
         return status;
-    process->read = true;
-    noteWhetherEveryProcessIsRead();
+    markRead(*process);
     return meSuccess;
 }
 
@@ -527,23 +523,29 @@ quarvel_error_t JitFilesManager::readJitFiles(decoding_mode_t mode, JitDataManag
             if (process.read.load())
                 continue;
             if (readProcessFiles(process, entry.first, host.first, mode, dataManager, true) == meSuccess)
-                process.read = true;
+                markRead(process);
         }
     }
     dataManager.finalize();
     m_wholeSetRead = true;
-    noteWhetherEveryProcessIsRead();
     return meSuccess;
 }
 
-// With m_readMutex held, after a reading pass: set once the last process is
-// read, after everything the passes wrote.
-void JitFilesManager::noteWhetherEveryProcessIsRead() {
-    for (const auto& host : m_processes)
-        for (const auto& entry : host.second)
-            if (!entry.second.read.load())
-                return;
-    m_everyProcessRead = true;
+// A process that gained files (or is new) has something to read again.
+void JitFilesManager::markUnread(ProcessJitInfo& process, bool added) {
+    if (added || process.read.load())
+        ++m_unreadProcesses;
+    process.read = false;
+    m_wholeSetRead = false;
+    m_everyProcessRead = false;
+}
+
+// With m_readMutex held, once the process's pass wrote all it writes: the
+// last process read leaves the model for queries alone.
+void JitFilesManager::markRead(ProcessJitInfo& process) {
+    process.read = true;
+    if (--m_unreadProcesses == 0)
+        m_everyProcessRead = true;
 }
 
 QUARVEL_NAMESPACE_END

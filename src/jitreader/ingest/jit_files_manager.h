@@ -125,7 +125,8 @@ public:
 
 private:
     struct PendingFile;
-    void noteWhetherEveryProcessIsRead();
+    void markUnread(ProcessJitInfo& process, bool added);
+    void markRead(ProcessJitInfo& process);
     quarvel_error_t refuseInit(quarvel_error_t code, const std::string& message) const;
     quarvel_error_t collectPath(const char* path, std::vector<PendingFile>& pending) const;
     quarvel_error_t collectFile(const boost::filesystem::path& path, bool explicitPath,
@@ -149,6 +150,7 @@ private:
     mutable std::shared_ptr<const std::vector<unsigned>> m_pidArray;
     std::atomic<bool> m_wholeSetRead{false};
     std::atomic<bool> m_everyProcessRead{false};
+    size_t m_unreadProcesses = 0; // set up before reading, then under m_readMutex
     JitReadStats m_stats;       // under m_readMutex
     ModuleCache m_modules;      // under m_readMutex
     mutable Reason m_lastError; // of the last initialisation, which runs alone
