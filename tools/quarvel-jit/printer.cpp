@@ -44,22 +44,14 @@ double percentNumber(uint64_t part, uint64_t whole) {
     return std::stod(percent(part, whole));
 }
 
-std::string csvField(const std::string& s) {
-    if (s.find_first_of(",\"\n\r") == std::string::npos)
-        return s;
-    std::string out = "\"";
-    for (char c : s) {
-        if (c == '"')
-            out += '"';
-        out += c;
-    }
-    return out + "\"";
-}
-
 void csvRow(std::ostream& os, const std::vector<std::string>& fields) {
-    for (size_t i = 0; i < fields.size(); ++i)
-        os << (i ? "," : "") << csvField(fields[i]);
-    os << '\n';
+    std::string row;
+    for (size_t i = 0; i < fields.size(); ++i) {
+        if (i)
+            row += ',';
+        appendCsvField(row, fields[i]);
+    }
+    os << row << '\n';
 }
 
 std::string lineRange(const std::string& file, unsigned first, unsigned last) {
@@ -160,6 +152,20 @@ Json pointJson(const SourcePoint& p) {
 }
 
 } // namespace
+
+void appendCsvField(std::string& out, const std::string& text) {
+    if (text.find_first_of(",\"\n\r") == std::string::npos) {
+        out += text;
+        return;
+    }
+    out += '"';
+    for (const char c : text) {
+        if (c == '"')
+            out += '"';
+        out += c;
+    }
+    out += '"';
+}
 
 std::string frameText(const SourcePoint& p) {
     const std::string at = where(p);

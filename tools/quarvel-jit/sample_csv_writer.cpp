@@ -22,19 +22,8 @@ void SampleCsvWriter::flush() {
     m_buffer.clear();
 }
 
-// Quoted only when it holds a separator, a quote or a line break.
 void SampleCsvWriter::field(const std::string& text) {
-    if (text.find_first_of(",\"\n\r") == std::string::npos) {
-        m_buffer += text;
-        return;
-    }
-    m_buffer += '"';
-    for (const char c : text) {
-        if (c == '"')
-            m_buffer += '"';
-        m_buffer += c;
-    }
-    m_buffer += '"';
+    appendCsvField(m_buffer, text);
 }
 
 void SampleCsvWriter::number(uint64_t value) {

@@ -8,10 +8,6 @@ namespace quarvel_jit {
 namespace {
 
 // The characters std::isspace takes in the "C" locale.
-bool isSpace(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
 std::string_view trim(std::string_view s) {
     size_t b = 0, e = s.size();
     while (b < e && isSpace(s[b]))
@@ -57,14 +53,6 @@ bool parseInBase(std::string_view text, unsigned base, uint64_t& value) {
             return false;
     }
     value = v;
-    return true;
-}
-
-bool parsePid(std::string_view text, unsigned& pid) {
-    uint64_t v = 0;
-    if (!parseDecimal(text, v) || v > std::numeric_limits<unsigned>::max())
-        return false;
-    pid = static_cast<unsigned>(v);
     return true;
 }
 
@@ -193,6 +181,14 @@ bool parseDecimal(std::string_view text, uint64_t& value) {
     return parseInBase(text, 10, value);
 }
 
+bool parsePid(std::string_view text, unsigned& pid) {
+    uint64_t v = 0;
+    if (!parseDecimal(text, v) || v > std::numeric_limits<unsigned>::max())
+        return false;
+    pid = static_cast<unsigned>(v);
+    return true;
+}
+
 bool parseHex(std::string_view text, uint64_t& value) {
     return parseInBase(text, 16, value);
 }
@@ -214,10 +210,7 @@ bool parsePerfTime(std::string_view text, uint64_t& nanoseconds) {
         return false;
     for (size_t digits = frac.size(); digits < 9; ++digits)
         ns *= 10;
-    if (s > (std::numeric_limits<uint64_t>::max() - ns) / 1000000000u)
-        return false;
-    nanoseconds = s * 1000000000u + ns;
-    return true;
+    return !__builtin_mul_overflow(s, uint64_t(1000000000), &s) && !__builtin_add_overflow(s, ns, &nanoseconds);
 }
 
 SampleInput readSamples(std::string_view text, SamplesFormat format) {

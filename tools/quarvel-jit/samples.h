@@ -34,8 +34,14 @@ struct SampleInput {
 SampleInput readSamples(std::string_view text, SamplesFormat format);
 SampleInput readSamples(std::istream& in, SamplesFormat format);
 
+// Blanks between the fields of perf script's lines and around CSV cells.
+inline bool isSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
 // Parsers of one field; false when the text is not a number that fits.
 bool parseDecimal(std::string_view text, uint64_t& value);
+bool parsePid(std::string_view text, unsigned& pid); // decimal, at most 32 bits
 bool parseAddress(std::string_view text, uint64_t& value); // hex with 0x, or decimal
 bool parseHex(std::string_view text, uint64_t& value);     // without prefix
 // "sec.fraction" to integer nanoseconds, without floating point.

@@ -9,10 +9,6 @@ namespace quarvel_jit {
 
 namespace {
 
-bool isSpace(char c) {
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
-}
-
 std::string trimmed(const std::string& s, size_t from = 0, size_t to = std::string::npos) {
     size_t b = from, e = std::min(to, s.size());
     while (b < e && isSpace(s[b]))
@@ -42,14 +38,6 @@ std::vector<Token> tokens(const std::string& s) {
         out.push_back({b, i});
     }
     return out;
-}
-
-bool parsePid(const std::string& text, unsigned& pid) {
-    uint64_t v = 0;
-    if (!parseDecimal(text, v) || v > std::numeric_limits<unsigned>::max())
-        return false;
-    pid = static_cast<unsigned>(v);
-    return true;
 }
 
 bool isIdentifier(const std::string& s) {
