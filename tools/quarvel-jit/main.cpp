@@ -181,7 +181,7 @@ int runResolve(TraceView& view, const Options& o, Format format) {
         std::cerr << "quarvel-jit: no traces of pid " << pid.first << " (" << pid.second << " samples)\n";
 
     if (o.top > 0) {
-        printTop(std::cout, format, TraceView::top(results, o.top));
+        printTop(std::cout, format, TraceView::top(results, summary, o.top));
     } else if (!streamed) {
         summary.malformedLines = input.errors.size();
         printSamples(std::cout, format, results, summary);

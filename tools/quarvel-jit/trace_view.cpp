@@ -425,14 +425,6 @@ void TraceView::resolveEach(const std::vector<Sample>& samples, const std::funct
     }
 }
 
-std::vector<SampleResult> TraceView::resolve(const std::vector<Sample>& samples,
-                                             const std::function<void(size_t, size_t)>& progress) {
-    std::vector<SampleResult> results;
-    results.reserve(samples.size());
-    resolveEach(samples, [&](const SampleResult& r) { results.push_back(r); }, progress);
-    return results;
-}
-
 void TraceView::count(const SampleResult& r, ResolveSummary& s) {
     ++s.samples;
     switch (r.status) {
@@ -451,16 +443,9 @@ void TraceView::count(const SampleResult& r, ResolveSummary& s) {
     }
 }
 
-ResolveSummary TraceView::summarize(const std::vector<SampleResult>& results) {
-    ResolveSummary s;
-    for (const SampleResult& r : results)
-        count(r, s);
-    return s;
-}
-
-TopReport TraceView::top(const std::vector<SampleResult>& results, size_t n) {
+TopReport TraceView::top(const std::vector<SampleResult>& results, const ResolveSummary& summary, size_t n) {
     TopReport report;
-    report.summary = summarize(results);
+    report.summary = summary;
     std::map<std::pair<std::string, std::string>, uint64_t> methods, lines;
     for (const SampleResult& r : results) {
         if (r.status != SampleStatus::Resolved)

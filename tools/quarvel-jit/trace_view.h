@@ -41,8 +41,6 @@ public:
     // progress(done, total) is called now and then.
     void resolveEach(const std::vector<Sample>& samples, const std::function<void(const SampleResult&)>& each,
                      const std::function<void(size_t, size_t)>& progress);
-    std::vector<SampleResult> resolve(const std::vector<Sample>& samples,
-                                      const std::function<void(size_t, size_t)>& progress);
     // Hosts named by samples that the trace set does not know, with their sample count.
     const std::map<std::string, uint64_t>& unknownHosts() const { return m_unknownHosts; }
 
@@ -68,9 +66,9 @@ public:
     };
     const CodeExtent* codeExtent(unsigned hostId, unsigned pid);
 
-    static ResolveSummary summarize(const std::vector<SampleResult>& results);
     static void count(const SampleResult& result, ResolveSummary& summary);
-    static TopReport top(const std::vector<SampleResult>& results, size_t n);
+    // The n hottest methods and lines of results, with the summary counted as they were resolved.
+    static TopReport top(const std::vector<SampleResult>& results, const ResolveSummary& summary, size_t n);
 
 private:
     SymbolRow describe(const quarvel::ISymbol::Ptr& symbol) const;
