@@ -144,29 +144,46 @@ private:
     bool fixed(T& value, const char* field) {
         if (!take(sizeof(T), field))
             return false;
-        // Assembled byte by byte: no alignment or host-order assumption.
-        const uint8_t* p = m_data + m_offset - sizeof(T);
-        T v = 0;
-        for (size_t i = 0; i < sizeof(T); ++i) {
-            const size_t shift = m_order == Order::little ? i : sizeof(T) - 1 - i;
-            v |= static_cast<T>(static_cast<T>(p[i]) << (8 * shift));
-        }
+        // Copied, then swapped when the data's order is not the host's: no
+        // alignment assumption, and one load on the common path.
+        constexpr Order host = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? Order::big : Order::little;
+        T v;
+        std::memcpy(&v, m_data + m_offset - sizeof(T), sizeof(T));
+        if (m_order != host)
+            v = byteSwapped(v);
         value = v;
         return true;
     }
 
+    template <typename T>
+    static T byteSwapped(T v) {
+        if constexpr (sizeof(T) == 1)
+            return v;
+        else if constexpr (sizeof(T) == 2)
+            return static_cast<T>(__builtin_bswap16(v));
+        else if constexpr (sizeof(T) == 4)
+            return static_cast<T>(__builtin_bswap32(v));
+        else
+            return static_cast<T>(__builtin_bswap64(v));
+    }
+
+    // The check stays small enough to inline into every field read; the
+    // message is built out of line, on the rare failing path.
     bool take(size_t n, const char* field) {
         if (!m_error.empty())
             return false;
         // A subtraction, so that a huge n cannot overflow the sum.
         if (n > m_size - m_offset) {
-            m_error = "unexpected end of data at offset " + std::to_string(m_base + m_offset) + " while reading " +
-                      field + ": " + std::to_string(n) + " bytes needed, " + std::to_string(m_size - m_offset) +
-                      " left";
+            failShort(n, field);
             return false;
         }
         m_offset += n;
         return true;
+    }
+
+    [[gnu::cold, gnu::noinline]] void failShort(size_t n, const char* field) {
+        m_error = "unexpected end of data at offset " + std::to_string(m_base + m_offset) + " while reading " + field +
+                  ": " + std::to_string(n) + " bytes needed, " + std::to_string(m_size - m_offset) + " left";
     }
 
     const uint8_t* m_data;
