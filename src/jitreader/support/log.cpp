@@ -6,6 +6,7 @@
 #include <log4cplus/layout.h>
 #include <log4cplus/loglevel.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -54,23 +55,31 @@ void configure(log4cplus::Logger& logger) {
 }
 
 std::once_flag g_once;
-log4cplus::Logger* g_logger = nullptr;
+// Set once, then only read: every query logs at INFO and TRACE, so the
+// common path is one acquire load rather than a std::call_once (which sets
+// thread-local state on every call).
+std::atomic<log4cplus::Logger*> g_logger{nullptr};
 
-} // namespace
-
-const log4cplus::Logger& logger() {
+log4cplus::Logger& configuredLogger() {
     std::call_once(g_once, [] {
         log4cplus::initialize();
         static log4cplus::Logger instance = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT(kLoggerName));
         configure(instance);
-        g_logger = &instance;
+        g_logger.store(&instance, std::memory_order_release);
     });
-    return *g_logger;
+    return *g_logger.load(std::memory_order_acquire);
+}
+
+} // namespace
+
+const log4cplus::Logger& logger() {
+    if (const log4cplus::Logger* ready = g_logger.load(std::memory_order_acquire))
+        return *ready;
+    return configuredLogger();
 }
 
 void reconfigure() {
-    logger();
-    configure(*g_logger);
+    configure(configuredLogger());
 }
 
 std::string errorSuffix(const char* file, int line) {
