@@ -28,10 +28,11 @@ public:
     generic_iterator_t() = default;
 
     // Walks [begin, end); each element is converted to T when read.
-    // keepAlive, when given, is held as long as the iterator (or a copy) lives.
-    template <typename It>
-    generic_iterator_t(It begin, It end, std::shared_ptr<const void> keepAlive = {})
-        : m_impl(std::make_shared<Range<It>>(begin, end, std::move(keepAlive))) {}
+    // keepAlive, when given (any copyable owner: a shared or intrusive
+    // pointer), is held as long as the iterator (or a copy) lives.
+    template <typename It, typename Keep = std::shared_ptr<const void>>
+    generic_iterator_t(It begin, It end, Keep keepAlive = Keep())
+        : m_impl(std::make_shared<Range<It, Keep>>(begin, end, std::move(keepAlive))) {}
 
     generic_iterator_t(const generic_iterator_t& other) : m_impl(other.m_impl ? other.m_impl->clone() : nullptr) {}
     generic_iterator_t& operator=(const generic_iterator_t& other) {
@@ -67,16 +68,16 @@ private:
         virtual std::shared_ptr<Impl> clone() const = 0;
     };
 
-    template <typename It>
+    template <typename It, typename Keep>
     struct Range final : Impl {
-        Range(It b, It e, std::shared_ptr<const void> keep) : cur(b), end(e), keepAlive(std::move(keep)) {}
+        Range(It b, It e, Keep keep) : cur(b), end(e), keepAlive(std::move(keep)) {}
         bool atEnd() const override { return cur == end; }
         T current() const override { return T(*cur); }
         void advance() override { ++cur; }
         std::shared_ptr<Impl> clone() const override { return std::make_shared<Range>(*this); }
         It cur;
         It end;
-        std::shared_ptr<const void> keepAlive;
+        Keep keepAlive;
     };
 
     std::shared_ptr<Impl> m_impl;

@@ -174,9 +174,8 @@ quarvel_error_t SymbolResolver::getCalleeRegion(u64 callerJitRva, u64 targetAddr
 
 generic_iterator_t<ISymbol::Ptr> SymbolResolver::getSymbols() {
     // The iterator holds a reference to the resolver, so the methods it walks outlive the caller's pointer.
-    const std::shared_ptr<const Ptr> self = std::make_shared<const Ptr>(this);
     const JitMethodStorage& methods = m_data.getJitMethods();
-    return generic_iterator_t<ISymbol::Ptr>(methods.begin(), methods.end(), self);
+    return generic_iterator_t<ISymbol::Ptr>(methods.begin(), methods.end(), Ptr(this));
 }
 
 quarvel_error_t SymbolResolver::translateToJitRva(unsigned methodId, u64 address, const char* jitFileName,

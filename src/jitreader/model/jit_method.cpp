@@ -45,9 +45,7 @@ JitMethod::Ptr JitMethod::clone() const {
 
 generic_iterator_t<ICodeRegion::Ptr> JitMethod::getRegions() const {
     // The iterator keeps this method (and so its region vector) alive.
-    const Ptr self(const_cast<JitMethod*>(this));
-    std::shared_ptr<const void> keep(this, [self](const void*) {});
-    return generic_iterator_t<ICodeRegion::Ptr>(m_regions.begin(), m_regions.end(), keep);
+    return generic_iterator_t<ICodeRegion::Ptr>(m_regions.begin(), m_regions.end(), Ptr(const_cast<JitMethod*>(this)));
 }
 
 quarvel_error_t JitMethod::getVirtualAddress(u64 jitRva, u64* virtualAddress) const {

@@ -107,9 +107,8 @@ ICodeRegion::Ptr Region::getInlinedCodeRegion(u64 jitRva) const {
 
 generic_iterator_t<ICodeRegion::Ptr> Region::getInlinedRegions() const {
     // The iterator keeps this region (and so its child vector) alive.
-    const Ptr self(const_cast<Region*>(this));
-    std::shared_ptr<const void> keep(this, [self](const void*) {});
-    return generic_iterator_t<ICodeRegion::Ptr>(inlinedRegions().begin(), inlinedRegions().end(), keep);
+    return generic_iterator_t<ICodeRegion::Ptr>(inlinedRegions().begin(), inlinedRegions().end(),
+                                                Ptr(const_cast<Region*>(this)));
 }
 
 quarvel_error_t Region::normalizeInlineJitRvaRanges(jit_rva_t parentJitRva, address_t parentStart) {
