@@ -37,17 +37,24 @@ void sourceRange(const q::ISymbol::Ptr& symbol, unsigned& first, unsigned& last)
     }
 }
 
-SourcePoint pointAt(const q::ISymbol::Ptr& symbol, uint64_t jitRva) {
-    SourcePoint p;
-    p.name = displayName(symbol);
-    p.sourceFile = sourceFileOf(symbol);
+// Fills p in place: a caller that keeps its SourcePoint from sample to
+// sample reuses the strings' storage instead of allocating them anew.
+void pointAt(const q::ISymbol::Ptr& symbol, uint64_t jitRva, SourcePoint& p) {
+    const char* qualified = symbol->getQualifiedMethodName();
+    p.name.assign(qualified && *qualified ? qualified : text(symbol->getMethodName()));
+    p.line = 0;
+    // A location's file may live no longer than the location: copied inside.
     if (const q::ISourceLocation::Ptr loc = symbol->getSourceLocation(jitRva)) {
         p.line = loc->getLine();
-        if (const q::ISourceFile::Ptr file = loc->getSourceFile())
-            if (file->getSourceFileName() && *file->getSourceFileName())
-                p.sourceFile = file->getSourceFileName();
+        if (const q::ISourceFile::Ptr f = loc->getSourceFile())
+            if (const char* name = f->getSourceFileName(); name && *name) {
+                p.sourceFile.assign(name);
+                return;
+            }
     }
-    return p;
+    const q::ISourceFile::Ptr f = symbol->getSourceFile();
+    const char* name = f ? f->getSourceFileName() : nullptr;
+    p.sourceFile.assign(name ? name : "");
 }
 
 // The resolver completes a .NET method (names from its assembly, lines from
@@ -341,9 +348,10 @@ bool TraceView::describeJitRva(uint64_t jitRva, SampleResult& r) const {
     r.jitRva = jitRva;
     r.module.clear();
     if (const q::IModule::Ptr m = symbol->getModule())
-        r.module = text(m->getFilePath());
-    r.method = pointAt(symbol, jitRva);
-    r.inlined.clear();
+        if (const char* path = m->getFilePath())
+            r.module.assign(path);
+    pointAt(symbol, jitRva, r.method);
+    size_t inlined = 0;
 
     q::ICodeRegion::Ptr region;
     for (auto it = symbol->getRegions(); !it.atEnd(); it.advance())
@@ -353,13 +361,16 @@ bool TraceView::describeJitRva(uint64_t jitRva, SampleResult& r) const {
         }
     // Outermost inline first while walking down; reported innermost first.
     for (unsigned depth = 0; region && depth < kMaxInlineDepth; ++depth) {
-        const q::ISymbol::Ptr inlined = region->getInlinedSymbol(jitRva);
+        const q::ISymbol::Ptr inlinedSymbol = region->getInlinedSymbol(jitRva);
         const q::ICodeRegion::Ptr child = region->getInlinedCodeRegion(jitRva);
-        if (!inlined || !child)
+        if (!inlinedSymbol || !child)
             break;
-        r.inlined.push_back(pointAt(inlined, jitRva));
+        if (inlined == r.inlined.size())
+            r.inlined.emplace_back();
+        pointAt(inlinedSymbol, jitRva, r.inlined[inlined++]);
         region = child;
     }
+    r.inlined.resize(inlined);
     std::reverse(r.inlined.begin(), r.inlined.end());
     return true;
 }
@@ -386,7 +397,9 @@ void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
     // r may hold the sample before: what only a resolved sample has is cleared.
     r.jitRva = 0;
     r.module.clear();
-    r.method = SourcePoint();
+    r.method.name.clear();
+    r.method.sourceFile.clear();
+    r.method.line = 0;
     r.inlined.clear();
     r.inputLine = sample.line;
     r.time = sample.time;
