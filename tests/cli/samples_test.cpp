@@ -1,10 +1,13 @@
 // The tool's sample readers: integer-exact perf times, CSV and perf lines,
 // and bad lines reported by number while good ones are kept.
 
+#include "printer.h"
+#include "sample_csv_writer.h"
 #include "samples.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <sstream>
 
 namespace samples_test {
@@ -83,6 +86,41 @@ TEST(SampleParsing, CsvWithoutHostColumnOrHeader) {
     EXPECT_EQ(1u, c.samples.size());
     ASSERT_EQ(1u, c.errors.size());
     EXPECT_EQ("1: expected the header time,address,pid or time,address,pid,host", c.errors[0]);
+}
+
+// Rows go out in blocks: none may be lost or doubled where a row crosses a
+// block's end, nor where one field (a quoted name of 100k bytes) is longer
+// than a block.
+TEST(SampleCsv, RowsSurviveBlockBoundariesAndFieldsLongerThanABlock) {
+    std::ostringstream out;
+    std::string expected = "line,time,address,pid,host,status,jit_rva,method,module,source_file,source_line,inlined\n";
+    {
+        SampleCsvWriter writer(out);
+        for (size_t i = 1; i <= 3000; ++i) {
+            SampleResult r;
+            r.inputLine = i;
+            r.time = 18446744073709551615ull - i;
+            r.address = 0x7f0000000000ull + i;
+            r.pid = 4242;
+            r.host = "host";
+            r.status = SampleStatus::Resolved;
+            r.jitRva = i;
+            r.method.name = i == 1500 ? std::string(100000, 'x') + ",y" : "m" + std::to_string(i);
+            r.module = "mod";
+            r.method.sourceFile = "a.js";
+            r.method.line = static_cast<unsigned>(i);
+            writer.add(r);
+            std::string name;
+            appendCsvField(name, r.method.name);
+            char hexAddress[32], hexRva[32];
+            std::snprintf(hexAddress, sizeof hexAddress, "0x%llx", static_cast<unsigned long long>(r.address));
+            std::snprintf(hexRva, sizeof hexRva, "0x%llx", static_cast<unsigned long long>(r.jitRva));
+            expected += std::to_string(i) + "," + std::to_string(r.time) + "," + hexAddress + ",4242,host,resolved," +
+                        hexRva + "," + name + ",mod,a.js," + std::to_string(i) + ",\n";
+        }
+    }
+    EXPECT_EQ(expected.size(), out.str().size());
+    EXPECT_TRUE(expected == out.str());
 }
 
 } // namespace

@@ -8,6 +8,8 @@
 
 #include "report.h"
 
+#include <cstddef>
+#include <memory>
 #include <ostream>
 #include <string>
 
@@ -28,9 +30,18 @@ private:
     void field(const std::string& text);
     void number(uint64_t value);
     void hex(uint64_t value);
+    void put(const char* text, size_t n);
+    void put(char c);
+    // Room for n more bytes at m_used (flushing first when the block is full).
+    char* room(size_t n);
 
     std::ostream& m_os;
-    std::string m_buffer;
+    // A plain block written to directly: appending through std::string cost
+    // more than formatting the numbers did.
+    std::unique_ptr<char[]> m_block;
+    size_t m_capacity = 0;
+    size_t m_used = 0;
+    std::string m_quoted; // scratch for the rare field that needs quotes
 };
 
 } // namespace quarvel_jit
