@@ -1,6 +1,7 @@
 #include "samples.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 namespace quarvel_jit {
@@ -29,27 +30,31 @@ void split(std::string_view s, char sep, std::vector<std::string_view>& out) {
     }
 }
 
-// Overflow is caught without a division: this runs for every digit of
-// millions of samples.
-bool accumulate(uint64_t& value, unsigned base, unsigned digit) {
-    return !__builtin_mul_overflow(value, uint64_t(base), &value) && !__builtin_add_overflow(value, digit, &value);
+unsigned digitValue(char c) {
+    if (c >= '0' && c <= '9')
+        return static_cast<unsigned>(c - '0');
+    if (c >= 'a' && c <= 'f')
+        return static_cast<unsigned>(c - 'a' + 10);
+    if (c >= 'A' && c <= 'F')
+        return static_cast<unsigned>(c - 'A' + 10);
+    return 16;
 }
 
+// This runs for every digit of millions of samples. Up to 19 decimal or 16
+// hex digits cannot overflow 64 bits, so only longer numbers pay for the
+// overflow check (made without a division).
 bool parseInBase(std::string_view text, unsigned base, uint64_t& value) {
     if (text.empty())
         return false;
+    const bool mayOverflow = text.size() > (base == 10 ? 19u : 16u);
     uint64_t v = 0;
-    for (char c : text) {
-        unsigned digit;
-        if (c >= '0' && c <= '9')
-            digit = static_cast<unsigned>(c - '0');
-        else if (base == 16 && c >= 'a' && c <= 'f')
-            digit = static_cast<unsigned>(c - 'a' + 10);
-        else if (base == 16 && c >= 'A' && c <= 'F')
-            digit = static_cast<unsigned>(c - 'A' + 10);
-        else
+    for (const char c : text) {
+        const unsigned digit = digitValue(c);
+        if (digit >= base)
             return false;
-        if (!accumulate(v, base, digit))
+        if (!mayOverflow)
+            v = v * base + digit;
+        else if (__builtin_mul_overflow(v, uint64_t(base), &v) || __builtin_add_overflow(v, digit, &v))
             return false;
     }
     value = v;
@@ -219,8 +224,10 @@ SampleInput readSamples(std::string_view text, SamplesFormat format) {
     // takes some 40 bytes; lines far shorter (a file of empty lines) reserve
     // no more than a sixteenth of the text's size in samples.
     size_t lines = 1;
-    for (const char c : text)
-        lines += c == '\n';
+    for (const char* at = text.data(); (at = static_cast<const char*>(
+                                            std::memchr(at, '\n', static_cast<size_t>(text.data() + text.size() - at))));
+         ++at)
+        ++lines;
     Reader reader(format, std::min(lines, text.size() / 16 + 1));
     size_t number = 1;
     while (!text.empty()) {
