@@ -97,12 +97,16 @@ timed() { # output file, command...: wall seconds and peak resident KiB
   echo "$(python3 -c "print(f'{$end - $start:.4f}')") $(tail -1 "$out.rss")" >"$out"
   rm -f "$out.rss"
 }
-echo "== perf inject --jit and quarvel-jit resolve on the same dump, side by side"
-timed "$work/inject.time" perf inject --jit -i "$work/perf.data" -o "$work/perf.jit.data"
+echo "== quarvel-jit resolve and perf inject --jit on the same dump, side by side"
+# Each on a quiet machine: the workload's and perf's files are written out
+# first, and perf inject's own thousands of files are still being written
+# back after it exits, so it runs second.
+sync
 for i in 1 2 3 4 5; do
   timed "$work/resolve-$i.time" "$QJ" --log-level off --format csv resolve "$dump" --samples "$work/samples.txt" \
     >"$work/resolve-jitdump.csv"
 done
+timed "$work/inject.time" perf inject --jit -i "$work/perf.data" -o "$work/perf.jit.data"
 echo "== the oracle: perf script on the injected data"
 perf script -i "$work/perf.jit.data" -F pid,tid,time,ip,sym,dso --ns >"$work/oracle-jitdump.txt" 2>/dev/null
 echo "== quarvel-jit resolve on the perf map, and on the dump and the map together"

@@ -114,14 +114,18 @@ perf script -i "$work/run/perf.data" -F pid,tid,time,ip,sym,dso --ns >"$work/ora
 # From here on perf must name samples from the jitdump alone.
 rm -f "/tmp/perf-$pid.map"
 
-echo "== perf inject --jit and quarvel-jit resolve on the same dump, side by side"
-# perf inject writes one ELF file per code load next to the dump.
-(cd "$work/run" && timed "$work/inject.time" perf inject --jit -i perf.data -o perf.jit.data)
-ls "$work/run" | grep -c "^jitted-$pid-.*\.so$" >"$work/elf-files.txt" || true
-for i in 1 2 3; do
+echo "== quarvel-jit resolve and perf inject --jit on the same dump, side by side"
+# Each on a quiet machine: the workload's and perf's files are written out
+# first, and perf inject's own thousands of files are still being written
+# back after it exits, so it runs second.
+sync
+for i in 1 2 3 4 5; do
   timed "$work/resolve-$i.time" "$QJ" --log-level off --format csv resolve "$dump" --samples "$work/samples.txt" \
     >"$work/resolve-jitdump.csv"
 done
+# perf inject writes one ELF file per code load next to the dump.
+(cd "$work/run" && timed "$work/inject.time" perf inject --jit -i perf.data -o perf.jit.data)
+ls "$work/run" | grep -c "^jitted-$pid-.*\.so$" >"$work/elf-files.txt" || true
 echo "== the oracle: perf script on the injected data"
 perf script -i "$work/run/perf.jit.data" -F pid,tid,time,ip,sym,dso --ns >"$work/oracle-jitdump.txt" 2>/dev/null
 echo "== quarvel-jit resolve on the perf map, and on the dump and the map together"
