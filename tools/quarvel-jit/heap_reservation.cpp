@@ -23,10 +23,6 @@ constexpr int kMaxProbes = 64;
 #define MADV_COLLAPSE 25 // Linux 6.1; older C library headers lack it
 #endif
 
-namespace {
-
-} // namespace
-
 void reserveHeap(size_t bytes) {
 #if defined(__GLIBC__) && defined(MADV_HUGEPAGE)
     if (bytes > static_cast<size_t>(INT32_MAX))
