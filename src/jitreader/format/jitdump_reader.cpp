@@ -93,7 +93,9 @@ bool JitdumpReader::detect(const uint8_t* data, size_t size) {
 }
 
 Expected<JitdumpReader> JitdumpReader::open(const std::string& path) {
-    Expected<std::shared_ptr<const MappedFile>> file = MappedFile::open(path);
+    // A dump is read whole, front to back, and its code stays viewed in the
+    // mapping: nothing is released behind the reader.
+    Expected<std::shared_ptr<const MappedFile>> file = MappedFile::open(path, MappedFile::Access::whole);
     if (!file)
         return file.reason();
     const std::shared_ptr<const MappedFile> mapped = *file;

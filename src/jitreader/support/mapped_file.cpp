@@ -28,7 +28,7 @@ struct Descriptor {
 
 } // namespace
 
-Expected<std::shared_ptr<const MappedFile>> MappedFile::open(const std::string& path) {
+Expected<std::shared_ptr<const MappedFile>> MappedFile::open(const std::string& path, Access access) {
     struct stat link {};
     if (::lstat(path.c_str(), &link) != 0)
         return openError(path, std::string("cannot open: ") + std::strerror(errno));
@@ -45,7 +45,8 @@ Expected<std::shared_ptr<const MappedFile>> MappedFile::open(const std::string& 
     const size_t size = static_cast<size_t>(st.st_size);
     if (size == 0)
         return std::shared_ptr<const MappedFile>(new MappedFile(path, nullptr, 0));
-    void* data = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, file.fd, 0);
+    const int populate = access == Access::whole ? MAP_POPULATE : 0;
+    void* data = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | populate, file.fd, 0);
     if (data == MAP_FAILED)
         return openError(path, std::string("cannot map: ") + std::strerror(errno));
     return std::shared_ptr<const MappedFile>(new MappedFile(path, static_cast<const uint8_t*>(data), size));

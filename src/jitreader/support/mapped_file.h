@@ -17,7 +17,10 @@ QUARVEL_NAMESPACE_BEGIN
 class MappedFile {
 public:
     // meFileOpenError (with the system's reason) when the file cannot be read.
-    static Expected<std::shared_ptr<const MappedFile>> open(const std::string& path);
+    // Access::whole: the reader will touch every page, so they are mapped in
+    // the same call rather than faulted in one small run at a time.
+    enum class Access { asRead, whole };
+    static Expected<std::shared_ptr<const MappedFile>> open(const std::string& path, Access access = Access::asRead);
 
     ~MappedFile();
     MappedFile(const MappedFile&) = delete;
