@@ -1,11 +1,10 @@
 #include "printer.h"
 
-#include <algorithm>
-
 #include "sample_csv_writer.h"
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <iomanip>
@@ -155,10 +154,13 @@ Json pointJson(const SourcePoint& p) {
 
 } // namespace
 
-void appendCsvField(std::string& out, const std::string& text) {
+bool needsCsvQuotes(const std::string& text) {
     // A plain scan: find_first_of searches the set once per character.
-    const auto special = [](char c) { return c == ',' || c == '"' || c == '\n' || c == '\r'; };
-    if (std::none_of(text.begin(), text.end(), special)) {
+    return std::any_of(text.begin(), text.end(), [](char c) { return c == ',' || c == '"' || c == '\n' || c == '\r'; });
+}
+
+void appendCsvField(std::string& out, const std::string& text) {
+    if (!needsCsvQuotes(text)) {
         out += text;
         return;
     }

@@ -19,7 +19,9 @@ enum class Format { Text, Csv, Json };
 const char* statusName(SampleStatus status);
 // "name (file:line)", or the name alone where the place is unknown.
 std::string frameText(const SourcePoint& point);
-// Appends a CSV field, quoted only when it holds a separator, a quote or a line break.
+// Whether a CSV field must be quoted: it holds a separator, a quote or a line break.
+bool needsCsvQuotes(const std::string& text);
+// Appends a CSV field, quoted only when it needs to be.
 void appendCsvField(std::string& out, const std::string& text);
 
 void printProcesses(std::ostream& os, Format format, const std::vector<ProcessRow>& rows);

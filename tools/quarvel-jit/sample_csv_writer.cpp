@@ -2,7 +2,6 @@
 
 #include "printer.h"
 
-#include <algorithm>
 #include <charconv>
 #include <cstring>
 
@@ -47,8 +46,7 @@ void SampleCsvWriter::put(char c) {
 }
 
 void SampleCsvWriter::field(const std::string& text) {
-    const auto special = [](char c) { return c == ',' || c == '"' || c == '\n' || c == '\r'; };
-    if (std::none_of(text.begin(), text.end(), special))
+    if (!needsCsvQuotes(text))
         return put(text.data(), text.size());
     m_quoted.clear();
     appendCsvField(m_quoted, text);

@@ -8,7 +8,6 @@ namespace quarvel_jit {
 
 namespace {
 
-// The characters std::isspace takes in the "C" locale.
 std::string_view trim(std::string_view s) {
     size_t b = 0, e = s.size();
     while (b < e && isSpace(s[b]))

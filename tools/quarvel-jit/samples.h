@@ -34,7 +34,8 @@ struct SampleInput {
 SampleInput readSamples(std::string_view text, SamplesFormat format);
 SampleInput readSamples(std::istream& in, SamplesFormat format);
 
-// Blanks between the fields of perf script's lines and around CSV cells.
+// Blanks between the fields of perf script's lines and around CSV cells: the
+// characters std::isspace takes in the "C" locale.
 inline bool isSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }

@@ -19,14 +19,30 @@ std::string text(const char* s) {
     return s ? s : "";
 }
 
+// The qualified name where the symbol has one, else its method name.
+const char* shownName(const q::ISymbol::Ptr& symbol) {
+    const char* qualified = symbol->getQualifiedMethodName();
+    return qualified && *qualified ? qualified : symbol->getMethodName();
+}
+
 std::string displayName(const q::ISymbol::Ptr& symbol) {
-    std::string name = text(symbol->getQualifiedMethodName());
-    return name.empty() ? text(symbol->getMethodName()) : name;
+    return text(shownName(symbol));
+}
+
+// The file's name into out, copied while the file is held; false (out kept)
+// when there is no file or it has no name.
+bool assignFileName(const q::ISourceFile::Ptr& file, std::string& out) {
+    const char* name = file ? file->getSourceFileName() : nullptr;
+    if (!name || !*name)
+        return false;
+    out.assign(name);
+    return true;
 }
 
 std::string sourceFileOf(const q::ISymbol::Ptr& symbol) {
-    const q::ISourceFile::Ptr file = symbol->getSourceFile();
-    return file ? text(file->getSourceFileName()) : std::string();
+    std::string name;
+    assignFileName(symbol->getSourceFile(), name);
+    return name;
 }
 
 void sourceRange(const q::ISymbol::Ptr& symbol, unsigned& first, unsigned& last) {
@@ -40,21 +56,15 @@ void sourceRange(const q::ISymbol::Ptr& symbol, unsigned& first, unsigned& last)
 // Fills p in place: a caller that keeps its SourcePoint from sample to
 // sample reuses the strings' storage instead of allocating them anew.
 void pointAt(const q::ISymbol::Ptr& symbol, uint64_t jitRva, SourcePoint& p) {
-    const char* qualified = symbol->getQualifiedMethodName();
-    p.name.assign(qualified && *qualified ? qualified : text(symbol->getMethodName()));
+    const char* name = shownName(symbol);
+    p.name.assign(name ? name : "");
     p.line = 0;
-    // A location's file may live no longer than the location: copied inside.
-    if (const q::ISourceLocation::Ptr loc = symbol->getSourceLocation(jitRva)) {
+    const q::ISourceLocation::Ptr loc = symbol->getSourceLocation(jitRva);
+    if (loc)
         p.line = loc->getLine();
-        if (const q::ISourceFile::Ptr f = loc->getSourceFile())
-            if (const char* name = f->getSourceFileName(); name && *name) {
-                p.sourceFile.assign(name);
-                return;
-            }
-    }
-    const q::ISourceFile::Ptr f = symbol->getSourceFile();
-    const char* name = f ? f->getSourceFileName() : nullptr;
-    p.sourceFile.assign(name ? name : "");
+    if (!(loc && assignFileName(loc->getSourceFile(), p.sourceFile)) &&
+        !assignFileName(symbol->getSourceFile(), p.sourceFile))
+        p.sourceFile.clear();
 }
 
 // The resolver completes a .NET method (names from its assembly, lines from
@@ -351,7 +361,7 @@ bool TraceView::describeJitRva(uint64_t jitRva, SampleResult& r) const {
         if (const char* path = m->getFilePath())
             r.module.assign(path);
     pointAt(symbol, jitRva, r.method);
-    size_t inlined = 0;
+    r.inlined.clear();
 
     q::ICodeRegion::Ptr region;
     for (auto it = symbol->getRegions(); !it.atEnd(); it.advance())
@@ -365,12 +375,9 @@ bool TraceView::describeJitRva(uint64_t jitRva, SampleResult& r) const {
         const q::ICodeRegion::Ptr child = region->getInlinedCodeRegion(jitRva);
         if (!inlinedSymbol || !child)
             break;
-        if (inlined == r.inlined.size())
-            r.inlined.emplace_back();
-        pointAt(inlinedSymbol, jitRva, r.inlined[inlined++]);
+        pointAt(inlinedSymbol, jitRva, r.inlined.emplace_back());
         region = child;
     }
-    r.inlined.resize(inlined);
     std::reverse(r.inlined.begin(), r.inlined.end());
     return true;
 }
