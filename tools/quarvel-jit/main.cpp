@@ -102,8 +102,9 @@ public:
         if (m_shown)
             std::cerr << "\r\033[K" << std::flush;
     }
-    void operator()(size_t done, size_t total) {
-        if (!m_enabled || total < 10000)
+    // In bytes of the samples read; an input of unknown size (a pipe) shows none.
+    void operator()(uint64_t done, uint64_t total) {
+        if (!m_enabled || total < (1u << 20))
             return;
         const size_t pct = done * 100 / total;
         if (m_shown && pct == m_last)
@@ -111,14 +112,14 @@ public:
         m_shown = true;
         m_last = pct;
         const size_t filled = pct / 5;
-        std::cerr << "\rresolving [" << std::string(filled, '#') << std::string(20 - filled, ' ') << "] " << pct
-                  << "% (" << done << "/" << total << ")" << std::flush;
+        std::cerr << "\rresolving [" << std::string(filled, '#') << std::string(20 - filled, ' ') << "] " << pct << "%"
+                  << std::flush;
     }
 
 private:
     bool m_enabled;
     bool m_shown = false;
-    size_t m_last = 0;
+    uint64_t m_last = 0;
 };
 
 int runResolve(TraceView& view, const Options& o, Format format) {
@@ -128,28 +129,20 @@ int runResolve(TraceView& view, const Options& o, Format format) {
     else if (o.samplesFormat == "perf")
         sf = SamplesFormat::Perf;
 
-    SampleInput input;
     const std::string name = o.samples == "-" ? std::string("<stdin>") : o.samples;
-    if (o.samples == "-") {
-        input = readSamples(std::cin, sf);
-    } else {
-        std::ifstream in(o.samples, std::ios::binary);
-        if (!in) {
+    std::ifstream file;
+    if (o.samples != "-") {
+        file.open(o.samples, std::ios::binary);
+        if (!file) {
             fail("cannot read " + o.samples + ": " + std::strerror(errno));
             return kExitInput;
         }
-        input = readSamples(in, sf);
     }
-    for (const std::string& e : input.errors)
-        std::cerr << name << ":" << e << '\n';
-    if (input.samples.empty())
-        std::cerr << "quarvel-jit: " << name << " holds no samples\n";
+    SampleReader samples(o.samples == "-" ? std::cin : file, sf);
 
     // CSV rows go out as each sample is resolved; the other outputs need them all.
     const bool streamed = format == Format::Csv && o.top == 0;
     std::vector<SampleResult> results;
-    if (!streamed)
-        results.reserve(input.samples.size());
     std::unique_ptr<SampleCsvWriter> csv(streamed ? new SampleCsvWriter(std::cout) : nullptr);
     ResolveSummary summary;
     // Samples of processes without traces, by host and pid: a host the traces
@@ -158,7 +151,7 @@ int runResolve(TraceView& view, const Options& o, Format format) {
     {
         Progress progress;
         view.resolveEach(
-            input.samples,
+            samples,
             [&](const SampleResult& r) {
                 TraceView::count(r, summary);
                 if (r.status == SampleStatus::UnknownProcess && !r.host.empty())
@@ -168,9 +161,13 @@ int runResolve(TraceView& view, const Options& o, Format format) {
                 else
                     results.push_back(r);
             },
-            [&](size_t done, size_t total) { progress(done, total); });
+            [&](uint64_t done, uint64_t total) { progress(done, total); });
     }
     csv.reset();
+    for (const std::string& e : samples.errors())
+        std::cerr << name << ":" << e << '\n';
+    if (summary.samples == 0)
+        std::cerr << "quarvel-jit: " << name << " holds no samples\n";
     for (const auto& host : view.unknownHosts())
         std::cerr << "quarvel-jit: no traces from host " << host.first << " (" << host.second << " samples)\n";
     std::map<unsigned, uint64_t> unknownPids;
@@ -183,7 +180,7 @@ int runResolve(TraceView& view, const Options& o, Format format) {
     if (o.top > 0) {
         printTop(std::cout, format, TraceView::top(results, summary, o.top));
     } else if (!streamed) {
-        summary.malformedLines = input.errors.size();
+        summary.malformedLines = samples.errors().size();
         printSamples(std::cout, format, results, summary);
     }
     return kExitOk;

@@ -29,63 +29,132 @@ void split(std::string_view s, char sep, std::vector<std::string_view>& out) {
     }
 }
 
-unsigned digitValue(char c) {
-    if (c >= '0' && c <= '9')
-        return static_cast<unsigned>(c - '0');
-    if (c >= 'a' && c <= 'f')
-        return static_cast<unsigned>(c - 'a' + 10);
-    if (c >= 'A' && c <= 'F')
-        return static_cast<unsigned>(c - 'A' + 10);
-    return 16;
-}
+// The value of every byte as a digit; 16 for bytes that are none. A table:
+// this runs for every digit of millions of samples.
+struct DigitTable {
+    unsigned char value[256];
+    constexpr DigitTable() : value() {
+        for (unsigned c = 0; c < 256; ++c)
+            value[c] = c >= '0' && c <= '9'   ? static_cast<unsigned char>(c - '0')
+                       : c >= 'a' && c <= 'f' ? static_cast<unsigned char>(c - 'a' + 10)
+                       : c >= 'A' && c <= 'F' ? static_cast<unsigned char>(c - 'A' + 10)
+                                              : 16;
+    }
+};
+constexpr DigitTable kDigits;
 
-// This runs for every digit of millions of samples. Up to 19 decimal or 16
-// hex digits cannot overflow 64 bits, so only longer numbers pay for the
-// overflow check (made without a division).
+// Up to 19 decimal or 16 hex digits cannot overflow 64 bits, so only longer
+// numbers pay for the overflow check (made without a division).
 bool parseInBase(std::string_view text, unsigned base, uint64_t& value) {
     if (text.empty())
         return false;
-    const bool mayOverflow = text.size() > (base == 10 ? 19u : 16u);
     uint64_t v = 0;
-    for (const char c : text) {
-        const unsigned digit = digitValue(c);
-        if (digit >= base)
-            return false;
-        if (!mayOverflow)
+    if (text.size() <= (base == 10 ? 19u : 16u)) {
+        for (const char c : text) {
+            const unsigned digit = kDigits.value[static_cast<unsigned char>(c)];
+            if (digit >= base)
+                return false;
             v = v * base + digit;
-        else if (__builtin_mul_overflow(v, uint64_t(base), &v) || __builtin_add_overflow(v, digit, &v))
-            return false;
+        }
+    } else {
+        for (const char c : text) {
+            const unsigned digit = kDigits.value[static_cast<unsigned char>(c)];
+            if (digit >= base || __builtin_mul_overflow(v, uint64_t(base), &v) || __builtin_add_overflow(v, digit, &v))
+                return false;
+        }
     }
     value = v;
     return true;
 }
 
+// The common perf line, "  4242 785.213867049:   7f12abcd1234" and nothing
+// after the ip, in one pass over its bytes. Anything else (pid/tid, a 0x,
+// text after the ip, long numbers, a bad field) is left to the general
+// parser, which also words the errors.
+class CommonPerfLine {
+public:
+    explicit CommonPerfLine(std::string_view line)
+        : m_at(reinterpret_cast<const unsigned char*>(line.data())), m_end(m_at + line.size()) {}
+
+    bool parse(Sample& s) {
+        uint64_t pid = 0, seconds = 0, fraction = 0, ip = 0;
+        // Up to 9 digits of pid fit 32 bits; up to 10 of seconds keep the
+        // nanoseconds within 64 bits.
+        if (digits(10, 9, pid) == 0 || !blanks() || digits(10, 10, seconds) == 0 || !skip('.'))
+            return false;
+        const size_t fractionDigits = digits(10, 9, fraction);
+        if (fractionDigits == 0 || !skip(':') || !blanks() || digits(16, 16, ip) == 0)
+            return false;
+        blanks();
+        if (m_at != m_end)
+            return false;
+        for (size_t d = fractionDigits; d < 9; ++d)
+            fraction *= 10;
+        s.pid = static_cast<unsigned>(pid);
+        s.time = seconds * 1000000000u + fraction;
+        s.address = ip;
+        s.host.clear();
+        return true;
+    }
+
+private:
+    // The number of digits read into v; 0 also when there are more than maxDigits.
+    size_t digits(unsigned base, size_t maxDigits, uint64_t& v) {
+        const unsigned char* const first = m_at;
+        for (; m_at != m_end; ++m_at) {
+            const unsigned digit = kDigits.value[*m_at];
+            if (digit >= base)
+                break;
+            v = v * base + digit;
+        }
+        const size_t n = static_cast<size_t>(m_at - first);
+        return n <= maxDigits ? n : 0;
+    }
+    bool blanks() {
+        const unsigned char* const first = m_at;
+        while (m_at != m_end && (*m_at == ' ' || *m_at == '\t'))
+            ++m_at;
+        return m_at != first;
+    }
+    bool skip(char c) {
+        if (m_at == m_end || *m_at != static_cast<unsigned char>(c))
+            return false;
+        ++m_at;
+        return true;
+    }
+
+    const unsigned char* m_at;
+    const unsigned char* const m_end;
+};
+
 std::string quoted(std::string_view text) {
     return "'" + std::string(text) + "'";
 }
 
-class Reader {
-public:
-    Reader(SamplesFormat format, size_t expected) {
-        m_result.format = format;
-        m_result.samples.reserve(expected);
-    }
+} // namespace
 
-    void line(size_t number, std::string_view raw);
-    SampleInput finish();
+// The lines of one input, in order: the format (detected from the first
+// line when not given), the CSV header, and each line's sample or error.
+class SampleReader::LineParser {
+public:
+    explicit LineParser(SamplesFormat f) : format(f) {}
+    // True when the line is a good sample (in s); comments, blank lines and the header give false.
+    bool line(size_t number, std::string_view raw, Sample& s);
+
+    SamplesFormat format;
+    std::vector<std::string> errors; // "<line>: <what is wrong>"
 
 private:
     std::string parseCsvRow(std::string_view line, Sample& s);
     std::string parsePerfLine(std::string_view line, Sample& s) const;
     bool isCsvHeader(std::string_view line);
 
-    SampleInput m_result;
     bool m_withHost = false;
     bool m_headerSeen = false;
     std::vector<std::string_view> m_cols;
 };
 
-bool Reader::isCsvHeader(std::string_view line) {
+bool SampleReader::LineParser::isCsvHeader(std::string_view line) {
     split(line, ',', m_cols);
     const std::vector<std::string_view>& cols = m_cols;
     return (cols.size() == 3 || cols.size() == 4) && cols[0] == "time" && cols[1] == "address" && cols[2] == "pid" &&
@@ -93,7 +162,7 @@ bool Reader::isCsvHeader(std::string_view line) {
 }
 
 // One CSV row; the error text when it is bad.
-std::string Reader::parseCsvRow(std::string_view line, Sample& s) {
+std::string SampleReader::LineParser::parseCsvRow(std::string_view line, Sample& s) {
     split(line, ',', m_cols);
     const std::vector<std::string_view>& cols = m_cols;
     const size_t want = m_withHost ? 4 : 3;
@@ -107,12 +176,15 @@ std::string Reader::parseCsvRow(std::string_view line, Sample& s) {
         return "bad address " + quoted(cols[1]) + " (hex with 0x, or decimal)";
     if (!parsePid(cols[2], s.pid))
         return "bad pid " + quoted(cols[2]);
-    s.host = m_withHost && cols.size() > 3 ? std::string(cols[3]) : std::string();
+    if (m_withHost && cols.size() > 3)
+        s.host.assign(cols[3]);
+    else
+        s.host.clear();
     return std::string();
 }
 
 // "  4242 785.213867049:   7f12abcd1234" (pid, time, ip; anything after the ip is ignored).
-std::string Reader::parsePerfLine(std::string_view line, Sample& s) const {
+std::string SampleReader::LineParser::parsePerfLine(std::string_view line, Sample& s) const {
     std::string_view fields[3];
     size_t i = 0;
     for (std::string_view& field : fields) {
@@ -143,43 +215,35 @@ std::string Reader::parsePerfLine(std::string_view line, Sample& s) const {
     return std::string();
 }
 
-void Reader::line(size_t number, std::string_view raw) {
+bool SampleReader::LineParser::line(size_t number, std::string_view raw, Sample& s) {
     const std::string_view line = trim(raw);
     if (line.empty() || line[0] == '#')
-        return;
-    if (m_result.format == SamplesFormat::Auto)
-        m_result.format = line.substr(0, 5) == "time," ? SamplesFormat::Csv : SamplesFormat::Perf;
+        return false;
+    if (format == SamplesFormat::Auto)
+        format = line.substr(0, 5) == "time," ? SamplesFormat::Csv : SamplesFormat::Perf;
 
-    if (m_result.format == SamplesFormat::Csv && !m_headerSeen) {
+    if (format == SamplesFormat::Csv && !m_headerSeen) {
         m_headerSeen = true;
         if (!isCsvHeader(line)) {
-            m_result.errors.push_back(std::to_string(number) +
+            errors.push_back(std::to_string(number) +
                                       ": expected the header time,address,pid or time,address,pid,host");
             // The rows are still read, in that column order, the host optional.
             m_withHost = true;
-            return;
+            return false;
         }
         m_withHost = m_cols.size() == 4;
-        return;
+        return false;
     }
 
-    Sample& s = m_result.samples.emplace_back();
     s.line = number;
-    const std::string error =
-        m_result.format == SamplesFormat::Csv ? parseCsvRow(line, s) : parsePerfLine(line, s);
-    if (!error.empty()) {
-        m_result.samples.pop_back();
-        m_result.errors.push_back(std::to_string(number) + ": " + error);
-    }
+    if (format == SamplesFormat::Perf && CommonPerfLine(line).parse(s))
+        return true;
+    const std::string error = format == SamplesFormat::Csv ? parseCsvRow(line, s) : parsePerfLine(line, s);
+    if (error.empty())
+        return true;
+    errors.push_back(std::to_string(number) + ": " + error);
+    return false;
 }
-
-SampleInput Reader::finish() {
-    if (m_result.format == SamplesFormat::Auto)
-        m_result.format = SamplesFormat::Csv;
-    return std::move(m_result);
-}
-
-} // namespace
 
 bool parseDecimal(std::string_view text, uint64_t& value) {
     return parseInBase(text, 10, value);
@@ -217,43 +281,80 @@ bool parsePerfTime(std::string_view text, uint64_t& nanoseconds) {
     return !__builtin_mul_overflow(s, uint64_t(1000000000), &s) && !__builtin_add_overflow(s, ns, &nanoseconds);
 }
 
-SampleInput readSamples(std::string_view text, SamplesFormat format) {
-    // About one sample per line: the lines are counted so that the samples
-    // are stored once, without regrowing. A sample line as perf prints it
-    // takes some 40 bytes; lines far shorter (a file of empty lines) reserve
-    // no more than a sixteenth of the text's size in samples.
-    size_t lines = 1;
-    for (const char* at = text.data(); (at = static_cast<const char*>(
-                                            std::memchr(at, '\n', static_cast<size_t>(text.data() + text.size() - at))));
-         ++at)
-        ++lines;
-    Reader reader(format, std::min(lines, text.size() / 16 + 1));
-    size_t number = 1;
-    while (!text.empty()) {
-        const size_t end = text.find('\n');
-        reader.line(number++, text.substr(0, end));
-        if (end == std::string_view::npos)
-            break;
-        text.remove_prefix(end + 1);
-    }
-    return reader.finish();
-}
 
-SampleInput readSamples(std::istream& in, SamplesFormat format) {
-    // A file's size is known: read in one go. A pipe is read in blocks.
-    std::string text;
+namespace {
+
+constexpr size_t kBlock = size_t(1) << 16;
+
+} // namespace
+
+SampleReader::SampleReader(std::istream& in, SamplesFormat format)
+    : m_parser(new LineParser(format)), m_in(in), m_block(new char[kBlock]), m_capacity(kBlock) {
+    // The size, when the input has one, is only for progress.
     const std::istream::pos_type start = in.tellg();
     if (start != std::istream::pos_type(-1) && in.seekg(0, std::ios::end)) {
         const std::istream::pos_type end = in.tellg();
         in.seekg(start);
         if (end != std::istream::pos_type(-1) && end > start)
-            text.reserve(static_cast<size_t>(end - start));
+            m_totalBytes = static_cast<uint64_t>(end - start);
     }
     in.clear();
-    char block[1 << 16];
-    while (in.read(block, sizeof block) || in.gcount() > 0)
-        text.append(block, static_cast<size_t>(in.gcount()));
-    return readSamples(std::string_view(text), format);
+}
+
+SampleReader::~SampleReader() = default;
+
+SamplesFormat SampleReader::format() const {
+    return m_parser->format == SamplesFormat::Auto ? SamplesFormat::Csv : m_parser->format;
+}
+
+const std::vector<std::string>& SampleReader::errors() const {
+    return m_parser->errors;
+}
+
+// The next line without its newline, viewed in the block: valid until the next call.
+bool SampleReader::nextLine(std::string_view& line) {
+    for (;;) {
+        const char* const begin = m_block.get() + m_begin;
+        if (const void* nl = std::memchr(begin, '\n', m_end - m_begin)) {
+            const size_t length = static_cast<size_t>(static_cast<const char*>(nl) - begin);
+            line = std::string_view(begin, length);
+            m_begin += length + 1;
+            return true;
+        }
+        if (m_inputDone) {
+            if (m_begin == m_end)
+                return false;
+            line = std::string_view(begin, m_end - m_begin); // the last line has no newline
+            m_begin = m_end;
+            return true;
+        }
+        // The partial line moves to the front; a line longer than the block grows it.
+        const size_t partial = m_end - m_begin;
+        if (partial == m_capacity) {
+            std::unique_ptr<char[]> larger(new char[m_capacity * 2]);
+            std::memcpy(larger.get(), m_block.get(), partial);
+            m_block = std::move(larger);
+            m_capacity *= 2;
+        } else if (m_begin != 0) {
+            std::memmove(m_block.get(), begin, partial);
+        }
+        m_begin = 0;
+        m_end = partial;
+        m_in.read(m_block.get() + m_end, static_cast<std::streamsize>(m_capacity - m_end));
+        const size_t got = static_cast<size_t>(m_in.gcount());
+        m_end += got;
+        m_bytesRead += got;
+        if (got == 0 || !m_in)
+            m_inputDone = true;
+    }
+}
+
+bool SampleReader::next(Sample& sample) {
+    std::string_view line;
+    while (nextLine(line))
+        if (m_parser->line(++m_lineNumber, line, sample))
+            return true;
+    return false;
 }
 
 } // namespace quarvel_jit

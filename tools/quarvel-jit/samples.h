@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <istream>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,16 +24,40 @@ struct Sample {
     std::string host; // empty: none given
 };
 
-struct SampleInput {
-    SamplesFormat format = SamplesFormat::Auto; // the format used
-    std::vector<Sample> samples;
-    std::vector<std::string> errors; // "<line>: <what is wrong>"
-};
+// One sample at a time: profiles hold millions of lines, and a sample that
+// is resolved as soon as it is read is never stored. The text is read in
+// blocks and parsed in place, without a copy per line.
+class SampleReader {
+public:
+    SampleReader(std::istream& in, SamplesFormat format);
+    ~SampleReader();
+    SampleReader(const SampleReader&) = delete;
+    SampleReader& operator=(const SampleReader&) = delete;
 
-// The whole text at once: profiles hold millions of lines, read here without
-// a copy per line.
-SampleInput readSamples(std::string_view text, SamplesFormat format);
-SampleInput readSamples(std::istream& in, SamplesFormat format);
+    // The next good sample; false at the end. Bad lines are skipped and listed in errors().
+    bool next(Sample& sample);
+    // The format used (Csv until a line decides, or when there was none).
+    SamplesFormat format() const;
+    const std::vector<std::string>& errors() const; // "<line>: <what is wrong>"
+    // How far the reading is, for progress: bytes read, and the input's size (0: unknown, a pipe).
+    uint64_t bytesRead() const { return m_bytesRead; }
+    uint64_t totalBytes() const { return m_totalBytes; }
+
+private:
+    bool nextLine(std::string_view& line);
+
+    class LineParser;
+    std::unique_ptr<LineParser> m_parser;
+    std::istream& m_in;
+    std::unique_ptr<char[]> m_block;
+    size_t m_capacity = 0;
+    size_t m_begin = 0; // the unparsed text is [m_begin, m_end) of m_block
+    size_t m_end = 0;
+    bool m_inputDone = false;
+    size_t m_lineNumber = 0;
+    uint64_t m_bytesRead = 0;
+    uint64_t m_totalBytes = 0;
+};
 
 // Blanks between the fields of perf script's lines and around CSV cells: the
 // characters std::isspace takes in the "C" locale.

@@ -434,15 +434,18 @@ void TraceView::resolveOne(const Sample& sample, SampleResult& r) {
     r.status = SampleStatus::Resolved;
 }
 
-void TraceView::resolveEach(const std::vector<Sample>& samples, const std::function<void(const SampleResult&)>& each,
-                            const std::function<void(size_t, size_t)>& progress) {
+void TraceView::resolveEach(SampleReader& samples, const std::function<void(const SampleResult&)>& each,
+                            const std::function<void(uint64_t, uint64_t)>& progress) {
+    Sample sample;
     SampleResult r;
-    for (size_t i = 0; i < samples.size(); ++i) {
-        resolveOne(samples[i], r);
+    for (size_t i = 0; samples.next(sample); ++i) {
+        resolveOne(sample, r);
         each(r);
-        if (progress && (i % 256 == 0 || i + 1 == samples.size()))
-            progress(i + 1, samples.size());
+        if (progress && i % 256 == 0)
+            progress(samples.bytesRead(), samples.totalBytes());
     }
+    if (progress)
+        progress(samples.totalBytes(), samples.totalBytes());
 }
 
 void TraceView::count(const SampleResult& r, ResolveSummary& s) {

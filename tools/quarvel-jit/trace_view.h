@@ -36,11 +36,11 @@ public:
     // After a failed open(): why the paths do not make a trace set.
     std::string whyNotOpen() const;
 
-    // Resolves the samples in order, handing each result to `each` (valid
-    // during the call only), so that no more than one is held at a time.
-    // progress(done, total) is called now and then.
-    void resolveEach(const std::vector<Sample>& samples, const std::function<void(const SampleResult&)>& each,
-                     const std::function<void(size_t, size_t)>& progress);
+    // Resolves the samples in the order read, handing each result to `each`
+    // (valid during the call only), so that no more than one sample is held
+    // at a time. progress(bytes read, total bytes) is called now and then.
+    void resolveEach(SampleReader& samples, const std::function<void(const SampleResult&)>& each,
+                     const std::function<void(uint64_t, uint64_t)>& progress);
     // Hosts named by samples that the trace set does not know, with their sample count.
     const std::map<std::string, uint64_t>& unknownHosts() const { return m_unknownHosts; }
 
