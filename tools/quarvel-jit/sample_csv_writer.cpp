@@ -40,72 +40,86 @@ void SampleCsvWriter::put(const char* text, size_t n) {
     m_used += n;
 }
 
-void SampleCsvWriter::put(char c) {
-    *room(1) = c;
-    ++m_used;
+namespace {
+
+// Writers into room made beforehand: each returns the end of what it wrote.
+char* plain(char* at, const char* text, size_t n) {
+    std::memcpy(at, text, n);
+    return at + n;
 }
 
-void SampleCsvWriter::field(const std::string& text) {
+char* decimal(char* at, uint64_t value) {
+    return std::to_chars(at, at + 20, value).ptr;
+}
+
+char* hexadecimal(char* at, uint64_t value) {
+    *at++ = '0';
+    *at++ = 'x';
+    return std::to_chars(at, at + 16, value, 16).ptr;
+}
+
+} // namespace
+
+// Fields that need quotes are made in a scratch string first; the rest go
+// straight into the block.
+char* SampleCsvWriter::field(char* at, const std::string& text) {
     if (!needsCsvQuotes(text))
-        return put(text.data(), text.size());
+        return plain(at, text.data(), text.size());
     m_quoted.clear();
     appendCsvField(m_quoted, text);
-    put(m_quoted.data(), m_quoted.size());
+    return plain(at, m_quoted.data(), m_quoted.size());
 }
 
-void SampleCsvWriter::number(uint64_t value) {
-    constexpr size_t kDigits = 20;
-    char* at = room(kDigits);
-    m_used = static_cast<size_t>(std::to_chars(at, at + kDigits, value).ptr - m_block.get());
-}
-
-void SampleCsvWriter::hex(uint64_t value) {
-    constexpr size_t kDigits = 2 + 16;
-    char* at = room(kDigits);
-    at[0] = '0';
-    at[1] = 'x';
-    m_used = static_cast<size_t>(std::to_chars(at + 2, at + kDigits, value, 16).ptr - m_block.get());
-}
-
+// One check for room per row: the numbers take at most 20 characters each,
+// and a quoted field at most twice its length plus its quotes.
 void SampleCsvWriter::add(const SampleResult& r) {
     const bool ok = r.status == SampleStatus::Resolved;
-    number(r.inputLine);
-    put(',');
-    number(r.time);
-    put(',');
-    hex(r.address);
-    put(',');
-    number(r.pid);
-    put(',');
-    field(r.host);
-    put(',');
-    const char* status = statusName(r.status);
-    put(status, std::strlen(status));
-    put(',');
-    if (ok)
-        hex(r.jitRva);
-    put(',');
-    if (ok)
-        field(r.method.name);
-    put(',');
-    if (ok)
-        field(r.module);
-    put(',');
-    if (ok)
-        field(r.method.sourceFile);
-    put(',');
-    if (ok)
-        number(r.method.line);
-    put(',');
     // Innermost frame first, each "<-" leads to the code it was inlined into.
-    std::string chain;
+    m_chain.clear();
     for (const SourcePoint& p : r.inlined) {
-        if (!chain.empty())
-            chain += " <- ";
-        chain += frameText(p);
+        if (!m_chain.empty())
+            m_chain += " <- ";
+        m_chain += frameText(p);
     }
-    field(chain);
-    put('\n');
+    const char* status = statusName(r.status);
+    const size_t statusLength = std::strlen(status);
+    const auto quotedSize = [](const std::string& text) { return 2 * text.size() + 2; };
+    size_t most = 7 * 20 + 12 + statusLength + quotedSize(r.host) + quotedSize(m_chain);
+    if (ok)
+        most += quotedSize(r.method.name) + quotedSize(r.module) + quotedSize(r.method.sourceFile);
+
+    char* const first = room(most);
+    char* at = first;
+    at = decimal(at, r.inputLine);
+    *at++ = ',';
+    at = decimal(at, r.time);
+    *at++ = ',';
+    at = hexadecimal(at, r.address);
+    *at++ = ',';
+    at = decimal(at, r.pid);
+    *at++ = ',';
+    at = field(at, r.host);
+    *at++ = ',';
+    at = plain(at, status, statusLength);
+    *at++ = ',';
+    if (ok)
+        at = hexadecimal(at, r.jitRva);
+    *at++ = ',';
+    if (ok)
+        at = field(at, r.method.name);
+    *at++ = ',';
+    if (ok)
+        at = field(at, r.module);
+    *at++ = ',';
+    if (ok)
+        at = field(at, r.method.sourceFile);
+    *at++ = ',';
+    if (ok)
+        at = decimal(at, r.method.line);
+    *at++ = ',';
+    at = field(at, m_chain);
+    *at++ = '\n';
+    m_used += static_cast<size_t>(at - first);
 }
 
 } // namespace quarvel_jit

@@ -27,11 +27,8 @@ public:
     void flush();
 
 private:
-    void field(const std::string& text);
-    void number(uint64_t value);
-    void hex(uint64_t value);
+    char* field(char* at, const std::string& text);
     void put(const char* text, size_t n);
-    void put(char c);
     // Room for n more bytes at m_used (flushing first when the block is full).
     char* room(size_t n);
 
@@ -42,6 +39,7 @@ private:
     size_t m_capacity = 0;
     size_t m_used = 0;
     std::string m_quoted; // scratch for the rare field that needs quotes
+    std::string m_chain;  // scratch for the inline chain
 };
 
 } // namespace quarvel_jit
