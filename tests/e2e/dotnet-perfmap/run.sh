@@ -31,11 +31,10 @@ skip() { echo "skip: $*"; exit 77; }
 fail() { echo "FAILED: $*"; exit 1; }
 
 command -v dotnet >/dev/null || skip "no dotnet SDK on this machine"
-if ! command -v perf >/dev/null || [ ! -x /usr/bin/time ]; then
-  QUARVEL_SETUP_NO_BUILD=1 QUARVEL_EXTRA_PACKAGES="linux-perf time" scripts/setup.sh >/dev/null 2>&1
+if ! command -v perf >/dev/null; then
+  QUARVEL_SETUP_NO_BUILD=1 QUARVEL_EXTRA_PACKAGES="linux-perf" scripts/setup.sh >/dev/null 2>&1
 fi
 command -v perf >/dev/null || skip "perf is not installed and could not be installed"
-[ -x /usr/bin/time ] || skip "/usr/bin/time is not installed and could not be installed"
 
 if [ ! -f "$BUILD_DIR/build.ninja" ]; then
   cmake --preset plain -B "$BUILD_DIR" >/dev/null || fail "cmake could not configure $BUILD_DIR"
@@ -88,14 +87,8 @@ cp "$map" "/tmp/perf-$pid.map"
 perf script -i "$work/perf.data" -F pid,tid,time,ip,sym,dso --ns >"$work/oracle-perf-map.txt" 2>/dev/null
 rm -f "/tmp/perf-$pid.map"
 
-timed() { # output file, command...: wall seconds and peak resident KiB
-  local out=$1 start end
-  shift
-  start=$EPOCHREALTIME
-  /usr/bin/time -f '%M' -o "$out.rss" "$@"
-  end=$EPOCHREALTIME
-  echo "$(python3 -c "print(f'{$end - $start:.4f}')") $(tail -1 "$out.rss")" >"$out"
-  rm -f "$out.rss"
+timed() { # output file, command...: wall seconds and peak resident KiB (tests/e2e/timed.py)
+  python3 "$root/tests/e2e/timed.py" "$1" -- "${@:2}"
 }
 echo "== quarvel-jit resolve and perf inject --jit on the same dump, side by side"
 # Each on a quiet machine: the workload's and perf's files are written out

@@ -31,12 +31,11 @@ MILLIS=${E2E_MILLIS:-5000}
 skip() { echo "skip: $*"; exit 77; }
 fail() { echo "FAILED: $*"; exit 1; }
 
-if ! command -v node >/dev/null || ! command -v perf >/dev/null || [ ! -x /usr/bin/time ]; then
-  QUARVEL_SETUP_NO_BUILD=1 QUARVEL_EXTRA_PACKAGES="nodejs linux-perf time" scripts/setup.sh >/dev/null 2>&1
+if ! command -v node >/dev/null || ! command -v perf >/dev/null; then
+  QUARVEL_SETUP_NO_BUILD=1 QUARVEL_EXTRA_PACKAGES="nodejs linux-perf" scripts/setup.sh >/dev/null 2>&1
 fi
 command -v node >/dev/null || skip "node is not installed and could not be installed"
 command -v perf >/dev/null || skip "perf is not installed and could not be installed"
-[ -x /usr/bin/time ] || skip "/usr/bin/time is not installed and could not be installed"
 
 if [ ! -f "$BUILD_DIR/build.ninja" ]; then
   cmake --preset plain -B "$BUILD_DIR" >/dev/null || fail "cmake could not configure $BUILD_DIR"
@@ -58,15 +57,8 @@ if ! perf record -q -e cpu-clock -k mono -o "$work/probe.data" -- true >"$work/p
 fi
 rm -f "$work/probe.data"
 
-# Wall seconds (microseconds from the shell's clock) and peak resident KiB of a command.
-timed() { # output file, command...
-  local out=$1 start end
-  shift
-  start=$EPOCHREALTIME
-  /usr/bin/time -f '%M' -o "$out.rss" "$@"
-  end=$EPOCHREALTIME
-  echo "$(python3 -c "print(f'{$end - $start:.4f}')") $(tail -1 "$out.rss")" >"$out"
-  rm -f "$out.rss"
+timed() { # output file, command...: wall seconds and peak resident KiB (tests/e2e/timed.py)
+  python3 "$root/tests/e2e/timed.py" "$1" -- "${@:2}"
 }
 
 node_args=(--perf-prof --perf-basic-prof --expose-gc "$here/workload.js" "$MILLIS")
