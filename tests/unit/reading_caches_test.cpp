@@ -1,8 +1,10 @@
 // What the reading pass remembers between records: class names in stored
-// form. A remembered answer must be the one the question would get afresh,
-// whatever was asked before it.
+// form and the ids of raw ids. A remembered answer must be the one the
+// question would get afresh, whatever was asked before it.
 
 #include "ingest/class_name_cache.h"
+#include "ingest/method_id_cache.h"
+#include "model/module.h"
 
 #include <gtest/gtest.h>
 
@@ -47,6 +49,47 @@ TEST(ClassNameCache, StartingOverAfterManyNamesKeepsTheAnswersRight) {
     }
     EXPECT_EQ("p::C0", cache.stored("Lp/C0;", true));
     EXPECT_EQ("p::C69999", cache.stored("Lp/C69999;", true));
+}
+
+JitMethod::Ptr methodWith(u32 host, u32 pid, quarvel_arch arch, const char* className = "") {
+    JitMethod::Ptr method(new JitMethod());
+    method->info()->setModule(IModule::Ptr(new Module("m.so", meSuccess, arch)));
+    method->info()->setClassName(className);
+    method->addCodeRegion(Region::Ptr(new Region(host, pid, 1, 1, 0, 0x1000, 16, nullptr)));
+    return method;
+}
+
+TEST(MethodIdCache, AnswersEachIdentityOnItsOwn) {
+    // The same raw id in another host, process or architecture lands in the
+    // same place of the cache and must not take the id remembered there.
+    const struct {
+        u32 rawId;
+        u32 host;
+        u32 pid;
+        quarvel_arch arch;
+        const char* identity;
+    } asked[] = {
+        {7, 1, 4242, quarvel_arch_vx64, "7.1.42422"},
+        {7, 1, 4242, quarvel_arch_vx64, "7.1.42422"},
+        {7, 2, 4242, quarvel_arch_vx64, "7.2.42422"},
+        {7, 1, 4243, quarvel_arch_vx64, "7.1.42432"},
+        {7, 1, 4242, quarvel_arch_vx32, "7.1.42420"},
+        {8, 1, 4242, quarvel_arch_vx64, "8.1.42422"},
+        {7, 1, 4242, quarvel_arch_vx64, "7.1.42422"},
+        {4294967295u, 4294967295u, 4294967295u, quarvel_arch_vx64, "4294967295.4294967295.42949672952"},
+    };
+    MethodIdCache cache;
+    for (const auto& a : asked)
+        EXPECT_EQ(Md5HashGenerator::hashText(a.identity), cache.get(a.rawId, methodWith(a.host, a.pid, a.arch)))
+            << a.identity;
+}
+
+TEST(MethodIdCache, RawIdZeroTakesTheIdFromTheNamesEveryTime) {
+    MethodIdCache cache;
+    const BaseMethodId a = cache.get(0, methodWith(1, 4242, quarvel_arch_vx64, "A"));
+    const BaseMethodId b = cache.get(0, methodWith(1, 4242, quarvel_arch_vx64, "B"));
+    EXPECT_EQ(Md5HashGenerator::hashText("0Am.so2"), a);
+    EXPECT_EQ(Md5HashGenerator::hashText("0Bm.so2"), b);
 }
 
 } // namespace reading_caches_test

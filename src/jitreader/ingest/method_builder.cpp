@@ -1,7 +1,6 @@
 #include "ingest/method_builder.h"
 
 #include "model/java_signature_parser.h"
-#include "model/md5_hash_generator.h"
 #include "model/module.h"
 #include "model/source_file.h"
 
@@ -175,7 +174,7 @@ JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int versio
     method->setStartJitRva(start);
     applyTail(*method, load.tail, version <= 1, context, codeLength);
     // Versions 0 and 1 carry no hash key: their ids come from the names.
-    method->info()->setMethodId(Md5HashGenerator::getHashValue(version <= 1 ? 0 : load.hashKey, method));
+    method->info()->setMethodId(m_ids.get(version <= 1 ? 0 : load.hashKey, method));
     return method;
 }
 
@@ -197,8 +196,10 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
     full.keepSymbolic = true; // inline records have no old layout to skip
     applyTail(*method, load.tail, false, full, load.region.codeSize);
     // Host and process of the ids come from the region, so it is added first.
-    method->info()->setMethodId(Md5HashGenerator::getHashValue(load.methodId, method));
-    method->info()->setParentId(Md5HashGenerator::getHashValue(load.parentId, method));
+    // The parent's id first: it was most likely hashed for the load just
+    // read, and the inline's own id may take its place in the cache.
+    method->info()->setParentId(m_ids.get(load.parentId, method));
+    method->info()->setMethodId(m_ids.get(load.methodId, method));
     return method;
 }
 

@@ -5,6 +5,7 @@
 // names, source files, line tables and identities the data manager keys on.
 
 #include "ingest/class_name_cache.h"
+#include "ingest/method_id_cache.h"
 #include "model/jit_method.h"
 #include "support/result.h"
 
@@ -72,6 +73,7 @@ private:
 
     ModuleCache& m_modules;
     ClassNameCache m_classNames;
+    MethodIdCache m_ids;
     std::string m_qualifiedName; // reused: the names are copied into the method's own block
 };
 
