@@ -155,6 +155,7 @@ JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int versio
     method->setLoadTime(load.loadTime);
     u64 codeLength = 0;
     jit_rva_t start = 0;
+    method->reserveRegions(load.regions.size());
     for (size_t i = 0; i < load.regions.size(); ++i) {
         const TraceCodeRegion& r = load.regions[i];
         if (r.codeSize == 0)
