@@ -55,6 +55,81 @@ TEST(JavaSignatureParser, ParsesMethodNames) {
         EXPECT_EQ(c.expected, JavaSignatureParser::parseMethodName(c.input)) << c.input;
 }
 
+// The one-pass form takes the common names and must give what the parser
+// and joining give; every other name it declines (null here), leaving the
+// output as it was, for the general path.
+TEST(JavaSignatureParser, AppendsCommonMethodNamesJoinedAndDeclinesTheRest) {
+    const NameCase cases[] = {
+        {"run(Ljava/lang/String;I)V", "run(java::lang::String, int)"},
+        {"main([Ljava/lang/String;)V", "main(java::lang::String[])"},
+        {"sum([[JZ)J", "sum(long[][], boolean)"},
+        {"all(BCDFIJSZV)V", "all(byte, char, double, float, int, long, short, boolean, void)"},
+        {"none()V", "none()"},
+        {"<init>(Lpkg/Outer$Inner;)V", "<init>(pkg::Outer$Inner)"},
+        {"get()Ljava/util/List;", "get()"},           // the return type is dropped
+        {"a)b(I)V", "a)b(int)"},                      // a ")" before the list is part of the name
+        {"<clinit>", "<clinit>"},                     // no parameter list: kept
+        {"cut(Ljava/lang/Str", "cut(Ljava/lang/Str"}, // nor without its ")"
+        // Declined:
+        {"", nullptr},
+        {"run(int)", nullptr},                // already readable
+        {"run(java.lang.String)", nullptr},   // dots
+        {"f(I,J)", nullptr},                  // commas
+        {"f([]I)V", nullptr},                 // "[]"
+        {"g(I)V(int", nullptr},               // a second "("
+        {"odd(QI)V", nullptr},                // an unknown letter
+        {"f(TT;)V", nullptr},                 // a type variable
+        {"f([)V", nullptr},                   // an array of nothing
+        {"f(Ljava/util/List<*>;)V", nullptr}, // type arguments
+        {"f(L;)V", nullptr},                  // an empty class name
+        {"f(L/a;)V", nullptr},                // empty packages
+        {"f(La//b;)V", nullptr},
+        {"f(La/;)V", nullptr},
+        {"cut(Ljava/lang/Str)V", nullptr}, // the class runs past ")"
+    };
+    for (const NameCase& c : cases) {
+        std::string out = "Cls::";
+        const bool taken = JavaSignatureParser::appendJoinedMethodName(c.input, out);
+        EXPECT_EQ(c.expected != nullptr, taken) << c.input;
+        EXPECT_EQ(std::string("Cls::") + (c.expected ? c.expected : ""), out) << c.input;
+    }
+    // The general path stops nesting arrays at 256; the one-pass form leaves
+    // deeper ones to it.
+    std::string out;
+    EXPECT_TRUE(JavaSignatureParser::appendJoinedMethodName("f(" + std::string(255, '[') + "I)V", out));
+    EXPECT_EQ(2 + 3 + 2 * 255 + 1, static_cast<int>(out.size()));
+    out.clear();
+    EXPECT_FALSE(JavaSignatureParser::appendJoinedMethodName("f(" + std::string(256, '[') + "I)V", out));
+    EXPECT_EQ("", out);
+}
+
+TEST(JavaSignatureParser, AppendsCommonClassNamesJoinedAndDeclinesTheRest) {
+    const NameCase cases[] = {
+        {"Ljava/lang/String;", "java::lang::String"},
+        {"LMain;", "Main"},
+        {"Lpkg/Outer$Inner;", "pkg::Outer$Inner"},
+        // Declined:
+        {"", nullptr},
+        {"L;", nullptr},
+        {"Lpkg/Foo", nullptr},            // no ";"
+        {"I;", nullptr},                  // not a class descriptor
+        {"La;b;", nullptr},               // the parser stops at the first ";"
+        {"java.lang.String", nullptr},    // readable already
+        {"Ljava/util/List<*>;", nullptr}, // type arguments
+        {"L/a;", nullptr},                // empty packages
+        {"La//b;", nullptr},
+        {"La/;", nullptr},
+        {"Lpkg/Shop$$Lambda$1.0x00007f1700000a08;", nullptr}, // hidden classes
+        {"Lpkg/Shop$$Lambda$1/0x00007f1700000a08;", nullptr},
+    };
+    for (const NameCase& c : cases) {
+        std::string out = "x";
+        const bool taken = JavaSignatureParser::appendJoinedClassName(c.input, out);
+        EXPECT_EQ(c.expected != nullptr, taken) << c.input;
+        EXPECT_EQ(std::string("x") + (c.expected ? c.expected : ""), out) << c.input;
+    }
+}
+
 TEST(JavaSignatureParser, RecognisesReadableNames) {
     for (const char* readable : {"a.b", "f(int)", "f(void)", "a,b", "int[]", "f(boolean"})
         EXPECT_TRUE(JavaSignatureParser::isParsedName(readable)) << readable;

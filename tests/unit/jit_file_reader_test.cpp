@@ -211,6 +211,57 @@ TEST(ReadingPassModel, OnlyJavaNamesAreUnmangledAndHiddenClassesKeepTheirAddress
     }
 }
 
+// Common Java names take a shorter way than the others; all are stored the
+// same way, and a class name seen before is not mistaken for a similar one.
+TEST(ReadingPassModel, NamesOfEveryFormAreStoredAlike) {
+    const uint16_t java = quarvel_language_java;
+    const struct {
+        const char* className;
+        const char* methodName;
+        uint16_t language;
+        const char* expectedClass;
+        const char* expectedName;
+        const char* expectedQualified;
+    } cases[] = {
+        {"Lpkg/Foo;", "run(Ljava/lang/String;[[I)V", java, "pkg::Foo", "pkg::Foo::run",
+         "pkg::Foo::run(java::lang::String, int[][])"},
+        {"Lpkg/Foo;", "put(Ljava/util/Map<Ljava/lang/String;Ljava/lang/Integer;>;)V", java, "pkg::Foo", "pkg::Foo::put",
+         "pkg::Foo::put(java::util::Map<java::lang::String,java::lang::Integer>)"},
+        {"Lpkg/Foo;", "m(La//b;)V", java, "pkg::Foo", "pkg::Foo::m", "pkg::Foo::m(a::b)"},
+        {"Lpkg/Foo;", "cut(Ljava/lang/Str)V", java, "pkg::Foo", "pkg::Foo::cut", "pkg::Foo::cut(java::lang::Str)V)"},
+        {"Lpkg/Foo;", "run(java.lang.String)", java, "pkg::Foo", "pkg::Foo::run", "pkg::Foo::run(java::lang::String)"},
+        {"Lpkg/Foo;", "<clinit>", java, "pkg::Foo", "pkg::Foo::<clinit>", "pkg::Foo::<clinit>"},
+        {"Lpkg/Foo;", "_ZN2ns3Foo3barEic", java, "pkg::Foo", "ns::Foo::bar", "ns::Foo::bar(int, char)"},
+        {"Lpkg/Foo;", "", java, "pkg::Foo", "", ""},
+        {"", "run(I)V", java, "", "run", "run(int)"},
+        {"Lpkg/Foo", "run(I)V", java, "pkg::Foo", "pkg::Foo::run", "pkg::Foo::run(int)"},
+        {"Lpkg/Foo", "Run", 0, "Lpkg/Foo", "Lpkg/Foo::Run", "Lpkg/Foo::Run"},
+        {"Lib.Loader", "Load.Inner(I)V", 0, "Lib::Loader", "Lib::Loader::Load::Inner", "Lib::Loader::Load::Inner(I)V"},
+        {"Plain", "...", 0, "Plain", "Plain::", "Plain::"},
+        {"", "...", 0, "", "", ""},
+    };
+    TraceBuilder trace;
+    u32 id = 1;
+    for (const auto& c : cases) {
+        TraceMethodLoad l = load(id, 100, 0x1000 * id);
+        l.tail.className = c.className;
+        l.tail.methodName = c.methodName;
+        l.tail.language = c.language;
+        trace.load(2, l);
+        ++id;
+    }
+    JitDataManager data;
+    ASSERT_EQ(meSuccess, readTrace(trace, data).status);
+    id = 1;
+    for (const auto& c : cases) {
+        const JitMethod::Ptr method = methodOf(data, id++);
+        ASSERT_TRUE(method);
+        EXPECT_STREQ(c.expectedClass, method->getClassName()) << c.className << " " << c.methodName;
+        EXPECT_STREQ(c.expectedName, method->getMethodName()) << c.className << " " << c.methodName;
+        EXPECT_STREQ(c.expectedQualified, method->getQualifiedMethodName()) << c.className << " " << c.methodName;
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Where a pass ends, and where it reads on
 

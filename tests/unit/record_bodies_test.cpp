@@ -201,6 +201,49 @@ TEST(RoundTrips, EveryLoadVersionKeepsWhatItsLayoutHolds) {
     }
 }
 
+// A reading pass decodes every record into the same structs: nothing of an
+// earlier record may show through, whatever the later one leaves unset
+// (hash key, inline flag, token, tables or bytes left out) or where it is
+// refused.
+TEST(RoundTrips, DecodingIntoAUsedStructGivesWhatAFreshOneGets) {
+    BodyOptions lean;
+    lean.keepCodeBytes = false;
+    lean.keepLineTables = false;
+    const Bytes rich = jittrace::encodeMethodLoad(richLoad(), 3);
+    const Record richRecord = recordOf(jittrace::methodLoadType(3, true), rich);
+    const Bytes truncated(kV2Body.begin(), kV2Body.begin() + kHashKey.size() + kIdAndTime.size() + kRegion.size() + 3);
+    const struct {
+        int version;
+        const Bytes* body;
+    } cases[] = {{0, &kV0Body}, {1, &kV0Body}, {2, &kV2Body}, {3, &kV3Body}, {2, &truncated}};
+    TraceMethodLoad reused;
+    for (const auto& c : cases) {
+        for (const BodyOptions& options : {BodyOptions(), lean}) {
+            ASSERT_TRUE(decodeMethodLoadInto(richRecord, 3, kFile, BodyOptions(), reused));
+            const Record record = recordOf(jittrace::methodLoadType(c.version, true), *c.body);
+            const DecodedMethodLoad fresh = decodeMethodLoad(record, c.version, kFile, options);
+            const Status status = decodeMethodLoadInto(record, c.version, kFile, options, reused);
+            EXPECT_EQ(fresh.status.ok(), status.ok()) << "version " << c.version;
+            EXPECT_EQ(fresh.load, reused) << "version " << c.version << (options.keepLineTables ? "" : ", lean");
+        }
+    }
+
+    TraceInlineLoad richInline;
+    richInline.methodId = 3;
+    richInline.parentId = 2;
+    richInline.loadTime = 99;
+    richInline.region = TraceCodeRegion{0x2000, 8, Bytes(8, 0xcc)};
+    richInline.tail = richLoad().tail;
+    richInline.tail.className = "with";
+    TraceInlineLoad reusedInline;
+    ASSERT_TRUE(decodeInlineLoadInto(recordOf(quarvel_jt_FunctionInlineLoad64, jittrace::encodeInlineLoad(richInline)),
+                                     kFile, BodyOptions(), reusedInline));
+    EXPECT_EQ(richInline, reusedInline);
+    ASSERT_TRUE(decodeInlineLoadInto(recordOf(quarvel_jt_FunctionInlineLoad64, kInlineBody), kFile, BodyOptions(),
+                                     reusedInline));
+    EXPECT_EQ(*decodeInlineLoad(recordOf(quarvel_jt_FunctionInlineLoad64, kInlineBody), kFile), reusedInline);
+}
+
 // ---------------------------------------------------------------------------
 // Values the format forbids: the reason points at the field.
 

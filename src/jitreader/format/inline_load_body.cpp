@@ -6,14 +6,15 @@ QUARVEL_NAMESPACE_BEGIN
 
 // Raw id, raw parent id, load time, a region count that must be 1, the one
 // region, then the descriptive tail of the load records.
-Expected<TraceInlineLoad> decodeInlineLoad(const Record& record, const std::string& file, const BodyOptions& options) {
-    TraceInlineLoad load;
+Status decodeInlineLoadInto(const Record& record, const std::string& file, const BodyOptions& options,
+                            TraceInlineLoad& load) {
+    recycle(load);
     ByteCursor cursor(record.data.data(), record.data.size(), ByteCursor::Order::little, record.bodyOffset());
-    const auto refuse = [&](const char* field, std::string message) -> Expected<TraceInlineLoad> {
+    const auto refuse = [&](const char* field, std::string message) -> Status {
         return bodyReason(cursor, file, field, std::move(message));
     };
     // A value the format does not allow: the reason points at the field's start.
-    const auto badValue = [&](size_t at, const char* field, std::string message) -> Expected<TraceInlineLoad> {
+    const auto badValue = [&](size_t at, const char* field, std::string message) -> Status {
         if (cursor)
             cursor.seek(at, field);
         return refuse(field, std::move(message));
@@ -57,6 +58,14 @@ Expected<TraceInlineLoad> decodeInlineLoad(const Record& record, const std::stri
     if (!readModule(cursor, load.tail) || !readSymbolic(cursor, load.tail, options) ||
         !readMetadataToken(cursor, load.tail))
         return refuse("inline load tail", "");
+    return Status::success();
+}
+
+Expected<TraceInlineLoad> decodeInlineLoad(const Record& record, const std::string& file, const BodyOptions& options) {
+    TraceInlineLoad load;
+    Status status = decodeInlineLoadInto(record, file, options, load);
+    if (!status)
+        return std::move(status.reason());
     return load;
 }
 

@@ -8,14 +8,12 @@ QUARVEL_NAMESPACE_BEGIN
 // and the load time; 2 adds a hash key in front; 3 adds an inline flag after
 // the method id. Regions and the descriptive tail follow in every version;
 // version 3 may end with a metadata token.
-DecodedMethodLoad decodeMethodLoad(const Record& record, int version, const std::string& file,
-                                   const BodyOptions& options) {
-    DecodedMethodLoad result;
-    TraceMethodLoad& load = result.load;
+Status decodeMethodLoadInto(const Record& record, int version, const std::string& file, const BodyOptions& options,
+                            TraceMethodLoad& load) {
+    recycle(load);
     ByteCursor cursor(record.data.data(), record.data.size(), ByteCursor::Order::little, record.bodyOffset());
-    const auto refuse = [&](const char* field, std::string message) {
-        result.status = bodyReason(cursor, file, field, std::move(message));
-        return result;
+    const auto refuse = [&](const char* field, std::string message) -> Status {
+        return bodyReason(cursor, file, field, std::move(message));
     };
 
     if (version >= 2)
@@ -58,6 +56,13 @@ DecodedMethodLoad decodeMethodLoad(const Record& record, int version, const std:
     if (!readModule(cursor, load.tail) || !readSymbolic(cursor, load.tail, options) ||
         (version >= 3 && !readMetadataToken(cursor, load.tail)))
         return refuse("method load tail", "");
+    return Status::success();
+}
+
+DecodedMethodLoad decodeMethodLoad(const Record& record, int version, const std::string& file,
+                                   const BodyOptions& options) {
+    DecodedMethodLoad result;
+    result.status = decodeMethodLoadInto(record, version, file, options, result.load);
     return result;
 }
 

@@ -24,7 +24,44 @@ bool readTable(ByteCursor& cursor, std::vector<quarvel_line_number_entry>& table
     return cursor.ok();
 }
 
+// Every field back to its default, strings and tables cleared in place so
+// that they keep their storage. (A default struct to copy the values from
+// costs more than the clearing.)
+void recycleTail(TraceMethodTail& tail) {
+    tail.moduleName.clear();
+    tail.moduleArch = quarvel_arch_vx64;
+    tail.methodName.clear();
+    tail.className.clear();
+    tail.sourceFile.clear();
+    tail.checksumType = 0;
+    tail.checksum.clear();
+    tail.language = 0;
+    tail.lines.managedToSource.clear();
+    tail.lines.nativeToManaged.clear();
+    tail.lines.nativeToSource.clear();
+    tail.metadataToken = 0;
+}
+
 } // namespace
+
+void recycle(TraceMethodLoad& load) {
+    load.hashKey = 0;
+    load.methodId = 0;
+    load.inlineFlag = 0;
+    load.loadTime = 0;
+    load.regions.clear();
+    recycleTail(load.tail);
+}
+
+void recycle(TraceInlineLoad& load) {
+    load.methodId = 0;
+    load.parentId = 0;
+    load.loadTime = 0;
+    load.region.startAddress = 0;
+    load.region.codeSize = 0;
+    load.region.bytes.clear();
+    recycleTail(load.tail);
+}
 
 Reason bodyReason(const ByteCursor& cursor, const std::string& file, const char* field, std::string message) {
     Reason reason = Reason::badInput(cursor.ok() ? std::move(message) : cursor.error());

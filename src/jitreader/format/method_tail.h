@@ -14,6 +14,11 @@ QUARVEL_NAMESPACE_BEGIN
 // ran short, else `message`.
 Reason bodyReason(const ByteCursor& cursor, const std::string& file, const char* field, std::string message);
 
+// Empties a load for the next record, keeping the storage of its strings and
+// tables; every other field takes its default.
+void recycle(TraceMethodLoad& load);
+void recycle(TraceInlineLoad& load);
+
 // One region head and its code bytes.
 bool readCodeRegion(ByteCursor& cursor, TraceCodeRegion& region, const BodyOptions& options);
 

@@ -33,6 +33,13 @@ DecodedMethodLoad decodeMethodLoad(const Record& record, int version, const std:
                                    const BodyOptions& options = BodyOptions());
 Expected<TraceInlineLoad> decodeInlineLoad(const Record& record, const std::string& file,
                                            const BodyOptions& options = BodyOptions());
+// The same into a struct the caller keeps from record to record: whatever it
+// held is dropped, but its strings and tables keep their storage, so that a
+// reading pass does not allocate them anew for every record.
+Status decodeMethodLoadInto(const Record& record, int version, const std::string& file, const BodyOptions& options,
+                            TraceMethodLoad& load);
+Status decodeInlineLoadInto(const Record& record, const std::string& file, const BodyOptions& options,
+                            TraceInlineLoad& load);
 Expected<TraceUpdateV2> decodeUpdateV2(const Record& record, const std::string& file);
 Expected<TraceRuntimeInfo> decodeRuntimeInfo(const Record& record, const std::string& file);
 

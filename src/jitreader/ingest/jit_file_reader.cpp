@@ -119,6 +119,10 @@ private:
     jit_rva_t m_nextJitRva;
     const jit_rva_t m_jitRvaLimit;
     JitMethodStorage m_methods;
+    // Reused from record to record, with the storage of their strings and tables.
+    TraceMethodLoad m_load;
+    TraceInlineLoad m_inline;
+    std::vector<jit_rva_t> m_jitRvas;
     bool m_sawArch0 = false;
     bool m_sawArch1 = false;
 };
@@ -149,22 +153,22 @@ void FilePass::methodLoad(const Record& record, const RecordTypeInfo& info) {
     BodyOptions options;
     options.keepCodeBytes = (m_decoder.mode() & dmCodeBytes) != 0;
     options.keepLineTables = !(legacy && (m_decoder.mode() & dmSkipSymbolic));
-    DecodedMethodLoad decoded = decodeMethodLoad(record, version, m_decoder.path(), options);
-    const TraceMethodLoad& load = decoded.load;
+    Status decoded = decodeMethodLoadInto(record, version, m_decoder.path(), options, m_load);
+    const TraceMethodLoad& load = m_load;
     const bool inlined = version >= 3 && load.inlineFlag == 1;
 
     // The regions read take their jit rvas before anything else is decided.
-    std::vector<jit_rva_t> jitRvas;
     Reason overrun;
-    const bool placed = inlined || takeJitRvas(load, jitRvas, overrun);
-    if (!decoded.status)
-        return refuseBody(record, decoded.status.reason());
+    m_jitRvas.clear();
+    const bool placed = inlined || takeJitRvas(load, m_jitRvas, overrun);
+    if (!decoded)
+        return refuseBody(record, decoded.reason());
     if (!placed)
         return refuseBody(record, overrun);
 
     BuildContext context = m_context;
     context.keepSymbolic = options.keepLineTables;
-    JitMethod::Ptr method = m_builder.methodLoad(load, version, jitRvas, context);
+    JitMethod::Ptr method = m_builder.methodLoad(load, version, m_jitRvas, context);
     if (version == 3) {
         m_sawArch0 |= load.tail.moduleArch == quarvel_arch_vx32;
         m_sawArch1 |= load.tail.moduleArch == quarvel_arch_varda64;
@@ -201,10 +205,10 @@ void FilePass::methodUpdate(const Record& record) {
 void FilePass::inlineLoad(const Record& record) {
     BodyOptions options;
     options.keepCodeBytes = (m_decoder.mode() & dmCodeBytes) != 0;
-    Expected<TraceInlineLoad> decoded = decodeInlineLoad(record, m_decoder.path(), options);
+    Status decoded = decodeInlineLoadInto(record, m_decoder.path(), options, m_inline);
     if (!decoded)
         return refuseBody(record, decoded.reason());
-    attachInline(record, m_builder.inlineLoad(*decoded, m_context));
+    attachInline(record, m_builder.inlineLoad(m_inline, m_context));
 }
 
 void FilePass::attachInline(const Record& record, const JitMethod::Ptr& method) {

@@ -1,7 +1,6 @@
 #include "ingest/method_builder.h"
 
 #include "model/java_signature_parser.h"
-#include "model/md5_hash_generator.h"
 #include "model/module.h"
 #include "model/source_file.h"
 
@@ -21,15 +20,6 @@ bool isJavaMethod(const TraceMethodTail& tail) {
     return tail.language == quarvel_language_java || (cls.size() >= 2 && cls.front() == 'L' && cls.back() == ';');
 }
 
-void applyNames(BaseMethodInfo& info, const TraceMethodTail& tail) {
-    const bool java = isJavaMethod(tail);
-    std::string className = tail.className;
-    if (java && !className.empty() && !JavaSignatureParser::parseHiddenClassName(tail.className, className))
-        className = JavaSignatureParser::parseClassName(tail.className);
-    const std::string methodName = java ? JavaSignatureParser::parseMethodName(tail.methodName) : tail.methodName;
-    info.setClassAndMethodName(className, methodName);
-}
-
 // Line tables are keyed by offsets from the method's first byte: its regions
 // are consecutive in jit rva space, so one range covers them all. The data
 // manager shifts the key to jit rvas when it registers the method.
@@ -38,8 +28,10 @@ void addLineTables(JitMethod& method, const TraceMethodTail& tail, u64 codeLengt
         return; // no code the tables could describe
     const Range range(0, static_cast<u32>(std::min<u64>(codeLength, std::numeric_limits<u32>::max())));
     LineTables::Span tables[LineTables::kTypes];
-    tables[quarvel_line_info_managed_to_source] = {tail.lines.managedToSource.data(), tail.lines.managedToSource.size()};
-    tables[quarvel_line_info_native_to_managed] = {tail.lines.nativeToManaged.data(), tail.lines.nativeToManaged.size()};
+    tables[quarvel_line_info_managed_to_source] = {tail.lines.managedToSource.data(),
+                                                   tail.lines.managedToSource.size()};
+    tables[quarvel_line_info_native_to_managed] = {tail.lines.nativeToManaged.data(),
+                                                   tail.lines.nativeToManaged.size()};
     tables[quarvel_line_info_native_to_source] = {tail.lines.nativeToSource.data(), tail.lines.nativeToSource.size()};
     if (!tables[0].empty() || !tables[1].empty() || !tables[2].empty())
         method.addLineNumberInfo(range, tables);
@@ -47,11 +39,17 @@ void addLineTables(JitMethod& method, const TraceMethodTail& tail, u64 codeLengt
 
 } // namespace
 
-IModule::Ptr ModuleCache::get(const std::string& path, quarvel_error_t status, quarvel_arch arch) {
-    IModule::Ptr& slot = m_modules[std::make_tuple(path, status, static_cast<int>(arch))];
+const IModule::Ptr& ModuleCache::get(std::string_view path, quarvel_error_t status, quarvel_arch arch) {
+    if (m_lastModule && m_lastStatus == status && m_lastArch == arch && m_lastPath == path)
+        return m_lastModule;
+    IModule::Ptr& slot = m_modules[std::make_tuple(std::string(path), status, static_cast<int>(arch))];
     if (!slot)
-        slot = IModule::Ptr(new Module(path, status, arch));
-    return slot;
+        slot = IModule::Ptr(new Module(std::string(path), status, arch));
+    m_lastModule = slot;
+    m_lastPath.assign(path.data(), path.size());
+    m_lastStatus = status;
+    m_lastArch = arch;
+    return m_lastModule;
 }
 
 namespace {
@@ -102,6 +100,29 @@ void ModuleCache::growSourceFiles() {
     m_sourceFileSlots.swap(slots);
 }
 
+// The class name comes converted from the cache. A method name that is not
+// mangled is written after it into the reused buffer, Java's common names
+// without the parser's temporaries; the method's own block is the one copy.
+void MethodBuilder::applyNames(BaseMethodInfo& info, const TraceMethodTail& tail) {
+    const bool java = isJavaMethod(tail);
+    const std::string& className = m_classNames.stored(tail.className, java);
+    const std::string& written = tail.methodName;
+    if (written.empty() || BaseMethodInfo::mayBeMangled(written)) {
+        info.setClassAndMethodName(className, java ? JavaSignatureParser::parseMethodName(written) : written);
+        return;
+    }
+    // A new method has no class name to keep: the qualified name starts with this one.
+    std::string& qualified = m_qualifiedName;
+    qualified = className;
+    if (!className.empty())
+        qualified += "::";
+    if (!java)
+        BaseMethodInfo::appendJoined(written, qualified);
+    else if (!JavaSignatureParser::appendJoinedMethodName(written, qualified))
+        BaseMethodInfo::appendJoined(JavaSignatureParser::parseMethodName(written), qualified);
+    info.setQualifiedNames(className, qualified);
+}
+
 void MethodBuilder::applyTail(JitMethod& method, const TraceMethodTail& tail, bool legacy, const BuildContext& context,
                               u64 codeLength) {
     BaseMethodInfo& info = *method.info();
@@ -114,7 +135,7 @@ void MethodBuilder::applyTail(JitMethod& method, const TraceMethodTail& tail, bo
     } else {
         // Newer layouts: Java code without a module gets its own name; only
         // named files are real modules.
-        std::string name = tail.moduleName;
+        std::string_view name = tail.moduleName;
         if (name.empty() && tail.language == quarvel_language_java)
             name = kCompiledJavaCodeModule;
         const bool pseudo = name.empty() || name == kDynamicCodeModule || name == kCompiledJavaCodeModule;
@@ -134,6 +155,7 @@ JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int versio
     method->setLoadTime(load.loadTime);
     u64 codeLength = 0;
     jit_rva_t start = 0;
+    method->reserveRegions(load.regions.size());
     for (size_t i = 0; i < load.regions.size(); ++i) {
         const TraceCodeRegion& r = load.regions[i];
         if (r.codeSize == 0)
@@ -153,7 +175,7 @@ JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int versio
     method->setStartJitRva(start);
     applyTail(*method, load.tail, version <= 1, context, codeLength);
     // Versions 0 and 1 carry no hash key: their ids come from the names.
-    method->info()->setMethodId(Md5HashGenerator::getHashValue(version <= 1 ? 0 : load.hashKey, method));
+    method->info()->setMethodId(m_ids.get(version <= 1 ? 0 : load.hashKey, method));
     return method;
 }
 
@@ -175,8 +197,10 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
     full.keepSymbolic = true; // inline records have no old layout to skip
     applyTail(*method, load.tail, false, full, load.region.codeSize);
     // Host and process of the ids come from the region, so it is added first.
-    method->info()->setMethodId(Md5HashGenerator::getHashValue(load.methodId, method));
-    method->info()->setParentId(Md5HashGenerator::getHashValue(load.parentId, method));
+    // The parent's id first: it was most likely hashed for the load just
+    // read, and the inline's own id may take its place in the cache.
+    method->info()->setParentId(m_ids.get(load.parentId, method));
+    method->info()->setMethodId(m_ids.get(load.methodId, method));
     return method;
 }
 

@@ -4,6 +4,8 @@
 // Model objects from decoded record bodies: the methods, regions, modules,
 // names, source files, line tables and identities the data manager keys on.
 
+#include "ingest/class_name_cache.h"
+#include "ingest/method_id_cache.h"
 #include "model/jit_method.h"
 #include "support/result.h"
 
@@ -22,12 +24,18 @@ QUARVEL_NAMESPACE_BEGIN
 // source file, so that methods share it from the start.
 class ModuleCache {
 public:
-    IModule::Ptr get(const std::string& path, quarvel_error_t status, quarvel_arch arch);
+    // Valid until the next call.
+    const IModule::Ptr& get(std::string_view path, quarvel_error_t status, quarvel_arch arch);
     const SourceFile::Ptr& sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
                                       unsigned language);
 
 private:
     std::map<std::tuple<std::string, quarvel_error_t, int>, IModule::Ptr> m_modules;
+    // Records of one module come together.
+    IModule::Ptr m_lastModule;
+    std::string m_lastPath;
+    quarvel_error_t m_lastStatus = meSuccess;
+    quarvel_arch m_lastArch = quarvel_arch_vx64;
     // An open hash of the content's hash and the file, small enough to stay
     // in cache: a lookup builds no key and touches one file object.
     struct SourceFileSlot {
@@ -61,8 +69,12 @@ public:
 private:
     void applyTail(JitMethod& method, const TraceMethodTail& tail, bool legacy, const BuildContext& context,
                    u64 codeLength);
+    void applyNames(BaseMethodInfo& info, const TraceMethodTail& tail);
 
     ModuleCache& m_modules;
+    ClassNameCache m_classNames;
+    MethodIdCache m_ids;
+    std::string m_qualifiedName; // reused: the names are copied into the method's own block
 };
 
 QUARVEL_NAMESPACE_END

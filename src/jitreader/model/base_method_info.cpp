@@ -11,27 +11,6 @@ QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
-// Joins the "."-separated tokens of text with "::", dropping empty tokens.
-// Every method name goes through here, so it works in place, without a tokenizer.
-std::string joinDotted(const std::string& text) {
-    std::string joined;
-    joined.reserve(text.size() + 16);
-    size_t pos = 0;
-    while (pos < text.size()) {
-        const size_t dot = text.find('.', pos);
-        const size_t end = dot == std::string::npos ? text.size() : dot;
-        if (end > pos) {
-            if (!joined.empty())
-                joined += "::";
-            joined.append(text, pos, end - pos);
-        }
-        if (dot == std::string::npos)
-            break;
-        pos = dot + 1;
-    }
-    return joined;
-}
-
 // The demangled name without its trailing parameter list (and qualifiers).
 std::string stripParameters(const std::string& full) {
     size_t end = full.size();
@@ -55,7 +34,7 @@ std::string stripParameters(const std::string& full) {
 
 // Itanium-mangled names only; false for anything else.
 bool demangle(const std::string& name, std::string& shortName, std::string& fullName) {
-    if (name.size() < 3 || name.compare(0, 2, "_Z") != 0)
+    if (!BaseMethodInfo::mayBeMangled(name))
         return false;
     int status = 0;
     std::unique_ptr<char, void (*)(void*)> text(abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status),
@@ -113,8 +92,30 @@ void BaseMethodInfo::setNames(std::string_view className, std::string_view metho
     m_names = std::move(names);
 }
 
+void BaseMethodInfo::appendJoined(std::string_view text, std::string& out) {
+    const size_t start = out.size();
+    size_t pos = 0;
+    while (pos < text.size()) {
+        const size_t dot = text.find('.', pos);
+        const size_t end = dot == std::string_view::npos ? text.size() : dot;
+        if (end > pos) {
+            if (out.size() > start)
+                out += "::";
+            out.append(text.data() + pos, end - pos);
+        }
+        if (dot == std::string_view::npos)
+            break;
+        pos = dot + 1;
+    }
+}
+
+void BaseMethodInfo::setQualifiedNames(std::string_view className, std::string_view qualified) {
+    setNames(className, qualified.substr(0, qualified.find('(')), qualified);
+}
+
 void BaseMethodInfo::setClassAndMethodName(const std::string& cls, const std::string& name) {
-    const std::string joinedClass = cls.empty() ? std::string() : joinDotted(cls);
+    std::string joinedClass;
+    appendJoined(cls, joinedClass);
     // Empty input or dots only keep the old class name.
     const std::string keptClass = joinedClass.empty() ? std::string(className()) : joinedClass;
     const auto keepClassOnly = [&] {
@@ -134,12 +135,10 @@ void BaseMethodInfo::setClassAndMethodName(const std::string& cls, const std::st
     // Not mangled: qualify with the class. The parameter list is split at
     // dots too, so run(java.lang.String) in pkg::Foo is pkg::Foo::run(java::lang::String).
     std::string qualified = keptClass.empty() ? std::string() : keptClass + "::";
-    qualified += joinDotted(name);
+    appendJoined(name, qualified);
     if (qualified.empty())
         return keepClassOnly();
-    const size_t paren = qualified.find('(');
-    const std::string keptShort = paren != std::string::npos ? qualified.substr(0, paren) : qualified;
-    setNames(keptClass, keptShort, qualified);
+    setQualifiedNames(keptClass, qualified);
 }
 
 const SourceFile& BaseMethodInfo::sourceFile() const {

@@ -40,6 +40,17 @@ public:
     // Both at once, as setClassName and then setMethodName would set them,
     // with one allocation for the names rather than two.
     void setClassAndMethodName(const std::string& className, const std::string& methodName);
+    // The names from a class name and a qualified method name already in
+    // stored form (joined with "::", not mangled); the method name is the
+    // qualified name up to its parameter list. For a new method this is what
+    // setClassAndMethodName gives when the class name and the method name
+    // are such (see appendJoined and mayBeMangled).
+    void setQualifiedNames(std::string_view className, std::string_view qualified);
+    // Appends text with its "."-separated tokens joined by "::", empty tokens
+    // dropped: the stored form of class names and of names that are not mangled.
+    static void appendJoined(std::string_view text, std::string& out);
+    // Whether setMethodName tries to demangle the name (an Itanium prefix).
+    static bool mayBeMangled(std::string_view name) { return name.size() >= 3 && name.compare(0, 2, "_Z") == 0; }
     // A name kept exactly as written, as both the method name and the
     // qualified name: runtimes that write names for profilers (jitdump files,
     // perf maps) already made them readable, and dots or parentheses in them

@@ -1,5 +1,6 @@
 #include "model/java_signature_parser.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -120,7 +121,131 @@ void unmangleType(const std::string& sig, uint32_t& pos, std::string& out, unsig
     }
 }
 
+// The readable name of a primitive type's letter; empty for other letters.
+std::string_view primitiveName(char letter) {
+    switch (letter) {
+    case 'B':
+        return "byte";
+    case 'C':
+        return "char";
+    case 'D':
+        return "double";
+    case 'F':
+        return "float";
+    case 'I':
+        return "int";
+    case 'J':
+        return "long";
+    case 'S':
+        return "short";
+    case 'V':
+        return "void";
+    case 'Z':
+        return "boolean";
+    default:
+        return std::string_view();
+    }
+}
+
+// The joined forms below are written through a pointer into room made
+// beforehand: they are written for every method read, and appending piece by
+// piece costs more than the conversion. Each returns the end of what it
+// wrote, or null for a form it does not take (the general path does).
+
+char* put(char* at, std::string_view text) {
+    return std::copy(text.begin(), text.end(), at);
+}
+
+// "a/b/C" as "a::b::C" (room: twice the body). Null for an empty name, an
+// empty package ("/a", "a//b", "a/") or type arguments.
+char* putJoinedClassBody(std::string_view body, char* at) {
+    if (body.empty() || body.front() == '/' || body.back() == '/')
+        return nullptr;
+    for (size_t i = 0; i < body.size(); ++i) {
+        const char c = body[i];
+        if (c == '<' || (c == '/' && body[i + 1] == '/'))
+            return nullptr;
+        if (c == '/') {
+            *at++ = ':';
+            *at++ = ':';
+        } else {
+            *at++ = c;
+        }
+    }
+    return at;
+}
+
+// The parameter that starts at pos and ends before close; leaves pos on its
+// last character. Null for anything but a primitive type, an array or a class
+// name putJoinedClassBody takes.
+char* putJoinedParameter(std::string_view name, size_t close, size_t& pos, char* at) {
+    size_t dimensions = 0;
+    for (; pos < close && name[pos] == '['; ++pos)
+        ++dimensions;
+    if (pos >= close || dimensions > 255) // the general path's nesting limit stays out of reach
+        return nullptr;
+    if (name[pos] == 'L') {
+        const size_t end = name.find(';', pos + 1);
+        if (end >= close || !(at = putJoinedClassBody(name.substr(pos + 1, end - pos - 1), at)))
+            return nullptr;
+        pos = end;
+    } else {
+        const std::string_view primitive = primitiveName(name[pos]);
+        if (primitive.empty())
+            return nullptr;
+        at = put(at, primitive);
+    }
+    for (; dimensions > 0; --dimensions)
+        at = put(at, "[]");
+    return at;
+}
+
 } // namespace
+
+bool JavaSignatureParser::appendJoinedMethodName(std::string_view name, std::string& out) {
+    if (name.empty() || name.size() > UINT32_MAX)
+        return false;
+    // Dots, commas and "[]" mark readable names, which parseMethodName keeps
+    // and joining splits at their dots; so do the words after a second "(".
+    for (const char mark : {',', '.', ']'})
+        if (name.find(mark) != std::string_view::npos)
+            return false;
+    const size_t open = name.find('(');
+    if (open != std::string_view::npos && name.find('(', open + 1) != std::string_view::npos)
+        return false;
+    const size_t close = open == std::string_view::npos ? open : name.find(')', open);
+    if (close == std::string_view::npos) {
+        out.append(name.data(), name.size()); // no parameter list: kept, and it holds no dots
+        return true;
+    }
+    const size_t start = out.size();
+    out.resize(start + 9 * name.size()); // the most a character becomes: "Z" -> "boolean, "
+    char* const first = &out[start];
+    char* at = put(first, name.substr(0, open + 1));
+    for (size_t pos = open + 1; at && pos < close; ++pos) {
+        if (pos != open + 1)
+            at = put(at, ", ");
+        at = putJoinedParameter(name, close, pos, at);
+    }
+    if (at)
+        *at++ = ')';
+    out.resize(at ? start + static_cast<size_t>(at - first) : start);
+    return at != nullptr;
+}
+
+bool JavaSignatureParser::appendJoinedClassName(std::string_view name, std::string& out) {
+    // "0x" may end a hidden class's name, which parseHiddenClassName reads.
+    if (name.size() < 3 || name.front() != 'L' || name.find(';') != name.size() - 1 ||
+        name.find('.') != std::string_view::npos || name.find("0x") != std::string_view::npos)
+        return false;
+    const std::string_view body = name.substr(1, name.size() - 2);
+    const size_t start = out.size();
+    out.resize(start + 2 * body.size());
+    char* const first = &out[start];
+    char* const end = putJoinedClassBody(body, first);
+    out.resize(end ? start + static_cast<size_t>(end - first) : start);
+    return end != nullptr;
+}
 
 bool JavaSignatureParser::isParsedName(const std::string& name) {
     static const char* const kReadableMarks[] = {",",      ".",    "[]",    "(byte",  "(char",    "(double",

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 QUARVEL_NAMESPACE_BEGIN
 
@@ -20,6 +21,17 @@ public:
     static std::string parseClassName(const std::string& name);
     // Readable method name with its parameter list; the return type is dropped.
     static std::string parseMethodName(const std::string& name);
+    // parseMethodName's result in the form names are stored in, every "."
+    // written "::" ("run(Ljava/lang/String;I)V" appends
+    // "run(java::lang::String, int)"), in one pass without temporaries. Only
+    // for the common names: parameters of primitive types, arrays and class
+    // names without type arguments or empty packages. False, out unchanged,
+    // for any other name (the caller takes the general path).
+    static bool appendJoinedMethodName(std::string_view name, std::string& out);
+    // The same for class names: what parseClassName gives (or, for a hidden
+    // class, parseHiddenClassName), "." written "::". Only for plain
+    // descriptors ("Lpkg/Foo;"); false, out unchanged, for others.
+    static bool appendJoinedClassName(std::string_view name, std::string& out);
     // True when the name is already in readable form.
     static bool isParsedName(const std::string& name);
     // A hidden class (a lambda's, a method handle form's) has a descriptor

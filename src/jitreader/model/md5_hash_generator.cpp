@@ -4,42 +4,44 @@
 
 #include <openssl/evp.h>
 
+#include <charconv>
 #include <memory>
 #include <sstream>
 
 QUARVEL_NAMESPACE_BEGIN
 
-std::string Md5HashGenerator::identityText(u32 rawId, const JitMethod::Ptr& method) {
-    if (!method)
-        return std::string();
-    const IModule::Ptr& module = method->info()->module();
+namespace {
+
+int architectureOf(const JitMethod& method) {
+    const IModule::Ptr& module = method.info()->module();
     QV_CHECK(module, (void)0);
-    const int arch = module ? static_cast<int>(module->getArchitecture()) : 0;
-    if (rawId != 0) {
-        u32 host = 0;
-        u32 pid = 0;
-        if (method->regionCount()) {
-            host = method->regions().front()->hostId();
-            pid = method->regions().front()->processId();
-        }
-        // No separator between the process id and the architecture: the ids depend on it.
-        // Built without a stream: this runs for every record read.
-        std::string text = std::to_string(rawId);
-        text += '.';
-        text += std::to_string(host);
-        text += '.';
-        text += std::to_string(pid);
-        text += std::to_string(arch);
-        return text;
-    }
-    std::ostringstream text;
-    const BaseMethodInfo& info = *method->info();
-    text << info.methodToken() << info.qualifiedMethodName() << info.className()
-         << (module ? module->getFilePath() : "") << arch;
-    return text.str();
+    return module ? static_cast<int>(module->getArchitecture()) : 0;
 }
 
-namespace {
+// The identity text of a raw id, written into a buffer: this runs for every
+// record read. No separator between the process id and the architecture: the
+// ids depend on it.
+class RawIdText {
+public:
+    explicit RawIdText(const Md5HashGenerator::RawIdKey& key) {
+        number(key.rawId);
+        *m_end++ = '.';
+        number(key.host);
+        *m_end++ = '.';
+        number(key.pid);
+        number(key.arch);
+    }
+    std::string_view view() const { return std::string_view(m_text, static_cast<size_t>(m_end - m_text)); }
+
+private:
+    template <typename T>
+    void number(T value) {
+        m_end = std::to_chars(m_end, m_text + sizeof m_text, value).ptr;
+    }
+
+    char m_text[48]; // three u32 and an int with their separators need 43
+    char* m_end = m_text;
+};
 
 // Fetched once: an implicit fetch on every digest costs more than the digest.
 const EVP_MD* md5() {
@@ -53,22 +55,60 @@ const EVP_MD* md5() {
 struct FreeContext {
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
+typedef std::unique_ptr<EVP_MD_CTX, FreeContext> ContextPtr;
 
-// One context per thread, reset for each digest: a one-shot digest makes and
-// frees a context every time, and methods are hashed once or twice each.
-EVP_MD_CTX* context() {
-    thread_local const std::unique_ptr<EVP_MD_CTX, FreeContext> made(EVP_MD_CTX_new());
-    return made.get();
+// Per thread, a context set up for MD5 once and the one each digest copies it
+// into: copying the set-up state costs less than setting a context up again,
+// and a one-shot digest makes and frees a context every time.
+struct Contexts {
+    ContextPtr initialised{EVP_MD_CTX_new()};
+    ContextPtr working{EVP_MD_CTX_new()};
+    bool ready = initialised && working && EVP_DigestInit_ex2(initialised.get(), md5(), nullptr) == 1;
+};
+
+EVP_MD_CTX* freshContext() {
+    thread_local const Contexts contexts;
+    if (!contexts.ready || EVP_MD_CTX_copy_ex(contexts.working.get(), contexts.initialised.get()) != 1)
+        return nullptr;
+    return contexts.working.get();
 }
 
 } // namespace
 
-BaseMethodId Md5HashGenerator::hashText(const std::string& text) {
+Md5HashGenerator::RawIdKey Md5HashGenerator::rawIdKey(u32 rawId, const JitMethod& method) {
+    RawIdKey key;
+    key.rawId = rawId;
+    if (method.regionCount()) {
+        key.host = method.regions().front()->hostId();
+        key.pid = method.regions().front()->processId();
+    }
+    key.arch = architectureOf(method);
+    return key;
+}
+
+BaseMethodId Md5HashGenerator::hashRawId(const RawIdKey& key) {
+    return hashText(RawIdText(key).view());
+}
+
+std::string Md5HashGenerator::identityText(u32 rawId, const JitMethod::Ptr& method) {
+    if (!method)
+        return std::string();
+    if (rawId != 0)
+        return std::string(RawIdText(rawIdKey(rawId, *method)).view());
+    const IModule::Ptr& module = method->info()->module();
+    std::ostringstream text;
+    const BaseMethodInfo& info = *method->info();
+    text << info.methodToken() << info.qualifiedMethodName() << info.className()
+         << (module ? module->getFilePath() : "") << architectureOf(*method);
+    return text.str();
+}
+
+BaseMethodId Md5HashGenerator::hashText(std::string_view text) {
     unsigned char digest[EVP_MAX_MD_SIZE] = {};
     unsigned int length = 0;
-    EVP_MD_CTX* const ctx = context();
-    if (!ctx || EVP_DigestInit_ex2(ctx, md5(), nullptr) != 1 || EVP_DigestUpdate(ctx, text.data(), text.size()) != 1 ||
-        EVP_DigestFinal_ex(ctx, digest, &length) != 1 || length != 16)
+    EVP_MD_CTX* const ctx = freshContext();
+    if (!ctx || EVP_DigestUpdate(ctx, text.data(), text.size()) != 1 || EVP_DigestFinal_ex(ctx, digest, &length) != 1 ||
+        length != 16)
         return BaseMethodId();
     u64 halves[2] = {0, 0};
     for (int h = 0; h < 2; ++h)
@@ -78,6 +118,8 @@ BaseMethodId Md5HashGenerator::hashText(const std::string& text) {
 }
 
 BaseMethodId Md5HashGenerator::getHashValue(u32 rawId, const JitMethod::Ptr& method) {
+    if (rawId != 0 && method)
+        return hashRawId(rawIdKey(rawId, *method));
     return hashText(identityText(rawId, method));
 }
 

@@ -5,19 +5,36 @@
 #include "model/jit_method.h"
 
 #include <string>
+#include <string_view>
 
 QUARVEL_NAMESPACE_BEGIN
 
 // Turns a raw id (or, without one, the method's names) into its 128-bit id.
 class Md5HashGenerator {
 public:
+    // What the identity text of a raw id is made of: the id scoped by the
+    // host and process of the method's first region and its module's architecture.
+    struct RawIdKey {
+        u32 rawId = 0;
+        u32 host = 0;
+        u32 pid = 0;
+        int arch = 0;
+
+        bool operator==(const RawIdKey& other) const {
+            return rawId == other.rawId && host == other.host && pid == other.pid && arch == other.arch;
+        }
+    };
+
     // rawId != 0: "<rawId>.<host>.<pid><arch>" of the first region and module.
     // rawId == 0: "<token><qualified name><class name><module path><arch>".
     static BaseMethodId getHashValue(u32 rawId, const JitMethod::Ptr& method);
+    static RawIdKey rawIdKey(u32 rawId, const JitMethod& method);
+    // The id of a raw id's key; getHashValue of a method with that key.
+    static BaseMethodId hashRawId(const RawIdKey& key);
     // The identity text getHashValue digests.
     static std::string identityText(u32 rawId, const JitMethod::Ptr& method);
     // MD5 of the text, as two little-endian 64-bit halves.
-    static BaseMethodId hashText(const std::string& text);
+    static BaseMethodId hashText(std::string_view text);
 };
 
 QUARVEL_NAMESPACE_END

@@ -67,13 +67,15 @@ public:
         return true;
     }
 
-    // A u16 length followed by that many bytes; the text ends at the first zero byte.
+    // A u16 length followed by that many bytes; the text ends at the first
+    // zero byte. Assigned in place: a string reused from record to record
+    // keeps its storage.
     bool countedString(std::string& value, const char* field) {
         uint16_t n = 0;
         const uint8_t* p = nullptr;
         if (!u16(n, field) || !bytes(n, p, field))
             return false;
-        value = makeCountedString(p, n);
+        value.assign(reinterpret_cast<const char*>(p), countedLength(p, n));
         return true;
     }
 
@@ -114,9 +116,11 @@ public:
 
     // The text of n bytes, cut at the first zero byte, never read past n.
     static std::string makeCountedString(const uint8_t* p, size_t n) {
+        return std::string(reinterpret_cast<const char*>(p), countedLength(p, n));
+    }
+    static size_t countedLength(const uint8_t* p, size_t n) {
         const void* zero = n ? std::memchr(p, 0, n) : nullptr;
-        size_t len = zero ? static_cast<size_t>(static_cast<const uint8_t*>(zero) - p) : n;
-        return std::string(reinterpret_cast<const char*>(p), len);
+        return zero ? static_cast<size_t>(static_cast<const uint8_t*>(zero) - p) : n;
     }
 
     const uint8_t* data() const { return m_data; }
