@@ -1,8 +1,11 @@
 // The pool behind the model objects: blocks that never overlap, keep the
 // alignment of operator new, come back after being freed, and stay whole
 // when several threads allocate and free at once (objects are released by
-// whichever thread drops the last reference).
+// whichever thread drops the last reference). The variable-size blocks and
+// large arrays built on it: each block goes back to the pool of its own size.
 
+#include "support/block_heap.h"
+#include "support/bulk_memory.h"
 #include "support/object_pool.h"
 
 #include <gtest/gtest.h>
@@ -80,6 +83,57 @@ TEST(ObjectPool, ThreadsAllocatingAndFreeingNeverShareABlock) {
         thread.join();
     for (int t = 0; t < kThreads; ++t)
         EXPECT_EQ(0, corrupted[t]) << "thread " << t;
+}
+
+// Sizes on both sides of every boundary between the pooled classes and the
+// general heap: the blocks must hold their bytes without overlapping, and a
+// freed block must return to its own class (it is the next one handed out
+// for that size, and no other size gets it).
+TEST(BlockHeap, EverySizeKeepsItsBytesAndGoesBackToItsClass) {
+    std::vector<size_t> sizes = {0, 1, 1000, 1008, 1009, 1024, 5000};
+    for (size_t n = 15; n <= 1010; n += 16)
+        for (size_t d : {0, 1, 2})
+            sizes.push_back(n + d);
+    std::vector<char*> blocks;
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        char* block = static_cast<char*>(block_heap::allocate(sizes[i]));
+        ASSERT_EQ(0u, reinterpret_cast<uintptr_t>(block) % alignof(std::max_align_t));
+        std::memset(block, static_cast<int>(i & 0xFF), sizes[i]);
+        blocks.push_back(block);
+    }
+    for (size_t i = 0; i < sizes.size(); ++i)
+        for (size_t b = 0; b < sizes[i]; ++b)
+            ASSERT_EQ(static_cast<char>(i & 0xFF), blocks[i][b]) << "size " << sizes[i] << " overwritten";
+#if QUARVEL_POOLED_OBJECTS
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        if (sizes[i] > 1008)
+            continue;
+        block_heap::free(blocks[i]);
+        EXPECT_EQ(blocks[i], block_heap::allocate(sizes[i])) << "size " << sizes[i];
+    }
+#endif
+    for (char* block : blocks)
+        block_heap::free(block);
+    block_heap::free(nullptr);
+}
+
+// Growing past the size at which an array gets a mapping of its own, and
+// shrinking back, keeps every element.
+TEST(BulkVector, GrowsAcrossItsOwnMappingsWithoutLosingElements) {
+    BulkVector<uint64_t> v;
+    const size_t n = 3 * (bulk_memory::kHugePage / sizeof(uint64_t)) + 7;
+    for (size_t i = 0; i < n; ++i)
+        v.push_back(i * 2654435761u);
+#if QUARVEL_POOLED_OBJECTS
+    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(v.data()) % bulk_memory::kHugePage);
+#endif
+    for (size_t i = 0; i < n; ++i)
+        ASSERT_EQ(i * 2654435761u, v[i]);
+    v.resize(100);
+    v.shrink_to_fit();
+    BulkVector<uint64_t> copy = v;
+    for (size_t i = 0; i < 100; ++i)
+        ASSERT_EQ(i * 2654435761u, copy[i]);
 }
 
 } // namespace object_pool_test

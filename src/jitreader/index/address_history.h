@@ -1,6 +1,7 @@
 #ifndef QUARVEL_INDEX_ADDRESS_HISTORY_H
 #define QUARVEL_INDEX_ADDRESS_HISTORY_H
 
+#include "support/bulk_memory.h"
 #include "index/address_lookup.h"
 #include "index/top_map.h"
 #include "model/jit_method.h"
@@ -78,7 +79,8 @@ public:
     void thaw();
     bool frozen() const { return m_frozen; }
 
-    const std::vector<Slot>& slots() const { return m_slots; }
+    typedef BulkVector<Slot> Slots;
+    const Slots& slots() const { return m_slots; }
     bool empty() const { return m_slots.empty(); }
     size_t topIntervals() const { return m_top.size(); }
     size_t linkCount() const { return m_links.size() - m_staleLinks; }
@@ -111,12 +113,12 @@ private:
     void relink(u32 owner, const std::vector<Piece>& pieces, u32 slot);
     bool endLife(u32 slot, u64 time);
 
-    std::vector<Slot> m_slots; // in registration order
+    Slots m_slots; // in registration order
     std::vector<Unload> m_unloads;
     bool m_frozen = false;
 
     // Registration state.
-    std::vector<LinkRun> m_runs; // per slot
+    BulkVector<LinkRun> m_runs; // per slot
     std::vector<Link> m_links;
     size_t m_staleLinks = 0; // links of runs that a relink replaced
     TopMap m_top;

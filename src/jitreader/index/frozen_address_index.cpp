@@ -22,7 +22,7 @@ struct Item {
 
 // Slot numbers in the order of one of their bounds; keys sorted with them, so
 // that the sort does not chase the slots.
-std::vector<u32> sortedBy(const std::vector<AddressHistory::Slot>& slots, u64 AddressHistory::Slot::*bound) {
+std::vector<u32> sortedBy(const AddressHistory::Slots& slots, u64 AddressHistory::Slot::*bound) {
     std::vector<std::pair<u64, u32>> keyed(slots.size());
     for (u32 i = 0; i < slots.size(); ++i)
         keyed[i] = std::make_pair(slots[i].*bound, i);

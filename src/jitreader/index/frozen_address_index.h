@@ -1,6 +1,7 @@
 #ifndef QUARVEL_INDEX_FROZEN_ADDRESS_INDEX_H
 #define QUARVEL_INDEX_FROZEN_ADDRESS_INDEX_H
 
+#include "support/bulk_memory.h"
 #include "index/address_history.h"
 #include "index/address_lookup.h"
 
@@ -23,7 +24,7 @@ QUARVEL_NAMESPACE_BEGIN
 // also takes the best entry of the piece's ancestors.
 class FrozenAddressIndex {
 public:
-    typedef std::vector<AddressHistory::Slot> Slots;
+    typedef AddressHistory::Slots Slots;
 
     void build(const Slots& slots);
     void clear();

@@ -276,7 +276,7 @@ quarvel_error_t InlineAttacher::normalizeTree(Region& root) const {
 }
 
 void InlineAttacher::normalizePending() {
-    std::vector<Grown> grown;
+    BulkVector<Grown> grown;
     grown.swap(m_grown);
     // Each region once, whichever attachment named it.
     std::stable_sort(grown.begin(), grown.end(),

@@ -1,6 +1,7 @@
 #ifndef QUARVEL_INDEX_INLINE_ATTACHER_H
 #define QUARVEL_INDEX_INLINE_ATTACHER_H
 
+#include "support/bulk_memory.h"
 #include "index/method_registry.h"
 #include "model/base_method_id.h"
 #include "model/jit_method.h"
@@ -69,7 +70,7 @@ private:
         JitMethod::Ptr owner;
         bool topLevel;
     };
-    std::vector<Grown> m_grown;
+    BulkVector<Grown> m_grown;
 };
 
 QUARVEL_NAMESPACE_END

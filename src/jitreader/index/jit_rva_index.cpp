@@ -7,7 +7,7 @@ QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
-typedef std::vector<RegionInfo> Run;
+typedef BulkVector<RegionInfo> Run;
 
 // The first entry of run that ends above jitRva.
 Run::const_iterator firstEndingAbove(const Run& run, u64 jitRva) {

@@ -1,6 +1,7 @@
 #ifndef QUARVEL_INDEX_JIT_RVA_INDEX_H
 #define QUARVEL_INDEX_JIT_RVA_INDEX_H
 
+#include "support/bulk_memory.h"
 #include "model/jit_method.h"
 #include "model/region.h"
 
@@ -48,7 +49,7 @@ public:
     std::vector<const RegionInfo*> ordered() const;
 
 private:
-    typedef std::vector<RegionInfo> Run;
+    typedef BulkVector<RegionInfo> Run;
     void sealLastRun();
 
     std::vector<Run> m_runs; // all sealed but the last, which takes appends

@@ -43,7 +43,7 @@ u32 MethodRegistry::find(const BaseMethodId& id) const {
 }
 
 void MethodRegistry::grow() {
-    std::vector<IdSlot> old;
+    BulkVector<IdSlot> old;
     old.swap(m_ids);
     m_ids.assign(old.empty() ? 64 : old.size() * 2, IdSlot{0, kNone});
     const size_t mask = m_ids.size() - 1;

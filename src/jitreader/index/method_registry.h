@@ -1,6 +1,7 @@
 #ifndef QUARVEL_INDEX_METHOD_REGISTRY_H
 #define QUARVEL_INDEX_METHOD_REGISTRY_H
 
+#include "support/bulk_memory.h"
 #include "model/base_method_id.h"
 #include "model/jit_method.h"
 #include "model/source_file.h"
@@ -53,7 +54,7 @@ private:
 
     JitMethodStorage m_methods;
     std::vector<u64> m_spaces; // (host id << 32 | pid) per method
-    std::vector<IdSlot> m_ids; // power-of-two size, at most 3/4 full
+    BulkVector<IdSlot> m_ids; // power-of-two size, at most 3/4 full
     void internModule(JitMethod& method);
     void internSourceFile(JitMethod& method);
 

@@ -1,6 +1,8 @@
 #ifndef QUARVEL_INDEX_TOP_MAP_H
 #define QUARVEL_INDEX_TOP_MAP_H
 
+#include "support/bulk_memory.h"
+
 #include <quarvel/types.h>
 
 #include <cstddef>
@@ -54,7 +56,7 @@ public:
 
 private:
     static const size_t kChunk = 64;
-    typedef std::vector<Interval> Chunk;
+    typedef BulkVector<Interval> Chunk;
     struct Position {
         size_t chunk;
         size_t index;

@@ -80,7 +80,7 @@ void BaseMethodInfo::setNames(std::string_view className, std::string_view metho
         return;
     }
     const size_t total = className.size() + methodName.size() + qualified.size() + 3;
-    std::unique_ptr<char[]> names(new char[total]);
+    std::unique_ptr<char, block_heap::Free> names(static_cast<char*>(block_heap::allocate(total)));
     char* at = names.get();
     const std::string_view parts[3] = {className, methodName, qualified};
     for (int i = 0; i < 3; ++i) {

@@ -4,6 +4,7 @@
 #include "model/base_method_id.h"
 #include "model/source_file.h"
 
+#include "support/block_heap.h"
 #include "support/object_pool.h"
 
 #include <quarvel/symbol.h>
@@ -82,7 +83,7 @@ private:
     BaseMethodId m_parentId;
     unsigned m_methodToken = 0;
     u32 m_nameEnds[3] = {0, 0, 0};   // the names, each with its NUL, one after the other in m_names
-    std::unique_ptr<char[]> m_names; // one allocation for the three names
+    std::unique_ptr<char, block_heap::Free> m_names; // one block for the three names
     IModule::Ptr m_module;
     SourceFile::Ptr m_sourceFile;
 };

@@ -20,7 +20,7 @@ LineTables& LineTables::operator=(const LineTables& other) {
         return *this;
     }
     const size_t bytes = other.m_ranges * sizeof(Header) + other.entryCount() * sizeof(Entry);
-    std::unique_ptr<void, Free> block(::operator new(bytes));
+    std::unique_ptr<void, Free> block(block_heap::allocate(bytes));
     std::memcpy(block.get(), other.m_block.get(), bytes);
     m_block = std::move(block);
     m_ranges = other.m_ranges;
@@ -100,7 +100,7 @@ void LineTables::copyTables(size_t from, size_t to) {
 
 // A method's first tables, the usual case: one range, packed straight from the spans.
 void LineTables::packFirst(const Range& r, const Span (&tables)[kTypes], size_t count) {
-    std::unique_ptr<void, Free> block(::operator new(sizeof(Header) + count * sizeof(Entry)));
+    std::unique_ptr<void, Free> block(block_heap::allocate(sizeof(Header) + count * sizeof(Entry)));
     Header* header = static_cast<Header*>(block.get());
     put(header, reinterpret_cast<Entry*>(header + 1), 0, r, tables);
     m_block = std::move(block);
@@ -136,7 +136,7 @@ void LineTables::pack(const std::vector<Unpacked>& ranges) {
     for (const Unpacked& u : ranges)
         for (const std::vector<Entry>& table : u.tables)
             total += table.size();
-    std::unique_ptr<void, Free> block(::operator new(ranges.size() * sizeof(Header) + total * sizeof(Entry)));
+    std::unique_ptr<void, Free> block(block_heap::allocate(ranges.size() * sizeof(Header) + total * sizeof(Entry)));
     Header* headers = static_cast<Header*>(block.get());
     Entry* entries = reinterpret_cast<Entry*>(headers + ranges.size());
     u32 end = 0;

@@ -2,6 +2,7 @@
 #define QUARVEL_MODEL_LINE_TABLES_H
 
 #include "model/range.h"
+#include "support/block_heap.h"
 
 #include <quarvel/types.h>
 
@@ -67,9 +68,7 @@ private:
         Range range;
         std::vector<Entry> tables[kTypes];
     };
-    struct Free {
-        void operator()(void* p) const { ::operator delete(p); }
-    };
+    typedef block_heap::Free Free;
 
     const Header* headers() const { return static_cast<const Header*>(m_block.get()); }
     const Entry* entries() const { return reinterpret_cast<const Entry*>(headers() + m_ranges); }

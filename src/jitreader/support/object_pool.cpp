@@ -1,5 +1,7 @@
 #include "support/object_pool.h"
 
+#include "support/bulk_memory.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -16,23 +18,6 @@ size_t roundedUp(size_t size) {
     const size_t align = alignof(std::max_align_t);
     size = size < sizeof(void*) ? sizeof(void*) : size;
     return (size + align - 1) / align * align;
-}
-
-// Maps bytes at an address that is a multiple of align (a power of two,
-// at least a page): maps align more and unmaps what is left over.
-char* mapAligned(size_t bytes, size_t align) {
-    void* at = ::mmap(nullptr, bytes + align, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (at == MAP_FAILED)
-        throw std::bad_alloc();
-    char* const raw = static_cast<char*>(at);
-    const uintptr_t start = (reinterpret_cast<uintptr_t>(raw) + align - 1) & ~(uintptr_t(align) - 1);
-    char* const aligned = reinterpret_cast<char*>(start);
-    if (aligned > raw)
-        ::munmap(raw, static_cast<size_t>(aligned - raw));
-    const size_t tail = static_cast<size_t>(raw + bytes + align - (aligned + bytes));
-    if (tail > 0)
-        ::munmap(aligned + bytes, tail);
-    return aligned;
 }
 
 } // namespace
@@ -77,7 +62,7 @@ void* ObjectPool::carve() {
         const size_t align = huge ? kChunkBytes : kFirstChunkBytes;
         const size_t rounded = (bytes + align - 1) / align * align;
         m_chunks.reserve(m_chunks.size() + 1);
-        char* chunk = huge ? mapAligned(rounded, align) : static_cast<char*>(std::aligned_alloc(align, rounded));
+        char* chunk = huge ? bulk_memory::mapAligned(rounded, align) : static_cast<char*>(std::aligned_alloc(align, rounded));
         if (!chunk)
             throw std::bad_alloc();
         m_chunks.push_back(Chunk{chunk, rounded, huge});

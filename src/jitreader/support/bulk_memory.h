@@ -1,0 +1,56 @@
+#ifndef QUARVEL_SUPPORT_BULK_MEMORY_H
+#define QUARVEL_SUPPORT_BULK_MEMORY_H
+
+#include <quarvel/namespace.h>
+
+#include <cstddef>
+#include <vector>
+
+QUARVEL_NAMESPACE_BEGIN
+
+// Memory for the model's large arrays (an entry per region, per method, per
+// piece of address history): an array of 2 MiB or more is a mapping of its
+// own, aligned to 2 MiB and marked for transparent huge pages, so that
+// filling it costs one page fault per 2 MiB rather than 512. A fault on a
+// fresh 4 KiB page costs 40-50 us on a virtual machine, and reading a trace
+// of 100k methods filled some 40 MB of such arrays. Smaller arrays use the
+// general heap. Sanitizer builds use the general heap for all of them.
+namespace bulk_memory {
+
+constexpr size_t kHugePage = size_t(2) << 20;
+
+// Never null (throws std::bad_alloc).
+void* allocate(size_t bytes);
+// bytes: as given to allocate.
+void free(void* block, size_t bytes) noexcept;
+
+// A mapping of bytes (a multiple of align, a power of two of at least a
+// page) at an address that is a multiple of align; throws std::bad_alloc.
+char* mapAligned(size_t bytes, size_t align);
+
+} // namespace bulk_memory
+
+template <class T>
+struct BulkAllocator {
+    typedef T value_type;
+    BulkAllocator() noexcept = default;
+    template <class U>
+    BulkAllocator(const BulkAllocator<U>&) noexcept {}
+    T* allocate(size_t n) { return static_cast<T*>(bulk_memory::allocate(n * sizeof(T))); }
+    void deallocate(T* p, size_t n) noexcept { bulk_memory::free(p, n * sizeof(T)); }
+    template <class U>
+    bool operator==(const BulkAllocator<U>&) const noexcept {
+        return true;
+    }
+    template <class U>
+    bool operator!=(const BulkAllocator<U>&) const noexcept {
+        return false;
+    }
+};
+
+template <class T>
+using BulkVector = std::vector<T, BulkAllocator<T>>;
+
+QUARVEL_NAMESPACE_END
+
+#endif
