@@ -1,9 +1,15 @@
 #include "support/block_heap.h"
 
+#include "support/bulk_memory.h"
 #include "support/object_pool.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdlib>
+#include <mutex>
 #include <new>
+
+#include <sys/mman.h>
 
 QUARVEL_NAMESPACE_BEGIN
 namespace block_heap {
@@ -16,14 +22,69 @@ constexpr size_t kStep = 16;
 constexpr size_t kLargestPooled = 1024;
 constexpr size_t kClasses = kLargestPooled / kStep;
 constexpr size_t kGeneral = ~size_t(0);
+constexpr size_t kFirstChunk = size_t(64) << 10;
 
-// One pool per class of kStep bytes, made on first use and never destroyed,
-// so that blocks freed during static destruction still find theirs.
-ObjectPool& poolOf(size_t sizeClass) {
-    static ObjectPool* pools[kClasses] = {};
-    static std::once_flag made[kClasses];
-    std::call_once(made[sizeClass], [sizeClass] { pools[sizeClass] = new ObjectPool((sizeClass + 1) * kStep); });
-    return *pools[sizeClass];
+// Every class carves its blocks from the same chunk, so that only one chunk
+// is ever partly used (a chunk per class would leave dozens of huge pages
+// partly empty); freed blocks wait on their class's list for the next block
+// of that size. Chunks double from 64 KiB on the general heap to 2 MiB
+// mappings on huge pages, and stay until the process ends.
+class Heap {
+public:
+    void* take(size_t sizeClass) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (FreeBlock* block = m_free[sizeClass]) {
+            m_free[sizeClass] = block->next;
+            return block;
+        }
+        const size_t bytes = (sizeClass + 1) * kStep;
+        if (static_cast<size_t>(m_end - m_next) < bytes)
+            grow();
+        void* const block = m_next;
+        m_next += bytes;
+        return block;
+    }
+
+    void give(void* block, size_t sizeClass) noexcept {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        FreeBlock* const freed = static_cast<FreeBlock*>(block);
+        freed->next = m_free[sizeClass];
+        m_free[sizeClass] = freed;
+    }
+
+private:
+    struct FreeBlock {
+        FreeBlock* next;
+    };
+
+    void grow() {
+        const bool huge = m_chunkBytes >= bulk_memory::kHugePage;
+        char* chunk = nullptr;
+        if (huge) {
+            chunk = bulk_memory::mapAligned(m_chunkBytes, bulk_memory::kHugePage);
+            ::madvise(chunk, m_chunkBytes, MADV_HUGEPAGE);
+        } else {
+            chunk = static_cast<char*>(std::aligned_alloc(kHeader, m_chunkBytes));
+            if (!chunk)
+                throw std::bad_alloc();
+        }
+        m_next = chunk;
+        m_end = chunk + m_chunkBytes;
+        m_chunkBytes = std::min(m_chunkBytes * 2, bulk_memory::kHugePage);
+    }
+
+    std::mutex m_mutex;
+    FreeBlock* m_free[kClasses] = {};
+    char* m_next = nullptr;
+    char* m_end = nullptr;
+    size_t m_chunkBytes = kFirstChunk;
+};
+
+// Made on first use and never destroyed, so that blocks freed during static
+// destruction still find it.
+Heap& heap() {
+    static Heap* const made = new Heap();
+    return *made;
 }
 
 } // namespace
@@ -34,7 +95,7 @@ void* allocate(size_t bytes) {
     void* raw = nullptr;
     if (QUARVEL_POOLED_OBJECTS && whole <= kLargestPooled) {
         sizeClass = (whole - 1) / kStep;
-        raw = poolOf(sizeClass).allocate();
+        raw = heap().take(sizeClass);
     } else {
         raw = ::operator new(whole);
     }
@@ -50,7 +111,7 @@ void free(void* block) noexcept {
     if (sizeClass == kGeneral)
         ::operator delete(raw);
     else
-        poolOf(sizeClass).deallocate(raw);
+        heap().give(raw, sizeClass);
 }
 
 } // namespace block_heap

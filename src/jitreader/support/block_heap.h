@@ -8,8 +8,8 @@
 QUARVEL_NAMESPACE_BEGIN
 
 // Variable-size blocks for what every method has one of, in sizes that vary
-// (its names, its line tables): blocks up to 1 KiB come from object pools,
-// one per size class, whose large chunks sit on transparent huge pages. On
+// (its names, its line tables): blocks up to 1 KiB are carved, in classes of
+// 16 bytes, from chunks whose large ones sit on transparent huge pages. On
 // the general heap the same blocks were one fresh 4 KiB page fault per few
 // dozen methods, and a fault of a fresh page costs 40-50 us on a virtual
 // machine: more than the rest of reading the method. Larger blocks go to the
