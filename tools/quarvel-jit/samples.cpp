@@ -284,12 +284,12 @@ bool parsePerfTime(std::string_view text, uint64_t& nanoseconds) {
 
 namespace {
 
-constexpr size_t kBlock = size_t(1) << 16;
+constexpr size_t kReadBlock = size_t(1) << 16;
 
 } // namespace
 
 SampleReader::SampleReader(std::istream& in, SamplesFormat format)
-    : m_parser(new LineParser(format)), m_in(in), m_block(new char[kBlock]), m_capacity(kBlock) {
+    : m_parser(new LineParser(format)), m_in(in), m_block(new char[kReadBlock]), m_capacity(kReadBlock) {
     // The size, when the input has one, is only for progress.
     const std::istream::pos_type start = in.tellg();
     if (start != std::istream::pos_type(-1) && in.seekg(0, std::ios::end)) {
