@@ -1,6 +1,7 @@
 // The tool's sample readers: integer-exact perf times, CSV and perf lines,
 // and bad lines reported by number while good ones are kept.
 
+#include "drain.h"
 #include "printer.h"
 #include "sample_csv_writer.h"
 #include "samples.h"
@@ -23,9 +24,7 @@ struct SampleInput {
 SampleInput readSamples(std::istream& in, SamplesFormat format) {
     SampleReader reader(in, format);
     SampleInput got;
-    Sample s;
-    while (reader.next(s))
-        got.samples.push_back(s);
+    got.samples = drain<Sample>(reader);
     got.format = reader.format();
     got.errors = reader.errors();
     return got;

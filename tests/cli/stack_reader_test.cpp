@@ -1,6 +1,7 @@
 // The call-stack readers: perf script text in the shapes perf prints (and the
 // ways it gets damaged or cut short), and CSV with a stack column.
 
+#include "drain.h"
 #include "stack_reader.h"
 
 #include <gtest/gtest.h>
@@ -24,9 +25,7 @@ Read readAll(const std::string& text, StackFormat format = StackFormat::Auto) {
     std::istringstream in(text);
     StackReader reader(in, format);
     Read r;
-    StackSample s;
-    while (reader.next(s))
-        r.samples.push_back(s);
+    r.samples = drain<StackSample>(reader);
     r.stats = reader.stats();
     r.format = reader.format();
     return r;
