@@ -1,6 +1,5 @@
 #include "samples.h"
 
-#include <algorithm>
 #include <cstring>
 #include <limits>
 

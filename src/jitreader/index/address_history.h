@@ -1,11 +1,11 @@
 #ifndef QUARVEL_INDEX_ADDRESS_HISTORY_H
 #define QUARVEL_INDEX_ADDRESS_HISTORY_H
 
-#include "support/bulk_memory.h"
 #include "index/address_lookup.h"
 #include "index/top_map.h"
 #include "model/jit_method.h"
 #include "model/region.h"
+#include "support/bulk_memory.h"
 
 #include <quarvel/types.h>
 

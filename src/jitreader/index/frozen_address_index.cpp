@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <unordered_map>
 
-#include <sys/mman.h>
 
 QUARVEL_NAMESPACE_BEGIN
 
@@ -34,19 +33,6 @@ std::vector<u32> sortedBy(const AddressHistory::Slots& slots, u64 AddressHistory
     return order;
 }
 
-// Large query arrays on huge pages: a search misses the TLB less.
-// Reserves a vector's room untouched and asks for huge pages there first.
-template <typename T>
-void reserveOnHugePages(std::vector<T>& v, size_t count) {
-    v.reserve(count);
-    const uintptr_t kHuge = uintptr_t(2) << 20;
-    const uintptr_t at = reinterpret_cast<uintptr_t>(v.data());
-    const uintptr_t begin = (at + kHuge - 1) & ~(kHuge - 1);
-    const uintptr_t end = (at + count * sizeof(T)) & ~(kHuge - 1);
-    if (end > begin)
-        ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
-}
-
 bool byNodeThenTime(const Item& a, const Item& b) {
     return a.node < b.node || (a.node == b.node && a.loadTime < b.loadTime);
 }
@@ -54,9 +40,9 @@ bool byNodeThenTime(const Item& a, const Item& b) {
 } // namespace
 
 void FrozenAddressIndex::clear() {
-    std::vector<u64>().swap(m_starts);
+    BulkVector<u64>().swap(m_starts);
     std::vector<u64>().swap(m_blockStarts);
-    std::vector<Piece>().swap(m_pieces);
+    BulkVector<Piece>().swap(m_pieces);
     std::vector<Entry>().swap(m_entries);
     std::vector<u32>().swap(m_nodeFirst);
     std::vector<IModule*>().swap(m_modules);
@@ -81,7 +67,7 @@ void FrozenAddressIndex::build(const Slots& slots) {
     std::vector<u32> byEnd = sortedBy(slots, &AddressHistory::Slot::end);
     std::vector<u32> firstPiece(count);
     std::vector<u32> pastPiece(count);
-    std::vector<u64> starts;
+    BulkVector<u64> starts; // the query arrays on huge pages: a search misses the TLB less
     std::vector<u64> ends;
     for (int pass = 0; pass < 2; ++pass) {
         // The first pass counts the pieces, so that the arrays are allocated once.
@@ -118,7 +104,7 @@ void FrozenAddressIndex::build(const Slots& slots) {
             ++pieces;
         }
         if (pass == 0) {
-            reserveOnHugePages(starts, pieces);
+            starts.reserve(pieces);
             ends.reserve(pieces);
         }
     }
@@ -198,7 +184,7 @@ void FrozenAddressIndex::build(const Slots& slots) {
     // Leaf tree nodes are pieces: their regions join the pieces' lists.
     std::sort(nodeItems.begin(), nodeItems.end(), byNodeThenTime);
     auto leafEnd = std::partition_point(nodeItems.begin(), nodeItems.end(), [n](const Item& i) { return i.node < n; });
-    reserveOnHugePages(m_pieces, n);
+    m_pieces.reserve(n);
     m_pieces.resize(n);
     m_entries.reserve(total - std::min<size_t>(total, n) + static_cast<size_t>(nodeItems.end() - nodeItems.begin()));
     auto item = leafEnd;

@@ -1,9 +1,9 @@
 #ifndef QUARVEL_INDEX_FROZEN_ADDRESS_INDEX_H
 #define QUARVEL_INDEX_FROZEN_ADDRESS_INDEX_H
 
-#include "support/bulk_memory.h"
 #include "index/address_history.h"
 #include "index/address_lookup.h"
+#include "support/bulk_memory.h"
 
 #include <quarvel/types.h>
 
@@ -75,9 +75,9 @@ private:
     // Piece starts, ascending; every kBlock-th of them again, small enough
     // to stay in cache, so that a search misses the cache only in one block.
     static const size_t kBlock = 32;
-    std::vector<u64> m_starts;
+    BulkVector<u64> m_starts;
     std::vector<u64> m_blockStarts;
-    std::vector<Piece> m_pieces;
+    BulkVector<Piece> m_pieces;
     std::vector<Entry> m_entries; // older regions of pieces, then the lists of inner tree nodes
     std::vector<u32> m_nodeFirst; // inner node i (1 <= i < pieces) lists m_entries[m_nodeFirst[i], m_nodeFirst[i + 1])
     // The distinct modules of the regions' methods (methods share them; few per process).

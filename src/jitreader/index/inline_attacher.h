@@ -1,11 +1,11 @@
 #ifndef QUARVEL_INDEX_INLINE_ATTACHER_H
 #define QUARVEL_INDEX_INLINE_ATTACHER_H
 
-#include "support/bulk_memory.h"
 #include "index/method_registry.h"
 #include "model/base_method_id.h"
 #include "model/jit_method.h"
 #include "model/region.h"
+#include "support/bulk_memory.h"
 #include "support/result.h"
 
 #include <map>

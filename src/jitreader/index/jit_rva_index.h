@@ -1,9 +1,9 @@
 #ifndef QUARVEL_INDEX_JIT_RVA_INDEX_H
 #define QUARVEL_INDEX_JIT_RVA_INDEX_H
 
-#include "support/bulk_memory.h"
 #include "model/jit_method.h"
 #include "model/region.h"
+#include "support/bulk_memory.h"
 
 #include <quarvel/types.h>
 

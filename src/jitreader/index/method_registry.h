@@ -1,10 +1,10 @@
 #ifndef QUARVEL_INDEX_METHOD_REGISTRY_H
 #define QUARVEL_INDEX_METHOD_REGISTRY_H
 
-#include "support/bulk_memory.h"
 #include "model/base_method_id.h"
 #include "model/jit_method.h"
 #include "model/source_file.h"
+#include "support/bulk_memory.h"
 
 #include <quarvel/symbol.h>
 #include <quarvel/types.h>

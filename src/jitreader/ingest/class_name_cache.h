@@ -16,10 +16,10 @@ public:
     // virtual machine's descriptor form. Valid until the next call.
     const std::string& stored(const std::string& written, bool java);
 
+private:
     // The conversion itself, uncached.
     static std::string convert(const std::string& written, bool java);
 
-private:
     // A pass over endless distinct names (generated classes) starts over
     // rather than keep them all a second time.
     static const size_t kMaxNames = 1 << 16;

@@ -4,12 +4,8 @@
 #include "support/object_pool.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <mutex>
 #include <new>
-
-#include <sys/mman.h>
 
 QUARVEL_NAMESPACE_BEGIN
 namespace block_heap {
@@ -22,13 +18,12 @@ constexpr size_t kStep = 16;
 constexpr size_t kLargestPooled = 1024;
 constexpr size_t kClasses = kLargestPooled / kStep;
 constexpr size_t kGeneral = ~size_t(0);
-constexpr size_t kFirstChunk = size_t(64) << 10;
 
 // Every class carves its blocks from the same chunk, so that only one chunk
 // is ever partly used (a chunk per class would leave dozens of huge pages
 // partly empty); freed blocks wait on their class's list for the next block
-// of that size. Chunks double from 64 KiB on the general heap to 2 MiB
-// mappings on huge pages, and stay until the process ends.
+// of that size. Chunks double from 64 KiB to 2 MiB (bulk memory: from there
+// on huge pages), and stay until the process ends.
 class Heap {
 public:
     void* take(size_t sizeClass) {
@@ -58,26 +53,17 @@ private:
     };
 
     void grow() {
-        const bool huge = m_chunkBytes >= bulk_memory::kHugePage;
-        char* chunk = nullptr;
-        if (huge) {
-            chunk = bulk_memory::mapAligned(m_chunkBytes, bulk_memory::kHugePage);
-            ::madvise(chunk, m_chunkBytes, MADV_HUGEPAGE);
-        } else {
-            chunk = static_cast<char*>(std::aligned_alloc(kHeader, m_chunkBytes));
-            if (!chunk)
-                throw std::bad_alloc();
-        }
+        char* const chunk = static_cast<char*>(bulk_memory::allocate(m_chunkBytes));
         m_next = chunk;
-        m_end = chunk + m_chunkBytes;
-        m_chunkBytes = std::min(m_chunkBytes * 2, bulk_memory::kHugePage);
+        m_end = chunk + bulk_memory::usableSize(m_chunkBytes);
+        m_chunkBytes = std::min(m_chunkBytes * 2, ObjectPool::kChunkBytes);
     }
 
     std::mutex m_mutex;
     FreeBlock* m_free[kClasses] = {};
     char* m_next = nullptr;
     char* m_end = nullptr;
-    size_t m_chunkBytes = kFirstChunk;
+    size_t m_chunkBytes = ObjectPool::kFirstChunkBytes;
 };
 
 // Made on first use and never destroyed, so that blocks freed during static

@@ -37,6 +37,10 @@ char* mapAligned(size_t bytes, size_t align) {
     return aligned;
 }
 
+size_t usableSize(size_t bytes) {
+    return mapped(bytes) ? roundedToHugePages(bytes) : bytes;
+}
+
 void* allocate(size_t bytes) {
     if (!mapped(bytes))
         return ::operator new(bytes);

@@ -21,6 +21,8 @@ constexpr size_t kHugePage = size_t(2) << 20;
 
 // Never null (throws std::bad_alloc).
 void* allocate(size_t bytes);
+// The bytes allocate(bytes) gives: from 2 MiB on, rounded up to whole huge pages.
+size_t usableSize(size_t bytes);
 // bytes: as given to allocate.
 void free(void* block, size_t bytes) noexcept;
 

@@ -3,11 +3,6 @@
 #include "support/bulk_memory.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <new>
-
-#include <sys/mman.h>
 
 QUARVEL_NAMESPACE_BEGIN
 
@@ -25,12 +20,8 @@ size_t roundedUp(size_t size) {
 ObjectPool::ObjectPool(size_t blockSize) : m_blockSize(roundedUp(blockSize)) {}
 
 ObjectPool::~ObjectPool() {
-    for (const Chunk& chunk : m_chunks) {
-        if (chunk.mapped)
-            ::munmap(chunk.at, chunk.bytes);
-        else
-            std::free(chunk.at);
-    }
+    for (const Chunk& chunk : m_chunks)
+        bulk_memory::free(chunk.at, chunk.bytes);
 }
 
 void* ObjectPool::allocate() {
@@ -54,22 +45,15 @@ void ObjectPool::deallocate(void* block) noexcept {
 
 void* ObjectPool::carve() {
     if (static_cast<size_t>(m_end - m_next) < m_blockSize) {
-        const size_t bytes = std::max(m_chunkBytes, m_blockSize);
-        const bool huge = bytes >= kChunkBytes;
-        // A 2 MiB chunk is mapped apart, aligned to its size so that it can be
-        // one huge page; smaller ones come from the general heap, so that a
-        // small trace does not pay a fresh mapping's page faults for each.
-        const size_t align = huge ? kChunkBytes : kFirstChunkBytes;
-        const size_t rounded = (bytes + align - 1) / align * align;
+        // From 2 MiB on a chunk is a mapping of its own on huge pages; smaller
+        // ones come from the general heap, so that a small trace does not pay
+        // a fresh mapping's page faults for each.
+        const size_t bytes = bulk_memory::usableSize(std::max(m_chunkBytes, m_blockSize));
         m_chunks.reserve(m_chunks.size() + 1);
-        char* chunk = huge ? bulk_memory::mapAligned(rounded, align) : static_cast<char*>(std::aligned_alloc(align, rounded));
-        if (!chunk)
-            throw std::bad_alloc();
-        m_chunks.push_back(Chunk{chunk, rounded, huge});
-        if (huge)
-            ::madvise(chunk, rounded, MADV_HUGEPAGE);
+        char* const chunk = static_cast<char*>(bulk_memory::allocate(bytes));
+        m_chunks.push_back(Chunk{chunk, bytes});
         m_next = chunk;
-        m_end = m_next + rounded;
+        m_end = m_next + bytes;
         m_chunkBytes = std::min(m_chunkBytes * 2, kChunkBytes);
     }
     void* block = m_next;

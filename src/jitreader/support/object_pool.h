@@ -1,6 +1,8 @@
 #ifndef QUARVEL_SUPPORT_OBJECT_POOL_H
 #define QUARVEL_SUPPORT_OBJECT_POOL_H
 
+#include "support/bulk_memory.h"
+
 #include <quarvel/namespace.h>
 
 #include <cstddef>
@@ -35,7 +37,7 @@ public:
     size_t blockSize() const { return m_blockSize; }
 
     static constexpr size_t kFirstChunkBytes = size_t(64) << 10;
-    static constexpr size_t kChunkBytes = size_t(2) << 20;
+    static constexpr size_t kChunkBytes = bulk_memory::kHugePage;
 
 private:
     struct FreeBlock {
@@ -43,8 +45,7 @@ private:
     };
     struct Chunk {
         char* at;
-        size_t bytes;
-        bool mapped; // else from the general heap
+        size_t bytes; // as given to bulk_memory::allocate
     };
     void* carve(); // under m_mutex
 
