@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <limits>
 
 QUARVEL_NAMESPACE_BEGIN
 
@@ -24,23 +25,50 @@ bool byStart(const RegionInfo& a, const RegionInfo& b) {
 
 } // namespace
 
+// Below this many entries a run is bisected whole.
+constexpr size_t kDirectedRun = 64;
+
+void JitRvaIndex::Directory::build(const Run& run) {
+    firsts.clear();
+    const size_t n = run.size();
+    if (n < kDirectedRun || n > std::numeric_limits<u32>::max())
+        return;
+    base = run.front().startJitRva;
+    const u64 span = run.back().startJitRva - base;
+    const u64 wanted = n / 2;
+    shift = 0;
+    while ((span >> shift) >= wanted)
+        ++shift;
+    const size_t buckets = static_cast<size_t>(span >> shift) + 1;
+    firsts.resize(buckets + 1);
+    size_t i = 0;
+    for (size_t b = 0; b < buckets; ++b) {
+        while (i < n && ((run[i].startJitRva - base) >> shift) < b)
+            ++i;
+        firsts[b] = static_cast<u32>(i);
+    }
+    firsts[buckets] = static_cast<u32>(n);
+}
+
+std::pair<size_t, size_t> JitRvaIndex::Directory::bounds(u64 jitRva, size_t runSize) const {
+    if (firsts.empty())
+        return {0, runSize};
+    if (jitRva < base)
+        return {0, 0};
+    const size_t buckets = firsts.size() - 1;
+    const size_t b = static_cast<size_t>(std::min<u64>((jitRva - base) >> shift, buckets - 1));
+    return {firsts[b], firsts[b + 1]};
+}
+
 const RegionInfo* JitRvaIndex::find(u64 jitRva) const {
-    const bool directed = m_blockStarts.size() == m_runs.size();
+    const bool directed = m_frozenRuns == m_runs.size();
     for (size_t r = 0; r < m_runs.size(); ++r) {
         const Run& run = m_runs[r];
-        auto first = run.begin();
-        auto last = run.end();
-        if (directed) {
-            const std::vector<u64>& blocks = m_blockStarts[r];
-            const size_t block =
-                static_cast<size_t>(std::upper_bound(blocks.begin(), blocks.end(), jitRva) - blocks.begin());
-            if (block == 0)
-                continue;
-            first += static_cast<std::ptrdiff_t>((block - 1) * kBlock);
-            last = run.begin() + static_cast<std::ptrdiff_t>(std::min(block * kBlock, run.size()));
-        }
-        auto it =
-            std::upper_bound(first, last, jitRva, [](u64 rva, const RegionInfo& e) { return rva < e.startJitRva; });
+        const auto range = directed ? m_directories[r].bounds(jitRva, run.size())
+                                    : std::make_pair(size_t(0), run.size());
+        auto it = std::upper_bound(run.begin() + static_cast<std::ptrdiff_t>(range.first),
+                                   run.begin() + static_cast<std::ptrdiff_t>(range.second), jitRva,
+                                   [](u64 rva, const RegionInfo& e) { return rva < e.startJitRva; });
         if (it != run.begin() && std::prev(it)->contains(jitRva))
             return &*std::prev(it);
     }
@@ -48,16 +76,10 @@ const RegionInfo* JitRvaIndex::find(u64 jitRva) const {
 }
 
 void JitRvaIndex::freeze() {
-    if (m_blockStarts.size() == m_runs.size())
-        return; // nothing added since
-    m_blockStarts.resize(m_runs.size());
-    for (size_t r = 0; r < m_runs.size(); ++r) {
-        std::vector<u64>& blocks = m_blockStarts[r];
-        blocks.clear();
-        blocks.reserve(m_runs[r].size() / kBlock + 1);
-        for (size_t i = 0; i < m_runs[r].size(); i += kBlock)
-            blocks.push_back(m_runs[r][i].startJitRva);
-    }
+    m_directories.resize(m_runs.size());
+    for (size_t r = m_frozenRuns; r < m_runs.size(); ++r)
+        m_directories[r].build(m_runs[r]);
+    m_frozenRuns = m_runs.size();
 }
 
 const RegionInfo* JitRvaIndex::findOverlap(u64 start, u32 length) const {
@@ -73,13 +95,13 @@ const RegionInfo* JitRvaIndex::findOverlap(u64 start, u32 length) const {
 }
 
 void JitRvaIndex::add(const RegionInfo& info) {
-    m_blockStarts.clear();
     if (m_runs.empty() || m_runs.back().back().endJitRva() > info.startJitRva) {
         if (!m_runs.empty())
             sealLastRun();
         m_runs.emplace_back();
     }
     m_runs.back().push_back(info);
+    changed(m_runs.size() - 1);
     ++m_size;
     m_maxEnd = std::max(m_maxEnd, info.endJitRva());
 }
@@ -90,6 +112,7 @@ void JitRvaIndex::sealLastRun() {
     while (m_runs.size() >= 2 && m_runs.back().size() * 2 >= m_runs[m_runs.size() - 2].size()) {
         Run& lower = m_runs[m_runs.size() - 2];
         Run& upper = m_runs.back();
+        changed(m_runs.size() - 2);
         Run merged;
         merged.reserve(lower.size() + upper.size());
         std::merge(lower.begin(), lower.end(), upper.begin(), upper.end(), std::back_inserter(merged), byStart);

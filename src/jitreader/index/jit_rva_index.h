@@ -7,6 +7,8 @@
 
 #include <quarvel/types.h>
 
+#include <algorithm>
+#include <utility>
 #include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -28,8 +30,14 @@ struct RegionInfo {
 // Kept as a few sorted runs rather than one tree: a file's regions get
 // ascending jit rvas, so registration appends to the current run; an
 // insertion out of order starts a new one, and runs of similar size are
-// merged (each entry moves O(log n) times). Lookups binary-search each run;
-// there is one run per file read in jit rva order, and O(log n) in all.
+// merged (each entry moves O(log n) times). Only the last runs change, so a
+// freeze rebuilds the directories of those alone.
+//
+// A run's directory splits its jit rva span into equal buckets, about one
+// per two entries, and keeps the index of each bucket's first entry: agents
+// hand out jit rvas densely, so a lookup reads one directory slot and a line
+// or two of entries. Sparse or clustered rvas leave big buckets, searched by
+// bisection, so a lookup never costs more than O(log n).
 class JitRvaIndex {
 public:
     // The entry whose range holds jitRva.
@@ -38,8 +46,8 @@ public:
     const RegionInfo* findOverlap(u64 start, u32 length) const;
     // Adds an entry that overlaps none (see findOverlap).
     void add(const RegionInfo& info);
-    // Builds the search directories once the entries are all added (until
-    // the next add): lookups then miss the cache in one block of a run.
+    // Builds the directories of the runs changed since the last freeze;
+    // lookups use them until the next add.
     void freeze();
 
     size_t size() const { return m_size; }
@@ -50,12 +58,23 @@ public:
 
 private:
     typedef BulkVector<RegionInfo> Run;
+
+    struct Directory {
+        u64 base = 0;            // the run's first start
+        unsigned shift = 0;      // a bucket spans 2^shift jit rvas
+        BulkVector<u32> firsts;  // per bucket, its first entry; then the run's size
+        void build(const Run& run);
+        // The entries [first, last) of run among which the last start at or
+        // below jitRva lies, or just before them.
+        std::pair<size_t, size_t> bounds(u64 jitRva, size_t runSize) const;
+    };
+
     void sealLastRun();
+    void changed(size_t run) { m_frozenRuns = std::min(m_frozenRuns, run); }
 
     std::vector<Run> m_runs; // all sealed but the last, which takes appends
-    // Per run, every kBlock-th start; empty until freeze().
-    static constexpr size_t kBlock = 32;
-    std::vector<std::vector<u64>> m_blockStarts;
+    std::vector<Directory> m_directories;
+    size_t m_frozenRuns = 0; // runs [0, m_frozenRuns) have their directory built
     size_t m_size = 0;
     u64 m_maxEnd = 0; // nothing registered ends above it
 };
