@@ -22,6 +22,7 @@ summary=()
 failed=0
 
 timings=()
+failure_tails=()
 stage() { # name command...
   local name=$1 start=$SECONDS rc=0
   shift
@@ -55,7 +56,9 @@ script_stage() { # name script: exit 0 passed, 77 skipped (the last line says wh
         summary+=("$name: passed")
       fi ;;
     77) summary+=("$name: skipped ($(grep -a '^skip:' "$log" | tail -1 | sed 's/^skip: *//'))"); rc=0 ;;
-    *) summary+=("$name: FAILED (exit $rc)") ;;
+    *) summary+=("$name: FAILED (exit $rc)")
+       # Its end again after the summary, where a failure far up a long log is found.
+       failure_tails+=("== FAILED: $name, the last lines of its output:"$'\n'"$(grep -av '^\[' "$log" | tail -40)") ;;
   esac
   rm -f "$log"
   return $rc
@@ -84,6 +87,7 @@ printf '%s\n' "${timings[@]}"
 echo "== summary"
 printf '%s\n' "${summary[@]}"
 if [ $failed -ne 0 ]; then
+  [ ${#failure_tails[@]} -eq 0 ] || printf '%s\n' "${failure_tails[@]}"
   echo "== some stages FAILED"
   exit 1
 fi
