@@ -53,9 +53,9 @@ private:
     };
 
     void grow() {
-        char* const chunk = static_cast<char*>(bulk_memory::allocate(m_chunkBytes));
+        char* const chunk = static_cast<char*>(bulk_memory::allocateChunk(m_chunkBytes));
         m_next = chunk;
-        m_end = chunk + bulk_memory::usableSize(m_chunkBytes);
+        m_end = chunk + bulk_memory::chunkSize(m_chunkBytes);
         m_chunkBytes = std::min(m_chunkBytes * 2, ObjectPool::kChunkBytes);
     }
 

@@ -3,6 +3,7 @@
 #include "support/object_pool.h"
 
 #include <cstdint>
+#include <mutex>
 #include <new>
 
 #include <sys/mman.h>
@@ -16,8 +17,81 @@ bool mapped(size_t bytes) {
     return QUARVEL_POOLED_OBJECTS && bytes >= kHugePage;
 }
 
+bool shared(size_t bytes) {
+    return QUARVEL_POOLED_OBJECTS && bytes >= kSmallestShared && bytes < kHugePage;
+}
+
 size_t roundedToHugePages(size_t bytes) {
     return (bytes + kHugePage - 1) / kHugePage * kHugePage;
+}
+
+char* mapHuge(size_t bytes) {
+    char* const block = mapAligned(bytes, kHugePage);
+    ::madvise(block, bytes, MADV_HUGEPAGE);
+    return block;
+}
+
+// Blocks of 64 KiB, 128 KiB, ... 1 MiB carved from 2 MiB huge pages, each
+// size with its free list (a freed block's first word links the next).
+class SharedBlocks {
+public:
+    static constexpr unsigned kSizes = 6; // 64 KiB to 2 MiB
+
+    static unsigned sizeClass(size_t bytes) {
+        unsigned c = 0;
+        while ((kSmallestShared << c) < bytes)
+            ++c;
+        return c;
+    }
+
+    void* take(unsigned c) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (void* const block = m_free[c]) {
+            m_free[c] = *static_cast<void**>(block);
+            return block;
+        }
+        const size_t bytes = kSmallestShared << c;
+        if (static_cast<size_t>(m_end - m_next) < bytes) {
+            keepRest();
+            m_next = mapHuge(kHugePage);
+            m_end = m_next + kHugePage;
+        }
+        void* const block = m_next;
+        m_next += bytes;
+        return block;
+    }
+
+    void give(void* block, unsigned c) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        push(block, c);
+    }
+
+private:
+    void push(void* block, unsigned c) {
+        *static_cast<void**>(block) = m_free[c];
+        m_free[c] = block;
+    }
+    // The tail of a spent huge page goes to the free lists, largest first:
+    // blocks are carved in multiples of the smallest size, so none is lost.
+    void keepRest() {
+        for (unsigned c = kSizes; c-- > 0;)
+            while (static_cast<size_t>(m_end - m_next) >= (kSmallestShared << c)) {
+                push(m_next, c);
+                m_next += kSmallestShared << c;
+            }
+    }
+
+    std::mutex m_mutex;
+    char* m_next = nullptr;
+    char* m_end = nullptr;
+    void* m_free[kSizes] = {};
+};
+
+// Never destroyed: blocks are given back from other objects' destructors
+// until the process ends.
+SharedBlocks& sharedBlocks() {
+    static SharedBlocks* const blocks = new SharedBlocks;
+    return *blocks;
 }
 
 } // namespace
@@ -44,10 +118,7 @@ size_t usableSize(size_t bytes) {
 void* allocate(size_t bytes) {
     if (!mapped(bytes))
         return ::operator new(bytes);
-    const size_t rounded = roundedToHugePages(bytes);
-    char* const block = mapAligned(rounded, kHugePage);
-    ::madvise(block, rounded, MADV_HUGEPAGE);
-    return block;
+    return mapHuge(roundedToHugePages(bytes));
 }
 
 void free(void* block, size_t bytes) noexcept {
@@ -57,6 +128,21 @@ void free(void* block, size_t bytes) noexcept {
         ::operator delete(block);
     else
         ::munmap(block, roundedToHugePages(bytes));
+}
+
+size_t chunkSize(size_t bytes) {
+    return shared(bytes) ? kSmallestShared << SharedBlocks::sizeClass(bytes) : usableSize(bytes);
+}
+
+void* allocateChunk(size_t bytes) {
+    return shared(bytes) ? sharedBlocks().take(SharedBlocks::sizeClass(bytes)) : allocate(bytes);
+}
+
+void freeChunk(void* chunk, size_t bytes) noexcept {
+    if (chunk && shared(bytes))
+        sharedBlocks().give(chunk, SharedBlocks::sizeClass(bytes));
+    else
+        free(chunk, bytes);
 }
 
 } // namespace bulk_memory

@@ -14,10 +14,20 @@ QUARVEL_NAMESPACE_BEGIN
 // filling it costs one page fault per 2 MiB rather than 512. A fault on a
 // fresh 4 KiB page costs 40-50 us on a virtual machine, and reading a trace
 // of 100k methods filled some 40 MB of such arrays. Smaller arrays use the
-// general heap. Sanitizer builds use the general heap for all of them.
+// general heap.
+//
+// The pools' chunks (allocateChunk) double from 64 KiB: those under 2 MiB
+// are rounded up to a power of two and carved from shared huge pages, a free
+// list per size, rather than mapped afresh in 4 KiB pages by the general heap
+// (some 500 faults per pool). Chunks are kept for the process's life, so what
+// is freed is reused; arrays, which free a block each time they grow, stay
+// off these lists.
+//
+// Sanitizer builds use the general heap for all of them.
 namespace bulk_memory {
 
 constexpr size_t kHugePage = size_t(2) << 20;
+constexpr size_t kSmallestShared = size_t(64) << 10;
 
 // Never null (throws std::bad_alloc).
 void* allocate(size_t bytes);
@@ -25,6 +35,13 @@ void* allocate(size_t bytes);
 size_t usableSize(size_t bytes);
 // bytes: as given to allocate.
 void free(void* block, size_t bytes) noexcept;
+
+// A pool's chunk of at least `bytes`, chunkSize(bytes) in all; never null.
+void* allocateChunk(size_t bytes);
+// From 64 KiB on, rounded up to a power of two; from 2 MiB on, to whole huge pages.
+size_t chunkSize(size_t bytes);
+// bytes: as given to allocateChunk.
+void freeChunk(void* chunk, size_t bytes) noexcept;
 
 // A mapping of bytes (a multiple of align, a power of two of at least a
 // page) at an address that is a multiple of align; throws std::bad_alloc.

@@ -21,7 +21,7 @@ ObjectPool::ObjectPool(size_t blockSize) : m_blockSize(roundedUp(blockSize)) {}
 
 ObjectPool::~ObjectPool() {
     for (const Chunk& chunk : m_chunks)
-        bulk_memory::free(chunk.at, chunk.bytes);
+        bulk_memory::freeChunk(chunk.at, chunk.bytes);
 }
 
 void* ObjectPool::allocate() {
@@ -45,12 +45,11 @@ void ObjectPool::deallocate(void* block) noexcept {
 
 void* ObjectPool::carve() {
     if (static_cast<size_t>(m_end - m_next) < m_blockSize) {
-        // From 2 MiB on a chunk is a mapping of its own on huge pages; smaller
-        // ones come from the general heap, so that a small trace does not pay
-        // a fresh mapping's page faults for each.
-        const size_t bytes = bulk_memory::usableSize(std::max(m_chunkBytes, m_blockSize));
+        // Chunks double up to 2 MiB: the smaller ones share huge pages with
+        // the other pools' (bulk_memory), so a small trace takes little.
+        const size_t bytes = bulk_memory::chunkSize(std::max(m_chunkBytes, m_blockSize));
         m_chunks.reserve(m_chunks.size() + 1);
-        char* const chunk = static_cast<char*>(bulk_memory::allocate(bytes));
+        char* const chunk = static_cast<char*>(bulk_memory::allocateChunk(bytes));
         m_chunks.push_back(Chunk{chunk, bytes});
         m_next = chunk;
         m_end = m_next + bytes;

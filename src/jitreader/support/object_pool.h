@@ -13,7 +13,7 @@ QUARVEL_NAMESPACE_BEGIN
 
 // Fixed-size blocks for the model objects there are millions of (methods,
 // their records, regions), cut from chunks that double from 64 KiB (a small
-// trace costs little) to 2 MiB, the size at which they ask for huge pages.
+// trace costs little) to 2 MiB, all on huge pages (bulk_memory).
 // Beside the general heap this saves the allocator's bookkeeping per object,
 // a page fault per 4 KiB as the model grows, and (on huge pages) most TLB
 // misses of a query that lands on a method. Freed blocks are reused by the
@@ -45,7 +45,7 @@ private:
     };
     struct Chunk {
         char* at;
-        size_t bytes; // as given to bulk_memory::allocate
+        size_t bytes; // as given to bulk_memory::allocateChunk
     };
     void* carve(); // under m_mutex
 
