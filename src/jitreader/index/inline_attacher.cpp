@@ -241,8 +241,8 @@ quarvel_error_t InlineAttacher::normalizeTree(Region& root) const {
     while (!stack.empty()) {
         Region& region = *stack.back();
         stack.pop_back();
-        const std::vector<Region::Ptr>& children = region.inlinedRegions();
-        const std::vector<Region::MethodPtr>& methods = region.inlinedMethods();
+        const Region::InlinedRegions& children = region.inlinedRegions();
+        const Region::InlinedMethods& methods = region.inlinedMethods();
         const size_t pending = static_cast<size_t>(std::count_if(
             children.begin(), children.end(), [](const Region::Ptr& child) { return child->startJitRva() == 0; }));
 

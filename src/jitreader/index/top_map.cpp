@@ -46,10 +46,17 @@ bool TopMap::firstEndingAfter(u64 address, Interval& out) const {
     return true;
 }
 
+TopMap::Chunk TopMap::newChunk() {
+    Chunk chunk;
+    chunk.reserve(kChunk + 1);
+    return chunk;
+}
+
 void TopMap::insertAt(Position at, const Interval& interval) {
     ++m_size;
     if (m_chunks.empty()) {
-        m_chunks.emplace_back(1, interval);
+        m_chunks.push_back(newChunk());
+        m_chunks.back().push_back(interval);
         m_firstStarts.push_back(interval.start);
         return;
     }
@@ -60,7 +67,8 @@ void TopMap::insertAt(Position at, const Interval& interval) {
     if (at.index == 0)
         m_firstStarts[at.chunk] = interval.start;
     if (chunk.size() > kChunk) {
-        Chunk upper(chunk.begin() + static_cast<std::ptrdiff_t>(kChunk / 2), chunk.end());
+        Chunk upper = newChunk();
+        upper.assign(chunk.begin() + static_cast<std::ptrdiff_t>(kChunk / 2), chunk.end());
         chunk.resize(kChunk / 2);
         const u64 upperStart = upper.front().start;
         m_chunks.insert(m_chunks.begin() + static_cast<std::ptrdiff_t>(at.chunk + 1), std::move(upper));

@@ -1,7 +1,7 @@
 #ifndef QUARVEL_INDEX_TOP_MAP_H
 #define QUARVEL_INDEX_TOP_MAP_H
 
-#include "support/bulk_memory.h"
+#include "support/block_heap.h"
 
 #include <quarvel/types.h>
 
@@ -55,8 +55,12 @@ public:
     void clear();
 
 private:
-    static const size_t kChunk = 64;
-    typedef BulkVector<Interval> Chunk;
+    // A chunk is made with room for kChunk + 1 intervals, the most it holds
+    // before it splits, so it never moves: 984 bytes, a block of the block
+    // heap, on huge pages with the rest of the model.
+    static const size_t kChunk = 40;
+    typedef BlockVector<Interval> Chunk;
+    static Chunk newChunk();
     struct Position {
         size_t chunk;
         size_t index;

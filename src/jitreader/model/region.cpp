@@ -50,13 +50,13 @@ Region::Extras& Region::extras() {
     return *m_extras;
 }
 
-const std::vector<Region::Ptr>& Region::inlinedRegions() const {
-    static const std::vector<Ptr> none;
+const Region::InlinedRegions& Region::inlinedRegions() const {
+    static const InlinedRegions none;
     return m_extras ? m_extras->inlinedRegions : none;
 }
 
-const std::vector<Region::MethodPtr>& Region::inlinedMethods() const {
-    static const std::vector<MethodPtr> none;
+const Region::InlinedMethods& Region::inlinedMethods() const {
+    static const InlinedMethods none;
     return m_extras ? m_extras->inlinedMethods : none;
 }
 

@@ -3,6 +3,7 @@
 
 #include "model/range.h"
 
+#include "support/block_heap.h"
 #include "support/object_pool.h"
 
 #include <quarvel/symbol.h>
@@ -75,8 +76,10 @@ public:
     Ptr getInlinedRegion(u64 jitRva) const;
     MethodPtr getInlinedMethod(u64 jitRva) const;
     generic_iterator_t<ICodeRegion::Ptr> getInlinedRegions() const;
-    const std::vector<Ptr>& inlinedRegions() const;
-    const std::vector<MethodPtr>& inlinedMethods() const;
+    typedef BlockVector<Ptr> InlinedRegions;
+    typedef BlockVector<MethodPtr> InlinedMethods;
+    const InlinedRegions& inlinedRegions() const;
+    const InlinedMethods& inlinedMethods() const;
 
     // Gives each direct child (and its method and line tables) the jit rvas of
     // its addresses, relative to this region's settled jit rva.
@@ -100,9 +103,11 @@ private:
     IByteBuffer::Ptr m_content;
     // Few regions have inlines or patched ranges: those get them on first use.
     struct Extras {
-        std::vector<Ptr> inlinedRegions;
-        std::vector<MethodPtr> inlinedMethods;
+        InlinedRegions inlinedRegions;
+        InlinedMethods inlinedMethods;
         Markup markup;
+        static void* operator new(size_t bytes) { return block_heap::allocate(bytes); }
+        static void operator delete(void* block) noexcept { block_heap::free(block); }
     };
     Extras& extras();
     std::unique_ptr<Extras> m_extras;

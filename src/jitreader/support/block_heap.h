@@ -4,12 +4,13 @@
 #include <quarvel/namespace.h>
 
 #include <cstddef>
+#include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
 
 // Variable-size blocks for what every method has one of, in sizes that vary
 // (its names, its line tables): blocks up to 1 KiB are carved, in classes of
-// 16 bytes, from chunks whose large ones sit on transparent huge pages. On
+// 16 bytes, from chunks on transparent huge pages (bulk_memory). On
 // the general heap the same blocks were one fresh 4 KiB page fault per few
 // dozen methods, and a fault of a fresh page costs 40-50 us on a virtual
 // machine: more than the rest of reading the method. Larger blocks go to the
@@ -30,6 +31,28 @@ struct Free {
 };
 
 } // namespace block_heap
+
+// For the small arrays there is one of per method or per region.
+template <class T>
+struct BlockAllocator {
+    typedef T value_type;
+    BlockAllocator() noexcept = default;
+    template <class U>
+    BlockAllocator(const BlockAllocator<U>&) noexcept {}
+    T* allocate(size_t n) { return static_cast<T*>(block_heap::allocate(n * sizeof(T))); }
+    void deallocate(T* p, size_t) noexcept { block_heap::free(p); }
+    template <class U>
+    bool operator==(const BlockAllocator<U>&) const noexcept {
+        return true;
+    }
+    template <class U>
+    bool operator!=(const BlockAllocator<U>&) const noexcept {
+        return false;
+    }
+};
+
+template <class T>
+using BlockVector = std::vector<T, BlockAllocator<T>>;
 
 QUARVEL_NAMESPACE_END
 
