@@ -93,11 +93,15 @@ TEST(JitRvaIndex, FindsWhatAPlainListHoldsInEveryRunBeforeAndAfterFreezing) {
         ASSERT_TRUE(matches(index, added));
 
         // More entries past the end, frozen one batch at a time: each freeze
-        // rebuilds only the runs that changed, and must leave none stale.
+        // extends or rebuilds only the runs that changed, and must leave none
+        // stale. The fourth batch starts far off, past what the last
+        // directory's buckets can stretch to.
         u64 top = 0;
         for (const RegionInfo& info : added)
             top = std::max(top, info.endJitRva());
         for (size_t batch = 0; batch < 5; ++batch) {
+            if (batch == 3)
+                top += u64(1) << 40;
             for (size_t k = 0; k < 1 + batch * 40; ++k) {
                 RegionInfo more;
                 more.startJitRva = top + 4;

@@ -31,6 +31,7 @@ constexpr size_t kDirectedRun = 64;
 void JitRvaIndex::Directory::build(const Run& run) {
     firsts.clear();
     const size_t n = run.size();
+    entries = n;
     if (n < kDirectedRun || n > std::numeric_limits<u32>::max())
         return;
     base = run.front().startJitRva;
@@ -48,6 +49,32 @@ void JitRvaIndex::Directory::build(const Run& run) {
         firsts[b] = static_cast<u32>(i);
     }
     firsts[buckets] = static_cast<u32>(n);
+}
+
+void JitRvaIndex::Directory::extend(const Run& run) {
+    const size_t n = run.size();
+    if (firsts.empty() || n > std::numeric_limits<u32>::max()) {
+        build(run);
+        return;
+    }
+    const size_t buckets = static_cast<size_t>((run.back().startJitRva - base) >> shift) + 1;
+    // Rebuilt when the span or the count has grown fourfold past the other,
+    // so that each entry is visited O(1) times over all extensions.
+    if (buckets > 2 * n || buckets * 8 < n) {
+        build(run);
+        return;
+    }
+    const size_t oldBuckets = firsts.size() - 1;
+    firsts.resize(buckets + 1);
+    // The entries before `entries` all lie in buckets below oldBuckets.
+    size_t i = entries;
+    for (size_t b = oldBuckets; b < buckets; ++b) {
+        while (i < n && ((run[i].startJitRva - base) >> shift) < b)
+            ++i;
+        firsts[b] = static_cast<u32>(i);
+    }
+    firsts[buckets] = static_cast<u32>(n);
+    entries = n;
 }
 
 std::pair<size_t, size_t> JitRvaIndex::Directory::bounds(u64 jitRva, size_t runSize) const {
@@ -77,9 +104,13 @@ const RegionInfo* JitRvaIndex::find(u64 jitRva) const {
 
 void JitRvaIndex::freeze() {
     m_directories.resize(m_runs.size());
-    for (size_t r = m_frozenRuns; r < m_runs.size(); ++r)
-        m_directories[r].build(m_runs[r]);
-    m_frozenRuns = m_runs.size();
+    for (size_t r = m_frozenRuns; r < m_runs.size(); ++r) {
+        if (r < m_rewrittenRuns)
+            m_directories[r].extend(m_runs[r]);
+        else
+            m_directories[r].build(m_runs[r]);
+    }
+    m_frozenRuns = m_rewrittenRuns = m_runs.size();
 }
 
 const RegionInfo* JitRvaIndex::findOverlap(u64 start, u32 length) const {
@@ -99,6 +130,7 @@ void JitRvaIndex::add(const RegionInfo& info) {
         if (!m_runs.empty())
             sealLastRun();
         m_runs.emplace_back();
+        rewritten(m_runs.size() - 1);
     }
     m_runs.back().push_back(info);
     changed(m_runs.size() - 1);
@@ -112,7 +144,7 @@ void JitRvaIndex::sealLastRun() {
     while (m_runs.size() >= 2 && m_runs.back().size() * 2 >= m_runs[m_runs.size() - 2].size()) {
         Run& lower = m_runs[m_runs.size() - 2];
         Run& upper = m_runs.back();
-        changed(m_runs.size() - 2);
+        rewritten(m_runs.size() - 2);
         Run merged;
         merged.reserve(lower.size() + upper.size());
         std::merge(lower.begin(), lower.end(), upper.begin(), upper.end(), std::back_inserter(merged), byStart);

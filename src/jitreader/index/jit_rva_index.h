@@ -31,7 +31,8 @@ struct RegionInfo {
 // ascending jit rvas, so registration appends to the current run; an
 // insertion out of order starts a new one, and runs of similar size are
 // merged (each entry moves O(log n) times). Only the last runs change, so a
-// freeze rebuilds the directories of those alone.
+// freeze rebuilds the directories of those alone, and a run that only grew
+// at its end (the next process's file, say) has its directory extended.
 //
 // A run's directory splits its jit rva span into equal buckets, about one
 // per two entries, and keeps the index of each bucket's first entry: agents
@@ -63,7 +64,11 @@ private:
         u64 base = 0;            // the run's first start
         unsigned shift = 0;      // a bucket spans 2^shift jit rvas
         BulkVector<u32> firsts;  // per bucket, its first entry; then the run's size
+        size_t entries = 0;      // the run's size when the directory was made
         void build(const Run& run);
+        // The run grew at its end since build(): new buckets for the new
+        // entries, or build() again once the buckets no longer fit its size.
+        void extend(const Run& run);
         // The entries [first, last) of run among which the last start at or
         // below jitRva lies, or just before them.
         std::pair<size_t, size_t> bounds(u64 jitRva, size_t runSize) const;
@@ -71,10 +76,15 @@ private:
 
     void sealLastRun();
     void changed(size_t run) { m_frozenRuns = std::min(m_frozenRuns, run); }
+    void rewritten(size_t run) {
+        changed(run);
+        m_rewrittenRuns = std::min(m_rewrittenRuns, run);
+    }
 
     std::vector<Run> m_runs; // all sealed but the last, which takes appends
     std::vector<Directory> m_directories;
-    size_t m_frozenRuns = 0; // runs [0, m_frozenRuns) have their directory built
+    size_t m_frozenRuns = 0;    // runs [0, m_frozenRuns) have their directory built
+    size_t m_rewrittenRuns = 0; // runs from here on were made or merged since, not only appended to
     size_t m_size = 0;
     u64 m_maxEnd = 0; // nothing registered ends above it
 };
