@@ -6,6 +6,9 @@
 QUARVEL_NAMESPACE_BEGIN
 
 const std::string& ClassNameCache::stored(const std::string& written, bool java) {
+    m_converted.clear();
+    if (java && JavaSignatureParser::appendJoinedClassName(written, m_converted))
+        return m_converted;
     std::unordered_map<std::string, std::string>& names = m_names[java ? 1 : 0];
     const auto found = names.find(written);
     if (found != names.end())

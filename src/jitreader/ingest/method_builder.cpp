@@ -100,7 +100,7 @@ void ModuleCache::growSourceFiles() {
     m_sourceFileSlots.swap(slots);
 }
 
-// The class name comes converted from the cache. A method name that is not
+// The class name comes converted (ClassNameCache). A method name that is not
 // mangled is written after it into the reused buffer, Java's common names
 // without the parser's temporaries; the method's own block is the one copy.
 void MethodBuilder::applyNames(BaseMethodInfo& info, const TraceMethodTail& tail) {
