@@ -10,6 +10,8 @@
 //   --ingest-once=loader|resolver
 //                            one ingest of the first size in this process, no
 //                            benchmark run: for profilers (perf, callgrind)
+//   --shape-once=staggered|hot_area|processes
+//                            one read of that shape's first size, in this process
 //   --staggered=N,...        loads of the staggered-overlap traces (default 800,1600,3200,6400)
 //   --hot-area=N,...         loads of the alternating hot-area traces (default 5000,10000,20000)
 //   --processes=P,...        processes the many-process traces spread their loads over (default 1,100,1000)
@@ -763,6 +765,7 @@ std::vector<size_t> parseSizes(const std::string& text) {
 int main(int argc, char** argv) {
     std::vector<char*> rest;
     std::string ingestOnceKind;
+    std::string shapeOnceKind;
     for (int i = 0; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg.compare(0, 8, "--cache=") == 0)
@@ -771,6 +774,8 @@ int main(int argc, char** argv) {
             g_options.sizes = parseSizes(arg.substr(8));
         else if (arg.compare(0, 14, "--ingest-once=") == 0)
             ingestOnceKind = arg.substr(14);
+        else if (arg.compare(0, 13, "--shape-once=") == 0)
+            shapeOnceKind = arg.substr(13);
         else if (arg.compare(0, 18, "--resolve-regions=") == 0)
             g_options.resolveRegions = static_cast<size_t>(std::stoull(arg.substr(18)));
         else if (arg.compare(0, 12, "--staggered=") == 0)
@@ -792,6 +797,18 @@ int main(int argc, char** argv) {
             ingestOnce(ingestOnceKind == "resolver" ? IngestKind::Resolver : IngestKind::Loader, ingestCorpus(n));
         std::cout << ingestOnceKind << " " << n << " loads: " << (r.ok ? "ok" : "FAILED") << ", " << r.seconds
                   << " s CPU\n";
+        return r.ok ? 0 : 1;
+    }
+    if (!shapeOnceKind.empty()) {
+        const ShapeKind kind = shapeOnceKind == "staggered" ? ShapeKind::Staggered
+                               : shapeOnceKind == "hot_area" ? ShapeKind::HotArea
+                                                             : ShapeKind::Processes;
+        const std::vector<size_t>& sizes = kind == ShapeKind::Staggered ? g_options.staggered
+                                           : kind == ShapeKind::HotArea ? g_options.hotArea
+                                                                        : g_options.processes;
+        const IngestResult r = readShapeOnce(shapeTrace(kind, sizes.front()));
+        std::cout << shapeName(kind) << " " << sizes.front() << ": " << (r.ok ? "ok" : "FAILED") << ", "
+                  << r.seconds << " s CPU\n";
         return r.ok ? 0 : 1;
     }
     int restCount = static_cast<int>(rest.size());
