@@ -117,13 +117,20 @@ TEST(BlockHeap, EverySizeKeepsItsBytesAndGoesBackToItsClass) {
     block_heap::free(nullptr);
 }
 
-// Growing past the size at which an array gets a mapping of its own, and
-// shrinking back, keeps every element.
+// Growing through the shared blocks, the general heap and a mapping of its
+// own, and shrinking back, keeps every element; two arrays growing side by
+// side through the same block sizes never share a block.
 TEST(BulkVector, GrowsAcrossItsOwnMappingsWithoutLosingElements) {
     BulkVector<uint64_t> v;
+    BulkVector<uint64_t> beside;
     const size_t n = 3 * (bulk_memory::kHugePage / sizeof(uint64_t)) + 7;
-    for (size_t i = 0; i < n; ++i)
+    for (size_t i = 0; i < n; ++i) {
         v.push_back(i * 2654435761u);
+        if (i < 64 * 1024)
+            beside.push_back(~i);
+    }
+    for (size_t i = 0; i < beside.size(); ++i)
+        ASSERT_EQ(~i, beside[i]);
 #if QUARVEL_POOLED_OBJECTS
     EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(v.data()) % bulk_memory::kHugePage);
 #endif

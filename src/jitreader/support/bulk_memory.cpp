@@ -17,8 +17,16 @@ bool mapped(size_t bytes) {
     return QUARVEL_POOLED_OBJECTS && bytes >= kHugePage;
 }
 
-bool shared(size_t bytes) {
+// The smallest shared block: arrays from this size up to kSmallestShared,
+// and chunks from kSmallestShared up to a huge page, come from shared blocks.
+constexpr size_t kSmallestBlock = size_t(4) << 10;
+
+bool sharedChunk(size_t bytes) {
     return QUARVEL_POOLED_OBJECTS && bytes >= kSmallestShared && bytes < kHugePage;
+}
+
+bool sharedArray(size_t bytes) {
+    return QUARVEL_POOLED_OBJECTS && bytes >= kSmallestBlock && bytes <= kSmallestShared;
 }
 
 size_t roundedToHugePages(size_t bytes) {
@@ -31,18 +39,19 @@ char* mapHuge(size_t bytes) {
     return block;
 }
 
-// Blocks of 64 KiB, 128 KiB, ... 1 MiB carved from 2 MiB huge pages, each
-// size with its free list (a freed block's first word links the next).
+// Blocks of 4 KiB, 8 KiB, ... 2 MiB carved from 2 MiB huge pages, each size
+// with its free list (a freed block's first word links the next).
 class SharedBlocks {
 public:
-    static constexpr unsigned kSizes = 6; // 64 KiB to 2 MiB
+    static constexpr unsigned kSizes = 10; // 4 KiB to 2 MiB
 
     static unsigned sizeClass(size_t bytes) {
         unsigned c = 0;
-        while ((kSmallestShared << c) < bytes)
+        while ((kSmallestBlock << c) < bytes)
             ++c;
         return c;
     }
+    static size_t blockSize(size_t bytes) { return kSmallestBlock << sizeClass(bytes); }
 
     void* take(unsigned c) {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -50,7 +59,7 @@ public:
             m_free[c] = *static_cast<void**>(block);
             return block;
         }
-        const size_t bytes = kSmallestShared << c;
+        const size_t bytes = kSmallestBlock << c;
         if (static_cast<size_t>(m_end - m_next) < bytes) {
             keepRest();
             m_next = mapHuge(kHugePage);
@@ -75,9 +84,9 @@ private:
     // blocks are carved in multiples of the smallest size, so none is lost.
     void keepRest() {
         for (unsigned c = kSizes; c-- > 0;)
-            while (static_cast<size_t>(m_end - m_next) >= (kSmallestShared << c)) {
+            while (static_cast<size_t>(m_end - m_next) >= (kSmallestBlock << c)) {
                 push(m_next, c);
-                m_next += kSmallestShared << c;
+                m_next += kSmallestBlock << c;
             }
     }
 
@@ -112,10 +121,14 @@ char* mapAligned(size_t bytes, size_t align) {
 }
 
 size_t usableSize(size_t bytes) {
+    if (sharedArray(bytes))
+        return SharedBlocks::blockSize(bytes);
     return mapped(bytes) ? roundedToHugePages(bytes) : bytes;
 }
 
 void* allocate(size_t bytes) {
+    if (sharedArray(bytes))
+        return sharedBlocks().take(SharedBlocks::sizeClass(bytes));
     if (!mapped(bytes))
         return ::operator new(bytes);
     return mapHuge(roundedToHugePages(bytes));
@@ -124,22 +137,24 @@ void* allocate(size_t bytes) {
 void free(void* block, size_t bytes) noexcept {
     if (!block)
         return;
-    if (!mapped(bytes))
+    if (sharedArray(bytes))
+        sharedBlocks().give(block, SharedBlocks::sizeClass(bytes));
+    else if (!mapped(bytes))
         ::operator delete(block);
     else
         ::munmap(block, roundedToHugePages(bytes));
 }
 
 size_t chunkSize(size_t bytes) {
-    return shared(bytes) ? kSmallestShared << SharedBlocks::sizeClass(bytes) : usableSize(bytes);
+    return sharedChunk(bytes) ? SharedBlocks::blockSize(bytes) : usableSize(bytes);
 }
 
 void* allocateChunk(size_t bytes) {
-    return shared(bytes) ? sharedBlocks().take(SharedBlocks::sizeClass(bytes)) : allocate(bytes);
+    return sharedChunk(bytes) ? sharedBlocks().take(SharedBlocks::sizeClass(bytes)) : allocate(bytes);
 }
 
 void freeChunk(void* chunk, size_t bytes) noexcept {
-    if (chunk && shared(bytes))
+    if (chunk && sharedChunk(bytes))
         sharedBlocks().give(chunk, SharedBlocks::sizeClass(bytes));
     else
         free(chunk, bytes);

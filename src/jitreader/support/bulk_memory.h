@@ -13,7 +13,11 @@ QUARVEL_NAMESPACE_BEGIN
 // own, aligned to 2 MiB and marked for transparent huge pages, so that
 // filling it costs one page fault per 2 MiB rather than 512. A fault on a
 // fresh 4 KiB page costs 40-50 us on a virtual machine, and reading a trace
-// of 100k methods filled some 40 MB of such arrays. Smaller arrays use the
+// of 100k methods filled some 40 MB of such arrays. Arrays from 4 KiB up to
+// 64 KiB (one per process read, times a thousand processes) are carved from
+// shared huge pages, a free list per power-of-two size: the next process's
+// arrays grow through the same sizes and reuse them, where the general heap
+// grew by a fresh 4 KiB page every few of them. Smaller arrays use the
 // general heap.
 //
 // The pools' chunks (allocateChunk) double from 64 KiB: those under 2 MiB
@@ -31,7 +35,8 @@ constexpr size_t kSmallestShared = size_t(64) << 10;
 
 // Never null (throws std::bad_alloc).
 void* allocate(size_t bytes);
-// The bytes allocate(bytes) gives: from 2 MiB on, rounded up to whole huge pages.
+// The bytes allocate(bytes) gives: from 4 to 64 KiB, rounded up to a power of
+// two; from 2 MiB on, to whole huge pages.
 size_t usableSize(size_t bytes);
 // bytes: as given to allocate.
 void free(void* block, size_t bytes) noexcept;
