@@ -30,8 +30,8 @@ constexpr size_t kDirectedRun = 64;
 
 void JitRvaIndex::Directory::build(const Run& run) {
     firsts.clear();
+    entries = 0;
     const size_t n = run.size();
-    entries = n;
     if (n < kDirectedRun || n > std::numeric_limits<u32>::max())
         return;
     base = run.front().startJitRva;
@@ -40,15 +40,8 @@ void JitRvaIndex::Directory::build(const Run& run) {
     shift = 0;
     while ((span >> shift) >= wanted)
         ++shift;
-    const size_t buckets = static_cast<size_t>(span >> shift) + 1;
-    firsts.resize(buckets + 1);
-    size_t i = 0;
-    for (size_t b = 0; b < buckets; ++b) {
-        while (i < n && ((run[i].startJitRva - base) >> shift) < b)
-            ++i;
-        firsts[b] = static_cast<u32>(i);
-    }
-    firsts[buckets] = static_cast<u32>(n);
+    firsts.push_back(0); // the run's size until fill() sets every bucket
+    fill(run);
 }
 
 void JitRvaIndex::Directory::extend(const Run& run) {
@@ -60,15 +53,21 @@ void JitRvaIndex::Directory::extend(const Run& run) {
     const size_t buckets = static_cast<size_t>((run.back().startJitRva - base) >> shift) + 1;
     // Rebuilt when the span or the count has grown fourfold past the other,
     // so that each entry is visited O(1) times over all extensions.
-    if (buckets > 2 * n || buckets * 8 < n) {
+    if (buckets > 2 * n || buckets * 8 < n)
         build(run);
-        return;
-    }
-    const size_t oldBuckets = firsts.size() - 1;
+    else
+        fill(run);
+}
+
+// Buckets from the last one made to the run's last start, filled from the
+// entries added since: those before `entries` lie in buckets made already.
+void JitRvaIndex::Directory::fill(const Run& run) {
+    const size_t n = run.size();
+    const size_t made = firsts.size() - 1;
+    const size_t buckets = static_cast<size_t>((run.back().startJitRva - base) >> shift) + 1;
     firsts.resize(buckets + 1);
-    // The entries before `entries` all lie in buckets below oldBuckets.
     size_t i = entries;
-    for (size_t b = oldBuckets; b < buckets; ++b) {
+    for (size_t b = made; b < buckets; ++b) {
         while (i < n && ((run[i].startJitRva - base) >> shift) < b)
             ++i;
         firsts[b] = static_cast<u32>(i);

@@ -1,6 +1,8 @@
 #ifndef QUARVEL_SUPPORT_BLOCK_HEAP_H
 #define QUARVEL_SUPPORT_BLOCK_HEAP_H
 
+#include "support/heap_allocator.h"
+
 #include <quarvel/namespace.h>
 
 #include <cstddef>
@@ -32,24 +34,13 @@ struct Free {
 
 } // namespace block_heap
 
-// For the small arrays there is one of per method or per region.
-template <class T>
-struct BlockAllocator {
-    typedef T value_type;
-    BlockAllocator() noexcept = default;
-    template <class U>
-    BlockAllocator(const BlockAllocator<U>&) noexcept {}
-    T* allocate(size_t n) { return static_cast<T*>(block_heap::allocate(n * sizeof(T))); }
-    void deallocate(T* p, size_t) noexcept { block_heap::free(p); }
-    template <class U>
-    bool operator==(const BlockAllocator<U>&) const noexcept {
-        return true;
-    }
-    template <class U>
-    bool operator!=(const BlockAllocator<U>&) const noexcept {
-        return false;
-    }
+// The small arrays there is one of per method or per region.
+struct BlockHeap {
+    static void* allocate(size_t bytes) { return block_heap::allocate(bytes); }
+    static void free(void* block, size_t) noexcept { block_heap::free(block); }
 };
+template <class T>
+using BlockAllocator = HeapAllocator<T, BlockHeap>;
 
 template <class T>
 using BlockVector = std::vector<T, BlockAllocator<T>>;

@@ -1,6 +1,8 @@
 #ifndef QUARVEL_SUPPORT_BULK_MEMORY_H
 #define QUARVEL_SUPPORT_BULK_MEMORY_H
 
+#include "support/heap_allocator.h"
+
 #include <quarvel/namespace.h>
 
 #include <cstddef>
@@ -54,23 +56,13 @@ char* mapAligned(size_t bytes, size_t align);
 
 } // namespace bulk_memory
 
-template <class T>
-struct BulkAllocator {
-    typedef T value_type;
-    BulkAllocator() noexcept = default;
-    template <class U>
-    BulkAllocator(const BulkAllocator<U>&) noexcept {}
-    T* allocate(size_t n) { return static_cast<T*>(bulk_memory::allocate(n * sizeof(T))); }
-    void deallocate(T* p, size_t n) noexcept { bulk_memory::free(p, n * sizeof(T)); }
-    template <class U>
-    bool operator==(const BulkAllocator<U>&) const noexcept {
-        return true;
-    }
-    template <class U>
-    bool operator!=(const BulkAllocator<U>&) const noexcept {
-        return false;
-    }
+// Arrays on bulk memory.
+struct BulkHeap {
+    static void* allocate(size_t bytes) { return bulk_memory::allocate(bytes); }
+    static void free(void* block, size_t bytes) noexcept { bulk_memory::free(block, bytes); }
 };
+template <class T>
+using BulkAllocator = HeapAllocator<T, BulkHeap>;
 
 template <class T>
 using BulkVector = std::vector<T, BulkAllocator<T>>;
