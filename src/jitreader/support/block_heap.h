@@ -27,6 +27,11 @@ void* allocate(size_t bytes);
 // A block from allocate(), or null.
 void free(void* block) noexcept;
 
+// free() in the form a sized allocator calls.
+inline void freeSized(void* block, size_t) noexcept {
+    free(block);
+}
+
 // Deleter for std::unique_ptr over blocks of this heap.
 struct Free {
     void operator()(void* block) const noexcept { block_heap::free(block); }
@@ -34,13 +39,9 @@ struct Free {
 
 } // namespace block_heap
 
-// The small arrays there is one of per method or per region.
-struct BlockHeap {
-    static void* allocate(size_t bytes) { return block_heap::allocate(bytes); }
-    static void free(void* block, size_t) noexcept { block_heap::free(block); }
-};
+// For the small arrays there is one of per method or per region.
 template <class T>
-using BlockAllocator = HeapAllocator<T, BlockHeap>;
+using BlockAllocator = HeapAllocator<T, block_heap::allocate, block_heap::freeSized>;
 
 template <class T>
 using BlockVector = std::vector<T, BlockAllocator<T>>;

@@ -56,13 +56,8 @@ char* mapAligned(size_t bytes, size_t align);
 
 } // namespace bulk_memory
 
-// Arrays on bulk memory.
-struct BulkHeap {
-    static void* allocate(size_t bytes) { return bulk_memory::allocate(bytes); }
-    static void free(void* block, size_t bytes) noexcept { bulk_memory::free(block, bytes); }
-};
 template <class T>
-using BulkAllocator = HeapAllocator<T, BulkHeap>;
+using BulkAllocator = HeapAllocator<T, bulk_memory::allocate, bulk_memory::free>;
 
 template <class T>
 using BulkVector = std::vector<T, BulkAllocator<T>>;
