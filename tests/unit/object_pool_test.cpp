@@ -1,5 +1,5 @@
 // The pool behind the model objects: blocks that never overlap, keep the
-// alignment of operator new, come back after being freed, and stay whole
+// alignment asked for, come back after being freed, and stay whole
 // when several threads allocate and free at once (objects are released by
 // whichever thread drops the last reference). The variable-size blocks and
 // large arrays built on it: each block goes back to the pool of its own size.
@@ -22,16 +22,23 @@ using namespace quarvel;
 namespace object_pool_test {
 
 TEST(ObjectPool, BlocksAreDisjointAlignedAndReusedAcrossChunks) {
-    for (size_t size : {size_t(1), size_t(24), size_t(100), size_t(4000)}) {
+    const struct {
+        size_t size;
+        size_t alignment;
+    } cases[] = {{1, 16}, {24, 16}, {100, 16}, {4000, 16}, {88, 8}, {4, 4}};
+    for (const auto& c : cases) {
+        const size_t size = c.size;
         SCOPED_TRACE(size);
-        ObjectPool pool(size);
+        ObjectPool pool(size, c.alignment);
         ASSERT_GE(pool.blockSize(), size);
+        // A class's own alignment packs its objects tight.
+        EXPECT_LT(pool.blockSize(), std::max(size, sizeof(void*)) + c.alignment);
         // More than one chunk's worth.
         const size_t count = ObjectPool::kChunkBytes / pool.blockSize() + 50;
         std::vector<char*> blocks;
         for (size_t i = 0; i < count; ++i) {
             char* block = static_cast<char*>(pool.allocate());
-            ASSERT_EQ(0u, reinterpret_cast<uintptr_t>(block) % alignof(std::max_align_t));
+            ASSERT_EQ(0u, reinterpret_cast<uintptr_t>(block) % std::max(c.alignment, alignof(void*)));
             std::memset(block, static_cast<int>(i & 0xFF), size);
             blocks.push_back(block);
         }
@@ -90,14 +97,14 @@ TEST(ObjectPool, ThreadsAllocatingAndFreeingNeverShareABlock) {
 // freed block must return to its own class (it is the next one handed out
 // for that size, and no other size gets it).
 TEST(BlockHeap, EverySizeKeepsItsBytesAndGoesBackToItsClass) {
-    std::vector<size_t> sizes = {0, 1, 1000, 1008, 1009, 1024, 5000};
-    for (size_t n = 15; n <= 1010; n += 16)
+    std::vector<size_t> sizes = {0, 1, 1000, 1023, 1024, 1025, 5000};
+    for (size_t n = 7; n <= 1026; n += 8)
         for (size_t d : {0, 1, 2})
             sizes.push_back(n + d);
     std::vector<char*> blocks;
     for (size_t i = 0; i < sizes.size(); ++i) {
         char* block = static_cast<char*>(block_heap::allocate(sizes[i]));
-        ASSERT_EQ(0u, reinterpret_cast<uintptr_t>(block) % alignof(std::max_align_t));
+        ASSERT_EQ(0u, reinterpret_cast<uintptr_t>(block) % block_heap::kAlignment);
         std::memset(block, static_cast<int>(i & 0xFF), sizes[i]);
         blocks.push_back(block);
     }
@@ -106,15 +113,17 @@ TEST(BlockHeap, EverySizeKeepsItsBytesAndGoesBackToItsClass) {
             ASSERT_EQ(static_cast<char>(i & 0xFF), blocks[i][b]) << "size " << sizes[i] << " overwritten";
 #if QUARVEL_POOLED_OBJECTS
     for (size_t i = 0; i < sizes.size(); ++i) {
-        if (sizes[i] > 1008)
+        if (sizes[i] > 1024)
             continue;
-        block_heap::free(blocks[i]);
-        EXPECT_EQ(blocks[i], block_heap::allocate(sizes[i])) << "size " << sizes[i];
+        char* const freed = blocks[i];
+        block_heap::free(freed, sizes[i]);
+        blocks[i] = static_cast<char*>(block_heap::allocate(sizes[i]));
+        EXPECT_EQ(freed, blocks[i]) << "size " << sizes[i];
     }
 #endif
-    for (char* block : blocks)
-        block_heap::free(block);
-    block_heap::free(nullptr);
+    for (size_t i = 0; i < sizes.size(); ++i)
+        block_heap::free(blocks[i], sizes[i]);
+    block_heap::free(nullptr, 0);
 }
 
 // Growing through the shared blocks, the general heap and a mapping of its

@@ -48,6 +48,11 @@ bool demangle(const std::string& name, std::string& shortName, std::string& full
 
 } // namespace
 
+BaseMethodInfo::~BaseMethodInfo() {
+    if (m_names)
+        block_heap::free(m_names, m_nameEnds[2] + 1);
+}
+
 BaseMethodInfo::BaseMethodInfo(const BaseMethodInfo& other)
     : BaseObject(), m_methodId(other.m_methodId), m_parentId(other.m_parentId), m_methodToken(other.m_methodToken),
       m_module(other.m_module), m_sourceFile(other.m_sourceFile) {
@@ -70,26 +75,30 @@ std::string_view BaseMethodInfo::name(int which) const {
     if (!m_names)
         return std::string_view("", 0);
     const u32 begin = which == 0 ? 0 : m_nameEnds[which - 1] + 1;
-    return std::string_view(m_names.get() + begin, m_nameEnds[which] - begin);
+    return std::string_view(m_names + begin, m_nameEnds[which] - begin);
 }
 
 void BaseMethodInfo::setNames(std::string_view className, std::string_view methodName, std::string_view qualified) {
-    if (className.empty() && methodName.empty() && qualified.empty()) {
-        m_names.reset();
-        m_nameEnds[0] = m_nameEnds[1] = m_nameEnds[2] = 0;
-        return;
+    // The new names may be views into the old block: it goes only at the end.
+    char* const old = m_names;
+    const size_t oldBytes = m_nameEnds[2] + 1;
+    char* names = nullptr;
+    u32 ends[3] = {0, 0, 0};
+    if (!className.empty() || !methodName.empty() || !qualified.empty()) {
+        names = static_cast<char*>(block_heap::allocate(className.size() + methodName.size() + qualified.size() + 3));
+        char* at = names;
+        const std::string_view parts[3] = {className, methodName, qualified};
+        for (int i = 0; i < 3; ++i) {
+            at = std::copy(parts[i].begin(), parts[i].end(), at);
+            *at = '\0';
+            ends[i] = static_cast<u32>(at - names);
+            ++at;
+        }
     }
-    const size_t total = className.size() + methodName.size() + qualified.size() + 3;
-    std::unique_ptr<char, block_heap::Free> names(static_cast<char*>(block_heap::allocate(total)));
-    char* at = names.get();
-    const std::string_view parts[3] = {className, methodName, qualified};
-    for (int i = 0; i < 3; ++i) {
-        at = std::copy(parts[i].begin(), parts[i].end(), at);
-        *at = '\0';
-        m_nameEnds[i] = static_cast<u32>(at - names.get());
-        ++at;
-    }
-    m_names = std::move(names);
+    m_names = names;
+    std::copy(ends, ends + 3, m_nameEnds);
+    if (old)
+        block_heap::free(old, oldBytes);
 }
 
 void BaseMethodInfo::appendJoined(std::string_view text, std::string& out) {

@@ -71,6 +71,7 @@ public:
     ISourceFile::Ptr getSourceFile() const;
 
     BaseMethodInfo() = default;
+    ~BaseMethodInfo() override;
     BaseMethodInfo(const BaseMethodInfo& other);
     BaseMethodInfo& operator=(const BaseMethodInfo& other);
 
@@ -83,7 +84,7 @@ private:
     BaseMethodId m_parentId;
     unsigned m_methodToken = 0;
     u32 m_nameEnds[3] = {0, 0, 0};   // the names, each with its NUL, one after the other in m_names
-    std::unique_ptr<char, block_heap::Free> m_names; // one block for the three names
+    char* m_names = nullptr;         // one block_heap block for the three names, m_nameEnds[2] + 1 long
     IModule::Ptr m_module;
     SourceFile::Ptr m_sourceFile;
 };

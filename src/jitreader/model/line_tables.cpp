@@ -7,6 +7,10 @@
 
 QUARVEL_NAMESPACE_BEGIN
 
+LineTables::~LineTables() {
+    replace(nullptr, 0);
+}
+
 LineTables::LineTables(const LineTables& other) {
     *this = other;
 }
@@ -15,16 +19,35 @@ LineTables& LineTables::operator=(const LineTables& other) {
     if (this == &other)
         return *this;
     if (other.empty()) {
-        m_block.reset();
-        m_ranges = 0;
+        replace(nullptr, 0);
         return *this;
     }
-    const size_t bytes = other.m_ranges * sizeof(Header) + other.entryCount() * sizeof(Entry);
-    std::unique_ptr<void, Free> block(block_heap::allocate(bytes));
-    std::memcpy(block.get(), other.m_block.get(), bytes);
-    m_block = std::move(block);
-    m_ranges = other.m_ranges;
+    const size_t bytes = blockBytes(other.m_ranges, other.entryCount());
+    void* const block = block_heap::allocate(bytes);
+    std::memcpy(block, other.m_block, bytes);
+    replace(block, other.m_ranges);
     return *this;
+}
+
+LineTables::LineTables(LineTables&& other) noexcept : m_block(other.m_block), m_ranges(other.m_ranges) {
+    other.m_block = nullptr;
+    other.m_ranges = 0;
+}
+
+LineTables& LineTables::operator=(LineTables&& other) noexcept {
+    if (this != &other) {
+        replace(other.m_block, other.m_ranges);
+        other.m_block = nullptr;
+        other.m_ranges = 0;
+    }
+    return *this;
+}
+
+void LineTables::replace(void* block, u32 ranges) noexcept {
+    if (m_block)
+        block_heap::free(m_block, blockBytes(m_ranges, entryCount()));
+    m_block = block;
+    m_ranges = ranges;
 }
 
 Range LineTables::range(size_t i) const {
@@ -84,7 +107,7 @@ bool LineTables::add(const Range& r, const Span (&tables)[kTypes]) {
 }
 
 void LineTables::rebase(u64 delta) {
-    Header* h = static_cast<Header*>(m_block.get());
+    Header* h = static_cast<Header*>(m_block);
     for (size_t i = 0; i < m_ranges; ++i)
         h[i].start += delta;
 }
@@ -100,11 +123,9 @@ void LineTables::copyTables(size_t from, size_t to) {
 
 // A method's first tables, the usual case: one range, packed straight from the spans.
 void LineTables::packFirst(const Range& r, const Span (&tables)[kTypes], size_t count) {
-    std::unique_ptr<void, Free> block(block_heap::allocate(sizeof(Header) + count * sizeof(Entry)));
-    Header* header = static_cast<Header*>(block.get());
+    Header* const header = static_cast<Header*>(block_heap::allocate(blockBytes(1, count)));
     put(header, reinterpret_cast<Entry*>(header + 1), 0, r, tables);
-    m_block = std::move(block);
-    m_ranges = 1;
+    replace(header, 1);
 }
 
 u32 LineTables::put(Header* at, Entry* entries, u32 end, const Range& r, const Span (&tables)[kTypes]) {
@@ -136,8 +157,8 @@ void LineTables::pack(const std::vector<Unpacked>& ranges) {
     for (const Unpacked& u : ranges)
         for (const std::vector<Entry>& table : u.tables)
             total += table.size();
-    std::unique_ptr<void, Free> block(block_heap::allocate(ranges.size() * sizeof(Header) + total * sizeof(Entry)));
-    Header* headers = static_cast<Header*>(block.get());
+    // Nothing below throws once the block is had.
+    Header* const headers = static_cast<Header*>(block_heap::allocate(blockBytes(ranges.size(), total)));
     Entry* entries = reinterpret_cast<Entry*>(headers + ranges.size());
     u32 end = 0;
     for (size_t i = 0; i < ranges.size(); ++i) {
@@ -146,8 +167,7 @@ void LineTables::pack(const std::vector<Unpacked>& ranges) {
             tables[t] = Span{ranges[i].tables[t].data(), ranges[i].tables[t].size()};
         end = put(headers + i, entries, end, ranges[i].range, tables);
     }
-    m_block = std::move(block);
-    m_ranges = static_cast<u32>(ranges.size());
+    replace(headers, static_cast<u32>(ranges.size()));
 }
 
 QUARVEL_NAMESPACE_END

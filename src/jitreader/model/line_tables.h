@@ -7,7 +7,6 @@
 #include <quarvel/types.h>
 
 #include <cstddef>
-#include <memory>
 #include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -34,10 +33,11 @@ public:
     };
 
     LineTables() = default;
+    ~LineTables();
     LineTables(const LineTables& other);
     LineTables& operator=(const LineTables& other);
-    LineTables(LineTables&&) noexcept = default;
-    LineTables& operator=(LineTables&&) noexcept = default;
+    LineTables(LineTables&& other) noexcept;
+    LineTables& operator=(LineTables&& other) noexcept;
 
     bool empty() const { return m_ranges == 0; }
     size_t rangeCount() const { return m_ranges; }
@@ -68,18 +68,22 @@ private:
         Range range;
         std::vector<Entry> tables[kTypes];
     };
-    typedef block_heap::Free Free;
 
-    const Header* headers() const { return static_cast<const Header*>(m_block.get()); }
+    const Header* headers() const { return static_cast<const Header*>(m_block); }
     const Entry* entries() const { return reinterpret_cast<const Entry*>(headers() + m_ranges); }
     size_t entryCount() const { return m_ranges ? headers()[m_ranges - 1].end[kTypes - 1] : 0; }
+    static size_t blockBytes(size_t ranges, size_t entries) {
+        return ranges * sizeof(Header) + entries * sizeof(Entry);
+    }
+    // Frees the block (its size follows from the headers) and takes `block` instead.
+    void replace(void* block, u32 ranges) noexcept;
     std::vector<Unpacked> unpack() const;
     void packFirst(const Range& r, const Span (&tables)[kTypes], size_t count);
     // Writes a range's header at `at` and its tables at entries + end; returns the new end.
     static u32 put(Header* at, Entry* entries, u32 end, const Range& r, const Span (&tables)[kTypes]);
     void pack(const std::vector<Unpacked>& ranges);
 
-    std::unique_ptr<void, Free> m_block;
+    void* m_block = nullptr; // from block_heap, blockBytes(m_ranges, entryCount()) long
     u32 m_ranges = 0;
 };
 

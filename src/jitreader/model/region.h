@@ -107,7 +107,7 @@ private:
         InlinedMethods inlinedMethods;
         Markup markup;
         static void* operator new(size_t bytes) { return block_heap::allocate(bytes); }
-        static void operator delete(void* block) noexcept { block_heap::free(block); }
+        static void operator delete(void* block, size_t bytes) noexcept { block_heap::free(block, bytes); }
     };
     Extras& extras();
     std::unique_ptr<Extras> m_extras;

@@ -12,12 +12,18 @@ namespace block_heap {
 
 namespace {
 
-// The word before each block: its size class, or kGeneral for the general heap.
-constexpr size_t kHeader = alignof(std::max_align_t);
-constexpr size_t kStep = 16;
+constexpr size_t kStep = kAlignment;
 constexpr size_t kLargestPooled = 1024;
 constexpr size_t kClasses = kLargestPooled / kStep;
-constexpr size_t kGeneral = ~size_t(0);
+
+bool pooled(size_t bytes) {
+    return QUARVEL_POOLED_OBJECTS && bytes <= kLargestPooled;
+}
+
+// Class c holds blocks of (c + 1) * kStep bytes; a request of 0 bytes takes the smallest.
+size_t sizeClass(size_t bytes) {
+    return bytes == 0 ? 0 : (bytes - 1) / kStep;
+}
 
 // Every class carves its blocks from the same chunk, so that only one chunk
 // is ever partly used (a chunk per class would leave dozens of huge pages
@@ -26,13 +32,13 @@ constexpr size_t kGeneral = ~size_t(0);
 // on huge pages), and stay until the process ends.
 class Heap {
 public:
-    void* take(size_t sizeClass) {
+    void* take(size_t c) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (FreeBlock* block = m_free[sizeClass]) {
-            m_free[sizeClass] = block->next;
+        if (FreeBlock* block = m_free[c]) {
+            m_free[c] = block->next;
             return block;
         }
-        const size_t bytes = (sizeClass + 1) * kStep;
+        const size_t bytes = (c + 1) * kStep;
         if (static_cast<size_t>(m_end - m_next) < bytes)
             grow();
         void* const block = m_next;
@@ -40,11 +46,11 @@ public:
         return block;
     }
 
-    void give(void* block, size_t sizeClass) noexcept {
+    void give(void* block, size_t c) noexcept {
         std::lock_guard<std::mutex> lock(m_mutex);
         FreeBlock* const freed = static_cast<FreeBlock*>(block);
-        freed->next = m_free[sizeClass];
-        m_free[sizeClass] = freed;
+        freed->next = m_free[c];
+        m_free[c] = freed;
     }
 
 private:
@@ -76,28 +82,16 @@ Heap& heap() {
 } // namespace
 
 void* allocate(size_t bytes) {
-    const size_t whole = bytes + kHeader;
-    size_t sizeClass = kGeneral;
-    void* raw = nullptr;
-    if (QUARVEL_POOLED_OBJECTS && whole <= kLargestPooled) {
-        sizeClass = (whole - 1) / kStep;
-        raw = heap().take(sizeClass);
-    } else {
-        raw = ::operator new(whole);
-    }
-    *static_cast<size_t*>(raw) = sizeClass;
-    return static_cast<char*>(raw) + kHeader;
+    return pooled(bytes) ? heap().take(sizeClass(bytes)) : ::operator new(bytes);
 }
 
-void free(void* block) noexcept {
+void free(void* block, size_t bytes) noexcept {
     if (!block)
         return;
-    void* const raw = static_cast<char*>(block) - kHeader;
-    const size_t sizeClass = *static_cast<const size_t*>(raw);
-    if (sizeClass == kGeneral)
-        ::operator delete(raw);
+    if (pooled(bytes))
+        heap().give(block, sizeClass(bytes));
     else
-        heap().give(raw, sizeClass);
+        ::operator delete(block, bytes);
 }
 
 } // namespace block_heap

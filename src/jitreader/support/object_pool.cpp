@@ -8,16 +8,16 @@ QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
-// Blocks keep the alignment operator new promises.
-size_t roundedUp(size_t size) {
-    const size_t align = alignof(std::max_align_t);
-    size = size < sizeof(void*) ? sizeof(void*) : size;
+// Every block can hold the free list's link.
+size_t roundedUp(size_t size, size_t alignment) {
+    const size_t align = std::max(alignment, alignof(void*));
+    size = std::max(size, sizeof(void*));
     return (size + align - 1) / align * align;
 }
 
 } // namespace
 
-ObjectPool::ObjectPool(size_t blockSize) : m_blockSize(roundedUp(blockSize)) {}
+ObjectPool::ObjectPool(size_t blockSize, size_t alignment) : m_blockSize(roundedUp(blockSize, alignment)) {}
 
 ObjectPool::~ObjectPool() {
     for (const Chunk& chunk : m_chunks)

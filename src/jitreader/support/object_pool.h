@@ -25,7 +25,10 @@ QUARVEL_NAMESPACE_BEGIN
 // leaks stay visible.
 class ObjectPool {
 public:
-    explicit ObjectPool(size_t blockSize);
+    // Blocks are aligned to `alignment` (at least a pointer's): a class's
+    // own alignment, not operator new's 16 bytes, so that an object of 88
+    // bytes takes 88.
+    explicit ObjectPool(size_t blockSize, size_t alignment = alignof(std::max_align_t));
     // Gives every chunk back: blocks still handed out die with it (the class
     // pools below are never destroyed).
     ~ObjectPool();
@@ -82,7 +85,7 @@ public:
 
 private:
     static ObjectPool& pool() {
-        static ObjectPool* const instance = new ObjectPool(sizeof(T));
+        static ObjectPool* const instance = new ObjectPool(sizeof(T), alignof(T));
         return *instance;
     }
 #endif
