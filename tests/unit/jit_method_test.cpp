@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <vector>
 
 using namespace quarvel;
@@ -162,6 +163,36 @@ TEST(JitMethodTest, ClonesShareInfoAndRegionsButNotLineMapsOrRuntimeInfo) {
     c->normalizeLineNumberInfoJitRvaRanges(1);
     EXPECT_EQ(1000u, m->getLineNumberInfo().range(0).start);
     EXPECT_EQ(1001u, c->getLineNumberInfo().range(0).start);
+}
+
+// The region list grows in place of a vector: it must keep every region and
+// its reference count through growth (also when the region added is one of
+// its own, whose slot moves), copies and moves.
+TEST(JitMethodTest, RegionListKeepsRegionsAndTheirCountsThroughGrowth) {
+    const auto refs = [](const Region::Ptr& r) -> int {
+        r->addRef();
+        return static_cast<int>(r->release());
+    };
+    const Region::Ptr first(new Region(1, 7, 1000, 10, 0, 0x5000, 100, nullptr));
+    {
+        RegionList list;
+        EXPECT_TRUE(list.empty());
+        EXPECT_THROW(list.at(0), std::out_of_range);
+        for (int i = 0; i < 9; ++i)
+            list.push_back(i == 0 ? first : list[0]); // full at 1, 2, 4 and 8
+        EXPECT_EQ(9u, list.size());
+        EXPECT_EQ(10, refs(first));
+        RegionList copy = list;
+        EXPECT_EQ(19, refs(first));
+        RegionList moved = std::move(copy);
+        EXPECT_TRUE(copy.empty());
+        EXPECT_EQ(19, refs(first));
+        for (const Region::Ptr& region : moved)
+            EXPECT_EQ(first.get(), region.get());
+        moved = list;
+        EXPECT_EQ(19, refs(first));
+    }
+    EXPECT_EQ(1, refs(first));
 }
 
 TEST(JitMethodTest, ValidationChecksTheFirstRegionsLines) {

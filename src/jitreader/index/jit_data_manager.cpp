@@ -130,10 +130,10 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
     const u32 known = m_methods.find(rawMethod->getMethodId());
     const JitMethod::Ptr stored = known == MethodRegistry::kNone ? JitMethod::Ptr() : m_methods.at(known);
     // A copy when the stored method is rawMethod itself: it grows below.
-    std::vector<Region::Ptr> copy;
+    RegionList copy;
     if (stored == rawMethod)
         copy = rawMethod->regions();
-    const std::vector<Region::Ptr>& newRegions = stored == rawMethod ? copy : rawMethod->regions();
+    const RegionList& newRegions = stored == rawMethod ? copy : rawMethod->regions();
     if (stored) {
         QV_TRACE("Detected already cached code region with the same method id "
                  << rawId << ", name = " << rawMethod->getMethodName() << ", load time = " << rawMethod->getLoadTime());

@@ -16,7 +16,7 @@ bool holds(u64 start, u64 length, u64 rva) {
     return start <= rva && rva - start < length;
 }
 
-const Region* findRegionOf(const std::vector<Region::Ptr>& regions, u64 jitRva) {
+const Region* findRegionOf(const RegionList& regions, u64 jitRva) {
     for (const Region::Ptr& region : regions)
         if (holds(region->startJitRva(), region->length(), jitRva))
             return region.get();

@@ -5,6 +5,7 @@
 #include "model/line_tables.h"
 #include "model/range.h"
 #include "model/region.h"
+#include "model/region_list.h"
 
 #include "support/object_pool.h"
 
@@ -74,7 +75,7 @@ public:
     // Room for the regions about to be added: one allocation instead of one per doubling.
     void reserveRegions(size_t count) { m_regions.reserve(count); }
     size_t regionCount() const { return m_regions.size(); }
-    const std::vector<Region::Ptr>& regions() const { return m_regions; }
+    const RegionList& regions() const { return m_regions; }
 
     bool isInlineAttached() const { return m_inlineAttached; }
     void setInlineAttached(bool attached) { m_inlineAttached = attached; }
@@ -110,7 +111,7 @@ private:
     u32 m_rawParentId = 0;
     u64 m_loadTime = 0;
     u64 m_unloadTime = 0;
-    std::vector<Region::Ptr> m_regions;
+    RegionList m_regions;
     bool m_inlineAttached = false;
     // A query with a non-zero jit rva copies tables into the first range.
     mutable LineTables m_lineInfo;
