@@ -105,14 +105,16 @@ public:
     std::string describe() const;
 
 private:
+    // Ordered so that the 32-bit fields and the flag fill the holes (the
+    // first the base's tail padding): 88 bytes, not 96.
+    u32 m_rawMethodId = 0;
     BaseMethodInfo::Ptr m_info;
     jit_rva_t m_startJitRva = 0;
-    u32 m_rawMethodId = 0;
     u32 m_rawParentId = 0;
+    bool m_inlineAttached = false;
     u64 m_loadTime = 0;
     u64 m_unloadTime = 0;
     RegionList m_regions;
-    bool m_inlineAttached = false;
     // A query with a non-zero jit rva copies tables into the first range.
     mutable LineTables m_lineInfo;
     std::unique_ptr<ManagedRuntimeInfo> m_runtimeInfo;

@@ -32,14 +32,13 @@ HexRange hexRange(u64 start, u64 length) {
 
 Region::Region(u32 hostId, u32 processId, jit_rva_t startJitRva, u64 loadTime, u64 unloadTime,
                address_t startVirtualAddress, u32 length, IByteBuffer::Ptr content)
-    : m_hostId(hostId), m_processId(processId), m_startJitRva(startJitRva), m_loadTime(loadTime),
-      m_unloadTime(unloadTime), m_startVirtualAddress(startVirtualAddress), m_length(length),
-      m_content(std::move(content)) {}
+    : m_hostId(hostId), m_processId(processId), m_length(length), m_startJitRva(startJitRva), m_loadTime(loadTime),
+      m_unloadTime(unloadTime), m_startVirtualAddress(startVirtualAddress), m_content(std::move(content)) {}
 
 Region::Region(const Region& other)
-    : ICodeRegion(), m_hostId(other.m_hostId), m_processId(other.m_processId), m_startJitRva(other.m_startJitRva),
-      m_loadTime(other.m_loadTime), m_unloadTime(other.m_unloadTime),
-      m_startVirtualAddress(other.m_startVirtualAddress), m_length(other.m_length), m_content(other.m_content),
+    : ICodeRegion(), m_hostId(other.m_hostId), m_processId(other.m_processId), m_length(other.m_length),
+      m_startJitRva(other.m_startJitRva), m_loadTime(other.m_loadTime), m_unloadTime(other.m_unloadTime),
+      m_startVirtualAddress(other.m_startVirtualAddress), m_content(other.m_content),
       m_extras(other.m_extras ? new Extras(*other.m_extras) : nullptr) {}
 
 Region::~Region() = default;

@@ -93,13 +93,15 @@ public:
     void dumpInlines(std::ostringstream& os, u32 indent) const;
 
 private:
+    // The 32-bit fields first: the first fills the base's tail padding, and
+    // the three make a region 80 bytes, not 88.
     u32 m_hostId;
     u32 m_processId;
+    u32 m_length;
     jit_rva_t m_startJitRva;
     u64 m_loadTime;
     u64 m_unloadTime;
     address_t m_startVirtualAddress;
-    u32 m_length;
     IByteBuffer::Ptr m_content;
     // Few regions have inlines or patched ranges: those get them on first use.
     struct Extras {
