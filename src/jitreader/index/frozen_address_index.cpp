@@ -196,7 +196,6 @@ void FrozenAddressIndex::build(const Slots& slots) {
         if (list.size() > 1)
             std::sort(list.begin(), list.end(), byLoadTime);
         Piece& piece = m_pieces[p];
-        piece.start = starts[p];
         piece.end = ends[p];
         if (list.empty())
             continue;
@@ -312,7 +311,7 @@ const FrozenAddressIndex::Entry* FrozenAddressIndex::findEntry(u64 address, u64 
     if (p == m_pieces.size())
         return nullptr;
     const Piece& piece = m_pieces[p];
-    result.rangeStart = piece.start;
+    result.rangeStart = m_starts[p];
     result.rangeEnd = piece.end;
     // Most samples land on the latest region of a piece without history above it.
     const Entry* entry = !(piece.olderCount & kInherits) && piece.top.slot != kNoSlot && piece.top.loadTime <= timestamp
@@ -357,9 +356,9 @@ AddressLookup FrozenAddressIndex::findLoadedAfter(u64 start, u64 end, u64 timest
     size_t p = firstStartingAbove(start);
     if (p > 0 && m_pieces[p - 1].end > start)
         --p;
-    if (p == m_pieces.size() || m_pieces[p].start >= end)
+    if (p == m_pieces.size() || m_starts[p] >= end)
         return result;
-    result.rangeStart = m_pieces[p].start;
+    result.rangeStart = m_starts[p];
     result.rangeEnd = m_pieces[p].end;
     const Entry* entry = firstAfter(p, timestamp);
     if (!entry) {

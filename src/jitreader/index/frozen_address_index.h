@@ -51,8 +51,7 @@ private:
         u32 slot = kNoSlot;
         u32 module = 0; // in m_modules
     };
-    struct Piece { // 56 bytes
-        u64 start = 0;
+    struct Piece { // 48 bytes; its start is m_starts[i]
         u64 end = 0;
         Entry top;          // the region loaded last over the piece (none: only ancestors hold it)
         u32 olderAt = 0;    // the piece's older regions in m_entries, by load time
