@@ -58,6 +58,36 @@ TEST(JitMethodLineInfoTest, CountOnlyBufferTooSmallAndNullPointers) {
     EXPECT_EQ(meNotFound, JitMethod().getLineNumberInfo(N2S, nullptr, &count, 0)) << "no tables at all";
 }
 
+// Rows are stored as deltas from the row before: whatever a trace holds
+// (rows out of order, backwards, empty, at the ends of the 32-bit range) must
+// come back exactly, and a table must not spill into its neighbours.
+TEST(JitMethodLineInfoTest, AnyRowComesBackExactly) {
+    const u32 top = 0xFFFFFFFFu;
+    const std::vector<Table> tables = {
+        {{0, 16, 10}, {16, 40, 11}, {40, 41, 11}, {41, 300, 9}},              // the usual shape
+        {{top, 0, top}, {0, top, 0}, {5, 5, 5}, {top - 1, top, 0x80000000u}}, // wrapping, empty rows
+        {{100, 90, 7}, {3, 200, 7000000}, {2, 1, 1}},                         // backwards, big steps
+        {},
+    };
+    JitMethod m;
+    ASSERT_TRUE(m.addLineNumberInfo(N2M, tables[0], Range(0, 100)));
+    ASSERT_TRUE(m.addLineNumberInfo(M2S, tables[1], Range(0, 100)));
+    ASSERT_TRUE(m.addLineNumberInfo(N2S, tables[2], Range(0, 100)));
+    ASSERT_TRUE(m.addLineNumberInfo(N2S, tables[1], Range(200, 100))) << "a second range";
+    const quarvel_line_info_type types[] = {N2M, M2S, N2S};
+    for (size_t t = 0; t < 3; ++t) {
+        const std::vector<quarvel_line_number_entry> got = query(m, types[t], 0);
+        ASSERT_EQ(tables[t].size(), got.size()) << "table " << t;
+        for (size_t i = 0; i < got.size(); ++i) {
+            EXPECT_EQ(tables[t][i].startOffset, got[i].startOffset) << "table " << t << " row " << i;
+            EXPECT_EQ(tables[t][i].endOffset, got[i].endOffset) << "table " << t << " row " << i;
+            EXPECT_EQ(tables[t][i].value, got[i].value) << "table " << t << " row " << i;
+        }
+    }
+    EXPECT_EQ(tables[1].size(), m.getLineNumberInfo().table(1, N2S).size());
+    EXPECT_TRUE(m.getLineNumberInfo().table(1, N2M).empty());
+}
+
 TEST(JitMethodLineInfoTest, EachRangeAnswersWithItsTablesAndTheFirstTableAddedStays) {
     const JitMethod::Ptr m = threeRangeMethod();
     EXPECT_TRUE(m->addLineNumberInfo(N2S, {{0, 10, 5}}, Range(900, 10))) << "a range below the others";

@@ -263,7 +263,7 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
                  {quarvel_line_info_native_to_managed, quarvel_line_info_managed_to_source,
                   quarvel_line_info_native_to_source})
                 if (!newLines.table(r, type).empty())
-                    stored->addLineNumberInfo(type, newLines.table(r, type),
+                    stored->addLineNumberInfo(type, newLines.table(r, type).rows(),
                                               Range(newLines.range(r).start + newStart, newLines.range(r).length));
     }
 

@@ -86,8 +86,8 @@ quarvel_error_t JitMethod::getLineNumberInfo(quarvel_line_info_type type, quarve
     if (!count)
         return meInvalidPointer;
 
-    const LineTables::Span table = m_lineInfo.table(0, type);
-    const unsigned n = static_cast<unsigned>(table.size);
+    const LineTables::Table table = m_lineInfo.table(0, type);
+    const unsigned n = static_cast<unsigned>(table.size());
     if (!entries) {
         *count = n;
         return meSuccess;
@@ -106,15 +106,16 @@ quarvel_error_t JitMethod::getSourceRange(quarvel_line_number_entry* first, quar
     u32 minLine = 0;
     u32 maxLine = 0;
     for (size_t r = 0; r < m_lineInfo.rangeCount(); ++r) {
-        const LineTables::Span table = m_lineInfo.table(r, quarvel_line_info_native_to_source);
+        const LineTables::Table table = m_lineInfo.table(r, quarvel_line_info_native_to_source);
         if (table.empty())
             continue;
         // Entry 0 of a later table seeds nothing once min and max are set.
+        auto row = table.begin();
         if (minLine == 0 || maxLine == 0)
-            minLine = maxLine = table[0].value;
-        for (size_t i = 1; i < table.size; ++i) {
-            minLine = std::min(minLine, table[i].value);
-            maxLine = std::max(maxLine, table[i].value);
+            minLine = maxLine = row->value;
+        for (++row; row != table.end(); ++row) {
+            minLine = std::min(minLine, row->value);
+            maxLine = std::max(maxLine, row->value);
         }
     }
     if (minLine == 0 || maxLine == 0)
@@ -129,9 +130,9 @@ ISourceLocation::Ptr JitMethod::getSourceLocation(u64 jitRva) const {
     if (found == LineTables::npos)
         return ISourceLocation::Ptr();
     const u64 off = jitRva - m_lineInfo.range(found).start;
-    const LineTables::Span nativeToManaged = m_lineInfo.table(found, quarvel_line_info_native_to_managed);
-    const LineTables::Span managedToSource = m_lineInfo.table(found, quarvel_line_info_managed_to_source);
-    const LineTables::Span nativeToSource = m_lineInfo.table(found, quarvel_line_info_native_to_source);
+    const LineTables::Table nativeToManaged = m_lineInfo.table(found, quarvel_line_info_native_to_managed);
+    const LineTables::Table managedToSource = m_lineInfo.table(found, quarvel_line_info_managed_to_source);
+    const LineTables::Table nativeToSource = m_lineInfo.table(found, quarvel_line_info_native_to_source);
 
     u32 line = 0;
     bool found_line = false;
@@ -194,8 +195,7 @@ bool JitMethod::validateSymbolicInfo() const {
     if (m_regions.empty() || m_lineInfo.empty())
         return true;
     const Region& region = *m_regions.front();
-    const LineTables::Span table = m_lineInfo.table(0, quarvel_line_info_native_to_source);
-    for (const auto& e : table) {
+    for (const auto& e : m_lineInfo.table(0, quarvel_line_info_native_to_source)) {
         if (e.endOffset > region.length()) {
             QV_ERROR("Detected line number (start offset = "
                      << e.startOffset << ", end offset = " << e.endOffset << ", src line = " << e.value

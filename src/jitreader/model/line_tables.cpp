@@ -7,6 +7,100 @@
 
 QUARVEL_NAMESPACE_BEGIN
 
+namespace {
+
+// Signed differences of 32-bit values, wrapped, as small unsigned numbers.
+u32 zigzag(u32 delta) {
+    return (delta << 1) ^ (0u - (delta >> 31));
+}
+
+u32 unzigzag(u32 coded) {
+    return (coded >> 1) ^ (0u - (coded & 1));
+}
+
+size_t varintSize(u32 value) {
+    size_t n = 1;
+    for (; value >= 0x80; value >>= 7)
+        ++n;
+    return n;
+}
+
+uint8_t* putVarint(uint8_t* out, u32 value) {
+    for (; value >= 0x80; value >>= 7)
+        *out++ = static_cast<uint8_t>(value | 0x80);
+    *out++ = static_cast<uint8_t>(value);
+    return out;
+}
+
+// Only reads what putVarint wrote; stops at end all the same.
+const uint8_t* getVarint(const uint8_t* at, const uint8_t* end, u32& value) {
+    value = 0;
+    for (unsigned shift = 0; at < end && shift < 35; shift += 7) {
+        const uint8_t byte = *at++;
+        value |= static_cast<u32>(byte & 0x7F) << shift;
+        if (!(byte & 0x80))
+            break;
+    }
+    return at;
+}
+
+// The three numbers a row is kept as, given the row before it.
+struct Coded {
+    u32 start;
+    u32 length;
+    u32 value;
+};
+
+Coded coded(const quarvel_line_number_entry& row, const quarvel_line_number_entry& before) {
+    return Coded{zigzag(row.startOffset - before.endOffset), row.endOffset - row.startOffset,
+                 zigzag(row.value - before.value)};
+}
+
+uint8_t* encode(LineTables::Span table, uint8_t* out) {
+    quarvel_line_number_entry before{0, 0, 0};
+    for (const quarvel_line_number_entry& row : table) {
+        const Coded c = coded(row, before);
+        out = putVarint(putVarint(putVarint(out, c.start), c.length), c.value);
+        before = row;
+    }
+    return out;
+}
+
+} // namespace
+
+LineTables::Table::Iterator::Iterator(const uint8_t* at, const uint8_t* end) : m_at(at), m_next(at), m_end(end) {
+    if (m_at < m_end)
+        decode();
+}
+
+LineTables::Table::Iterator& LineTables::Table::Iterator::operator++() {
+    m_at = m_next;
+    if (m_at < m_end)
+        decode();
+    return *this;
+}
+
+void LineTables::Table::Iterator::decode() {
+    u32 start = 0;
+    u32 length = 0;
+    u32 value = 0;
+    m_next = getVarint(getVarint(getVarint(m_at, m_end, start), m_end, length), m_end, value);
+    m_row.startOffset = m_row.endOffset + unzigzag(start);
+    m_row.endOffset = m_row.startOffset + length;
+    m_row.value += unzigzag(value);
+}
+
+size_t LineTables::Table::size() const {
+    size_t n = 0;
+    for (Iterator it = begin(); it != end(); ++it)
+        ++n;
+    return n;
+}
+
+std::vector<LineTables::Entry> LineTables::Table::rows() const {
+    return std::vector<Entry>(begin(), end());
+}
+
 LineTables::~LineTables() {
     replace(nullptr, 0);
 }
@@ -22,7 +116,7 @@ LineTables& LineTables::operator=(const LineTables& other) {
         replace(nullptr, 0);
         return *this;
     }
-    const size_t bytes = blockBytes(other.m_ranges, other.entryCount());
+    const size_t bytes = blockBytes(other.m_ranges, other.rowBytes());
     void* const block = block_heap::allocate(bytes);
     std::memcpy(block, other.m_block, bytes);
     replace(block, other.m_ranges);
@@ -45,7 +139,7 @@ LineTables& LineTables::operator=(LineTables&& other) noexcept {
 
 void LineTables::replace(void* block, u32 ranges) noexcept {
     if (m_block)
-        block_heap::free(m_block, blockBytes(m_ranges, entryCount()));
+        block_heap::free(m_block, blockBytes(m_ranges, rowBytes()));
     m_block = block;
     m_ranges = ranges;
 }
@@ -55,11 +149,11 @@ Range LineTables::range(size_t i) const {
     return Range(h.start, h.length);
 }
 
-LineTables::Span LineTables::table(size_t i, quarvel_line_info_type type) const {
+LineTables::Table LineTables::table(size_t i, quarvel_line_info_type type) const {
     const Header* h = headers();
     const size_t t = static_cast<size_t>(type);
     const u32 first = t > 0 ? h[i].end[t - 1] : (i > 0 ? h[i - 1].end[kTypes - 1] : 0);
-    return Span{entries() + first, h[i].end[t] - first};
+    return Table(rows() + first, rows() + h[i].end[t]);
 }
 
 size_t LineTables::find(u64 value) const {
@@ -76,14 +170,25 @@ size_t LineTables::findOverlap(const Range& r) const {
     return static_cast<size_t>(it - h);
 }
 
+size_t LineTables::encodedSize(Span table) {
+    size_t bytes = 0;
+    Entry before{0, 0, 0};
+    for (const Entry& row : table) {
+        const Coded c = coded(row, before);
+        bytes += varintSize(c.start) + varintSize(c.length) + varintSize(c.value);
+        before = row;
+    }
+    return bytes;
+}
+
 bool LineTables::add(const Range& r, const Span (&tables)[kTypes]) {
-    size_t count = 0;
+    size_t bytes = 0;
     for (const Span& table : tables)
-        count += table.size;
-    if (count > UINT32_MAX - entryCount())
+        bytes += encodedSize(table);
+    if (bytes > UINT32_MAX - rowBytes())
         return false;
     if (empty()) {
-        packFirst(r, tables, count);
+        packFirst(r, tables, bytes);
         return true;
     }
     std::vector<Unpacked> all = unpack();
@@ -122,19 +227,18 @@ void LineTables::copyTables(size_t from, size_t to) {
 }
 
 // A method's first tables, the usual case: one range, packed straight from the spans.
-void LineTables::packFirst(const Range& r, const Span (&tables)[kTypes], size_t count) {
-    Header* const header = static_cast<Header*>(block_heap::allocate(blockBytes(1, count)));
-    put(header, reinterpret_cast<Entry*>(header + 1), 0, r, tables);
+void LineTables::packFirst(const Range& r, const Span (&tables)[kTypes], size_t bytes) {
+    Header* const header = static_cast<Header*>(block_heap::allocate(blockBytes(1, bytes)));
+    put(header, reinterpret_cast<uint8_t*>(header + 1), 0, r, tables);
     replace(header, 1);
 }
 
-u32 LineTables::put(Header* at, Entry* entries, u32 end, const Range& r, const Span (&tables)[kTypes]) {
+u32 LineTables::put(Header* at, uint8_t* rows, u32 end, const Range& r, const Span (&tables)[kTypes]) {
     Header* header = new (at) Header();
     header->start = r.start;
     header->length = r.length;
     for (size_t t = 0; t < kTypes; ++t) {
-        for (const Entry& entry : tables[t])
-            new (entries + end++) Entry(entry);
+        end = static_cast<u32>(encode(tables[t], rows + end) - rows);
         header->end[t] = end;
     }
     return end;
@@ -144,28 +248,26 @@ std::vector<LineTables::Unpacked> LineTables::unpack() const {
     std::vector<Unpacked> all(m_ranges);
     for (size_t i = 0; i < m_ranges; ++i) {
         all[i].range = range(i);
-        for (size_t t = 0; t < kTypes; ++t) {
-            const Span s = table(i, static_cast<quarvel_line_info_type>(t));
-            all[i].tables[t].assign(s.begin(), s.end());
-        }
+        for (size_t t = 0; t < kTypes; ++t)
+            all[i].tables[t] = table(i, static_cast<quarvel_line_info_type>(t)).rows();
     }
     return all;
 }
 
 void LineTables::pack(const std::vector<Unpacked>& ranges) {
-    size_t total = 0;
+    size_t bytes = 0;
     for (const Unpacked& u : ranges)
         for (const std::vector<Entry>& table : u.tables)
-            total += table.size();
+            bytes += encodedSize(Span{table.data(), table.size()});
     // Nothing below throws once the block is had.
-    Header* const headers = static_cast<Header*>(block_heap::allocate(blockBytes(ranges.size(), total)));
-    Entry* entries = reinterpret_cast<Entry*>(headers + ranges.size());
+    Header* const headers = static_cast<Header*>(block_heap::allocate(blockBytes(ranges.size(), bytes)));
+    uint8_t* const rows = reinterpret_cast<uint8_t*>(headers + ranges.size());
     u32 end = 0;
     for (size_t i = 0; i < ranges.size(); ++i) {
         Span tables[kTypes];
         for (size_t t = 0; t < kTypes; ++t)
             tables[t] = Span{ranges[i].tables[t].data(), ranges[i].tables[t].size()};
-        end = put(headers + i, entries, end, ranges[i].range, tables);
+        end = put(headers + i, rows, end, ranges[i].range, tables);
     }
     replace(headers, static_cast<u32>(ranges.size()));
 }

@@ -7,29 +7,73 @@
 #include <quarvel/types.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <iterator>
 #include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
 
 // A method's line tables: for each of its code ranges (disjoint, in ascending
 // order) one table per quarvel_line_info_type, offsets relative to the
-// range's start. Millions of methods carry a few entries each, so everything
-// lives in one exactly sized block: the ranges, then every table's entries
-// back to back. A method without tables costs no allocation at all.
+// range's start. Millions of methods carry a few rows each, so everything
+// lives in one exactly sized block: the ranges, then every table's rows back
+// to back. A method without tables costs no allocation at all.
+//
+// Rows are kept as variable-length deltas (the start from the row before's
+// end, the length, the value from the row before's value): a row of a real
+// table is three or four bytes instead of twelve, since rows follow each
+// other and values climb slowly. Any row round-trips, whatever its values.
 class LineTables {
 public:
     typedef quarvel_line_number_entry Entry;
     static constexpr size_t kTypes = 3;
     static constexpr size_t npos = ~size_t(0);
 
-    // A table inside the block.
+    // Rows to add: an array of the caller's.
     struct Span {
         const Entry* data = nullptr;
         size_t size = 0;
         const Entry* begin() const { return data; }
         const Entry* end() const { return data + size; }
         bool empty() const { return size == 0; }
-        const Entry& operator[](size_t i) const { return data[i]; }
+    };
+
+    // A stored table, its rows decoded as they are visited.
+    class Table {
+    public:
+        class Iterator {
+        public:
+            typedef std::forward_iterator_tag iterator_category;
+            typedef Entry value_type;
+            typedef std::ptrdiff_t difference_type;
+            typedef const Entry* pointer;
+            typedef const Entry& reference;
+
+            Iterator(const uint8_t* at, const uint8_t* end);
+            const Entry& operator*() const { return m_row; }
+            const Entry* operator->() const { return &m_row; }
+            Iterator& operator++();
+            bool operator==(const Iterator& other) const { return m_at == other.m_at; }
+            bool operator!=(const Iterator& other) const { return m_at != other.m_at; }
+
+        private:
+            void decode(); // the row at m_at, after the one in m_row
+            const uint8_t* m_at;
+            const uint8_t* m_next;
+            const uint8_t* m_end;
+            Entry m_row{0, 0, 0};
+        };
+
+        Table(const uint8_t* begin, const uint8_t* end) : m_begin(begin), m_end(end) {}
+        Iterator begin() const { return Iterator(m_begin, m_end); }
+        Iterator end() const { return Iterator(m_end, m_end); }
+        bool empty() const { return m_begin == m_end; }
+        size_t size() const;
+        std::vector<Entry> rows() const;
+
+    private:
+        const uint8_t* m_begin;
+        const uint8_t* m_end;
     };
 
     LineTables() = default;
@@ -42,7 +86,7 @@ public:
     bool empty() const { return m_ranges == 0; }
     size_t rangeCount() const { return m_ranges; }
     Range range(size_t i) const;
-    Span table(size_t i, quarvel_line_info_type type) const;
+    Table table(size_t i, quarvel_line_info_type type) const;
     // The range that holds value, or npos.
     size_t find(u64 value) const;
     // The range that overlaps r, or npos.
@@ -62,7 +106,7 @@ private:
     struct Header {
         u64 start;
         u32 length;
-        u32 end[kTypes]; // table t of this range ends at entry end[t]
+        u32 end[kTypes]; // table t of this range ends at byte end[t] of the rows
     };
     struct Unpacked {
         Range range;
@@ -70,20 +114,19 @@ private:
     };
 
     const Header* headers() const { return static_cast<const Header*>(m_block); }
-    const Entry* entries() const { return reinterpret_cast<const Entry*>(headers() + m_ranges); }
-    size_t entryCount() const { return m_ranges ? headers()[m_ranges - 1].end[kTypes - 1] : 0; }
-    static size_t blockBytes(size_t ranges, size_t entries) {
-        return ranges * sizeof(Header) + entries * sizeof(Entry);
-    }
+    const uint8_t* rows() const { return reinterpret_cast<const uint8_t*>(headers() + m_ranges); }
+    size_t rowBytes() const { return m_ranges ? headers()[m_ranges - 1].end[kTypes - 1] : 0; }
+    static size_t blockBytes(size_t ranges, size_t rowBytes) { return ranges * sizeof(Header) + rowBytes; }
+    static size_t encodedSize(Span table);
     // Frees the block (its size follows from the headers) and takes `block` instead.
     void replace(void* block, u32 ranges) noexcept;
     std::vector<Unpacked> unpack() const;
-    void packFirst(const Range& r, const Span (&tables)[kTypes], size_t count);
-    // Writes a range's header at `at` and its tables at entries + end; returns the new end.
-    static u32 put(Header* at, Entry* entries, u32 end, const Range& r, const Span (&tables)[kTypes]);
+    void packFirst(const Range& r, const Span (&tables)[kTypes], size_t bytes);
+    // Writes a range's header at `at` and its tables at rows + end; returns the new end.
+    static u32 put(Header* at, uint8_t* rows, u32 end, const Range& r, const Span (&tables)[kTypes]);
     void pack(const std::vector<Unpacked>& ranges);
 
-    void* m_block = nullptr; // from block_heap, blockBytes(m_ranges, entryCount()) long
+    void* m_block = nullptr; // from block_heap, blockBytes(m_ranges, rowBytes()) long
     u32 m_ranges = 0;
 };
 

@@ -160,7 +160,7 @@ std::ostream& operator<<(std::ostream& os, JitMethod& method) {
         const LineTables& lines = method.getLineNumberInfo();
         size_t count = 0;
         for (size_t r = 0; r < lines.rangeCount(); ++r)
-            count += lines.table(r, type).size;
+            count += lines.table(r, type).size();
         os << kTableHeadings[type] << std::endl;
         os << "number of lines: " << count << std::endl;
         for (size_t r = 0; r < lines.rangeCount(); ++r)
