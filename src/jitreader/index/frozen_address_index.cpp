@@ -68,7 +68,6 @@ void FrozenAddressIndex::build(const Slots& slots) {
     std::vector<u32> firstPiece(count);
     std::vector<u32> pastPiece(count);
     BulkVector<u64> starts; // the query arrays on huge pages: a search misses the TLB less
-    std::vector<u64> ends;
     for (int pass = 0; pass < 2; ++pass) {
         // The first pass counts the pieces, so that the arrays are allocated once.
         size_t pieces = 0;
@@ -86,7 +85,7 @@ void FrozenAddressIndex::build(const Slots& slots) {
             const u64 next = s < count ? std::min(slots[byStart[s]].start, slots[byEnd[e]].end) : slots[byEnd[e]].end;
             if (pass == 1) {
                 starts.push_back(at);
-                ends.push_back(next);
+                m_pieces[pieces].end = next;
             }
             ++pieces;
         }
@@ -99,13 +98,14 @@ void FrozenAddressIndex::build(const Slots& slots) {
                 continue;
             if (pass == 1) {
                 starts.push_back(at);
-                ends.push_back(slots[byEnd[e + 1]].end);
+                m_pieces[pieces].end = slots[byEnd[e + 1]].end;
             }
             ++pieces;
         }
         if (pass == 0) {
             starts.reserve(pieces);
-            ends.reserve(pieces);
+            m_pieces.reserve(pieces);
+            m_pieces.resize(pieces);
         }
     }
     std::vector<u32>().swap(byStart);
@@ -131,21 +131,18 @@ void FrozenAddressIndex::build(const Slots& slots) {
                 nodeItems.push_back(Item{static_cast<u32>(--r), slot, slots[slot].loadTime});
         }
     }
-    // Leaf lists, grouped by piece (leafCount becomes their offsets).
+    // Leaf lists, grouped by piece: leafCount becomes the end of each
+    // piece's list, then, filled from the back, its start.
     u32 total = 0;
     for (size_t p = 0; p <= n; ++p) {
-        const u32 c = leafCount[p];
+        total += leafCount[p];
         leafCount[p] = total;
-        total += c;
     }
     std::vector<u32> leafSlots(total);
-    {
-        std::vector<u32> fill(leafCount.begin(), leafCount.end() - 1);
-        for (u32 slot = 0; slot < count; ++slot)
-            if (pastPiece[slot] - firstPiece[slot] <= kCopiedSpan)
-                for (size_t p = firstPiece[slot]; p < pastPiece[slot]; ++p)
-                    leafSlots[fill[p]++] = slot;
-    }
+    for (u32 slot = count; slot-- > 0;)
+        if (pastPiece[slot] - firstPiece[slot] <= kCopiedSpan)
+            for (size_t p = firstPiece[slot]; p < pastPiece[slot]; ++p)
+                leafSlots[--leafCount[p]] = slot;
     std::vector<u32>().swap(firstPiece);
     std::vector<u32>().swap(pastPiece);
 
@@ -184,8 +181,6 @@ void FrozenAddressIndex::build(const Slots& slots) {
     // Leaf tree nodes are pieces: their regions join the pieces' lists.
     std::sort(nodeItems.begin(), nodeItems.end(), byNodeThenTime);
     auto leafEnd = std::partition_point(nodeItems.begin(), nodeItems.end(), [n](const Item& i) { return i.node < n; });
-    m_pieces.reserve(n);
-    m_pieces.resize(n);
     m_entries.reserve(total - std::min<size_t>(total, n) + static_cast<size_t>(nodeItems.end() - nodeItems.begin()));
     auto item = leafEnd;
     std::vector<u32> list;
@@ -196,7 +191,6 @@ void FrozenAddressIndex::build(const Slots& slots) {
         if (list.size() > 1)
             std::sort(list.begin(), list.end(), byLoadTime);
         Piece& piece = m_pieces[p];
-        piece.end = ends[p];
         if (list.empty())
             continue;
         piece.olderAt = static_cast<u32>(m_entries.size());
@@ -206,7 +200,6 @@ void FrozenAddressIndex::build(const Slots& slots) {
         piece.top = entryOf(list.back());
     }
     std::vector<u32>().swap(leafSlots);
-    std::vector<u64>().swap(ends);
     m_starts.swap(starts);
     for (size_t p = 0; p < n; p += kBlock)
         m_blockStarts.push_back(m_starts[p]);
