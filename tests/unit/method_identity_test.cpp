@@ -93,6 +93,13 @@ TEST(BaseMethodInfoTest, MethodNamesAreDemangledOrQualified) {
     info.setMethodName("kept");
     info.setMethodName("");
     EXPECT_EQ("kept", info.methodName());
+    // A name ends at its first NUL, as the C string handed out for it does;
+    // the names after it stay whole.
+    info.setVerbatimName(std::string("cut\0here", 8));
+    info.setClassName("pkg.Bar");
+    EXPECT_EQ("cut", info.methodName());
+    EXPECT_EQ("cut", info.qualifiedMethodName());
+    EXPECT_EQ("pkg::Bar", info.className());
 }
 
 JitMethod::Ptr methodWith(u32 host, u32 pid, quarvel_arch arch, const char* module = "m.dll") {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -50,11 +51,11 @@ bool demangle(const std::string& name, std::string& shortName, std::string& full
 
 BaseMethodInfo::~BaseMethodInfo() {
     if (m_names)
-        block_heap::free(m_names, m_nameEnds[2] + 1);
+        block_heap::free(m_names, namesBytes());
 }
 
 BaseMethodInfo::BaseMethodInfo(const BaseMethodInfo& other)
-    : BaseObject(), m_methodId(other.m_methodId), m_parentId(other.m_parentId), m_methodToken(other.m_methodToken),
+    : BaseObject(), m_methodToken(other.m_methodToken), m_methodId(other.m_methodId), m_parentId(other.m_parentId),
       m_module(other.m_module), m_sourceFile(other.m_sourceFile) {
     setNames(other.className(), other.methodName(), other.qualifiedMethodName());
 }
@@ -74,29 +75,36 @@ BaseMethodInfo& BaseMethodInfo::operator=(const BaseMethodInfo& other) {
 std::string_view BaseMethodInfo::name(int which) const {
     if (!m_names)
         return std::string_view("", 0);
-    const u32 begin = which == 0 ? 0 : m_nameEnds[which - 1] + 1;
-    return std::string_view(m_names + begin, m_nameEnds[which] - begin);
+    const char* at = m_names;
+    for (int i = 0; i < which; ++i)
+        at += std::strlen(at) + 1;
+    return std::string_view(at);
+}
+
+size_t BaseMethodInfo::namesBytes() const {
+    const std::string_view qualified = name(2);
+    return static_cast<size_t>(qualified.data() + qualified.size() + 1 - m_names);
 }
 
 void BaseMethodInfo::setNames(std::string_view className, std::string_view methodName, std::string_view qualified) {
+    // A name ends at its first NUL, as the C strings handed out do: the
+    // block needs no lengths then.
+    std::string_view parts[3] = {className, methodName, qualified};
+    for (std::string_view& part : parts)
+        part = part.substr(0, part.find('\0'));
     // The new names may be views into the old block: it goes only at the end.
     char* const old = m_names;
-    const size_t oldBytes = m_nameEnds[2] + 1;
+    const size_t oldBytes = old ? namesBytes() : 0;
     char* names = nullptr;
-    u32 ends[3] = {0, 0, 0};
-    if (!className.empty() || !methodName.empty() || !qualified.empty()) {
-        names = static_cast<char*>(block_heap::allocate(className.size() + methodName.size() + qualified.size() + 3));
+    if (!parts[0].empty() || !parts[1].empty() || !parts[2].empty()) {
+        names = static_cast<char*>(block_heap::allocate(parts[0].size() + parts[1].size() + parts[2].size() + 3));
         char* at = names;
-        const std::string_view parts[3] = {className, methodName, qualified};
-        for (int i = 0; i < 3; ++i) {
-            at = std::copy(parts[i].begin(), parts[i].end(), at);
-            *at = '\0';
-            ends[i] = static_cast<u32>(at - names);
-            ++at;
+        for (const std::string_view& part : parts) {
+            at = std::copy(part.begin(), part.end(), at);
+            *at++ = '\0';
         }
     }
     m_names = names;
-    std::copy(ends, ends + 3, m_nameEnds);
     if (old)
         block_heap::free(old, oldBytes);
 }

@@ -78,13 +78,13 @@ public:
 private:
     // 0: class, 1: method, 2: qualified method name.
     std::string_view name(int which) const;
+    size_t namesBytes() const; // of m_names
     void setNames(std::string_view className, std::string_view methodName, std::string_view qualified);
 
+    unsigned m_methodToken = 0; // first: it fills the base's tail padding
     BaseMethodId m_methodId;
     BaseMethodId m_parentId;
-    unsigned m_methodToken = 0;
-    u32 m_nameEnds[3] = {0, 0, 0};   // the names, each with its NUL, one after the other in m_names
-    char* m_names = nullptr;         // one block_heap block for the three names, m_nameEnds[2] + 1 long
+    char* m_names = nullptr; // one block_heap block: the three names, each with its NUL, one after the other
     IModule::Ptr m_module;
     SourceFile::Ptr m_sourceFile;
 };
