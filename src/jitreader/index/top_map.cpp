@@ -7,6 +7,7 @@ QUARVEL_NAMESPACE_BEGIN
 void TopMap::clear() {
     std::vector<Chunk>().swap(m_chunks);
     std::vector<u64>().swap(m_firstStarts);
+    m_pool.reset();
     m_size = 0;
 }
 
@@ -47,7 +48,9 @@ bool TopMap::firstEndingAfter(u64 address, Interval& out) const {
 }
 
 TopMap::Chunk TopMap::newChunk() {
-    Chunk chunk;
+    if (!m_pool)
+        m_pool.reset(new ObjectPool(kChunkBytes, alignof(Interval)));
+    Chunk chunk{ChunkAllocator<Interval>(m_pool.get())};
     chunk.reserve(kChunk + 1);
     return chunk;
 }

@@ -1,11 +1,13 @@
 #ifndef QUARVEL_INDEX_TOP_MAP_H
 #define QUARVEL_INDEX_TOP_MAP_H
 
-#include "support/block_heap.h"
+#include "support/object_pool.h"
 
 #include <quarvel/types.h>
 
 #include <cstddef>
+#include <memory>
+#include <new>
 #include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -56,11 +58,42 @@ public:
 
 private:
     // A chunk is made with room for kChunk + 1 intervals, the most it holds
-    // before it splits, so it never moves: 984 bytes, a block of the block
-    // heap, on huge pages with the rest of the model.
+    // before it splits, so it never moves: 984 bytes, a block of the map's
+    // own pool. The map lives only while its process is read, so clear()
+    // gives the pool's chunks back at once (its huge pages to the system)
+    // rather than leaving them on a free list beside the index built next.
     static const size_t kChunk = 40;
-    typedef BlockVector<Interval> Chunk;
-    static Chunk newChunk();
+    static constexpr size_t kChunkBytes = (kChunk + 1) * sizeof(Interval);
+    // Chunk blocks from the map's pool; any other size (none is asked for)
+    // from the general heap. Sanitizer builds use the general heap throughout.
+    template <class T>
+    struct ChunkAllocator {
+        typedef T value_type;
+        ObjectPool* pool;
+        explicit ChunkAllocator(ObjectPool* p) noexcept : pool(p) {}
+        template <class U>
+        ChunkAllocator(const ChunkAllocator<U>& other) noexcept : pool(other.pool) {}
+        T* allocate(size_t n) {
+            return static_cast<T*>(QUARVEL_POOLED_OBJECTS && n * sizeof(T) == kChunkBytes ? pool->allocate()
+                                                                                            : ::operator new(n * sizeof(T)));
+        }
+        void deallocate(T* p, size_t n) noexcept {
+            if (QUARVEL_POOLED_OBJECTS && n * sizeof(T) == kChunkBytes)
+                pool->deallocate(p);
+            else
+                ::operator delete(p);
+        }
+        template <class U>
+        bool operator==(const ChunkAllocator<U>& other) const noexcept {
+            return pool == other.pool;
+        }
+        template <class U>
+        bool operator!=(const ChunkAllocator<U>& other) const noexcept {
+            return pool != other.pool;
+        }
+    };
+    typedef std::vector<Interval, ChunkAllocator<Interval>> Chunk;
+    Chunk newChunk();
     struct Position {
         size_t chunk;
         size_t index;
@@ -70,7 +103,8 @@ private:
     void insertAt(Position at, const Interval& interval);
     void eraseAt(Position at);
 
-    std::vector<Chunk> m_chunks;    // non-empty, in address order
+    std::unique_ptr<ObjectPool> m_pool; // made with the first chunk
+    std::vector<Chunk> m_chunks;        // non-empty, in address order
     std::vector<u64> m_firstStarts; // start of each chunk's first interval
     size_t m_size = 0;
 };
