@@ -227,17 +227,6 @@ void JitMethod::compareSymbolicInfoTo(const Ptr& jitMethod) const {
 
 void JitMethod::markAsUnloaded(u64 /*time*/) {}
 
-JitMethod::ManagedRuntimeInfo& JitMethod::runtimeInfo() {
-    if (!m_runtimeInfo)
-        m_runtimeInfo.reset(new ManagedRuntimeInfo());
-    return *m_runtimeInfo;
-}
-
-const JitMethod::ManagedRuntimeInfo& JitMethod::runtimeInfo() const {
-    static const ManagedRuntimeInfo none;
-    return m_runtimeInfo ? *m_runtimeInfo : none;
-}
-
 std::string JitMethod::describe() const {
     std::ostringstream os;
     os << "(method id = " << m_rawMethodId << ", name = " << m_info->methodName() << ", load time = " << m_loadTime

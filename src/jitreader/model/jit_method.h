@@ -11,7 +11,6 @@
 
 #include <quarvel/symbol.h>
 
-#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -24,12 +23,6 @@ class JitMethod : public ISymbol, public Pooled<JitMethod> {
 public:
     typedef boost::intrusive_ptr<JitMethod> Ptr;
     typedef std::vector<quarvel_line_number_entry> LineTable;
-
-    struct ManagedRuntimeInfo {
-        u32 runtimeType = 0;
-        std::string version;
-        std::string name;
-    };
 
     JitMethod();
     ~JitMethod() override;
@@ -94,10 +87,6 @@ public:
     // Unloading is tracked per region; kept for callers of the old interface.
     void markAsUnloaded(u64 time);
 
-    // Only the runtime-info record fills it: it is made on first use.
-    ManagedRuntimeInfo& runtimeInfo();
-    const ManagedRuntimeInfo& runtimeInfo() const;
-
     // "Code region #i ..." per region, addresses in hexadecimal.
     std::string dumpRegions() const;
 
@@ -106,7 +95,7 @@ public:
 
 private:
     // Ordered so that the 32-bit fields and the flag fill the holes (the
-    // first the base's tail padding): 88 bytes, not 96.
+    // first the base's tail padding): 80 bytes, not 96.
     u32 m_rawMethodId = 0;
     BaseMethodInfo::Ptr m_info;
     jit_rva_t m_startJitRva = 0;
@@ -117,7 +106,6 @@ private:
     RegionList m_regions;
     // A query with a non-zero jit rva copies tables into the first range.
     mutable LineTables m_lineInfo;
-    std::unique_ptr<ManagedRuntimeInfo> m_runtimeInfo;
 };
 
 // The full diagnostic dump of a method, with disassembly.
