@@ -36,7 +36,6 @@ JitMethod::Ptr JitMethod::clone() const {
     copy->m_rawMethodId = m_rawMethodId;
     copy->m_rawParentId = m_rawParentId;
     copy->m_loadTime = m_loadTime;
-    copy->m_unloadTime = m_unloadTime;
     copy->m_regions = m_regions;
     copy->m_inlineAttached = m_inlineAttached;
     copy->m_lineInfo = m_lineInfo;

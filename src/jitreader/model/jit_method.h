@@ -41,7 +41,9 @@ public:
     quarvel_error_t getVirtualAddress(u64 jitRva, u64* virtualAddress) const override;
     quarvel_error_t getPid(u64 jitRva, unsigned& pid) const override;
     u64 getLoadTime() const override { return m_loadTime; }
-    u64 getUnloadTime() const override { return m_unloadTime; }
+    // Always 0: a method is never unloaded as a whole; its regions carry
+    // their unload times (markAsUnloaded does nothing).
+    u64 getUnloadTime() const override { return 0; }
     quarvel_error_t getLineNumberInfo(quarvel_line_info_type type, quarvel_line_number_entry* entries, unsigned* count,
                                       u64 jitRva) const override;
     quarvel_error_t getSourceRange(quarvel_line_number_entry* first, quarvel_line_number_entry* last,
@@ -61,7 +63,6 @@ public:
     void setRawParentId(u32 id) { m_rawParentId = id; }
     void setStartJitRva(jit_rva_t rva) { m_startJitRva = rva; }
     void setLoadTime(u64 time) { m_loadTime = time; }
-    void setUnloadTime(u64 time) { m_unloadTime = time; }
 
     // Regions.
     void addCodeRegion(const Region::Ptr& region) { m_regions.push_back(region); }
@@ -95,14 +96,13 @@ public:
 
 private:
     // Ordered so that the 32-bit fields and the flag fill the holes (the
-    // first the base's tail padding): 80 bytes, not 96.
+    // first the base's tail padding): 72 bytes, not 96.
     u32 m_rawMethodId = 0;
     BaseMethodInfo::Ptr m_info;
     jit_rva_t m_startJitRva = 0;
     u32 m_rawParentId = 0;
     bool m_inlineAttached = false;
     u64 m_loadTime = 0;
-    u64 m_unloadTime = 0;
     RegionList m_regions;
     // A query with a non-zero jit rva copies tables into the first range.
     mutable LineTables m_lineInfo;
