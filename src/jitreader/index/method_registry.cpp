@@ -10,9 +10,15 @@ QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
-size_t slotOf(u64 part0, size_t mask) {
-    // Ids are MD5 digests: their bits are spread already.
-    return static_cast<size_t>(part0 ^ (part0 >> 29)) & mask;
+// An id's 64-bit first half folded to 32 bits: what a slot keeps of it to
+// tell ids apart without reading their methods, and what places it.
+u32 tagOf(u64 part0) {
+    return static_cast<u32>(part0 ^ (part0 >> 32));
+}
+
+size_t slotOf(u32 tag, size_t mask) {
+    // Ids are digests or mixed already; the multiply spreads ids made in tests.
+    return static_cast<size_t>((tag ^ (tag >> 15)) * 0x2C1B3C6Du) & mask;
 }
 
 bool sameModule(const IModule& a, const IModule& b) {
@@ -33,11 +39,12 @@ u32 MethodRegistry::find(const BaseMethodId& id) const {
     if (m_ids.empty())
         return kNone;
     const size_t mask = m_ids.size() - 1;
-    for (size_t i = slotOf(id.part0, mask);; i = (i + 1) & mask) {
+    const u32 tag = tagOf(id.part0);
+    for (size_t i = slotOf(tag, mask);; i = (i + 1) & mask) {
         const IdSlot& slot = m_ids[i];
         if (slot.index == kNone)
             return kNone;
-        if (slot.part0 == id.part0 && m_methods[slot.index]->getMethodId() == id)
+        if (slot.tag == tag && m_methods[slot.index]->getMethodId() == id)
             return slot.index;
     }
 }
@@ -50,7 +57,7 @@ void MethodRegistry::grow() {
     for (const IdSlot& slot : old) {
         if (slot.index == kNone)
             continue;
-        size_t i = slotOf(slot.part0, mask);
+        size_t i = slotOf(slot.tag, mask);
         while (m_ids[i].index != kNone)
             i = (i + 1) & mask;
         m_ids[i] = slot;
@@ -63,12 +70,12 @@ void MethodRegistry::add(const JitMethod::Ptr& method, u32 pid, u32 hostId) {
     const u32 index = static_cast<u32>(m_methods.size());
     m_methods.push_back(method);
     m_spaces.push_back(static_cast<u64>(hostId) << 32 | pid);
-    const u64 part0 = method->getMethodId().part0;
+    const u32 tag = tagOf(method->getMethodId().part0);
     const size_t mask = m_ids.size() - 1;
-    size_t i = slotOf(part0, mask);
+    size_t i = slotOf(tag, mask);
     while (m_ids[i].index != kNone)
         i = (i + 1) & mask;
-    m_ids[i] = IdSlot{part0, index};
+    m_ids[i] = IdSlot{tag, index};
 }
 
 size_t MethodRegistry::ModuleHash::operator()(const IModule::Ptr& m) const {

@@ -46,8 +46,8 @@ public:
     JitMethod* findByModule(const std::string& modulePath, u32 rawId);
 
 private:
-    struct IdSlot {
-        u64 part0;
+    struct IdSlot { // 8 bytes
+        u32 tag;   // of the id; equal tags still compare the whole ids
         u32 index; // kNone: empty
     };
     void grow();
