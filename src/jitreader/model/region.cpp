@@ -33,13 +33,21 @@ HexRange hexRange(u64 start, u64 length) {
 Region::Region(u32 hostId, u32 processId, jit_rva_t startJitRva, u64 loadTime, u64 unloadTime,
                address_t startVirtualAddress, u32 length, IByteBuffer::Ptr content)
     : m_hostId(hostId), m_processId(processId), m_length(length), m_startJitRva(startJitRva), m_loadTime(loadTime),
-      m_unloadTime(unloadTime), m_startVirtualAddress(startVirtualAddress), m_content(std::move(content)) {}
+      m_unloadTime(unloadTime), m_startVirtualAddress(startVirtualAddress) {
+    if (content)
+        extras().content = std::move(content);
+}
 
 Region::Region(const Region& other)
     : ICodeRegion(), m_hostId(other.m_hostId), m_processId(other.m_processId), m_length(other.m_length),
       m_startJitRva(other.m_startJitRva), m_loadTime(other.m_loadTime), m_unloadTime(other.m_unloadTime),
-      m_startVirtualAddress(other.m_startVirtualAddress), m_content(other.m_content),
-      m_extras(other.m_extras ? new Extras(*other.m_extras) : nullptr) {}
+      m_startVirtualAddress(other.m_startVirtualAddress) {
+    if (!other.m_extras)
+        return;
+    extras().content = other.m_extras->content;
+    if (other.m_extras->tree)
+        m_extras->tree.reset(new Tree(*other.m_extras->tree));
+}
 
 Region::~Region() = default;
 
@@ -49,30 +57,51 @@ Region::Extras& Region::extras() {
     return *m_extras;
 }
 
+Region::Tree& Region::tree() {
+    Extras& more = extras();
+    if (!more.tree)
+        more.tree.reset(new Tree());
+    return *more.tree;
+}
+
+const IByteBuffer::Ptr& Region::content() const {
+    static const IByteBuffer::Ptr none;
+    return m_extras ? m_extras->content : none;
+}
+
+void Region::setContent(const IByteBuffer::Ptr& content) {
+    if (content || m_extras)
+        extras().content = content;
+}
+
 const Region::InlinedRegions& Region::inlinedRegions() const {
     static const InlinedRegions none;
-    return m_extras ? m_extras->inlinedRegions : none;
+    const Tree* const t = findTree();
+    return t ? t->inlinedRegions : none;
 }
 
 const Region::InlinedMethods& Region::inlinedMethods() const {
     static const InlinedMethods none;
-    return m_extras ? m_extras->inlinedMethods : none;
+    const Tree* const t = findTree();
+    return t ? t->inlinedMethods : none;
 }
 
 const Region::Markup& Region::markup() const {
     static const Markup none;
-    return m_extras ? m_extras->markup : none;
+    const Tree* const t = findTree();
+    return t ? t->markup : none;
 }
 
 void Region::takeBytesFrom(const Region& patched) {
-    m_content = patched.m_content;
-    if (m_extras || patched.m_extras)
-        extras().markup = patched.markup();
+    setContent(patched.content());
+    if (findTree() || patched.findTree())
+        tree().markup = patched.markup();
 }
 
 void Region::addChildRegion(const Ptr& child, const MethodPtr& method) {
-    extras().inlinedRegions.push_back(child);
-    extras().inlinedMethods.push_back(method);
+    Tree& t = tree();
+    t.inlinedRegions.push_back(child);
+    t.inlinedMethods.push_back(method);
 }
 
 int Region::getInlineIndex(u64 jitRva) const {
@@ -150,7 +179,8 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
         QV_ERROR("Couldn't update because the input segment type =" << segType << " is not recognized");
         return meNotFound;
     }
-    QV_CHECK(m_content, return meNotFound);
+    const IByteBuffer::Ptr& regionContent = this->content();
+    QV_CHECK(regionContent, return meNotFound);
 
     const Range update(codeAddr, codeLen);
     // Overflow-safe containment: the update must lie inside the region.
@@ -162,7 +192,7 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
         return meNotFound;
     }
 
-    Markup& markup = extras().markup;
+    Markup& markup = tree().markup;
     auto existing = markup.find(update);
     if (existing == markup.end()) {
         markup.emplace(update, RangeProps{segType, text});
@@ -182,7 +212,7 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
         return meNotFound;
     }
 
-    const unsigned oldSize = m_content->size();
+    const unsigned oldSize = regionContent->size();
     const u64 offset = codeAddr - m_startVirtualAddress;
 
     // Padding carries no code: the range becomes one-byte no-operations. Only
@@ -199,7 +229,7 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
     }
 
     std::vector<unsigned char> bytes(oldSize, 0);
-    const unsigned char* old = m_content->data();
+    const unsigned char* old = regionContent->data();
     // Old head, update bytes, old tail; each clipped to the buffer so that a
     // short code copy or short update content can never be over-read.
     for (u64 i = 0; i < oldSize; ++i) {
@@ -212,7 +242,7 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
     }
     IByteBuffer::Ptr replaced = IByteBuffer::create();
     replaced->assign(bytes.data(), static_cast<unsigned>(bytes.size()));
-    m_content = replaced;
+    m_extras->content = replaced;
 
     QV_INFO("Updated code region (ip range = " << hexRange(codeAddr, codeLen) << ")"
                                                << " successfully");

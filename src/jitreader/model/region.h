@@ -46,7 +46,7 @@ public:
     unsigned getLength() const override { return m_length; }
     unsigned getProcessId() const override { return m_processId; }
     unsigned getHostID() const override { return m_hostId; }
-    IByteBuffer::Ptr getBytes() const override { return m_content; }
+    IByteBuffer::Ptr getBytes() const override { return content(); }
     boost::intrusive_ptr<ISymbol> getInlinedSymbol(u64 jitRva) const override;
     ICodeRegion::Ptr getInlinedCodeRegion(u64 jitRva) const override;
 
@@ -61,12 +61,12 @@ public:
     u32 length() const { return m_length; }
     Range addressRange() const { return Range(m_startVirtualAddress, m_length); }
     Range jitRvaRange() const { return Range(m_startJitRva, m_length); }
-    const IByteBuffer::Ptr& content() const { return m_content; }
+    const IByteBuffer::Ptr& content() const;
     const Markup& markup() const;
 
     void setStartJitRva(jit_rva_t rva) { m_startJitRva = rva; }
     void setUnloadTime(u64 time) { m_unloadTime = time; }
-    void setContent(const IByteBuffer::Ptr& content) { m_content = content; }
+    void setContent(const IByteBuffer::Ptr& content);
     // Takes the code bytes and update markup of a patched copy of this region.
     void takeBytesFrom(const Region& patched);
 
@@ -94,7 +94,7 @@ public:
 
 private:
     // The 32-bit fields first: the first fills the base's tail padding, and
-    // the three make a region 80 bytes, not 88.
+    // the three make a region 64 bytes with the code bytes kept aside.
     u32 m_hostId;
     u32 m_processId;
     u32 m_length;
@@ -102,16 +102,25 @@ private:
     u64 m_loadTime;
     u64 m_unloadTime;
     address_t m_startVirtualAddress;
-    IByteBuffer::Ptr m_content;
-    // Few regions have inlines or patched ranges: those get them on first use.
-    struct Extras {
+    // What few regions have gets made on first use: code bytes (kept only
+    // when the reader is asked to), and, fewer still, inlines and patched
+    // ranges. A region without either is 64 bytes.
+    struct Tree {
         InlinedRegions inlinedRegions;
         InlinedMethods inlinedMethods;
         Markup markup;
         static void* operator new(size_t bytes) { return block_heap::allocate(bytes); }
         static void operator delete(void* block, size_t bytes) noexcept { block_heap::free(block, bytes); }
     };
+    struct Extras {
+        IByteBuffer::Ptr content;
+        std::unique_ptr<Tree> tree;
+        static void* operator new(size_t bytes) { return block_heap::allocate(bytes); }
+        static void operator delete(void* block, size_t bytes) noexcept { block_heap::free(block, bytes); }
+    };
     Extras& extras();
+    Tree& tree();
+    const Tree* findTree() const { return m_extras ? m_extras->tree.get() : nullptr; }
     std::unique_ptr<Extras> m_extras;
 };
 
