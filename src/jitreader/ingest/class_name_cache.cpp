@@ -20,8 +20,6 @@ const std::string& ClassNameCache::stored(const std::string& written, bool java)
 
 std::string ClassNameCache::convert(const std::string& written, bool java) {
     std::string joined;
-    if (java && JavaSignatureParser::appendJoinedClassName(written, joined))
-        return joined;
     std::string readable = written;
     if (java && !written.empty() && !JavaSignatureParser::parseHiddenClassName(written, readable))
         readable = JavaSignatureParser::parseClassName(written);

@@ -21,7 +21,7 @@ public:
     const std::string& stored(const std::string& written, bool java);
 
 private:
-    // The conversion itself, uncached.
+    // The conversion of the forms the one-pass conversion does not take, uncached.
     static std::string convert(const std::string& written, bool java);
 
     // A pass over endless distinct names (generated classes) starts over
