@@ -125,15 +125,8 @@ JitMethod::Ptr RuntimeCodeBuilder::moved(const JitMethod& owner, const Region& r
     // The owner's tables are keyed by jit rva; the newcomer's by offset from its first byte.
     const LineTables& lines = owner.getLineNumberInfo();
     const size_t found = lines.find(region.startJitRva());
-    if (found != LineTables::npos && lines.range(found).start == region.startJitRva()) {
-        std::vector<LineTables::Entry> rows[LineTables::kTypes];
-        LineTables::Span tables[LineTables::kTypes];
-        for (size_t t = 0; t < LineTables::kTypes; ++t) {
-            rows[t] = lines.table(found, static_cast<quarvel_line_info_type>(t)).rows();
-            tables[t] = {rows[t].data(), rows[t].size()};
-        }
-        method->addLineNumberInfo(Range(0, lines.range(found).length), tables);
-    }
+    if (found != LineTables::npos && lines.range(found).start == region.startJitRva())
+        method->setLineNumberInfo(LineTables::ofRange(lines, found, Range(0, lines.range(found).length)));
     return method;
 }
 

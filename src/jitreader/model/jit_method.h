@@ -12,6 +12,7 @@
 #include <quarvel/symbol.h>
 
 #include <ostream>
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -81,6 +82,7 @@ public:
     // Several tables of one range (indexed by type; empty ones left out) at once.
     bool addLineNumberInfo(const Range& range, const LineTables::Span (&tables)[LineTables::kTypes]);
     const LineTables& getLineNumberInfo() const { return m_lineInfo; }
+    void setLineNumberInfo(LineTables tables) { m_lineInfo = std::move(tables); }
     void normalizeLineNumberInfoJitRvaRanges(jit_rva_t newStart);
     bool validateSymbolicInfo() const;
     void compareSymbolicInfoTo(const Ptr& jitMethod) const;

@@ -211,6 +211,21 @@ bool LineTables::add(const Range& r, const Span (&tables)[kTypes]) {
     return true;
 }
 
+LineTables LineTables::ofRange(const LineTables& from, size_t i, const Range& r) {
+    LineTables copy;
+    const Header& source = from.headers()[i];
+    const u32 first = i > 0 ? from.headers()[i - 1].end[kTypes - 1] : 0;
+    const size_t bytes = source.end[kTypes - 1] - first;
+    Header* const header = static_cast<Header*>(block_heap::allocate(blockBytes(1, bytes)));
+    header->start = r.start;
+    header->length = r.length;
+    for (size_t t = 0; t < kTypes; ++t)
+        header->end[t] = source.end[t] - first;
+    std::memcpy(header + 1, from.rows() + first, bytes);
+    copy.replace(header, 1);
+    return copy;
+}
+
 void LineTables::rebase(u64 delta) {
     Header* h = static_cast<Header*>(m_block);
     for (size_t i = 0; i < m_ranges; ++i)

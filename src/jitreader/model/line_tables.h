@@ -97,6 +97,9 @@ public:
     // under r as a new range. False, and nothing added, when one of them is
     // already there: the first one added stays.
     bool add(const Range& r, const Span (&tables)[kTypes]);
+    // Range i of from, under r, as the only range: its rows are copied as
+    // they are stored, not decoded and encoded again.
+    static LineTables ofRange(const LineTables& from, size_t i, const Range& r);
     // Moves every range up by delta (offsets become jit rvas).
     void rebase(u64 delta);
     // Range `to` answers with the tables of range `from` from now on.
