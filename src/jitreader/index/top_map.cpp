@@ -50,7 +50,7 @@ bool TopMap::firstEndingAfter(u64 address, Interval& out) const {
 TopMap::Chunk TopMap::newChunk() {
     if (!m_pool)
         m_pool.reset(new ObjectPool(kChunkBytes, alignof(Interval)));
-    Chunk chunk{ChunkAllocator<Interval>(m_pool.get())};
+    Chunk chunk{PoolAllocator<Interval>(m_pool.get())};
     chunk.reserve(kChunk + 1);
     return chunk;
 }

@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <new>
 #include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -64,35 +63,7 @@ private:
     // rather than leaving them on a free list beside the index built next.
     static const size_t kChunk = 40;
     static constexpr size_t kChunkBytes = (kChunk + 1) * sizeof(Interval);
-    // Chunk blocks from the map's pool; any other size (none is asked for)
-    // from the general heap. Sanitizer builds use the general heap throughout.
-    template <class T>
-    struct ChunkAllocator {
-        typedef T value_type;
-        ObjectPool* pool;
-        explicit ChunkAllocator(ObjectPool* p) noexcept : pool(p) {}
-        template <class U>
-        ChunkAllocator(const ChunkAllocator<U>& other) noexcept : pool(other.pool) {}
-        T* allocate(size_t n) {
-            return static_cast<T*>(QUARVEL_POOLED_OBJECTS && n * sizeof(T) == kChunkBytes ? pool->allocate()
-                                                                                            : ::operator new(n * sizeof(T)));
-        }
-        void deallocate(T* p, size_t n) noexcept {
-            if (QUARVEL_POOLED_OBJECTS && n * sizeof(T) == kChunkBytes)
-                pool->deallocate(p);
-            else
-                ::operator delete(p);
-        }
-        template <class U>
-        bool operator==(const ChunkAllocator<U>& other) const noexcept {
-            return pool == other.pool;
-        }
-        template <class U>
-        bool operator!=(const ChunkAllocator<U>& other) const noexcept {
-            return pool != other.pool;
-        }
-    };
-    typedef std::vector<Interval, ChunkAllocator<Interval>> Chunk;
+    typedef std::vector<Interval, PoolAllocator<Interval>> Chunk;
     Chunk newChunk();
     struct Position {
         size_t chunk;
