@@ -33,20 +33,20 @@ JitFileDecoder::JitFileDecoder(const ustring& path, u32_t pid, u32_t hostId, jit
         m_lastError.message = e.what();
         return;
     }
-    Expected<std::shared_ptr<const MappedFile>> file = MappedFile::open(path);
-    if (!file) {
-        m_lastError = file.reason();
+    Expected<std::unique_ptr<FileWindow>> window = FileWindow::open(path);
+    if (!window) {
+        m_lastError = window.reason();
         return;
     }
-    m_file = std::move(file.value());
-    m_bytes = ByteSpan(m_file->data(), m_file->size());
+    m_window = std::move(window.value());
+    m_size = m_window->size();
     m_open = true;
 }
 
 JitFileDecoder::JitFileDecoder(const std::string& name, ByteSpan bytes, u32_t pid, u32_t hostId, jit_rva_t jitRvaBase,
                                decoding_mode_t mode)
-    : m_path(name), m_bytes(bytes), m_open(true), m_mode(mode), m_hostId(hostId), m_pid(pid), m_jitRvaBase(jitRvaBase) {
-}
+    : m_path(name), m_bytes(bytes), m_size(bytes.size()), m_open(true), m_mode(mode), m_hostId(hostId), m_pid(pid),
+      m_jitRvaBase(jitRvaBase) {}
 
 void JitFileDecoder::logRefusal(const Reason& reason) const {
     QV_ERROR("Refused a record: " << reason.text());
@@ -58,26 +58,34 @@ quarvel_error_t JitFileDecoder::damaged(const char* message, const char* field, 
     return meBadRecord;
 }
 
+const uint8_t* JitFileDecoder::bytesAt(u64 position, size_t length, const char* field) {
+    if (!m_window)
+        return m_bytes.data() + position;
+    const uint8_t* bytes = m_window->at(position, length);
+    if (!bytes) {
+        QV_ERROR("Couldn't read the jit file " << m_path << ": " << m_window->error());
+        m_lastError = Reason::badInput(m_window->error()).inFile(m_path).at(position).ofField(field);
+    }
+    return bytes;
+}
+
 quarvel_error_t JitFileDecoder::getNextRecord(Record& record) {
     if (!m_open) {
         QV_ERROR("Couldn't open the jit file");
         return meFileOpenError;
     }
-    // Records are read forward once: the pages behind them need not stay resident.
-    // Every 2 MiB: a resident window of 16 MiB was a tenth of an ingest's peak.
-    const u64 kReleaseStep = u64(2) << 20;
-    if (m_file && m_position - m_releasedTo >= kReleaseStep) {
-        m_file->releaseBefore(static_cast<size_t>(m_position));
-        m_releasedTo = m_position;
-    }
     record.offset = m_position;
     record.data = ByteSpan();
-    const u64 size = m_bytes.size();
+    const u64 size = m_size;
     // The position only moves past parts that were read whole, so a failure
     // leaves it at the start of the part that failed.
     if (size - m_position < 4)
         return meEndOfData;
-    const u32 type = littleEndian32(m_bytes.data() + m_position);
+    // The frame's eight bytes at once (four at the file's end): type and size or value.
+    const uint8_t* frame = bytesAt(m_position, size - m_position < 8 ? 4 : 8, "record type");
+    if (!frame)
+        return meBadRecord;
+    const u32 type = littleEndian32(frame);
     record.type = type;
     m_position += 4;
     const RecordTypeInfo* info = recordTypeInfo(type);
@@ -96,7 +104,7 @@ quarvel_error_t JitFileDecoder::getNextRecord(Record& record) {
         if (size - m_position < 4)
             return damaged(magic ? "Couldn't process the magic trace" : "Couldn't process the collector type trace",
                            magic ? "magic value" : "collector type", m_position);
-        record.data = ByteSpan(m_bytes.data() + m_position, 4);
+        record.data = ByteSpan(frame + 4, 4);
         m_position += 4;
         if (!magic) {
             m_collectorType = littleEndian32(record.data.data());
@@ -108,7 +116,7 @@ quarvel_error_t JitFileDecoder::getNextRecord(Record& record) {
     QV_INFO(info->logLine);
     if (size - m_position < 4)
         return damaged("Couldn't read size of the jit trace", "record size", m_position);
-    const u32 bodySize = littleEndian32(m_bytes.data() + m_position);
+    const u32 bodySize = littleEndian32(frame + 4);
     m_position += 4;
     if (bodySize == 0)
         return damaged("Couldn't read content of the jit trace", "record size", m_position - 4);
@@ -118,7 +126,10 @@ quarvel_error_t JitFileDecoder::getNextRecord(Record& record) {
                                std::to_string(size - m_position) + " left in the file";
         return meBadRecord;
     }
-    record.data = ByteSpan(m_bytes.data() + m_position, bodySize);
+    const uint8_t* body = bytesAt(m_position, bodySize, "record body");
+    if (!body)
+        return meBadRecord;
+    record.data = ByteSpan(body, bodySize);
     m_position += bodySize;
     return meSuccess;
 }

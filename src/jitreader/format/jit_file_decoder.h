@@ -2,7 +2,7 @@
 #define QUARVEL_FORMAT_JIT_FILE_DECODER_H
 
 #include "format/record.h"
-#include "support/mapped_file.h"
+#include "support/file_window.h"
 #include "support/result.h"
 
 #include <quarvel/types.h>
@@ -14,9 +14,10 @@ QUARVEL_NAMESPACE_BEGIN
 
 typedef std::string ustring;
 
-// The records of one trace file, one at a time: the file is mapped whole and
-// framed record by record. Opened once, read forward once. The bodies it
-// hands out point into the mapping and live as long as the decoder.
+// The records of one trace file, one at a time, framed record by record.
+// Opened once, read forward once. A file is read through one reused buffer:
+// the body a record points to lives until the next getNextRecord. Records
+// framed from bytes in memory point into those bytes.
 //
 // It also carries what the reading pass needs to know about the file: the
 // process and host it belongs to, the start of its jit rva range and the
@@ -46,7 +47,7 @@ public:
 
     const std::string& path() const { return m_path; }
     u64 position() const { return m_position; }
-    u64 size() const { return m_bytes.size(); }
+    u64 size() const { return m_size; }
     decoding_mode_t mode() const { return m_mode; }
     u32 hostId() const { return m_hostId; }
     u32 pid() const { return m_pid; }
@@ -55,13 +56,16 @@ public:
 
 private:
     quarvel_error_t damaged(const char* message, const char* field, u64 offset);
+    // The bytes [position, position + length) (within the size); null when
+    // the file could not give them, the reason left in lastError().
+    const uint8_t* bytesAt(u64 position, size_t length, const char* field);
 
     std::string m_path;
-    std::shared_ptr<const MappedFile> m_file;
-    ByteSpan m_bytes;
+    std::unique_ptr<FileWindow> m_window; // a file's bytes; null for bytes in memory
+    ByteSpan m_bytes;                     // bytes in memory
+    u64 m_size = 0;
     bool m_open = false;
     u64 m_position = 0;
-    u64 m_releasedTo = 0; // the mapped pages before it may be dropped from memory
     decoding_mode_t m_mode;
     u32 m_hostId;
     u32 m_pid;

@@ -1,6 +1,5 @@
 #include "support/mapped_file.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -55,13 +54,6 @@ Expected<std::shared_ptr<const MappedFile>> MappedFile::open(const std::string& 
 MappedFile::~MappedFile() {
     if (m_data)
         ::munmap(const_cast<uint8_t*>(m_data), m_size);
-}
-
-void MappedFile::releaseBefore(size_t offset) const {
-    const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
-    const size_t length = std::min(offset, m_size) / page * page;
-    if (m_data && length > 0)
-        ::madvise(const_cast<uint8_t*>(m_data), length, MADV_DONTNEED);
 }
 
 QUARVEL_NAMESPACE_END

@@ -30,11 +30,6 @@ public:
     size_t size() const { return m_size; }
     const std::string& path() const { return m_path; }
 
-    // Lets the system drop the pages before offset from memory: a reader
-    // that moved past them keeps the resident size of one pass small. The
-    // bytes stay readable (they come back from the file when touched).
-    void releaseBefore(size_t offset) const;
-
 private:
     MappedFile(std::string path, const uint8_t* data, size_t size)
         : m_path(std::move(path)), m_data(data), m_size(size) {}

@@ -1,0 +1,56 @@
+#ifndef QUARVEL_SUPPORT_FILE_WINDOW_H
+#define QUARVEL_SUPPORT_FILE_WINDOW_H
+
+// A regular file read forward through one buffer that the reads refill: for
+// readers that walk a file once and copy out what they keep. Copying a
+// stretch into the same warm buffer with read() costs a fraction of faulting
+// in a mapping's pages one by one, which on a virtual machine is most of the
+// cost of walking a mapped trace.
+
+#include "support/result.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+QUARVEL_NAMESPACE_BEGIN
+
+class FileWindow {
+public:
+    // meFileOpenError (with the system's reason) when the file cannot be
+    // read; a symbolic link is refused as MappedFile refuses it.
+    static Expected<std::unique_ptr<FileWindow>> open(const std::string& path);
+
+    ~FileWindow();
+    FileWindow(const FileWindow&) = delete;
+    FileWindow& operator=(const FileWindow&) = delete;
+
+    // The file's size when it was opened; what is appended later is not read.
+    uint64_t size() const { return m_size; }
+    const std::string& path() const { return m_path; }
+
+    // The bytes [offset, offset + length), valid until the next call. Offsets
+    // only move forward: bytes before the last call's offset may be gone.
+    // Null when the file cannot give them (it shrank, or the system failed
+    // to read it); error() then says why.
+    const uint8_t* at(uint64_t offset, size_t length);
+    const std::string& error() const { return m_error; }
+
+private:
+    FileWindow(std::string path, int fd, uint64_t size);
+    bool fill(uint64_t offset, size_t length);
+
+    std::string m_path;
+    int m_fd;
+    uint64_t m_size;
+    std::unique_ptr<uint8_t[]> m_buffer;
+    size_t m_capacity = 0;
+    uint64_t m_bufferOffset = 0; // the file offset of m_buffer[0]
+    size_t m_filled = 0;         // bytes of m_buffer holding file content
+    std::string m_error;
+};
+
+QUARVEL_NAMESPACE_END
+
+#endif

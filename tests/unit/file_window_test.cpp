@@ -1,0 +1,82 @@
+// A file read forward through a refilled buffer gives the file's bytes for
+// any run of requests, however they fall on the buffer's refills, and says
+// where and why when the file cannot give them.
+
+#include "support/file_window.h"
+#include "temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+using namespace quarvel;
+using quarvel_test::TempDir;
+
+namespace file_window_test {
+
+std::string patterned(size_t size) {
+    std::string bytes(size, '\0');
+    for (size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<char>((i * 131 + i / 4096) & 0xFF);
+    return bytes;
+}
+
+// Requests as (offset, length), each at or after the one before: within the
+// buffer, across a refill, larger than a refill, touching the file's end.
+TEST(FileWindow, GivesTheFileBytesForForwardRequests) {
+    const size_t kib = 1024;
+    const size_t size = 3 * 512 * kib + 77;
+    const std::vector<std::vector<std::pair<size_t, size_t>>> runs = {
+        {{0, 8}, {8, 100}, {108, 4096}},
+        {{0, 4}, {512 * kib - 3, 8}, {512 * kib + 5, 10}},
+        {{10, 8}, {18, 700 * kib}, {18 + 700 * kib, 8}},
+        {{0, size}},
+        {{size - 8, 8}, {size, 0}},
+        {{100, 8}, {100, 16}, {2 * 512 * kib, 8}},
+    };
+    TempDir dir;
+    const std::string bytes = patterned(size);
+    const std::string path = dir.write("window.bin", bytes);
+    for (size_t r = 0; r < runs.size(); ++r) {
+        Expected<std::unique_ptr<FileWindow>> window = FileWindow::open(path);
+        ASSERT_TRUE(window.ok());
+        ASSERT_EQ(size, window.value()->size());
+        for (const auto& request : runs[r]) {
+            SCOPED_TRACE("run " + std::to_string(r) + ", offset " + std::to_string(request.first));
+            const uint8_t* got = window.value()->at(request.first, request.second);
+            ASSERT_NE(nullptr, got) << window.value()->error();
+            ASSERT_EQ(bytes.substr(request.first, request.second),
+                      std::string(reinterpret_cast<const char*>(got), request.second));
+        }
+    }
+}
+
+TEST(FileWindow, SaysWhyBytesAreMissing) {
+    TempDir dir;
+    const size_t size = 2 << 20;
+    const std::string path = dir.write("short.bin", patterned(size));
+    Expected<std::unique_ptr<FileWindow>> window = FileWindow::open(path);
+    ASSERT_TRUE(window.ok());
+    FileWindow& w = *window.value();
+    EXPECT_EQ(nullptr, w.at(size - 10, 20));
+    EXPECT_EQ("asked for 20 bytes at offset 2097142 of a 2097152-byte file", w.error());
+    // Cut after opening: what the buffer holds stays readable, the rest is missing.
+    ASSERT_NE(nullptr, w.at(0, 100));
+    ASSERT_EQ(0, ::truncate(path.c_str(), 600 << 10));
+    EXPECT_NE(nullptr, w.at(50, 50));
+    EXPECT_EQ(nullptr, w.at(700 << 10, 10));
+    EXPECT_EQ("the file shrank below the 2097152 bytes it had when opened: nothing at offset 716800", w.error());
+
+    const std::string missing = dir.file("none.bin");
+    Expected<std::unique_ptr<FileWindow>> none = FileWindow::open(missing);
+    ASSERT_FALSE(none.ok());
+    EXPECT_EQ(meFileOpenError, none.reason().code);
+    EXPECT_EQ(missing, none.reason().file);
+    ASSERT_EQ(0, ::symlink(path.c_str(), dir.file("link.bin").c_str()));
+    EXPECT_FALSE(FileWindow::open(dir.file("link.bin")).ok());
+}
+
+} // namespace file_window_test
