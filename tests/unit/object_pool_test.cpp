@@ -97,8 +97,9 @@ TEST(ObjectPool, ThreadsAllocatingAndFreeingNeverShareABlock) {
 // freed block must return to its own class (it is the next one handed out
 // for that size, and no other size gets it).
 TEST(BlockHeap, EverySizeKeepsItsBytesAndGoesBackToItsClass) {
-    std::vector<size_t> sizes = {0, 1, 1000, 1023, 1024, 1025, 5000};
-    for (size_t n = 7; n <= 1026; n += 8)
+    const size_t largest = block_heap::kLargestPooled;
+    std::vector<size_t> sizes = {0, 1, 1000, largest - 1, largest, largest + 1, 5 * largest};
+    for (size_t n = 7; n <= largest + 2; n += 8)
         for (size_t d : {0, 1, 2})
             sizes.push_back(n + d);
     std::vector<char*> blocks;
@@ -113,7 +114,7 @@ TEST(BlockHeap, EverySizeKeepsItsBytesAndGoesBackToItsClass) {
             ASSERT_EQ(static_cast<char>(i & 0xFF), blocks[i][b]) << "size " << sizes[i] << " overwritten";
 #if QUARVEL_POOLED_OBJECTS
     for (size_t i = 0; i < sizes.size(); ++i) {
-        if (sizes[i] > 1024)
+        if (sizes[i] > largest)
             continue;
         char* const freed = blocks[i];
         block_heap::free(freed, sizes[i]);

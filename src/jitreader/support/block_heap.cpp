@@ -13,7 +13,6 @@ namespace block_heap {
 namespace {
 
 constexpr size_t kStep = kAlignment;
-constexpr size_t kLargestPooled = 1024;
 constexpr size_t kClasses = kLargestPooled / kStep;
 
 bool pooled(size_t bytes) {
