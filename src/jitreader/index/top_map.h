@@ -17,9 +17,16 @@ QUARVEL_NAMESPACE_BEGIN
 // intervals currently visible, however much history lies below them.
 //
 // Stored as sorted chunks of at most kChunk intervals (24 bytes each, no node
-// per interval), found through the first start of each chunk.
+// per interval), found through the first start of each chunk. The directory
+// holds pointers: a split moves the entries after it as bytes, a few
+// nanoseconds per thousand chunks.
 class TopMap {
 public:
+    TopMap() = default;
+    ~TopMap();
+    TopMap(const TopMap&) = delete;
+    TopMap& operator=(const TopMap&) = delete;
+
     struct Interval {
         u64 start;
         u64 end;
@@ -37,11 +44,11 @@ public:
     void forEachOverlapping(u64 start, u64 end, Visit visit) const {
         Position at = firstEndingAfterPosition(start);
         while (at.chunk < m_chunks.size()) {
-            const Interval& interval = m_chunks[at.chunk][at.index];
+            const Interval& interval = m_chunks[at.chunk]->items[at.index];
             if (interval.start >= end)
                 return;
             visit(interval);
-            if (++at.index == m_chunks[at.chunk].size()) {
+            if (++at.index == m_chunks[at.chunk]->size) {
                 ++at.chunk;
                 at.index = 0;
             }
@@ -56,15 +63,18 @@ public:
     void clear();
 
 private:
-    // A chunk is made with room for kChunk + 1 intervals, the most it holds
-    // before it splits, so it never moves: 984 bytes, a block of the map's
-    // own pool. The map lives only while its process is read, so clear()
-    // gives the pool's chunks back at once (its huge pages to the system)
-    // rather than leaving them on a free list beside the index built next.
+    // A chunk has room for kChunk + 1 intervals, the most it holds before it
+    // splits, so it never moves: 992 bytes, a block of the map's own pool.
+    // The map lives only while its process is read, so clear() gives the
+    // pool's chunks back at once (its huge pages to the system) rather than
+    // leaving them on a free list beside the index built next.
     static const size_t kChunk = 40;
-    static constexpr size_t kChunkBytes = (kChunk + 1) * sizeof(Interval);
-    typedef std::vector<Interval, PoolAllocator<Interval>> Chunk;
-    Chunk newChunk();
+    struct Chunk {
+        u32 size = 0;
+        Interval items[kChunk + 1];
+    };
+    Chunk* newChunk();
+    void freeChunk(Chunk* chunk) noexcept;
     struct Position {
         size_t chunk;
         size_t index;
@@ -75,8 +85,8 @@ private:
     void eraseAt(Position at);
 
     std::unique_ptr<ObjectPool> m_pool; // made with the first chunk
-    std::vector<Chunk> m_chunks;        // non-empty, in address order
-    std::vector<u64> m_firstStarts; // start of each chunk's first interval
+    std::vector<Chunk*> m_chunks;       // non-empty, in address order
+    std::vector<u64> m_firstStarts;     // start of each chunk's first interval
     size_t m_size = 0;
 };
 

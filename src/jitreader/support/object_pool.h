@@ -68,37 +68,6 @@ private:
 #define QUARVEL_POOLED_OBJECTS 1
 #endif
 
-// A standard allocator over one pool, for containers whose every allocation
-// is one block of the pool's size (a vector reserved once at that size);
-// other sizes go to the general heap, as every allocation does in sanitizer
-// builds. Instances over the same pool are equal.
-template <class T>
-struct PoolAllocator {
-    typedef T value_type;
-    ObjectPool* pool;
-    explicit PoolAllocator(ObjectPool* p) noexcept : pool(p) {}
-    template <class U>
-    PoolAllocator(const PoolAllocator<U>& other) noexcept : pool(other.pool) {}
-    T* allocate(size_t n) {
-        return static_cast<T*>(pooled(n) ? pool->allocate() : ::operator new(n * sizeof(T)));
-    }
-    void deallocate(T* p, size_t n) noexcept {
-        if (pooled(n))
-            pool->deallocate(p);
-        else
-            ::operator delete(p);
-    }
-    bool pooled(size_t n) const { return QUARVEL_POOLED_OBJECTS && n * sizeof(T) == pool->blockSize(); }
-    template <class U>
-    bool operator==(const PoolAllocator<U>& other) const noexcept {
-        return pool == other.pool;
-    }
-    template <class U>
-    bool operator!=(const PoolAllocator<U>& other) const noexcept {
-        return pool != other.pool;
-    }
-};
-
 // Gives a class operator new/delete from one pool of its size (one pool per
 // class, made on first use and never destroyed, so that objects released
 // during static destruction still find it). A derived class of another size
