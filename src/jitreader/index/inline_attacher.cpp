@@ -58,13 +58,15 @@ Status InlineAttacher::attachById(const JitMethod::Ptr& inlineMethod) {
         parent = m_methods.at(registered).get();
         parentIsTopLevel = true;
     } else {
-        const auto cached = m_inlineParents.find(inlineMethod->getParentId());
-        if (cached != m_inlineParents.end())
-            parent = cached->second.get();
+        const u32 cached = m_inlineParents.find(inlineMethod->getParentId());
+        if (cached != MethodIdTable::kNone)
+            parent = m_inlineParents.at(cached).get();
     }
 
     // It may be the parent of later inlines, and of inlines that came before it.
-    if (!m_inlineParents.emplace(inlineMethod->getMethodId(), inlineMethod).second)
+    if (m_inlineParents.find(inlineMethod->getMethodId()) == MethodIdTable::kNone)
+        m_inlineParents.add(inlineMethod);
+    else
         QV_TRACE("Already cached inline method (method id = " << rawId << ")");
     attachWaiting(*inlineMethod, false);
 
@@ -107,10 +109,14 @@ void InlineAttacher::offerParent(const JitMethod::Ptr& parentMethod) {
     attachWaiting(*parentMethod, true);
 }
 
+void InlineAttacher::releaseParent(const JitMethod::Ptr& inlineMethod) {
+    const u32 parent = m_inlineParents.find(inlineMethod->getMethodId());
+    if (parent != MethodIdTable::kNone && m_inlineParents.at(parent) == inlineMethod)
+        m_inlineParents.release(parent);
+}
+
 void InlineAttacher::forget(const JitMethod::Ptr& inlineMethod) {
-    const auto parent = m_inlineParents.find(inlineMethod->getMethodId());
-    if (parent != m_inlineParents.end() && parent->second == inlineMethod)
-        m_inlineParents.erase(parent);
+    releaseParent(inlineMethod);
     const auto run = m_waiting.equal_range(inlineMethod->getParentId());
     for (auto it = run.first; it != run.second;)
         it = it->second == inlineMethod ? m_waiting.erase(it) : std::next(it);
@@ -139,9 +145,7 @@ void InlineAttacher::attachWaiting(const JitMethod& parentMethod, bool topLevel)
         if (!status) {
             // Refused: it waits no more, and parents nothing.
             it = m_waiting.erase(it);
-            const auto parent = m_inlineParents.find(inlineMethod->getMethodId());
-            if (parent != m_inlineParents.end() && parent->second == inlineMethod)
-                m_inlineParents.erase(parent);
+            releaseParent(inlineMethod);
             continue;
         }
         it = inlineMethod->isInlineAttached() ? m_waiting.erase(it) : std::next(it);

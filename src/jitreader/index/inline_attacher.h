@@ -9,7 +9,6 @@
 #include "support/result.h"
 
 #include <map>
-#include <unordered_map>
 #include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -42,9 +41,6 @@ public:
     size_t waitingCount() const { return m_waiting.size(); }
 
 private:
-    struct IdHash {
-        size_t operator()(const BaseMethodId& id) const { return static_cast<size_t>(id.part0 ^ id.part1); }
-    };
     typedef std::multimap<BaseMethodId, JitMethod::Ptr, BaseMethodId::Comparator> Waiting;
 
     // Attaches inlineMethod below a live region of parentMethod (jit
@@ -55,12 +51,15 @@ private:
     // The inlines waiting for parentMethod, attached; refused ones dropped.
     void attachWaiting(const JitMethod& parentMethod, bool topLevel);
     void forget(const JitMethod::Ptr& inlineMethod);
+    // The inline no longer parents anything (it was refused).
+    void releaseParent(const JitMethod::Ptr& inlineMethod);
     // Inline jit rvas of the tree below root, for children not settled yet.
     quarvel_error_t normalizeTree(Region& root) const;
 
     const MethodRegistry& m_methods;
-    // Every inline by its own id: the parents of nested inlines.
-    std::unordered_map<BaseMethodId, JitMethod::Ptr, IdHash> m_inlineParents;
+    // Every inline by its own id: the parents of nested inlines. An inline
+    // that was refused is released.
+    MethodIdTable m_inlineParents;
     // Inlines that are neither attached nor refused, by their parent's id.
     Waiting m_waiting;
     // Regions whose inline trees grew since the last normalisation, with

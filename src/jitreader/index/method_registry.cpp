@@ -10,17 +10,6 @@ QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
-// An id's 64-bit first half folded to 32 bits: what a slot keeps of it to
-// tell ids apart without reading their methods, and what places it.
-u32 tagOf(u64 part0) {
-    return static_cast<u32>(part0 ^ (part0 >> 32));
-}
-
-size_t slotOf(u32 tag, size_t mask) {
-    // Ids are digests or mixed already; the multiply spreads ids made in tests.
-    return static_cast<size_t>((tag ^ (tag >> 15)) * 0x2C1B3C6Du) & mask;
-}
-
 bool sameModule(const IModule& a, const IModule& b) {
     const char* pa = a.getFilePath();
     const char* pb = b.getFilePath();
@@ -35,47 +24,9 @@ bool sameSourceFile(const SourceFile& a, const SourceFile& b) {
 
 } // namespace
 
-u32 MethodRegistry::find(const BaseMethodId& id) const {
-    if (m_ids.empty())
-        return kNone;
-    const size_t mask = m_ids.size() - 1;
-    const u32 tag = tagOf(id.part0);
-    for (size_t i = slotOf(tag, mask);; i = (i + 1) & mask) {
-        const IdSlot& slot = m_ids[i];
-        if (slot.index == kNone)
-            return kNone;
-        if (slot.tag == tag && m_methods[slot.index]->getMethodId() == id)
-            return slot.index;
-    }
-}
-
-void MethodRegistry::grow() {
-    BulkVector<IdSlot> old;
-    old.swap(m_ids);
-    m_ids.assign(old.empty() ? 64 : old.size() * 2, IdSlot{0, kNone});
-    const size_t mask = m_ids.size() - 1;
-    for (const IdSlot& slot : old) {
-        if (slot.index == kNone)
-            continue;
-        size_t i = slotOf(slot.tag, mask);
-        while (m_ids[i].index != kNone)
-            i = (i + 1) & mask;
-        m_ids[i] = slot;
-    }
-}
-
 void MethodRegistry::add(const JitMethod::Ptr& method, u32 pid, u32 hostId) {
-    if ((m_methods.size() + 1) * 4 > m_ids.size() * 3)
-        grow();
-    const u32 index = static_cast<u32>(m_methods.size());
-    m_methods.push_back(method);
+    m_methods.add(method);
     m_spaces.push_back(static_cast<u64>(hostId) << 32 | pid);
-    const u32 tag = tagOf(method->getMethodId().part0);
-    const size_t mask = m_ids.size() - 1;
-    size_t i = slotOf(tag, mask);
-    while (m_ids[i].index != kNone)
-        i = (i + 1) & mask;
-    m_ids[i] = IdSlot{tag, index};
 }
 
 size_t MethodRegistry::ModuleHash::operator()(const IModule::Ptr& m) const {
@@ -138,13 +89,13 @@ void MethodRegistry::internSourceFile(JitMethod& method) {
 
 void MethodRegistry::internNewModules() {
     for (; m_modulesInterned < m_methods.size(); ++m_modulesInterned)
-        internModule(*m_methods[m_modulesInterned]);
+        internModule(*m_methods.at(static_cast<u32>(m_modulesInterned)));
 }
 
 JitMethod* MethodRegistry::findByModule(const std::string& modulePath, u32 rawId) {
     for (; m_symbolsIndexed < m_methods.size(); ++m_symbolsIndexed) {
         const u32 index = static_cast<u32>(m_symbolsIndexed);
-        const JitMethod& method = *m_methods[index];
+        const JitMethod& method = *m_methods.at(index);
         const IModule::Ptr module = method.getModule();
         const std::string path = module && module->getFilePath() ? module->getFilePath() : "";
         const u32 pathId = m_paths.emplace(path, static_cast<u32>(m_paths.size())).first->second;
@@ -158,7 +109,7 @@ JitMethod* MethodRegistry::findByModule(const std::string& modulePath, u32 rawId
     if (path == m_paths.end())
         return nullptr;
     const auto found = m_symbols.find(static_cast<u64>(path->second) << 32 | rawId);
-    return found == m_symbols.end() ? nullptr : m_methods[found->second].get();
+    return found == m_symbols.end() ? nullptr : m_methods.at(found->second).get();
 }
 
 QUARVEL_NAMESPACE_END

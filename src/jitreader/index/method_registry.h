@@ -1,10 +1,10 @@
 #ifndef QUARVEL_INDEX_METHOD_REGISTRY_H
 #define QUARVEL_INDEX_METHOD_REGISTRY_H
 
+#include "index/method_id_table.h"
 #include "model/base_method_id.h"
 #include "model/jit_method.h"
 #include "model/source_file.h"
-#include "support/bulk_memory.h"
 
 #include <quarvel/symbol.h>
 #include <quarvel/types.h>
@@ -16,22 +16,19 @@
 
 QUARVEL_NAMESPACE_BEGIN
 
-typedef std::vector<JitMethod::Ptr> JitMethodStorage;
-
-// The registered methods: in registration order, by 128-bit id (an open
-// hash of indices, 16 bytes a slot), and by (module path, raw id) for symbol
-// searches. Methods of one module share one module object.
+// The registered methods: in registration order, by 128-bit id (a
+// MethodIdTable), and by (module path, raw id) for symbol searches. Methods of one module share one module object.
 class MethodRegistry {
 public:
-    static const u32 kNone = 0xFFFFFFFFu;
+    static const u32 kNone = MethodIdTable::kNone;
 
     // Index of the method registered under id, or kNone.
-    u32 find(const BaseMethodId& id) const;
+    u32 find(const BaseMethodId& id) const { return m_methods.find(id); }
     // Registers a method whose id is new, read from the address space (hostId, pid).
     void add(const JitMethod::Ptr& method, u32 pid, u32 hostId);
 
-    const JitMethodStorage& all() const { return m_methods; }
-    const JitMethod::Ptr& at(u32 index) const { return m_methods[index]; }
+    const JitMethodStorage& all() const { return m_methods.all(); }
+    const JitMethod::Ptr& at(u32 index) const { return m_methods.at(index); }
     size_t size() const { return m_methods.size(); }
 
     // Gives the method the shared module and source file objects equal to its own.
@@ -46,15 +43,9 @@ public:
     JitMethod* findByModule(const std::string& modulePath, u32 rawId);
 
 private:
-    struct IdSlot { // 8 bytes
-        u32 tag;   // of the id; equal tags still compare the whole ids
-        u32 index; // kNone: empty
-    };
-    void grow();
-
-    JitMethodStorage m_methods;
+    MethodIdTable m_methods;
     std::vector<u64> m_spaces; // (host id << 32 | pid) per method
-    BulkVector<IdSlot> m_ids; // power-of-two size, at most 3/4 full
+
     void internModule(JitMethod& method);
     void internSourceFile(JitMethod& method);
 
