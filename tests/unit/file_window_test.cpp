@@ -27,15 +27,15 @@ std::string patterned(size_t size) {
 // Requests as (offset, length), each at or after the one before: within the
 // buffer, across a refill, larger than a refill, touching the file's end.
 TEST(FileWindow, GivesTheFileBytesForForwardRequests) {
-    const size_t kib = 1024;
-    const size_t size = 3 * 512 * kib + 77;
+    const size_t chunk = FileWindow::kChunkBytes;
+    const size_t size = 3 * chunk + 77;
     const std::vector<std::vector<std::pair<size_t, size_t>>> runs = {
         {{0, 8}, {8, 100}, {108, 4096}},
-        {{0, 4}, {512 * kib - 3, 8}, {512 * kib + 5, 10}},
-        {{10, 8}, {18, 700 * kib}, {18 + 700 * kib, 8}},
+        {{0, 4}, {chunk - 3, 8}, {chunk + 5, 10}},
+        {{10, 8}, {18, chunk + chunk / 3}, {18 + chunk + chunk / 3, 8}},
         {{0, size}},
         {{size - 8, 8}, {size, 0}},
-        {{100, 8}, {100, 16}, {2 * 512 * kib, 8}},
+        {{100, 8}, {100, 16}, {2 * chunk, 8}},
     };
     TempDir dir;
     const std::string bytes = patterned(size);
@@ -56,19 +56,24 @@ TEST(FileWindow, GivesTheFileBytesForForwardRequests) {
 
 TEST(FileWindow, SaysWhyBytesAreMissing) {
     TempDir dir;
-    const size_t size = 2 << 20;
+    const size_t size = 16 * FileWindow::kChunkBytes;
     const std::string path = dir.write("short.bin", patterned(size));
     Expected<std::unique_ptr<FileWindow>> window = FileWindow::open(path);
     ASSERT_TRUE(window.ok());
     FileWindow& w = *window.value();
     EXPECT_EQ(nullptr, w.at(size - 10, 20));
-    EXPECT_EQ("asked for 20 bytes at offset 2097142 of a 2097152-byte file", w.error());
+    EXPECT_EQ("asked for 20 bytes at offset " + std::to_string(size - 10) + " of a " + std::to_string(size) +
+                  "-byte file",
+              w.error());
     // Cut after opening: what the buffer holds stays readable, the rest is missing.
     ASSERT_NE(nullptr, w.at(0, 100));
-    ASSERT_EQ(0, ::truncate(path.c_str(), 600 << 10));
+    const size_t cut = 4 * FileWindow::kChunkBytes;
+    ASSERT_EQ(0, ::truncate(path.c_str(), static_cast<off_t>(cut)));
     EXPECT_NE(nullptr, w.at(50, 50));
-    EXPECT_EQ(nullptr, w.at(700 << 10, 10));
-    EXPECT_EQ("the file shrank below the 2097152 bytes it had when opened: nothing at offset 716800", w.error());
+    EXPECT_EQ(nullptr, w.at(cut + 100, 10));
+    EXPECT_EQ("the file shrank below the " + std::to_string(size) + " bytes it had when opened: nothing at offset " +
+                  std::to_string(cut + 100),
+              w.error());
 
     const std::string missing = dir.file("none.bin");
     Expected<std::unique_ptr<FileWindow>> none = FileWindow::open(missing);

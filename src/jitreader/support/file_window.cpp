@@ -12,10 +12,6 @@ QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
-// Big enough that a read() call's fixed cost is lost in the copy, small
-// enough to stay in the caches between the copy and the decoding.
-constexpr size_t kChunk = size_t(512) << 10;
-
 Reason openError(const std::string& path, const std::string& what) {
     return Reason::notFound(what, meFileOpenError).inFile(path);
 }
@@ -71,7 +67,7 @@ bool FileWindow::fill(uint64_t offset, size_t length) {
         kept = m_filled - static_cast<size_t>(offset - m_bufferOffset);
         std::memmove(m_buffer.get(), m_buffer.get() + (m_filled - kept), kept);
     }
-    const size_t wanted = static_cast<size_t>(std::min<uint64_t>(std::max(length, kChunk), m_size - offset));
+    const size_t wanted = static_cast<size_t>(std::min<uint64_t>(std::max(length, kChunkBytes), m_size - offset));
     if (wanted > m_capacity) {
         std::unique_ptr<uint8_t[]> grown(new uint8_t[wanted]);
         if (kept)
