@@ -19,7 +19,7 @@ namespace record_reader_test {
 
 const std::string kSuffix = ", at file: vcs/quarvel3/src/jitreader/jit_file_decoder:";
 
-// A record's body lives as long as its decoder: each read keeps a copy.
+// A record's body is valid until the next record: each read keeps a copy.
 struct Read {
     quarvel_error_t status;
     Record record;

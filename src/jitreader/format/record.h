@@ -34,7 +34,8 @@ private:
 
 // One trace record as read: where its type field starts, its type, and its
 // body (or the four bytes of a value record's value). The bytes belong to the
-// reader that handed the record out and live as long as it does.
+// reader that handed the record out and stay valid until it hands out the
+// next one (bytes in memory: as long as those bytes).
 struct Record {
     u64 offset = 0;
     u32 type = 0;
