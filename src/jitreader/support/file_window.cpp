@@ -5,44 +5,20 @@
 #include <cstring>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 QUARVEL_NAMESPACE_BEGIN
 
-namespace {
-
-Reason openError(const std::string& path, const std::string& what) {
-    return Reason::notFound(what, meFileOpenError).inFile(path);
-}
-
-} // namespace
-
 Expected<std::unique_ptr<FileWindow>> FileWindow::open(const std::string& path) {
-    struct stat link {};
-    if (::lstat(path.c_str(), &link) != 0)
-        return openError(path, std::string("cannot open: ") + std::strerror(errno));
-    if (S_ISLNK(link.st_mode))
-        return openError(path, "is a symbolic link; give the file's real path");
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return openError(path, std::string("cannot open: ") + std::strerror(errno));
-    std::unique_ptr<FileWindow> window(new FileWindow(path, fd, 0)); // closes fd from here on
-    struct stat st {};
-    if (::fstat(fd, &st) != 0)
-        return openError(path, std::string("cannot read its size: ") + std::strerror(errno));
-    if (!S_ISREG(st.st_mode))
-        return openError(path, "is not a regular file");
-    window->m_size = static_cast<uint64_t>(st.st_size);
-    ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    return window;
+    Expected<RegularFile> file = RegularFile::open(path);
+    if (!file)
+        return file.reason();
+    ::posix_fadvise(file.value().fd(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    return std::unique_ptr<FileWindow>(new FileWindow(path, std::move(file.value())));
 }
 
-FileWindow::FileWindow(std::string path, int fd, uint64_t size) : m_path(std::move(path)), m_fd(fd), m_size(size) {}
-
-FileWindow::~FileWindow() {
-    ::close(m_fd);
-}
+FileWindow::FileWindow(std::string path, RegularFile file)
+    : m_path(std::move(path)), m_file(std::move(file)), m_size(m_file.size()) {}
 
 const uint8_t* FileWindow::at(uint64_t offset, size_t length) {
     static const uint8_t kNothing = 0;
@@ -79,7 +55,7 @@ bool FileWindow::fill(uint64_t offset, size_t length) {
     m_filled = kept;
     while (m_filled < wanted) {
         const ssize_t got =
-            ::pread(m_fd, m_buffer.get() + m_filled, wanted - m_filled, static_cast<off_t>(offset + m_filled));
+            ::pread(m_file.fd(), m_buffer.get() + m_filled, wanted - m_filled, static_cast<off_t>(offset + m_filled));
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0) {

@@ -7,6 +7,7 @@
 // in a mapping's pages one by one, which on a virtual machine is most of the
 // cost of walking a mapped trace.
 
+#include "support/regular_file.h"
 #include "support/result.h"
 
 #include <cstddef>
@@ -28,7 +29,6 @@ public:
     // rather than a fresh mapping per file.
     static constexpr size_t kChunkBytes = size_t(128) << 10;
 
-    ~FileWindow();
     FileWindow(const FileWindow&) = delete;
     FileWindow& operator=(const FileWindow&) = delete;
 
@@ -44,11 +44,11 @@ public:
     const std::string& error() const { return m_error; }
 
 private:
-    FileWindow(std::string path, int fd, uint64_t size);
+    FileWindow(std::string path, RegularFile file);
     bool fill(uint64_t offset, size_t length);
 
     std::string m_path;
-    int m_fd;
+    RegularFile m_file;
     uint64_t m_size;
     std::unique_ptr<uint8_t[]> m_buffer;
     size_t m_capacity = 0;
