@@ -242,7 +242,7 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
     }
     IByteBuffer::Ptr replaced = IByteBuffer::create();
     replaced->assign(bytes.data(), static_cast<unsigned>(bytes.size()));
-    m_extras->content = replaced;
+    setContent(replaced);
 
     QV_INFO("Updated code region (ip range = " << hexRange(codeAddr, codeLen) << ")"
                                                << " successfully");
