@@ -88,6 +88,31 @@ TEST(JitDataManagerStorage, PathologicalShapesStayLinear) {
     }
 }
 
+// Regions near both ends of the address space: their bounds do not fit one
+// word beside their indices, so the frozen index sorts them another way.
+// Each cluster is a staggered run; a load ends the one loaded before it there.
+TEST(JitDataManagerStorage, BoundsFarApartIndexLikeNear) {
+    const u64 bases[] = {0x10000, 0xFFFFFFFFFFF00000};
+    const u32 loads = 40;
+    JitDataManager manager;
+    for (u32 i = 0; i < loads; ++i) {
+        const u64 start = bases[i % 2] + 16 * (i / 2);
+        ASSERT_TRUE(manager
+                        .processMethodLoadRecord(kPid, kHost,
+                                                 makeMethod(i + 1, 10 * (i + 1), {{start, 64, 0x100000 + i * 0x100}}))
+                        .ok());
+    }
+    manager.finalize();
+    for (u32 i = 0; i < loads; ++i) {
+        const u64 start = bases[i % 2] + 16 * (i / 2);
+        EXPECT_EQ(i + 1, ownerAt(manager, start + 8, 10 * (i + 1))) << i;
+        EXPECT_EQ(i + 1, ownerAt(manager, start + 63, 10 * (i + 1) + 5)) << i;
+        if (i + 2 < loads) {
+            EXPECT_EQ(0u, ownerAt(manager, start + 8, 10 * (i + 3))) << i;
+        }
+    }
+}
+
 // Processes read one by one, each finalised: each finalisation indexes
 // what its pass read, and earlier processes keep answering.
 TEST(JitDataManagerStorage, FinalizationIsIncremental) {

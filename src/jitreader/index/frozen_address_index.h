@@ -77,7 +77,7 @@ private:
     BulkVector<u64> m_starts;
     std::vector<u64> m_blockStarts;
     BulkVector<Piece> m_pieces;
-    std::vector<Entry> m_entries; // older regions of pieces, then the lists of inner tree nodes
+    BulkVector<Entry> m_entries; // older regions of pieces, then the lists of inner tree nodes
     std::vector<u32> m_nodeFirst; // inner node i (1 <= i < pieces) lists m_entries[m_nodeFirst[i], m_nodeFirst[i + 1])
     // The distinct modules of the regions' methods (methods share them; few per process).
     std::vector<IModule*> m_modules;

@@ -11,8 +11,6 @@
 
 QUARVEL_NAMESPACE_BEGIN
 
-typedef std::vector<JitMethod::Ptr> JitMethodStorage;
-
 // Methods in the order they were added, found by their 128-bit id through an
 // open hash of indices: 8 bytes a slot, no node per method. A released
 // method leaves an empty place that find() passes over.

@@ -44,7 +44,7 @@ public:
 
 private:
     MethodIdTable m_methods;
-    std::vector<u64> m_spaces; // (host id << 32 | pid) per method
+    BulkVector<u64> m_spaces; // (host id << 32 | pid) per method
 
     void internModule(JitMethod& method);
     void internSourceFile(JitMethod& method);

@@ -15,8 +15,6 @@ QUARVEL_NAMESPACE_BEGIN
 class JitDataManager;
 class JitFileDecoder;
 
-typedef std::vector<JitMethod::Ptr> JitMethodStorage;
-
 // What the reading passes did; internal, handed to tools by the diagnostics.
 struct JitReadStats {
     // Record types 0..15 by value; Magic records apart.

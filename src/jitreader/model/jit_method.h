@@ -7,13 +7,14 @@
 #include "model/region.h"
 #include "model/region_list.h"
 
+#include "support/bulk_memory.h"
 #include "support/object_pool.h"
 
 #include <quarvel/symbol.h>
 
 #include <ostream>
-#include <utility>
 #include <string>
+#include <utility>
 #include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -112,6 +113,10 @@ private:
 
 // The full diagnostic dump of a method, with disassembly.
 std::ostream& operator<<(std::ostream& os, JitMethod& method);
+
+// Methods in registration order: an array with an entry per method, on huge
+// pages once it is large (a fresh 4 KiB page per 512 methods otherwise).
+typedef BulkVector<JitMethod::Ptr> JitMethodStorage;
 
 QUARVEL_NAMESPACE_END
 
