@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <thread>
 
 namespace api_test {
@@ -186,7 +187,11 @@ TEST_F(ConcurrentFacadesTest, ResolverTranslationsRaceToBuildTheConverter) {
             mine[k] = translate(resolver, translations[k]);
             const ISymbol::Ptr& s = all[k % all.size()];
             const ISymbol::Ptr got = resolver->getSymbol(s->getStartJitRva());
-            if (!got || got->getStartJitRva() != s->getStartJitRva())
+            // Names that are prefixes of the qualified name get their C strings on first use, here by
+            // several threads at once.
+            if (!got || got->getStartJitRva() != s->getStartJitRva() ||
+                std::strcmp(got->getMethodName(), s->getMethodName()) != 0 ||
+                std::strcmp(got->getClassName(), s->getClassName()) != 0)
                 ++mismatches;
             const char* name = nullptr;
             if (resolver->getHostNameById(1, &name) != meSuccess || !name)

@@ -50,8 +50,7 @@ bool demangle(const std::string& name, std::string& shortName, std::string& full
 } // namespace
 
 BaseMethodInfo::~BaseMethodInfo() {
-    if (m_names)
-        block_heap::free(m_names, namesBytes());
+    freeNames();
 }
 
 BaseMethodInfo::BaseMethodInfo(const BaseMethodInfo& other)
@@ -72,41 +71,103 @@ BaseMethodInfo& BaseMethodInfo::operator=(const BaseMethodInfo& other) {
     return *this;
 }
 
-std::string_view BaseMethodInfo::name(int which) const {
+std::string_view BaseMethodInfo::qualifiedMethodName() const {
+    return m_names ? std::string_view(qualified()) : std::string_view("", 0);
+}
+
+std::string_view BaseMethodInfo::methodName() const {
     if (!m_names)
         return std::string_view("", 0);
-    const char* at = m_names;
-    for (int i = 0; i < which; ++i)
-        at += std::strlen(at) + 1;
-    return std::string_view(at);
+    return std::string_view(separate() ? copies() + head()->classLength + 1 : qualified(), methodLength());
+}
+
+std::string_view BaseMethodInfo::className() const {
+    if (!m_names)
+        return std::string_view("", 0);
+    return std::string_view(separate() ? copies() : qualified(), head()->classLength);
+}
+
+const char* BaseMethodInfo::methodNameCString() const {
+    if (!m_names)
+        return "";
+    // The whole qualified name, as for names written verbatim, has its NUL already.
+    if (!separate() && qualified()[methodLength()] == '\0')
+        return qualified();
+    return copies() + head()->classLength + 1;
+}
+
+const char* BaseMethodInfo::classNameCString() const {
+    if (!m_names || head()->classLength == 0)
+        return "";
+    if (!separate() && qualified()[head()->classLength] == '\0')
+        return qualified();
+    return copies();
+}
+
+const char* BaseMethodInfo::copies() const {
+    const NamesHead& h = *head();
+    char* made = h.copies.load(std::memory_order_acquire);
+    if (made)
+        return made;
+    const size_t bytes = copiesBytes();
+    char* const fresh = static_cast<char*>(block_heap::allocate(bytes));
+    char* at = std::copy_n(qualified(), h.classLength, fresh);
+    *at++ = '\0';
+    at = std::copy_n(qualified(), methodLength(), at);
+    *at = '\0';
+    // Another thread may have made them meanwhile: the first one stays.
+    if (h.copies.compare_exchange_strong(made, fresh, std::memory_order_acq_rel, std::memory_order_acquire))
+        return fresh;
+    block_heap::free(fresh, bytes);
+    return made;
 }
 
 size_t BaseMethodInfo::namesBytes() const {
-    const std::string_view qualified = name(2);
-    return static_cast<size_t>(qualified.data() + qualified.size() + 1 - m_names);
+    return sizeof(NamesHead) + std::strlen(qualified()) + 1;
+}
+
+void BaseMethodInfo::freeNames() noexcept {
+    if (!m_names)
+        return;
+    if (char* const made = head()->copies.load(std::memory_order_acquire))
+        block_heap::free(made, copiesBytes());
+    head()->~NamesHead();
+    block_heap::free(m_names, namesBytes());
+    m_names = nullptr;
 }
 
 void BaseMethodInfo::setNames(std::string_view className, std::string_view methodName, std::string_view qualified) {
-    // A name ends at its first NUL, as the C strings handed out do: the
-    // block needs no lengths then.
+    // A name ends at its first NUL, as the C strings handed out do.
     std::string_view parts[3] = {className, methodName, qualified};
     for (std::string_view& part : parts)
-        part = part.substr(0, part.find('\0'));
-    // The new names may be views into the old block: it goes only at the end.
-    char* const old = m_names;
-    const size_t oldBytes = old ? namesBytes() : 0;
+        part = part.substr(0, std::min(part.find('\0'), kMaxNameLength));
+    const bool prefixes =
+        parts[1].substr(0, parts[0].size()) == parts[0] && parts[2].substr(0, parts[1].size()) == parts[1];
     char* names = nullptr;
     if (!parts[0].empty() || !parts[1].empty() || !parts[2].empty()) {
-        names = static_cast<char*>(block_heap::allocate(parts[0].size() + parts[1].size() + parts[2].size() + 3));
-        char* at = names;
-        for (const std::string_view& part : parts) {
-            at = std::copy(part.begin(), part.end(), at);
+        char* separateNames = nullptr;
+        const size_t separateBytes = parts[0].size() + parts[1].size() + 2;
+        if (!prefixes) {
+            separateNames = static_cast<char*>(block_heap::allocate(separateBytes));
+            char* at = std::copy(parts[0].begin(), parts[0].end(), separateNames);
             *at++ = '\0';
+            *std::copy(parts[1].begin(), parts[1].end(), at) = '\0';
         }
+        try {
+            names = static_cast<char*>(block_heap::allocate(sizeof(NamesHead) + parts[2].size() + 1));
+        } catch (...) {
+            if (separateNames)
+                block_heap::free(separateNames, separateBytes);
+            throw;
+        }
+        new (names) NamesHead{static_cast<u32>(parts[0].size()),
+                              static_cast<u32>(parts[1].size()) | (prefixes ? 0 : kSeparate),
+                              {separateNames}};
+        *std::copy(parts[2].begin(), parts[2].end(), names + sizeof(NamesHead)) = '\0';
     }
+    // The new names may have been views into the old blocks: they go only now.
+    freeNames();
     m_names = names;
-    if (old)
-        block_heap::free(old, oldBytes);
 }
 
 void BaseMethodInfo::appendJoined(std::string_view text, std::string& out) {

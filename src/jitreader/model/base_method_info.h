@@ -9,6 +9,7 @@
 
 #include <quarvel/symbol.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -28,10 +29,16 @@ public:
     unsigned methodToken() const { return m_methodToken; }
     void setMethodToken(unsigned token) { m_methodToken = token; }
 
-    // Names, NUL-terminated (data() is a C string).
-    std::string_view methodName() const { return name(1); }
-    std::string_view qualifiedMethodName() const { return name(2); }
-    std::string_view className() const { return name(0); }
+    // Names. Only the qualified name's data() is a C string: the method and
+    // class names are most often its prefixes and are views into it.
+    std::string_view methodName() const;
+    std::string_view qualifiedMethodName() const;
+    std::string_view className() const;
+    // The method and class names as C strings, valid while the names stay.
+    // A name that is a prefix gets its own copy the first time one is asked
+    // for (thread-safe): most methods are never named to anyone.
+    const char* methodNameCString() const;
+    const char* classNameCString() const;
 
     // "a.b.C" is stored as "a::b::C"; empty input or dots only keep the old name.
     void setClassName(const std::string& name) { setClassAndMethodName(name, std::string()); }
@@ -76,15 +83,33 @@ public:
     BaseMethodInfo& operator=(const BaseMethodInfo& other);
 
 private:
-    // 0: class, 1: method, 2: qualified method name.
-    std::string_view name(int which) const;
+    // The head of the names block. The qualified name follows it. When the
+    // class name is a prefix of the method name and that of the qualified
+    // name ("a::B" < "a::B::m" < "a::B::m(int)", and names written verbatim)
+    // they are not stored again; copies with their own NULs are made on
+    // demand. Otherwise the copies are made at once.
+    struct NamesHead {
+        u32 classLength;
+        u32 methodLength;                  // kSeparate: the names are not prefixes
+        mutable std::atomic<char*> copies; // "class\0method\0"
+    };
+    static constexpr u32 kSeparate = 0x80000000u;
+    static constexpr size_t kMaxNameLength = kSeparate - 1; // longer names are cut (only a hostile trace has them)
+
+    const NamesHead* head() const { return reinterpret_cast<const NamesHead*>(m_names); }
+    const char* qualified() const { return m_names + sizeof(NamesHead); }
+    u32 methodLength() const { return head()->methodLength & ~kSeparate; }
+    bool separate() const { return (head()->methodLength & kSeparate) != 0; }
+    const char* copies() const; // makes them when missing
+    size_t copiesBytes() const { return head()->classLength + methodLength() + 2; }
     size_t namesBytes() const; // of m_names
+    void freeNames() noexcept;
     void setNames(std::string_view className, std::string_view methodName, std::string_view qualified);
 
     unsigned m_methodToken = 0; // first: it fills the base's tail padding
     BaseMethodId m_methodId;
     BaseMethodId m_parentId;
-    char* m_names = nullptr; // one block_heap block: the three names, each with its NUL, one after the other
+    char* m_names = nullptr; // one block_heap block: NamesHead, then the qualified name; null: all three empty
     IModule::Ptr m_module;
     SourceFile::Ptr m_sourceFile;
 };

@@ -34,9 +34,9 @@ public:
 
     // ISymbol
     unsigned getMethodToken() const override { return m_info->methodToken(); }
-    const char* getMethodName() const override { return m_info->methodName().data(); }
+    const char* getMethodName() const override { return m_info->methodNameCString(); }
     const char* getQualifiedMethodName() const override { return m_info->qualifiedMethodName().data(); }
-    const char* getClassName() const override { return m_info->className().data(); }
+    const char* getClassName() const override { return m_info->classNameCString(); }
     IModule::Ptr getModule() const override { return m_info->module(); }
     ISourceFile::Ptr getSourceFile() const override { return m_info->getSourceFile(); }
     generic_iterator_t<ICodeRegion::Ptr> getRegions() const override;
