@@ -87,11 +87,13 @@ std::pair<size_t, size_t> JitRvaIndex::Directory::bounds(u64 jitRva, size_t runS
 }
 
 const RegionInfo* JitRvaIndex::find(u64 jitRva) const {
+    if (jitRva >= m_maxEnd)
+        return nullptr; // a new load's jit rvas, asked whether they are a patched copy
     const bool directed = m_frozenRuns == m_runs.size();
     for (size_t r = 0; r < m_runs.size(); ++r) {
         const Run& run = m_runs[r];
-        const auto range = directed ? m_directories[r].bounds(jitRva, run.size())
-                                    : std::make_pair(size_t(0), run.size());
+        const auto range =
+            directed ? m_directories[r].bounds(jitRva, run.size()) : std::make_pair(size_t(0), run.size());
         auto it = std::upper_bound(run.begin() + static_cast<std::ptrdiff_t>(range.first),
                                    run.begin() + static_cast<std::ptrdiff_t>(range.second), jitRva,
                                    [](u64 rva, const RegionInfo& e) { return rva < e.startJitRva; });

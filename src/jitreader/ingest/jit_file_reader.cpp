@@ -118,7 +118,7 @@ private:
     BuildContext m_context;
     jit_rva_t m_nextJitRva;
     const jit_rva_t m_jitRvaLimit;
-    JitMethodStorage m_methods;
+    JitMethodStorage m_methods; // of 64-bit modules: renamed at the end when both kinds came
     // Reused from record to record, with the storage of their strings and tables.
     TraceMethodLoad m_load;
     TraceInlineLoad m_inline;
@@ -180,7 +180,10 @@ void FilePass::methodLoad(const Record& record, const RecordTypeInfo& info) {
     Status status = m_data.processMethodLoadRecord(m_context.pid, m_context.hostId, method);
     if (!status)
         return refusedByDataManager(record, std::move(status));
-    m_methods.push_back(method);
+    // Only these may be renamed at the end; holding every method would cost
+    // a reference count each, and releasing them a cache miss each.
+    if (method->getModule() && method->getModule()->getArchitecture() == quarvel_arch_varda64)
+        m_methods.push_back(method);
 }
 
 void FilePass::methodUpdate(const Record& record) {
