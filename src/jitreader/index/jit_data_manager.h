@@ -96,6 +96,10 @@ public:
     quarvel_error_t findMethod(const char* moduleName, u32 methodId, ISymbol::Ptr& symbol);
     // Every registered method, in registration order.
     const JitMethodStorage& getJitMethods() const { return m_methods.all(); }
+    // A reading pass that knows a method's id before it has built the rest
+    // of the method: the registry's table, read first when the method (or an
+    // inline under it) comes, starts loading into the cache meanwhile.
+    void prefetchMethod(const BaseMethodId& id) const { m_methods.prefetch(id); }
     // The region that holds jitRva in the jit rva domain, if any.
     const RegionInfo* findJitRvaRegion(u64 jitRva) const;
 

@@ -17,9 +17,18 @@ size_t slotOf(u32 tag, size_t mask) {
 
 } // namespace
 
+void MethodIdTable::prefetch(const BaseMethodId& id) const {
+    if (!m_ids.empty())
+        __builtin_prefetch(&m_ids[slotOf(tagOf(id.part0), m_ids.size() - 1)]);
+}
+
 u32 MethodIdTable::find(const BaseMethodId& id) const {
     if (m_ids.empty())
         return kNone;
+    // An inline's parent is most often the method added last, still in cache.
+    const JitMethod::Ptr& last = m_methods.back();
+    if (last && last->getMethodId() == id)
+        return static_cast<u32>(m_methods.size() - 1);
     const size_t mask = m_ids.size() - 1;
     const u32 tag = tagOf(id.part0);
     for (size_t i = slotOf(tag, mask);; i = (i + 1) & mask) {

@@ -20,6 +20,8 @@ public:
 
     // Index of the method added under id and not released, or kNone.
     u32 find(const BaseMethodId& id) const;
+    // Starts loading the slot find(id) reads first.
+    void prefetch(const BaseMethodId& id) const;
     // Adds method under its current id; returns its index.
     u32 add(const JitMethod::Ptr& method);
     // Drops the table's hold on the method at index.

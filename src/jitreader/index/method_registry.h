@@ -24,6 +24,7 @@ public:
 
     // Index of the method registered under id, or kNone.
     u32 find(const BaseMethodId& id) const { return m_methods.find(id); }
+    void prefetch(const BaseMethodId& id) const { m_methods.prefetch(id); }
     // Registers a method whose id is new, read from the address space (hostId, pid).
     void add(const JitMethod::Ptr& method, u32 pid, u32 hostId);
 

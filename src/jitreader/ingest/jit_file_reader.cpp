@@ -78,6 +78,7 @@ public:
           m_nextJitRva(decoder.jitRvaBase()), m_jitRvaLimit(rangeLimit(decoder.jitRvaBase())) {
         m_context.hostId = decoder.hostId();
         m_context.pid = decoder.pid();
+        m_context.data = &dataManager;
     }
 
     quarvel_error_t run(target_arch_t arch);

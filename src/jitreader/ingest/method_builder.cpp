@@ -1,5 +1,7 @@
 #include "ingest/method_builder.h"
 
+#include "index/jit_data_manager.h"
+
 #include "model/java_signature_parser.h"
 #include "model/module.h"
 #include "model/source_file.h"
@@ -62,12 +64,32 @@ bool sameSourceFile(const SourceFile& file, std::string_view name, std::string_v
 
 } // namespace
 
+size_t ModuleCache::sourceFileHash(std::string_view name, std::string_view checksum, unsigned checksumType,
+                                   unsigned language) {
+    return std::hash<std::string_view>()(name) ^ (std::hash<std::string_view>()(checksum) << 1) ^
+           (size_t(checksumType) << 8) ^ (size_t(language) << 16);
+}
+
+void ModuleCache::prefetchSourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
+                                     unsigned language, bool file) const {
+    if (m_sourceFileSlots.empty())
+        return;
+    const size_t hash = sourceFileHash(name, checksum, checksumType, language);
+    const SourceFileSlot& slot = m_sourceFileSlots[hash & (m_sourceFileSlots.size() - 1)];
+    if (!file) {
+        __builtin_prefetch(&slot);
+    } else if (slot.hash == hash && slot.file) {
+        const char* object = reinterpret_cast<const char*>(slot.file);
+        __builtin_prefetch(object);
+        __builtin_prefetch(object + sizeof(SourceFile) - 1);
+    }
+}
+
 const SourceFile::Ptr& ModuleCache::sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
                                                unsigned language) {
     if (m_lastSourceFile && sameSourceFile(*m_lastSourceFile, name, checksum, checksumType, language))
         return m_lastSourceFile;
-    const size_t hash = std::hash<std::string_view>()(name) ^ (std::hash<std::string_view>()(checksum) << 1) ^
-                        (size_t(checksumType) << 8) ^ (size_t(language) << 16);
+    const size_t hash = sourceFileHash(name, checksum, checksumType, language);
     if ((m_sourceFileObjects.size() + 1) * 4 > m_sourceFileSlots.size() * 3)
         growSourceFiles();
     const size_t mask = m_sourceFileSlots.size() - 1;
@@ -123,11 +145,13 @@ void MethodBuilder::applyNames(BaseMethodInfo& info, const TraceMethodTail& tail
     info.setQualifiedNames(className, qualified);
 }
 
-void MethodBuilder::applyTail(JitMethod& method, const TraceMethodTail& tail, bool legacy, const BuildContext& context,
-                              u64 codeLength) {
+void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail, bool legacy,
+                                  const BuildContext& context) {
     BaseMethodInfo& info = *method.info();
     const quarvel_arch arch = static_cast<quarvel_arch>(tail.moduleArch);
     info.setMethodToken(tail.metadataToken);
+    if (context.keepSymbolic) // the slot came meanwhile; the file object comes while the names are built
+        m_modules.prefetchSourceFile(tail.sourceFile, tail.checksum, tail.checksumType, tail.language, true);
     applyNames(info, tail);
     if (legacy) {
         // The old layouts name modules that are never real files.
@@ -141,14 +165,22 @@ void MethodBuilder::applyTail(JitMethod& method, const TraceMethodTail& tail, bo
         const bool pseudo = name.empty() || name == kDynamicCodeModule || name == kCompiledJavaCodeModule;
         info.setModule(m_modules.get(name, pseudo ? meSuccess : meNotFound, arch));
     }
+}
+
+void MethodBuilder::applySymbolic(JitMethod& method, const TraceMethodTail& tail, const BuildContext& context,
+                                  u64 codeLength) {
     if (!context.keepSymbolic)
         return;
-    info.shareSourceFile(m_modules.sourceFile(tail.sourceFile, tail.checksum, tail.checksumType, tail.language));
+    method.info()->shareSourceFile(
+        m_modules.sourceFile(tail.sourceFile, tail.checksum, tail.checksumType, tail.language));
     addLineTables(method, tail, codeLength);
 }
 
 JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int version,
                                          const std::vector<jit_rva_t>& regionJitRvas, const BuildContext& context) {
+    if (context.keepSymbolic)
+        m_modules.prefetchSourceFile(load.tail.sourceFile, load.tail.checksum, load.tail.checksumType,
+                                     load.tail.language, false);
     JitMethod::Ptr method(new JitMethod());
     const bool inlined = version >= 3 && load.inlineFlag == 1;
     method->setRawMethodId(load.methodId);
@@ -173,13 +205,20 @@ JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int versio
         codeLength += r.codeSize;
     }
     method->setStartJitRva(start);
-    applyTail(*method, load.tail, version <= 1, context, codeLength);
+    applyIdentity(*method, load.tail, version <= 1, context);
     // Versions 0 and 1 carry no hash key: their ids come from the names.
-    method->info()->setMethodId(m_ids.get(version <= 1 ? 0 : load.hashKey, method));
+    const BaseMethodId id = m_ids.get(version <= 1 ? 0 : load.hashKey, method);
+    method->info()->setMethodId(id);
+    // The registry looks the id up first thing; its table misses the cache.
+    if (context.data)
+        context.data->prefetchMethod(id);
+    applySymbolic(*method, load.tail, context, codeLength);
     return method;
 }
 
 JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const BuildContext& context) {
+    m_modules.prefetchSourceFile(load.tail.sourceFile, load.tail.checksum, load.tail.checksumType, load.tail.language,
+                                 false);
     JitMethod::Ptr method(new JitMethod());
     method->setRawMethodId(load.methodId);
     method->setRawParentId(load.parentId);
@@ -195,12 +234,16 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
                                                  load.region.startAddress, load.region.codeSize, content)));
     BuildContext full = context;
     full.keepSymbolic = true; // inline records have no old layout to skip
-    applyTail(*method, load.tail, false, full, load.region.codeSize);
+    applyIdentity(*method, load.tail, false, full);
     // Host and process of the ids come from the region, so it is added first.
     // The parent's id first: it was most likely hashed for the load just
     // read, and the inline's own id may take its place in the cache.
-    method->info()->setParentId(m_ids.get(load.parentId, method));
+    const BaseMethodId parentId = m_ids.get(load.parentId, method);
+    method->info()->setParentId(parentId);
     method->info()->setMethodId(m_ids.get(load.methodId, method));
+    if (context.data)
+        context.data->prefetchMethod(parentId); // attaching looks the parent up there first
+    applySymbolic(*method, load.tail, full, load.region.codeSize);
     return method;
 }
 

@@ -19,6 +19,8 @@
 
 QUARVEL_NAMESPACE_BEGIN
 
+class JitDataManager;
+
 // One Module object per distinct (path, status, architecture) of a reading
 // pass, instead of one per record; likewise one SourceFile per distinct
 // source file, so that methods share it from the start.
@@ -28,6 +30,12 @@ public:
     const IModule::Ptr& get(std::string_view path, quarvel_error_t status, quarvel_arch arch);
     const SourceFile::Ptr& sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
                                       unsigned language);
+    // Starts loading what sourceFile() will read for this content, which
+    // misses the cache: the table slot (file false), and later, once the
+    // slot is in, the file object it names (file true). A method asks for
+    // its file only after its regions and names are built: time enough.
+    void prefetchSourceFile(std::string_view name, std::string_view checksum, unsigned checksumType, unsigned language,
+                            bool file) const;
 
 private:
     std::map<std::tuple<std::string, quarvel_error_t, int>, IModule::Ptr> m_modules;
@@ -42,6 +50,8 @@ private:
         size_t hash = 0;
         SourceFile* file = nullptr; // kept by m_sourceFileObjects
     };
+    static size_t sourceFileHash(std::string_view name, std::string_view checksum, unsigned checksumType,
+                                 unsigned language);
     void growSourceFiles();
     std::vector<SourceFileSlot> m_sourceFileSlots; // power-of-two size, at most 3/4 full
     std::vector<SourceFile::Ptr> m_sourceFileObjects;
@@ -52,7 +62,8 @@ private:
 struct BuildContext {
     u32 hostId = 0;
     u32 pid = 0;
-    bool keepSymbolic = true; // false: names only; no source file, no line tables
+    bool keepSymbolic = true;             // false: names only; no source file, no line tables
+    const JitDataManager* data = nullptr; // where the methods go: told each id early, to fetch what it will read
 };
 
 class MethodBuilder {
@@ -67,8 +78,10 @@ public:
     JitMethod::Ptr inlineLoad(const TraceInlineLoad& load, const BuildContext& context);
 
 private:
-    void applyTail(JitMethod& method, const TraceMethodTail& tail, bool legacy, const BuildContext& context,
-                   u64 codeLength);
+    // What the method's id is made of: token, names, module.
+    void applyIdentity(JitMethod& method, const TraceMethodTail& tail, bool legacy, const BuildContext& context);
+    // Source file and line tables, when the context keeps them.
+    void applySymbolic(JitMethod& method, const TraceMethodTail& tail, const BuildContext& context, u64 codeLength);
     void applyNames(BaseMethodInfo& info, const TraceMethodTail& tail);
 
     ModuleCache& m_modules;
