@@ -24,9 +24,9 @@ struct Item {
 // bounds' span leaves room, each key is packed with its index into one u64
 // (it does for the addresses of a code heap or a few near each other), so the
 // sort moves 8 bytes rather than 16 and the key array is half the size.
-BulkVector<u32> sortedBy(const AddressHistory::Slots& slots, u64 AddressHistory::Slot::*bound) {
+LargeVector<u32> sortedBy(const AddressHistory::Slots& slots, u64 AddressHistory::Slot::*bound) {
     const size_t count = slots.size();
-    BulkVector<u32> order(count);
+    LargeVector<u32> order(count);
     u64 low = ~u64(0);
     u64 high = 0;
     for (const AddressHistory::Slot& slot : slots) {
@@ -37,7 +37,7 @@ BulkVector<u32> sortedBy(const AddressHistory::Slots& slots, u64 AddressHistory:
     while (indexBits < 32 && (u64(1) << indexBits) < count)
         ++indexBits;
     if (((high - low) >> (64 - indexBits)) == 0) {
-        BulkVector<u64> packed(count);
+        LargeVector<u64> packed(count);
         for (u32 i = 0; i < count; ++i)
             packed[i] = (slots[i].*bound - low) << indexBits | i;
         if (!std::is_sorted(packed.begin(), packed.end()))
@@ -47,7 +47,7 @@ BulkVector<u32> sortedBy(const AddressHistory::Slots& slots, u64 AddressHistory:
             order[i] = static_cast<u32>(packed[i] & mask);
         return order;
     }
-    BulkVector<std::pair<u64, u32>> keyed(count);
+    LargeVector<std::pair<u64, u32>> keyed(count);
     for (u32 i = 0; i < count; ++i)
         keyed[i] = std::make_pair(slots[i].*bound, i);
     if (!std::is_sorted(keyed.begin(), keyed.end()))
@@ -87,10 +87,10 @@ void FrozenAddressIndex::build(const Slots& slots) {
 
     // Pieces: the stretches between consecutive region bounds that some
     // region covers, found by a sweep over the starts and the ends.
-    BulkVector<u32> byStart = sortedBy(slots, &AddressHistory::Slot::start);
-    BulkVector<u32> byEnd = sortedBy(slots, &AddressHistory::Slot::end);
-    BulkVector<u32> firstPiece(count); // the transients too: a fresh 4 KiB page per 1024 regions otherwise
-    BulkVector<u32> pastPiece(count);
+    LargeVector<u32> byStart = sortedBy(slots, &AddressHistory::Slot::start);
+    LargeVector<u32> byEnd = sortedBy(slots, &AddressHistory::Slot::end);
+    LargeVector<u32> firstPiece(count); // on huge pages when large: a fresh 4 KiB page per 1024 regions otherwise
+    LargeVector<u32> pastPiece(count);
     BulkVector<u64> starts; // the query arrays on huge pages: a search misses the TLB less
     for (int pass = 0; pass < 2; ++pass) {
         // The first pass counts the pieces, so that the arrays are allocated once.
@@ -132,13 +132,13 @@ void FrozenAddressIndex::build(const Slots& slots) {
             m_pieces.resize(pieces);
         }
     }
-    BulkVector<u32>().swap(byStart);
-    BulkVector<u32>().swap(byEnd);
+    LargeVector<u32>().swap(byStart);
+    LargeVector<u32>().swap(byEnd);
     const size_t n = starts.size();
 
     // Each region to its pieces (when it spans few), or to the tree nodes
     // that cover its run of pieces.
-    BulkVector<u32> leafCount(n + 1, 0);
+    LargeVector<u32> leafCount(n + 1, 0);
     std::vector<Item> nodeItems;
     for (u32 slot = 0; slot < count; ++slot) {
         const size_t first = firstPiece[slot];
@@ -162,16 +162,16 @@ void FrozenAddressIndex::build(const Slots& slots) {
         total += leafCount[p];
         leafCount[p] = total;
     }
-    BulkVector<u32> leafSlots(total);
+    LargeVector<u32> leafSlots(total);
     for (u32 slot = count; slot-- > 0;)
         if (pastPiece[slot] - firstPiece[slot] <= kCopiedSpan)
             for (size_t p = firstPiece[slot]; p < pastPiece[slot]; ++p)
                 leafSlots[--leafCount[p]] = slot;
-    BulkVector<u32>().swap(firstPiece);
-    BulkVector<u32>().swap(pastPiece);
+    LargeVector<u32>().swap(firstPiece);
+    LargeVector<u32>().swap(pastPiece);
 
     // Module numbers per slot: consecutive methods mostly share one.
-    BulkVector<u32> moduleOf(count);
+    LargeVector<u32> moduleOf(count);
     {
         std::unordered_map<IModule*, u32> numbers;
         IModule* last = nullptr;
@@ -223,7 +223,7 @@ void FrozenAddressIndex::build(const Slots& slots) {
             m_entries.push_back(entryOf(list[k]));
         piece.top = entryOf(list.back());
     }
-    BulkVector<u32>().swap(leafSlots);
+    LargeVector<u32>().swap(leafSlots);
     m_starts.swap(starts);
     for (size_t p = 0; p < n; p += kBlock)
         m_blockStarts.push_back(m_starts[p]);

@@ -45,7 +45,7 @@ public:
 
 private:
     MethodIdTable m_methods;
-    BulkVector<u64> m_spaces; // (host id << 32 | pid) per method
+    LargeVector<u64> m_spaces; // (host id << 32 | pid) per method
 
     void internModule(JitMethod& method);
     void internSourceFile(JitMethod& method);

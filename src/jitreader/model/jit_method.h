@@ -116,7 +116,7 @@ std::ostream& operator<<(std::ostream& os, JitMethod& method);
 
 // Methods in registration order: an array with an entry per method, on huge
 // pages once it is large (a fresh 4 KiB page per 512 methods otherwise).
-typedef BulkVector<JitMethod::Ptr> JitMethodStorage;
+typedef LargeVector<JitMethod::Ptr> JitMethodStorage;
 
 QUARVEL_NAMESPACE_END
 

@@ -145,6 +145,19 @@ void free(void* block, size_t bytes) noexcept {
         ::munmap(block, roundedToHugePages(bytes));
 }
 
+void* allocateLarge(size_t bytes) {
+    return mapped(bytes) ? mapHuge(roundedToHugePages(bytes)) : ::operator new(bytes);
+}
+
+void freeLarge(void* block, size_t bytes) noexcept {
+    if (!block)
+        return;
+    if (mapped(bytes))
+        ::munmap(block, roundedToHugePages(bytes));
+    else
+        ::operator delete(block);
+}
+
 size_t chunkSize(size_t bytes) {
     return sharedChunk(bytes) ? SharedBlocks::blockSize(bytes) : usableSize(bytes);
 }

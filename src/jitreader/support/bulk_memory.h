@@ -43,6 +43,15 @@ size_t usableSize(size_t bytes);
 // bytes: as given to allocate.
 void free(void* block, size_t bytes) noexcept;
 
+// For arrays there are few of, one per manager or per build (every method
+// in order, a build's working arrays): from 2 MiB on a mapping of their own
+// on huge pages, as allocate gives; smaller ones from the general heap, which
+// reuses what was given back. The shared blocks are for arrays there is one
+// of per process, which reuse each other's blocks; a few arrays alone would
+// only touch a fresh shared huge page (2 MiB resident) on their way up.
+void* allocateLarge(size_t bytes);
+void freeLarge(void* block, size_t bytes) noexcept;
+
 // A pool's chunk of at least `bytes`, chunkSize(bytes) in all; never null.
 void* allocateChunk(size_t bytes);
 // From 64 KiB on, rounded up to a power of two; from 2 MiB on, to whole huge pages.
@@ -61,6 +70,9 @@ using BulkAllocator = HeapAllocator<T, bulk_memory::allocate, bulk_memory::free>
 
 template <class T>
 using BulkVector = std::vector<T, BulkAllocator<T>>;
+
+template <class T>
+using LargeVector = std::vector<T, HeapAllocator<T, bulk_memory::allocateLarge, bulk_memory::freeLarge>>;
 
 QUARVEL_NAMESPACE_END
 
