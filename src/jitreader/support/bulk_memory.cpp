@@ -17,8 +17,8 @@ bool mapped(size_t bytes) {
     return QUARVEL_POOLED_OBJECTS && bytes >= kHugePage;
 }
 
-// The smallest shared block: arrays from this size up to kSmallestShared,
-// and chunks from kSmallestShared up to a huge page, come from shared blocks.
+// The smallest shared block: arrays from this size, and chunks from
+// kSmallestShared, up to a huge page come from shared blocks.
 constexpr size_t kSmallestBlock = size_t(4) << 10;
 
 bool sharedChunk(size_t bytes) {
@@ -26,7 +26,7 @@ bool sharedChunk(size_t bytes) {
 }
 
 bool sharedArray(size_t bytes) {
-    return QUARVEL_POOLED_OBJECTS && bytes >= kSmallestBlock && bytes <= kSmallestShared;
+    return QUARVEL_POOLED_OBJECTS && bytes >= kSmallestBlock && bytes < kHugePage;
 }
 
 size_t roundedToHugePages(size_t bytes) {
