@@ -18,9 +18,8 @@ struct Item {
     u64 loadTime;
 };
 
-// Slot numbers in the order of one of their bounds; keys sorted with them, so
-// that the sort does not chase the slots.
-// Slot indices in the order of one bound, ties in slot order. When the
+// Slot indices in the order of one bound, ties in slot order; the keys are
+// sorted with them, so that the sort does not chase the slots. When the
 // bounds' span leaves room, each key is packed with its index into one u64
 // (it does for the addresses of a code heap or a few near each other), so the
 // sort moves 8 bytes rather than 16 and the key array is half the size.

@@ -70,15 +70,16 @@ size_t ModuleCache::sourceFileHash(std::string_view name, std::string_view check
            (size_t(checksumType) << 8) ^ (size_t(language) << 16);
 }
 
-void ModuleCache::prefetchSourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
-                                     unsigned language, bool file) const {
+void ModuleCache::prefetchSourceFileSlot(size_t hash) const {
+    if (!m_sourceFileSlots.empty())
+        __builtin_prefetch(&m_sourceFileSlots[hash & (m_sourceFileSlots.size() - 1)]);
+}
+
+void ModuleCache::prefetchSourceFileObject(size_t hash) const {
     if (m_sourceFileSlots.empty())
         return;
-    const size_t hash = sourceFileHash(name, checksum, checksumType, language);
     const SourceFileSlot& slot = m_sourceFileSlots[hash & (m_sourceFileSlots.size() - 1)];
-    if (!file) {
-        __builtin_prefetch(&slot);
-    } else if (slot.hash == hash && slot.file) {
+    if (slot.hash == hash && slot.file) {
         const char* object = reinterpret_cast<const char*>(slot.file);
         __builtin_prefetch(object);
         __builtin_prefetch(object + sizeof(SourceFile) - 1);
@@ -86,10 +87,9 @@ void ModuleCache::prefetchSourceFile(std::string_view name, std::string_view che
 }
 
 const SourceFile::Ptr& ModuleCache::sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
-                                               unsigned language) {
+                                               unsigned language, size_t hash) {
     if (m_lastSourceFile && sameSourceFile(*m_lastSourceFile, name, checksum, checksumType, language))
         return m_lastSourceFile;
-    const size_t hash = sourceFileHash(name, checksum, checksumType, language);
     if ((m_sourceFileObjects.size() + 1) * 4 > m_sourceFileSlots.size() * 3)
         growSourceFiles();
     const size_t mask = m_sourceFileSlots.size() - 1;
@@ -145,13 +145,21 @@ void MethodBuilder::applyNames(BaseMethodInfo& info, const TraceMethodTail& tail
     info.setQualifiedNames(className, qualified);
 }
 
-void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail, bool legacy,
+size_t MethodBuilder::startSourceFile(const TraceMethodTail& tail, const BuildContext& context) const {
+    if (!context.keepSymbolic)
+        return 0;
+    const size_t hash = ModuleCache::sourceFileHash(tail.sourceFile, tail.checksum, tail.checksumType, tail.language);
+    m_modules.prefetchSourceFileSlot(hash);
+    return hash;
+}
+
+void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail, bool legacy, size_t fileHash,
                                   const BuildContext& context) {
     BaseMethodInfo& info = *method.info();
     const quarvel_arch arch = static_cast<quarvel_arch>(tail.moduleArch);
     info.setMethodToken(tail.metadataToken);
     if (context.keepSymbolic) // the slot came meanwhile; the file object comes while the names are built
-        m_modules.prefetchSourceFile(tail.sourceFile, tail.checksum, tail.checksumType, tail.language, true);
+        m_modules.prefetchSourceFileObject(fileHash);
     applyNames(info, tail);
     if (legacy) {
         // The old layouts name modules that are never real files.
@@ -167,20 +175,18 @@ void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail
     }
 }
 
-void MethodBuilder::applySymbolic(JitMethod& method, const TraceMethodTail& tail, const BuildContext& context,
-                                  u64 codeLength) {
+void MethodBuilder::applySymbolic(JitMethod& method, const TraceMethodTail& tail, size_t fileHash,
+                                  const BuildContext& context, u64 codeLength) {
     if (!context.keepSymbolic)
         return;
     method.info()->shareSourceFile(
-        m_modules.sourceFile(tail.sourceFile, tail.checksum, tail.checksumType, tail.language));
+        m_modules.sourceFile(tail.sourceFile, tail.checksum, tail.checksumType, tail.language, fileHash));
     addLineTables(method, tail, codeLength);
 }
 
 JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int version,
                                          const std::vector<jit_rva_t>& regionJitRvas, const BuildContext& context) {
-    if (context.keepSymbolic)
-        m_modules.prefetchSourceFile(load.tail.sourceFile, load.tail.checksum, load.tail.checksumType,
-                                     load.tail.language, false);
+    const size_t fileHash = startSourceFile(load.tail, context);
     JitMethod::Ptr method(new JitMethod());
     const bool inlined = version >= 3 && load.inlineFlag == 1;
     method->setRawMethodId(load.methodId);
@@ -205,20 +211,21 @@ JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int versio
         codeLength += r.codeSize;
     }
     method->setStartJitRva(start);
-    applyIdentity(*method, load.tail, version <= 1, context);
+    applyIdentity(*method, load.tail, version <= 1, fileHash, context);
     // Versions 0 and 1 carry no hash key: their ids come from the names.
     const BaseMethodId id = m_ids.get(version <= 1 ? 0 : load.hashKey, method);
     method->info()->setMethodId(id);
     // The registry looks the id up first thing; its table misses the cache.
     if (context.data)
         context.data->prefetchMethod(id);
-    applySymbolic(*method, load.tail, context, codeLength);
+    applySymbolic(*method, load.tail, fileHash, context, codeLength);
     return method;
 }
 
 JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const BuildContext& context) {
-    m_modules.prefetchSourceFile(load.tail.sourceFile, load.tail.checksum, load.tail.checksumType, load.tail.language,
-                                 false);
+    BuildContext full = context;
+    full.keepSymbolic = true; // inline records have no old layout to skip
+    const size_t fileHash = startSourceFile(load.tail, full);
     JitMethod::Ptr method(new JitMethod());
     method->setRawMethodId(load.methodId);
     method->setRawParentId(load.parentId);
@@ -232,9 +239,7 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
     }
     method->addCodeRegion(Region::Ptr(new Region(context.hostId, context.pid, 0, load.loadTime, 0,
                                                  load.region.startAddress, load.region.codeSize, content)));
-    BuildContext full = context;
-    full.keepSymbolic = true; // inline records have no old layout to skip
-    applyIdentity(*method, load.tail, false, full);
+    applyIdentity(*method, load.tail, false, fileHash, full);
     // Host and process of the ids come from the region, so it is added first.
     // The parent's id first: it was most likely hashed for the load just
     // read, and the inline's own id may take its place in the cache.
@@ -243,7 +248,7 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
     method->info()->setMethodId(m_ids.get(load.methodId, method));
     if (context.data)
         context.data->prefetchMethod(parentId); // attaching looks the parent up there first
-    applySymbolic(*method, load.tail, full, load.region.codeSize);
+    applySymbolic(*method, load.tail, fileHash, full, load.region.codeSize);
     return method;
 }
 

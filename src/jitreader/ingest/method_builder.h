@@ -29,13 +29,21 @@ public:
     // Valid until the next call.
     const IModule::Ptr& get(std::string_view path, quarvel_error_t status, quarvel_arch arch);
     const SourceFile::Ptr& sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
-                                      unsigned language);
-    // Starts loading what sourceFile() will read for this content, which
-    // misses the cache: the table slot (file false), and later, once the
-    // slot is in, the file object it names (file true). A method asks for
-    // its file only after its regions and names are built: time enough.
-    void prefetchSourceFile(std::string_view name, std::string_view checksum, unsigned checksumType, unsigned language,
-                            bool file) const;
+                                      unsigned language) {
+        return sourceFile(name, checksum, checksumType, language,
+                          sourceFileHash(name, checksum, checksumType, language));
+    }
+    // hash: sourceFileHash of the same content.
+    const SourceFile::Ptr& sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
+                                      unsigned language, size_t hash);
+    static size_t sourceFileHash(std::string_view name, std::string_view checksum, unsigned checksumType,
+                                 unsigned language);
+    // Start loading what sourceFile() will read, which misses the cache: the
+    // table slot first, and once it is in, the file object it names. A
+    // method asks for its file only after its regions and names are built:
+    // time enough for both.
+    void prefetchSourceFileSlot(size_t hash) const;
+    void prefetchSourceFileObject(size_t hash) const;
 
 private:
     std::map<std::tuple<std::string, quarvel_error_t, int>, IModule::Ptr> m_modules;
@@ -50,8 +58,6 @@ private:
         size_t hash = 0;
         SourceFile* file = nullptr; // kept by m_sourceFileObjects
     };
-    static size_t sourceFileHash(std::string_view name, std::string_view checksum, unsigned checksumType,
-                                 unsigned language);
     void growSourceFiles();
     std::vector<SourceFileSlot> m_sourceFileSlots; // power-of-two size, at most 3/4 full
     std::vector<SourceFile::Ptr> m_sourceFileObjects;
@@ -78,10 +84,15 @@ public:
     JitMethod::Ptr inlineLoad(const TraceInlineLoad& load, const BuildContext& context);
 
 private:
+    // The tail's source file hash, its table slot fetched ahead; 0 when the
+    // context keeps no source file.
+    size_t startSourceFile(const TraceMethodTail& tail, const BuildContext& context) const;
     // What the method's id is made of: token, names, module.
-    void applyIdentity(JitMethod& method, const TraceMethodTail& tail, bool legacy, const BuildContext& context);
+    void applyIdentity(JitMethod& method, const TraceMethodTail& tail, bool legacy, size_t fileHash,
+                       const BuildContext& context);
     // Source file and line tables, when the context keeps them.
-    void applySymbolic(JitMethod& method, const TraceMethodTail& tail, const BuildContext& context, u64 codeLength);
+    void applySymbolic(JitMethod& method, const TraceMethodTail& tail, size_t fileHash, const BuildContext& context,
+                       u64 codeLength);
     void applyNames(BaseMethodInfo& info, const TraceMethodTail& tail);
 
     ModuleCache& m_modules;

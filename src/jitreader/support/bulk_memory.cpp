@@ -126,25 +126,6 @@ size_t usableSize(size_t bytes) {
     return mapped(bytes) ? roundedToHugePages(bytes) : bytes;
 }
 
-void* allocate(size_t bytes) {
-    if (sharedArray(bytes))
-        return sharedBlocks().take(SharedBlocks::sizeClass(bytes));
-    if (!mapped(bytes))
-        return ::operator new(bytes);
-    return mapHuge(roundedToHugePages(bytes));
-}
-
-void free(void* block, size_t bytes) noexcept {
-    if (!block)
-        return;
-    if (sharedArray(bytes))
-        sharedBlocks().give(block, SharedBlocks::sizeClass(bytes));
-    else if (!mapped(bytes))
-        ::operator delete(block);
-    else
-        ::munmap(block, roundedToHugePages(bytes));
-}
-
 void* allocateLarge(size_t bytes) {
     return mapped(bytes) ? mapHuge(roundedToHugePages(bytes)) : ::operator new(bytes);
 }
@@ -156,6 +137,18 @@ void freeLarge(void* block, size_t bytes) noexcept {
         ::munmap(block, roundedToHugePages(bytes));
     else
         ::operator delete(block);
+}
+
+// What allocateLarge does, with the shared blocks in between.
+void* allocate(size_t bytes) {
+    return sharedArray(bytes) ? sharedBlocks().take(SharedBlocks::sizeClass(bytes)) : allocateLarge(bytes);
+}
+
+void free(void* block, size_t bytes) noexcept {
+    if (block && sharedArray(bytes))
+        sharedBlocks().give(block, SharedBlocks::sizeClass(bytes));
+    else
+        freeLarge(block, bytes);
 }
 
 size_t chunkSize(size_t bytes) {
