@@ -86,6 +86,16 @@ void ModuleCache::prefetchSourceFileObject(size_t hash) const {
     }
 }
 
+void ModuleCache::prefetchSourceFileText(size_t hash) const {
+    if (m_sourceFileSlots.empty())
+        return;
+    const SourceFileSlot& slot = m_sourceFileSlots[hash & (m_sourceFileSlots.size() - 1)];
+    if (slot.hash == hash && slot.file) {
+        __builtin_prefetch(slot.file->name().data());
+        __builtin_prefetch(slot.file->getChecksum());
+    }
+}
+
 const SourceFile::Ptr& ModuleCache::sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
                                                unsigned language, size_t hash) {
     if (m_lastSourceFile && sameSourceFile(*m_lastSourceFile, name, checksum, checksumType, language))
@@ -173,6 +183,8 @@ void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail
         const bool pseudo = name.empty() || name == kDynamicCodeModule || name == kCompiledJavaCodeModule;
         info.setModule(m_modules.get(name, pseudo ? meSuccess : meNotFound, arch));
     }
+    if (context.keepSymbolic)
+        m_modules.prefetchSourceFileText(fileHash);
 }
 
 void MethodBuilder::applySymbolic(JitMethod& method, const TraceMethodTail& tail, size_t fileHash,

@@ -39,11 +39,13 @@ public:
     static size_t sourceFileHash(std::string_view name, std::string_view checksum, unsigned checksumType,
                                  unsigned language);
     // Start loading what sourceFile() will read, which misses the cache: the
-    // table slot first, and once it is in, the file object it names. A
-    // method asks for its file only after its regions and names are built:
-    // time enough for both.
+    // table slot first; once it is in, the file object it names; once that
+    // is in, the name and checksum the comparison reads. A method asks for
+    // its file only after its regions, names and id are built: time enough
+    // for all three.
     void prefetchSourceFileSlot(size_t hash) const;
     void prefetchSourceFileObject(size_t hash) const;
+    void prefetchSourceFileText(size_t hash) const;
 
 private:
     std::map<std::tuple<std::string, quarvel_error_t, int>, IModule::Ptr> m_modules;
