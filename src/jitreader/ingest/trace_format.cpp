@@ -6,8 +6,9 @@
 #include "format/pid_file_name.h"
 #include "format/record_types.h"
 
-#include <fstream>
+#include <cerrno>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -45,13 +46,22 @@ std::optional<TraceFormat> detectTraceFormat(const uint8_t* head, size_t headSiz
     return std::nullopt;
 }
 
+// A pread of the head alone: a file stream would set up its buffer and read
+// a page of it, once per file, and a directory may hold a thousand traces.
 std::optional<TraceFormat> detectTraceFormat(const std::string& path, uint64_t fileSize) {
-    uint8_t head[kTraceFormatSniffBytes] = {};
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
+    // Non-blocking: a fifo put in the file's place since it was listed must not hang the open.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0)
         return std::nullopt;
-    in.read(reinterpret_cast<char*>(head), sizeof head);
-    return detectTraceFormat(head, static_cast<size_t>(in.gcount()), fileSize);
+    uint8_t head[kTraceFormatSniffBytes] = {};
+    ssize_t got;
+    do
+        got = ::pread(fd, head, sizeof head, 0);
+    while (got < 0 && errno == EINTR);
+    ::close(fd);
+    if (got < 0)
+        return std::nullopt;
+    return detectTraceFormat(head, static_cast<size_t>(got), fileSize);
 }
 
 namespace {
