@@ -274,14 +274,17 @@ struct ShapeRun {
     bool ok = false;
 };
 
+int shapeRounds() {
+    return g_options.once ? 1 : 9;
+}
+
 const ShapeRun& shapeRun(ShapeKind kind, size_t n) {
     static std::map<std::pair<int, size_t>, ShapeRun> runs;
     const auto key = std::make_pair(static_cast<int>(kind), n);
     if (runs.count(key) == 0) {
-        const int rounds = g_options.once ? 1 : 5;
         for (size_t size : shapeSizes(kind))
             runs[std::make_pair(static_cast<int>(kind), size)].ok = true;
-        for (int round = 0; round < rounds; ++round)
+        for (int round = 0; round < shapeRounds(); ++round)
             for (size_t size : shapeSizes(kind)) {
                 const ShapeTrace& trace = shapeTrace(kind, size);
                 const IngestResult r = runInChild([&] { return readShapeOnce(trace); });
@@ -715,7 +718,7 @@ private:
         os << "\nTimes, per-core rates and MB/s are per CPU second of the measured thread(s); throughput is per "
               "wall-clock second. Peak memory: resident high-water mark of a fresh child process, less what it "
               "started with. A shape's sizes are read in turn, "
-           << (g_options.once ? 1 : 5) << " round(s), and each keeps its best time.\n";
+           << shapeRounds() << " round(s), and each keeps its best time.\n";
         if (g_fixture)
             os << "Resolution trace: " << g_fixture->corpus.regions.size() << " regions of "
                << g_fixture->corpus.methodLoads << " method loads, " << g_fixture->corpus.fileBytes / 1000000 << " MB; "
