@@ -57,9 +57,19 @@ def read_inline_paths(path):
     compiler parsed into it, from the method itself down, over all its compiles."""
     paths = defaultdict(set)
     task = False
+    fragment = False
     klass, method, stack = {}, {}, []
     for line in open(path, errors="replace"):
-        if line.startswith("<task "):
+        # What a compiler thread had not finished when the JVM exited comes
+        # as a <fragment> of raw text, cut anywhere (even inside an
+        # attribute): not a compile to check against.
+        if line.startswith("<fragment>"):
+            fragment, task = True, False
+        elif line.startswith("</fragment>"):
+            fragment = False
+        elif fragment:
+            continue
+        elif line.startswith("<task "):
             task, klass, method, stack = True, {}, {}, []
         elif line.startswith("</task>"):
             task = False
