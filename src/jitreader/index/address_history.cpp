@@ -260,7 +260,7 @@ AddressLookup AddressHistory::hitAt(u32 slot) const {
     AddressLookup hit;
     hit.region = s.region;
     hit.method = s.method;
-    hit.module = s.method->getModule().get();
+    hit.module = s.method->module().get();
     hit.slot = slot;
     hit.rangeStart = s.start;
     hit.rangeEnd = s.end;

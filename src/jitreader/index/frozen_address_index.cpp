@@ -20,6 +20,16 @@ struct Item {
     u64 loadTime;
 };
 
+// Sorts keys that each carry a slot index (they are unique, so the order is
+// total) and writes the indices in that order.
+template <class Key, class IndexOf>
+void orderOf(LargeVector<Key>& keys, IndexOf indexOf, LargeVector<u32>& order) {
+    if (!std::is_sorted(keys.begin(), keys.end()))
+        boost::sort::pdqsort(keys.begin(), keys.end());
+    for (size_t i = 0; i < keys.size(); ++i)
+        order[i] = indexOf(keys[i]);
+}
+
 // Slot indices in the order of one bound, ties in slot order; the keys are
 // sorted with them, so that the sort does not chase the slots. When the
 // bounds' span leaves room, each key is packed with its index into one u64
@@ -43,20 +53,14 @@ LargeVector<u32> sortedBy(const AddressHistory::Slots& slots, u64 AddressHistory
         LargeVector<u64> packed(count);
         for (u32 i = 0; i < count; ++i)
             packed[i] = (slots[i].*bound - low) << indexBits | i;
-        if (!std::is_sorted(packed.begin(), packed.end()))
-            boost::sort::pdqsort(packed.begin(), packed.end());
         const u64 mask = (u64(1) << indexBits) - 1;
-        for (size_t i = 0; i < count; ++i)
-            order[i] = static_cast<u32>(packed[i] & mask);
+        orderOf(packed, [mask](u64 key) { return static_cast<u32>(key & mask); }, order);
         return order;
     }
     LargeVector<std::pair<u64, u32>> keyed(count);
     for (u32 i = 0; i < count; ++i)
         keyed[i] = std::make_pair(slots[i].*bound, i);
-    if (!std::is_sorted(keyed.begin(), keyed.end()))
-        boost::sort::pdqsort(keyed.begin(), keyed.end());
-    for (size_t i = 0; i < count; ++i)
-        order[i] = keyed[i].second;
+    orderOf(keyed, [](const std::pair<u64, u32>& key) { return key.second; }, order);
     return order;
 }
 
@@ -180,7 +184,7 @@ void FrozenAddressIndex::build(const Slots& slots) {
         IModule* last = nullptr;
         u32 lastNumber = 0;
         for (u32 slot = 0; slot < count; ++slot) {
-            IModule* module = slots[slot].method->getModule().get();
+            IModule* module = slots[slot].method->module().get();
             if (module != last || m_modules.empty()) {
                 auto inserted = numbers.emplace(module, static_cast<u32>(m_modules.size()));
                 if (inserted.second)

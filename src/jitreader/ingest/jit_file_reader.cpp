@@ -183,7 +183,8 @@ void FilePass::methodLoad(const Record& record, const RecordTypeInfo& info) {
         return refusedByDataManager(record, std::move(status));
     // Only these may be renamed at the end; holding every method would cost
     // a reference count each, and releasing them a cache miss each.
-    if (method->getModule() && method->getModule()->getArchitecture() == quarvel_arch_varda64)
+    const IModule::Ptr& module = method->module();
+    if (module && module->getArchitecture() == quarvel_arch_varda64)
         m_methods.push_back(method);
 }
 

@@ -75,24 +75,25 @@ void ModuleCache::prefetchSourceFileSlot(size_t hash) const {
         __builtin_prefetch(&m_sourceFileSlots[hash & (m_sourceFileSlots.size() - 1)]);
 }
 
-void ModuleCache::prefetchSourceFileObject(size_t hash) const {
+const SourceFile* ModuleCache::fileAtHome(size_t hash) const {
     if (m_sourceFileSlots.empty())
-        return;
+        return nullptr;
     const SourceFileSlot& slot = m_sourceFileSlots[hash & (m_sourceFileSlots.size() - 1)];
-    if (slot.hash == hash && slot.file) {
-        const char* object = reinterpret_cast<const char*>(slot.file);
+    return slot.hash == hash ? slot.file : nullptr;
+}
+
+void ModuleCache::prefetchSourceFileObject(size_t hash) const {
+    if (const SourceFile* file = fileAtHome(hash)) {
+        const char* object = reinterpret_cast<const char*>(file);
         __builtin_prefetch(object);
         __builtin_prefetch(object + sizeof(SourceFile) - 1);
     }
 }
 
 void ModuleCache::prefetchSourceFileText(size_t hash) const {
-    if (m_sourceFileSlots.empty())
-        return;
-    const SourceFileSlot& slot = m_sourceFileSlots[hash & (m_sourceFileSlots.size() - 1)];
-    if (slot.hash == hash && slot.file) {
-        __builtin_prefetch(slot.file->name().data());
-        __builtin_prefetch(slot.file->getChecksum());
+    if (const SourceFile* file = fileAtHome(hash)) {
+        __builtin_prefetch(file->name().data());
+        __builtin_prefetch(file->getChecksum());
     }
 }
 

@@ -60,6 +60,9 @@ private:
         size_t hash = 0;
         SourceFile* file = nullptr; // kept by m_sourceFileObjects
     };
+    // The file in hash's home slot when it has that hash (most often the
+    // file sourceFile() will find), else null.
+    const SourceFile* fileAtHome(size_t hash) const;
     void growSourceFiles();
     std::vector<SourceFileSlot> m_sourceFileSlots; // power-of-two size, at most 3/4 full
     std::vector<SourceFile::Ptr> m_sourceFileObjects;

@@ -58,6 +58,8 @@ public:
     const BaseMethodInfo::Ptr& info() const { return m_info; }
     const BaseMethodId& getMethodId() const { return m_info->getMethodId(); }
     const BaseMethodId& getParentId() const { return m_info->getParentId(); }
+    // getModule() without the reference count a returned pointer costs.
+    const IModule::Ptr& module() const { return m_info->module(); }
 
     u32 getRawMethodId() const { return m_rawMethodId; }
     u32 getRawParentId() const { return m_rawParentId; }
