@@ -40,9 +40,17 @@ void TopMap::freeChunk(Chunk* chunk) noexcept {
 TopMap::Position TopMap::firstEndingAfterPosition(u64 address) const {
     if (m_chunks.empty())
         return Position{0, 0};
-    size_t c = static_cast<size_t>(std::upper_bound(m_firstStarts.begin(), m_firstStarts.end(), address) -
-                                   m_firstStarts.begin());
-    c = c ? c - 1 : 0;
+    size_t c = m_chunks.size();
+    for (const u32 hint : m_recent)
+        if (holds(hint, address)) {
+            c = hint;
+            break;
+        }
+    if (c == m_chunks.size()) {
+        c = static_cast<size_t>(std::upper_bound(m_firstStarts.begin(), m_firstStarts.end(), address) -
+                                m_firstStarts.begin());
+        c = c ? c - 1 : 0;
+    }
     const Chunk& chunk = *m_chunks[c];
     const Interval* const items = chunk.items;
     size_t i = static_cast<size_t>(
@@ -74,17 +82,67 @@ bool TopMap::firstEndingAfter(u64 address, Interval& out) const {
     return true;
 }
 
+bool TopMap::holds(size_t chunk, u64 address) const {
+    return chunk < m_firstStarts.size() && m_firstStarts[chunk] <= address &&
+           (chunk + 1 == m_firstStarts.size() || address < m_firstStarts[chunk + 1]);
+}
+
+void TopMap::remember(size_t chunk) {
+    const u32 c = static_cast<u32>(chunk);
+    if (m_recent[m_nextRecent] == c || m_recent[(m_nextRecent + kRecent - 1) % kRecent] == c)
+        return;
+    m_recent[m_nextRecent] = c;
+    m_nextRecent = (m_nextRecent + 1) % kRecent;
+}
+
+void TopMap::insertChunk(size_t at, const Interval& interval) {
+    Chunk* const chunk = newChunk();
+    chunk->items[chunk->size++] = interval;
+    m_chunks.insert(m_chunks.begin() + static_cast<std::ptrdiff_t>(at), chunk);
+    m_firstStarts.insert(m_firstStarts.begin() + static_cast<std::ptrdiff_t>(at), interval.start);
+}
+
+size_t TopMap::splitPoint(const Chunk& chunk, size_t inserted) {
+    // Where the new interval meets a gap (the end of one code heap before the
+    // next, say), the split goes through the gap, so that the side that keeps
+    // growing there gets the room. Each side keeps a quarter or more.
+    const size_t least = kChunk / 4;
+    if (inserted >= least && inserted + 1 + least <= chunk.size) {
+        const Interval& self = chunk.items[inserted];
+        const u64 below = self.start - chunk.items[inserted - 1].end;
+        const u64 above = chunk.items[inserted + 1].start - self.end;
+        const u64 wide = std::max<u64>(4096, 4 * std::min(below, above));
+        if (below >= wide)
+            return inserted;
+        if (above >= wide)
+            return inserted + 1;
+    }
+    return kChunk / 2;
+}
+
 void TopMap::insertAt(Position at, const Interval& interval) {
     ++m_size;
-    if (m_chunks.empty()) {
-        Chunk* const first = newChunk();
-        first->items[first->size++] = interval;
-        m_chunks.push_back(first);
-        m_firstStarts.push_back(interval.start);
-        return;
+    if (at.index == 0) {
+        // Between two chunks: at the end of the lower one or the front of the
+        // upper one, whichever holds the nearer neighbour. A code heap filling
+        // upwards appends to one chunk and moves nothing; when that chunk is
+        // full, the new interval starts a chunk of its own, so that the full
+        // one stays full rather than splitting in two half-empty ones.
+        const size_t chunks = m_chunks.size();
+        bool lower = at.chunk > 0;
+        if (lower && at.chunk < chunks) {
+            const Interval& below = m_chunks[at.chunk - 1]->items[m_chunks[at.chunk - 1]->size - 1];
+            const Interval& above = m_chunks[at.chunk]->items[0];
+            lower = interval.start - below.end <= above.start - interval.end;
+        }
+        const size_t near = lower ? at.chunk - 1 : at.chunk;
+        if (near == chunks || m_chunks[near]->size >= kChunk) {
+            insertChunk(at.chunk, interval);
+            remember(at.chunk);
+            return;
+        }
+        at = Position{near, lower ? m_chunks[near]->size : 0};
     }
-    if (at.chunk == m_chunks.size())
-        at = Position{m_chunks.size() - 1, m_chunks.back()->size};
     Chunk& chunk = *m_chunks[at.chunk];
     std::copy_backward(chunk.items + at.index, chunk.items + chunk.size, chunk.items + chunk.size + 1);
     chunk.items[at.index] = interval;
@@ -93,13 +151,16 @@ void TopMap::insertAt(Position at, const Interval& interval) {
         m_firstStarts[at.chunk] = interval.start;
     if (chunk.size > kChunk) {
         Chunk* const upper = newChunk();
-        const size_t kept = kChunk / 2;
+        const size_t kept = splitPoint(chunk, at.index);
         std::copy(chunk.items + kept, chunk.items + chunk.size, upper->items);
         upper->size = static_cast<u32>(chunk.size - kept);
         chunk.size = static_cast<u32>(kept);
         m_chunks.insert(m_chunks.begin() + static_cast<std::ptrdiff_t>(at.chunk + 1), upper);
         m_firstStarts.insert(m_firstStarts.begin() + static_cast<std::ptrdiff_t>(at.chunk + 1), upper->items[0].start);
+        if (at.index >= kept)
+            ++at.chunk;
     }
+    remember(at.chunk);
 }
 
 void TopMap::eraseAt(Position at) {
