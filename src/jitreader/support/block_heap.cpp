@@ -3,8 +3,9 @@
 #include "support/bulk_memory.h"
 #include "support/object_pool.h"
 
+#include <oneapi/tbb/spin_mutex.h>
+
 #include <algorithm>
-#include <mutex>
 #include <new>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -32,7 +33,7 @@ size_t sizeClass(size_t bytes) {
 class Heap {
 public:
     void* take(size_t c) {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        tbb::spin_mutex::scoped_lock lock(m_mutex);
         if (FreeBlock* block = m_free[c]) {
             m_free[c] = block->next;
             return block;
@@ -46,7 +47,7 @@ public:
     }
 
     void give(void* block, size_t c) noexcept {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        tbb::spin_mutex::scoped_lock lock(m_mutex);
         FreeBlock* const freed = static_cast<FreeBlock*>(block);
         freed->next = m_free[c];
         m_free[c] = freed;
@@ -64,7 +65,7 @@ private:
         m_chunkBytes = std::min(m_chunkBytes * 2, ObjectPool::kChunkBytes);
     }
 
-    std::mutex m_mutex;
+    tbb::spin_mutex m_mutex; // see ObjectPool
     FreeBlock* m_free[kClasses] = {};
     char* m_next = nullptr;
     char* m_end = nullptr;

@@ -25,7 +25,7 @@ ObjectPool::~ObjectPool() {
 }
 
 void* ObjectPool::allocate() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    tbb::spin_mutex::scoped_lock lock(m_mutex);
     if (m_free) {
         FreeBlock* block = m_free;
         m_free = block->next;
@@ -37,7 +37,7 @@ void* ObjectPool::allocate() {
 void ObjectPool::deallocate(void* block) noexcept {
     if (!block)
         return;
-    std::lock_guard<std::mutex> lock(m_mutex);
+    tbb::spin_mutex::scoped_lock lock(m_mutex);
     FreeBlock* freed = static_cast<FreeBlock*>(block);
     freed->next = m_free;
     m_free = freed;

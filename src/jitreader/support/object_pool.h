@@ -5,8 +5,9 @@
 
 #include <quarvel/namespace.h>
 
+#include <oneapi/tbb/spin_mutex.h>
+
 #include <cstddef>
-#include <mutex>
 #include <new>
 #include <vector>
 
@@ -54,7 +55,11 @@ private:
     void* carve(); // under m_mutex
 
     const size_t m_blockSize;
-    std::mutex m_mutex;
+    // Held for a free-list pop or push: a spin lock takes one atomic
+    // exchange and gives it back with a plain store, where a mutex paid a
+    // call and an atomic operation each way (6% of a read's time for the
+    // pools and the block heap together). A waiter backs off to yielding.
+    tbb::spin_mutex m_mutex;
     FreeBlock* m_free = nullptr;
     char* m_next = nullptr; // the rest of the current chunk
     char* m_end = nullptr;
