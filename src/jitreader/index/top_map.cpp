@@ -53,9 +53,13 @@ TopMap::Position TopMap::firstEndingAfterPosition(u64 address) const {
     }
     const Chunk& chunk = *m_chunks[c];
     const Interval* const items = chunk.items;
-    size_t i = static_cast<size_t>(
-        std::upper_bound(items, items + chunk.size, address, [](u64 a, const Interval& e) { return a < e.start; }) -
-        items);
+    // A load at a code heap's growing end lands at or past the chunk's last
+    // interval, the line the previous append wrote: no search.
+    size_t i = address >= items[chunk.size - 1].start
+                   ? chunk.size
+                   : static_cast<size_t>(std::upper_bound(items, items + chunk.size - 1, address,
+                                                          [](u64 a, const Interval& e) { return a < e.start; }) -
+                                         items);
     if (i > 0 && items[i - 1].end > address)
         --i;
     if (i == chunk.size)
