@@ -26,8 +26,20 @@ protected:
     BaseObject& operator=(const BaseObject&) noexcept { return *this; }
 
 private:
+    template <class T>
+    friend boost::intrusive_ptr<T> adoptNew(T* fresh) noexcept;
+
     mutable std::atomic<unsigned> m_refCount;
 };
+
+// The first reference to an object just made with new, taken with a plain
+// store: nothing else can see the object yet. An atomic increment there
+// would wait for the stores that built the object to reach the cache.
+template <class T>
+boost::intrusive_ptr<T> adoptNew(T* fresh) noexcept {
+    static_cast<const BaseObject*>(fresh)->m_refCount.store(1, std::memory_order_relaxed);
+    return boost::intrusive_ptr<T>(fresh, false);
+}
 
 inline void intrusive_ptr_add_ref(const BaseObject* object) {
     object->addRef();

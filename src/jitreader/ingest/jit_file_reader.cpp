@@ -290,7 +290,7 @@ void FilePass::updateV2(const Record& record) {
             return refuseBody(record, Reason::badInput("the update does not fit the region's code bytes"));
         }
     }
-    JitMethod::Ptr method(new JitMethod());
+    JitMethod::Ptr method = adoptNew(new JitMethod());
     method->setRawMethodId(update.methodId);
     method->setLoadTime(update.loadTime);
     method->setStartJitRva(patched->startJitRva());

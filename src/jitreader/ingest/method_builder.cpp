@@ -46,7 +46,7 @@ const IModule::Ptr& ModuleCache::get(std::string_view path, quarvel_error_t stat
         return m_lastModule;
     IModule::Ptr& slot = m_modules[std::make_tuple(std::string(path), status, static_cast<int>(arch))];
     if (!slot)
-        slot = IModule::Ptr(new Module(std::string(path), status, arch));
+        slot = adoptNew(new Module(std::string(path), status, arch));
     m_lastModule = slot;
     m_lastPath.assign(path.data(), path.size());
     m_lastStatus = status;
@@ -113,7 +113,7 @@ const SourceFile::Ptr& ModuleCache::sourceFile(std::string_view name, std::strin
         }
     }
     m_lastSourceFile =
-        SourceFile::Ptr(new SourceFile(std::string(name), std::string(checksum), checksumType, language));
+        adoptNew(new SourceFile(std::string(name), std::string(checksum), checksumType, language));
     m_sourceFileObjects.push_back(m_lastSourceFile);
     m_sourceFileSlots[i] = SourceFileSlot{hash, m_lastSourceFile.get()};
     return m_lastSourceFile;
@@ -171,7 +171,8 @@ void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail
     info.setMethodToken(tail.metadataToken);
     if (context.keepSymbolic) // the slot came meanwhile; the file object comes while the names are built
         m_modules.prefetchSourceFileObject(fileHash);
-    applyNames(info, tail);
+    // The module first: taking its reference is an atomic operation, which
+    // would wait for the stores that write the names to fresh memory.
     if (legacy) {
         // The old layouts name modules that are never real files.
         info.setModule(m_modules.get(tail.moduleName, meNotFound, arch));
@@ -184,6 +185,7 @@ void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail
         const bool pseudo = name.empty() || name == kDynamicCodeModule || name == kCompiledJavaCodeModule;
         info.setModule(m_modules.get(name, pseudo ? meSuccess : meNotFound, arch));
     }
+    applyNames(info, tail);
     if (context.keepSymbolic)
         m_modules.prefetchSourceFileText(fileHash);
 }
@@ -200,7 +202,7 @@ void MethodBuilder::applySymbolic(JitMethod& method, const TraceMethodTail& tail
 JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int version,
                                          const std::vector<jit_rva_t>& regionJitRvas, const BuildContext& context) {
     const size_t fileHash = startSourceFile(load.tail, context);
-    JitMethod::Ptr method(new JitMethod());
+    JitMethod::Ptr method = adoptNew(new JitMethod());
     const bool inlined = version >= 3 && load.inlineFlag == 1;
     method->setRawMethodId(load.methodId);
     method->setLoadTime(load.loadTime);
@@ -219,8 +221,8 @@ JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int versio
         const jit_rva_t jitRva = inlined || i >= regionJitRvas.size() ? 0 : regionJitRvas[i];
         if (!start)
             start = jitRva;
-        method->addCodeRegion(Region::Ptr(
-            new Region(context.hostId, context.pid, jitRva, load.loadTime, 0, r.startAddress, r.codeSize, content)));
+        method->addCodeRegion(
+            adoptNew(new Region(context.hostId, context.pid, jitRva, load.loadTime, 0, r.startAddress, r.codeSize, content)));
         codeLength += r.codeSize;
     }
     method->setStartJitRva(start);
@@ -239,7 +241,7 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
     BuildContext full = context;
     full.keepSymbolic = true; // inline records have no old layout to skip
     const size_t fileHash = startSourceFile(load.tail, full);
-    JitMethod::Ptr method(new JitMethod());
+    JitMethod::Ptr method = adoptNew(new JitMethod());
     method->setRawMethodId(load.methodId);
     method->setRawParentId(load.parentId);
     method->setLoadTime(load.loadTime);
@@ -250,7 +252,7 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
         content = IByteBuffer::create();
         content->assign(load.region.bytes.data(), static_cast<unsigned>(load.region.bytes.size()));
     }
-    method->addCodeRegion(Region::Ptr(new Region(context.hostId, context.pid, 0, load.loadTime, 0,
+    method->addCodeRegion(adoptNew(new Region(context.hostId, context.pid, 0, load.loadTime, 0,
                                                  load.region.startAddress, load.region.codeSize, content)));
     applyIdentity(*method, load.tail, false, fileHash, full);
     // Host and process of the ids come from the region, so it is added first.

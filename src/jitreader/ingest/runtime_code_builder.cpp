@@ -82,7 +82,7 @@ bool RuntimeCodeBuilder::takeJitRvas(u64 size, jit_rva_t& jitRva, Reason& why) {
 JitMethod::Ptr RuntimeCodeBuilder::build(const RuntimeCode& code, jit_rva_t jitRva) {
     const u32 size = static_cast<u32>(code.size);
     const u64 rawId = m_nextRawId++;
-    JitMethod::Ptr method(new JitMethod());
+    JitMethod::Ptr method = adoptNew(new JitMethod());
     // Past 2^32 - 1 loads (no real file holds that many) the shown id wraps; the identity does not.
     method->setRawMethodId(static_cast<u32>(rawId) ? static_cast<u32>(rawId) : 1);
     method->setLoadTime(code.loadTime);
@@ -90,7 +90,7 @@ JitMethod::Ptr RuntimeCodeBuilder::build(const RuntimeCode& code, jit_rva_t jitR
     const bool keepBytes = code.bytes && m_file.keepCodeBytes();
     const IByteBuffer::Ptr content = keepBytes ? contentOf(code, size) : IByteBuffer::Ptr();
     method->addCodeRegion(
-        Region::Ptr(new Region(m_file.hostId, m_file.pid, jitRva, code.loadTime, 0, code.address, size, content)));
+        adoptNew(new Region(m_file.hostId, m_file.pid, jitRva, code.loadTime, 0, code.address, size, content)));
     BaseMethodInfo& info = *method->info();
     if (!code.className.empty()) {
         info.setClassName(std::string(code.className));
@@ -114,7 +114,7 @@ JitMethod::Ptr RuntimeCodeBuilder::build(const RuntimeCode& code, jit_rva_t jitR
 
 JitMethod::Ptr RuntimeCodeBuilder::moved(const JitMethod& owner, const Region& region, u64 newAddress, u64 time,
                                          jit_rva_t jitRva) const {
-    JitMethod::Ptr method(new JitMethod());
+    JitMethod::Ptr method = adoptNew(new JitMethod());
     method->setRawMethodId(owner.getRawMethodId());
     method->setLoadTime(time);
     method->setStartJitRva(jitRva);

@@ -25,12 +25,12 @@ const Region* findRegionOf(const RegionList& regions, u64 jitRva) {
 
 } // namespace
 
-JitMethod::JitMethod() : m_info(new BaseMethodInfo()) {}
+JitMethod::JitMethod() : m_info(adoptNew(new BaseMethodInfo())) {}
 
 JitMethod::~JitMethod() = default;
 
 JitMethod::Ptr JitMethod::clone() const {
-    Ptr copy(new JitMethod());
+    Ptr copy = adoptNew(new JitMethod());
     copy->m_info = m_info;
     copy->m_startJitRva = m_startJitRva;
     copy->m_rawMethodId = m_rawMethodId;

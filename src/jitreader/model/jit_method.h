@@ -70,6 +70,7 @@ public:
 
     // Regions.
     void addCodeRegion(const Region::Ptr& region) { m_regions.push_back(region); }
+    void addCodeRegion(Region::Ptr&& region) { m_regions.push_back(std::move(region)); }
     // Room for the regions about to be added: one allocation instead of one per doubling.
     void reserveRegions(size_t count) { m_regions.reserve(count); }
     size_t regionCount() const { return m_regions.size(); }

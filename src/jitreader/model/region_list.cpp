@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 QUARVEL_NAMESPACE_BEGIN
 
@@ -54,6 +55,14 @@ void RegionList::push_back(const Region::Ptr& region) {
     } else {
         new (items(m_block) + count) Region::Ptr(region);
     }
+    ++m_block->size;
+}
+
+void RegionList::push_back(Region::Ptr&& region) {
+    const size_t count = size();
+    if (!m_block || count == m_block->capacity)
+        regrow(count == 0 ? 1 : 2 * count); // an rvalue is not one of ours: ours are handed out const
+    new (items(m_block) + count) Region::Ptr(std::move(region));
     ++m_block->size;
 }
 

@@ -35,6 +35,8 @@ public:
     const Region::Ptr& at(size_t i) const;
 
     void push_back(const Region::Ptr& region);
+    // Takes the reference over: no count changes.
+    void push_back(Region::Ptr&& region);
     // Room for count regions in all, so that adding them takes no new block.
     void reserve(size_t count);
 
