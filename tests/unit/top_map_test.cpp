@@ -75,10 +75,10 @@ std::vector<Assign> makeAssigns(Pattern pattern, size_t count, std::mt19937& rng
     for (size_t i = 0; i < actual.size(); ++i)
         if (actual[i].start != expected[i].start || actual[i].end != expected[i].end ||
             actual[i].slot != expected[i].slot)
-            return ::testing::AssertionFailure() << "interval " << i << ": expected [" << expected[i].start << ", "
-                                                 << expected[i].end << ") slot " << expected[i].slot << ", got ["
-                                                 << actual[i].start << ", " << actual[i].end << ") slot "
-                                                 << actual[i].slot;
+            return ::testing::AssertionFailure()
+                   << "interval " << i << ": expected [" << expected[i].start << ", " << expected[i].end << ") slot "
+                   << expected[i].slot << ", got [" << actual[i].start << ", " << actual[i].end << ") slot "
+                   << actual[i].slot;
     return ::testing::AssertionSuccess();
 }
 

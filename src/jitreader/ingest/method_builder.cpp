@@ -112,8 +112,7 @@ const SourceFile::Ptr& ModuleCache::sourceFile(std::string_view name, std::strin
             return m_lastSourceFile;
         }
     }
-    m_lastSourceFile =
-        adoptNew(new SourceFile(std::string(name), std::string(checksum), checksumType, language));
+    m_lastSourceFile = adoptNew(new SourceFile(std::string(name), std::string(checksum), checksumType, language));
     m_sourceFileObjects.push_back(m_lastSourceFile);
     m_sourceFileSlots[i] = SourceFileSlot{hash, m_lastSourceFile.get()};
     return m_lastSourceFile;
@@ -221,8 +220,8 @@ JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int versio
         const jit_rva_t jitRva = inlined || i >= regionJitRvas.size() ? 0 : regionJitRvas[i];
         if (!start)
             start = jitRva;
-        method->addCodeRegion(
-            adoptNew(new Region(context.hostId, context.pid, jitRva, load.loadTime, 0, r.startAddress, r.codeSize, content)));
+        method->addCodeRegion(adoptNew(
+            new Region(context.hostId, context.pid, jitRva, load.loadTime, 0, r.startAddress, r.codeSize, content)));
         codeLength += r.codeSize;
     }
     method->setStartJitRva(start);
@@ -253,7 +252,7 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
         content->assign(load.region.bytes.data(), static_cast<unsigned>(load.region.bytes.size()));
     }
     method->addCodeRegion(adoptNew(new Region(context.hostId, context.pid, 0, load.loadTime, 0,
-                                                 load.region.startAddress, load.region.codeSize, content)));
+                                              load.region.startAddress, load.region.codeSize, content)));
     applyIdentity(*method, load.tail, false, fileHash, full);
     // Host and process of the ids come from the region, so it is added first.
     // The parent's id first: it was most likely hashed for the load just
