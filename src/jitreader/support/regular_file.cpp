@@ -23,7 +23,10 @@ Expected<RegularFile> RegularFile::open(const std::string& path) {
         return openError(path, std::string("cannot open: ") + std::strerror(errno));
     if (S_ISLNK(link.st_mode))
         return openError(path, "is a symbolic link; give the file's real path");
-    RegularFile file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // Non-blocking, so that a fifo put in the file's place since the lstat
+    // cannot hang the open; the check below refuses it. Reads of a regular
+    // file do not block either way.
+    RegularFile file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.m_fd < 0)
         return openError(path, std::string("cannot open: ") + std::strerror(errno));
     struct stat st {};
