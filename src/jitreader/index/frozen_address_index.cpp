@@ -20,48 +20,105 @@ struct Item {
     u64 loadTime;
 };
 
-// Sorts keys that each carry a slot index (they are unique, so the order is
-// total) and writes the indices in that order.
-template <class Key, class IndexOf>
-void orderOf(LargeVector<Key>& keys, IndexOf indexOf, LargeVector<u32>& order) {
-    if (!std::is_sorted(keys.begin(), keys.end()))
-        boost::sort::pdqsort(keys.begin(), keys.end());
-    for (size_t i = 0; i < keys.size(); ++i)
-        order[i] = indexOf(keys[i]);
-}
-
-// Slot indices in the order of one bound, ties in slot order; the keys are
-// sorted with them, so that the sort does not chase the slots. When the
-// bounds' span leaves room, each key is packed with its index into one u64
-// (it does for the addresses of a code heap or a few near each other), so the
-// sort moves 8 bytes rather than 16 and the key array is half the size. The
-// keys are ascending runs (a code heap fills upwards) with reused blocks cut
-// in, which pattern-defeating quicksort takes in under half std::sort's time.
-LargeVector<u32> sortedBy(const AddressHistory::Slots& slots, u64 AddressHistory::Slot::*bound) {
-    const size_t count = slots.size();
-    LargeVector<u32> order(count);
-    u64 low = ~u64(0);
-    u64 high = 0;
-    for (const AddressHistory::Slot& slot : slots) {
-        low = std::min(low, slot.*bound);
-        high = std::max(high, slot.*bound);
-    }
-    unsigned indexBits = 1;
-    while (indexBits < 32 && (u64(1) << indexBits) < count)
-        ++indexBits;
-    if (((high - low) >> (64 - indexBits)) == 0) {
-        LargeVector<u64> packed(count);
+// One bound of every slot in ascending order, ties in slot order, each with
+// its slot index: the sweep below reads the bounds from here in order rather
+// than chasing the slots (a cache miss each, in a trace's random reuse).
+// When the bounds' span leaves room, each bound is packed with its index
+// into one u64 (it does for the addresses of a code heap or a few near each
+// other), so the sort moves 8 bytes rather than 16 and the array is half the
+// size. The bounds are ascending runs (a code heap fills upwards) with reused
+// blocks cut in, which pattern-defeating quicksort takes in under half
+// std::sort's time.
+class BoundOrder {
+public:
+    BoundOrder(const AddressHistory::Slots& slots, u64 AddressHistory::Slot::*bound) {
+        const size_t count = slots.size();
+        u64 high = 0;
+        for (const AddressHistory::Slot& slot : slots) {
+            m_low = std::min(m_low, slot.*bound);
+            high = std::max(high, slot.*bound);
+        }
+        while (m_indexBits < 32 && (u64(1) << m_indexBits) < count)
+            ++m_indexBits;
+        m_mask = (u64(1) << m_indexBits) - 1;
+        if (((high - m_low) >> (64 - m_indexBits)) == 0) {
+            m_packed.resize(count);
+            for (u32 i = 0; i < count; ++i)
+                m_packed[i] = (slots[i].*bound - m_low) << m_indexBits | i;
+            sort(m_packed);
+            return;
+        }
+        m_keyed.resize(count);
         for (u32 i = 0; i < count; ++i)
-            packed[i] = (slots[i].*bound - low) << indexBits | i;
-        const u64 mask = (u64(1) << indexBits) - 1;
-        orderOf(packed, [mask](u64 key) { return static_cast<u32>(key & mask); }, order);
-        return order;
+            m_keyed[i] = std::make_pair(slots[i].*bound, i);
+        sort(m_keyed);
     }
-    LargeVector<std::pair<u64, u32>> keyed(count);
-    for (u32 i = 0; i < count; ++i)
-        keyed[i] = std::make_pair(slots[i].*bound, i);
-    orderOf(keyed, [](const std::pair<u64, u32>& key) { return key.second; }, order);
-    return order;
+
+    u64 value(size_t i) const { return m_keyed.empty() ? m_low + (m_packed[i] >> m_indexBits) : m_keyed[i].first; }
+    u32 slot(size_t i) const { return m_keyed.empty() ? static_cast<u32>(m_packed[i] & m_mask) : m_keyed[i].second; }
+
+private:
+    template <class Key>
+    static void sort(LargeVector<Key>& keys) {
+        if (!std::is_sorted(keys.begin(), keys.end()))
+            boost::sort::pdqsort(keys.begin(), keys.end());
+    }
+
+    u64 m_low = ~u64(0);
+    unsigned m_indexBits = 1;
+    u64 m_mask = 1;
+    LargeVector<u64> m_packed;
+    LargeVector<std::pair<u64, u32>> m_keyed;
+};
+
+// The stretches between consecutive region bounds that some region covers,
+// found by a sweep over the starts and the ends: their bounds go to starts
+// and ends, each slot's first and past-the-last piece to firstPiece and
+// pastPiece.
+void cutPieces(const AddressHistory::Slots& slots, LargeVector<u32>& firstPiece, LargeVector<u32>& pastPiece,
+               BulkVector<u64>& starts, LargeVector<u64>& ends) {
+    const size_t count = slots.size();
+    const BoundOrder byStart(slots, &AddressHistory::Slot::start);
+    const BoundOrder byEnd(slots, &AddressHistory::Slot::end);
+    for (int pass = 0; pass < 2; ++pass) {
+        // The first pass counts the pieces, so that the arrays are allocated once.
+        size_t pieces = 0;
+        size_t s = 0;
+        size_t e = 0;
+        size_t cover = 0;
+        while (s < count) {
+            const u64 at = std::min(byStart.value(s), byEnd.value(e));
+            for (; e < count && byEnd.value(e) == at; ++e, --cover)
+                pastPiece[byEnd.slot(e)] = static_cast<u32>(pieces);
+            for (; s < count && byStart.value(s) == at; ++s, ++cover)
+                firstPiece[byStart.slot(s)] = static_cast<u32>(pieces);
+            if (cover == 0)
+                continue;
+            const u64 next = s < count ? std::min(byStart.value(s), byEnd.value(e)) : byEnd.value(e);
+            if (pass == 1) {
+                starts.push_back(at);
+                ends.push_back(next);
+            }
+            ++pieces;
+        }
+        // After the last start only ends are left: each closes a piece.
+        for (; e < count; ++e) {
+            const u64 at = byEnd.value(e);
+            pastPiece[byEnd.slot(e)] = static_cast<u32>(pieces);
+            --cover;
+            if (cover == 0 || (e + 1 < count && byEnd.value(e + 1) == at))
+                continue;
+            if (pass == 1) {
+                starts.push_back(at);
+                ends.push_back(byEnd.value(e + 1));
+            }
+            ++pieces;
+        }
+        if (pass == 0) {
+            starts.reserve(pieces);
+            ends.reserve(pieces);
+        }
+    }
 }
 
 bool byNodeThenTime(const Item& a, const Item& b) {
@@ -93,54 +150,20 @@ void FrozenAddressIndex::build(const Slots& slots) {
         return;
 
     // Pieces: the stretches between consecutive region bounds that some
-    // region covers, found by a sweep over the starts and the ends.
-    LargeVector<u32> byStart = sortedBy(slots, &AddressHistory::Slot::start);
-    LargeVector<u32> byEnd = sortedBy(slots, &AddressHistory::Slot::end);
+    // region covers. Their ends wait in an array of their own until the
+    // sweep's sorted bounds are given back: the pieces take six times the
+    // room, and the sweep is the build's peak.
     LargeVector<u32> firstPiece(count); // on huge pages when large: a fresh 4 KiB page per 1024 regions otherwise
     LargeVector<u32> pastPiece(count);
     BulkVector<u64> starts; // the query arrays on huge pages: a search misses the TLB less
-    for (int pass = 0; pass < 2; ++pass) {
-        // The first pass counts the pieces, so that the arrays are allocated once.
-        size_t pieces = 0;
-        size_t s = 0;
-        size_t e = 0;
-        size_t cover = 0;
-        while (s < count) {
-            const u64 at = std::min(slots[byStart[s]].start, slots[byEnd[e]].end);
-            for (; e < count && slots[byEnd[e]].end == at; ++e, --cover)
-                pastPiece[byEnd[e]] = static_cast<u32>(pieces);
-            for (; s < count && slots[byStart[s]].start == at; ++s, ++cover)
-                firstPiece[byStart[s]] = static_cast<u32>(pieces);
-            if (cover == 0)
-                continue;
-            const u64 next = s < count ? std::min(slots[byStart[s]].start, slots[byEnd[e]].end) : slots[byEnd[e]].end;
-            if (pass == 1) {
-                starts.push_back(at);
-                m_pieces[pieces].end = next;
-            }
-            ++pieces;
-        }
-        // After the last start only ends are left: each closes a piece.
-        for (; e < count; ++e) {
-            const u64 at = slots[byEnd[e]].end;
-            pastPiece[byEnd[e]] = static_cast<u32>(pieces);
-            --cover;
-            if (cover == 0 || (e + 1 < count && slots[byEnd[e + 1]].end == at))
-                continue;
-            if (pass == 1) {
-                starts.push_back(at);
-                m_pieces[pieces].end = slots[byEnd[e + 1]].end;
-            }
-            ++pieces;
-        }
-        if (pass == 0) {
-            starts.reserve(pieces);
-            m_pieces.reserve(pieces);
-            m_pieces.resize(pieces);
-        }
+    {
+        LargeVector<u64> ends;
+        cutPieces(slots, firstPiece, pastPiece, starts, ends);
+        m_pieces.reserve(ends.size());
+        m_pieces.resize(ends.size());
+        for (size_t p = 0; p < ends.size(); ++p)
+            m_pieces[p].end = ends[p];
     }
-    LargeVector<u32>().swap(byStart);
-    LargeVector<u32>().swap(byEnd);
     const size_t n = starts.size();
 
     // Each region to its pieces (when it spans few), or to the tree nodes
@@ -183,7 +206,12 @@ void FrozenAddressIndex::build(const Slots& slots) {
         std::unordered_map<IModule*, u32> numbers;
         IModule* last = nullptr;
         u32 lastNumber = 0;
+        const u32 kAhead = 16; // the method, then its record, a little ahead
         for (u32 slot = 0; slot < count; ++slot) {
+            if (slot + 2 * kAhead < count)
+                __builtin_prefetch(slots[slot + 2 * kAhead].method);
+            if (slot + kAhead < count)
+                __builtin_prefetch(slots[slot + kAhead].method->info().get());
             IModule* module = slots[slot].method->module().get();
             if (module != last || m_modules.empty()) {
                 auto inserted = numbers.emplace(module, static_cast<u32>(m_modules.size()));
@@ -215,7 +243,20 @@ void FrozenAddressIndex::build(const Slots& slots) {
     m_entries.reserve(total - std::min<size_t>(total, n) + static_cast<size_t>(nodeItems.end() - nodeItems.begin()));
     auto item = leafEnd;
     std::vector<u32> list;
+    // Pieces come in address order, their regions in no order in memory:
+    // fetch the slots of a piece a little ahead, then (once they are in) the
+    // regions they point to, which the entries read.
+    const size_t kAhead = 16;
     for (size_t p = 0; p < n; ++p) {
+        if (p + 4 * kAhead < n)
+            for (u32 i = leafCount[p + 4 * kAhead]; i < leafCount[p + 4 * kAhead + 1]; ++i)
+                __builtin_prefetch(&slots[leafSlots[i]]);
+        if (p + kAhead < n)
+            for (u32 i = leafCount[p + kAhead]; i < leafCount[p + kAhead + 1]; ++i) {
+                const char* const region = reinterpret_cast<const char*>(slots[leafSlots[i]].region);
+                __builtin_prefetch(region);
+                __builtin_prefetch(region + sizeof(Region) - 1);
+            }
         list.assign(leafSlots.begin() + leafCount[p], leafSlots.begin() + leafCount[p + 1]);
         for (; item != nodeItems.end() && item->node == p + n; ++item)
             list.push_back(item->slot);
