@@ -37,6 +37,33 @@ void TopMap::freeChunk(Chunk* chunk) noexcept {
 #endif
 }
 
+void TopMap::Chunk::shiftUp(size_t from) {
+    std::copy_backward(starts + from, starts + size, starts + size + 1);
+    std::copy_backward(ends + from, ends + size, ends + size + 1);
+    std::copy_backward(slots + from, slots + size, slots + size + 1);
+}
+
+void TopMap::Chunk::shiftDown(size_t from) {
+    std::copy(starts + from, starts + size, starts + from - 1);
+    std::copy(ends + from, ends + size, ends + from - 1);
+    std::copy(slots + from, slots + size, slots + from - 1);
+}
+
+void TopMap::Chunk::moveTail(size_t from, Chunk& other) {
+    std::copy(starts + from, starts + size, other.starts);
+    std::copy(ends + from, ends + size, other.ends);
+    std::copy(slots + from, slots + size, other.slots);
+    other.size = static_cast<u32>(size - from);
+    size = static_cast<u32>(from);
+}
+
+void TopMap::Chunk::fetch() const {
+    const char* const first = reinterpret_cast<const char*>(this);
+    const char* const last = reinterpret_cast<const char*>(starts + size);
+    for (const char* line = first; line < last; line += 64)
+        __builtin_prefetch(line);
+}
+
 TopMap::Position TopMap::firstEndingAfterPosition(u64 address) const {
     if (m_chunks.empty())
         return Position{0, 0};
@@ -50,17 +77,16 @@ TopMap::Position TopMap::firstEndingAfterPosition(u64 address) const {
         c = static_cast<size_t>(std::upper_bound(m_firstStarts.begin(), m_firstStarts.end(), address) -
                                 m_firstStarts.begin());
         c = c ? c - 1 : 0;
+        m_chunks[c]->fetch(); // not one used lately: most likely cold
     }
     const Chunk& chunk = *m_chunks[c];
-    const Interval* const items = chunk.items;
     // A load at a code heap's growing end lands at or past the chunk's last
     // interval, the line the previous append wrote: no search.
-    size_t i = address >= items[chunk.size - 1].start
+    size_t i = address >= chunk.starts[chunk.size - 1]
                    ? chunk.size
-                   : static_cast<size_t>(std::upper_bound(items, items + chunk.size - 1, address,
-                                                          [](u64 a, const Interval& e) { return a < e.start; }) -
-                                         items);
-    if (i > 0 && items[i - 1].end > address)
+                   : static_cast<size_t>(std::upper_bound(chunk.starts, chunk.starts + chunk.size - 1, address) -
+                                         chunk.starts);
+    if (i > 0 && chunk.ends[i - 1] > address)
         --i;
     if (i == chunk.size)
         return Position{c + 1, 0}; // the next chunk starts above address
@@ -71,7 +97,7 @@ bool TopMap::find(u64 address, Interval& out) const {
     const Position at = firstEndingAfterPosition(address);
     if (at.chunk == m_chunks.size())
         return false;
-    const Interval& interval = m_chunks[at.chunk]->items[at.index];
+    const Interval interval = m_chunks[at.chunk]->at(at.index);
     if (interval.start > address)
         return false;
     out = interval;
@@ -82,7 +108,7 @@ bool TopMap::firstEndingAfter(u64 address, Interval& out) const {
     const Position at = firstEndingAfterPosition(address);
     if (at.chunk == m_chunks.size())
         return false;
-    out = m_chunks[at.chunk]->items[at.index];
+    out = m_chunks[at.chunk]->at(at.index);
     return true;
 }
 
@@ -101,7 +127,7 @@ void TopMap::remember(size_t chunk) {
 
 void TopMap::insertChunk(size_t at, const Interval& interval) {
     Chunk* const chunk = newChunk();
-    chunk->items[chunk->size++] = interval;
+    chunk->put(chunk->size++, interval);
     m_chunks.insert(m_chunks.begin() + static_cast<std::ptrdiff_t>(at), chunk);
     m_firstStarts.insert(m_firstStarts.begin() + static_cast<std::ptrdiff_t>(at), interval.start);
 }
@@ -112,9 +138,8 @@ size_t TopMap::splitPoint(const Chunk& chunk, size_t inserted) {
     // growing there gets the room. Each side keeps a quarter or more.
     const size_t least = kChunk / 4;
     if (inserted >= least && inserted + 1 + least <= chunk.size) {
-        const Interval& self = chunk.items[inserted];
-        const u64 below = self.start - chunk.items[inserted - 1].end;
-        const u64 above = chunk.items[inserted + 1].start - self.end;
+        const u64 below = chunk.starts[inserted] - chunk.ends[inserted - 1];
+        const u64 above = chunk.starts[inserted + 1] - chunk.ends[inserted];
         const u64 wide = std::max<u64>(4096, 4 * std::min(below, above));
         if (below >= wide)
             return inserted;
@@ -135,9 +160,8 @@ void TopMap::insertAt(Position at, const Interval& interval) {
         const size_t chunks = m_chunks.size();
         bool lower = at.chunk > 0;
         if (lower && at.chunk < chunks) {
-            const Interval& below = m_chunks[at.chunk - 1]->items[m_chunks[at.chunk - 1]->size - 1];
-            const Interval& above = m_chunks[at.chunk]->items[0];
-            lower = interval.start - below.end <= above.start - interval.end;
+            const Chunk& below = *m_chunks[at.chunk - 1];
+            lower = interval.start - below.ends[below.size - 1] <= m_chunks[at.chunk]->starts[0] - interval.end;
         }
         const size_t near = lower ? at.chunk - 1 : at.chunk;
         if (near == chunks || m_chunks[near]->size >= kChunk) {
@@ -148,19 +172,17 @@ void TopMap::insertAt(Position at, const Interval& interval) {
         at = Position{near, lower ? m_chunks[near]->size : 0};
     }
     Chunk& chunk = *m_chunks[at.chunk];
-    std::copy_backward(chunk.items + at.index, chunk.items + chunk.size, chunk.items + chunk.size + 1);
-    chunk.items[at.index] = interval;
+    chunk.shiftUp(at.index);
+    chunk.put(at.index, interval);
     ++chunk.size;
     if (at.index == 0)
         m_firstStarts[at.chunk] = interval.start;
     if (chunk.size > kChunk) {
         Chunk* const upper = newChunk();
         const size_t kept = splitPoint(chunk, at.index);
-        std::copy(chunk.items + kept, chunk.items + chunk.size, upper->items);
-        upper->size = static_cast<u32>(chunk.size - kept);
-        chunk.size = static_cast<u32>(kept);
+        chunk.moveTail(kept, *upper);
         m_chunks.insert(m_chunks.begin() + static_cast<std::ptrdiff_t>(at.chunk + 1), upper);
-        m_firstStarts.insert(m_firstStarts.begin() + static_cast<std::ptrdiff_t>(at.chunk + 1), upper->items[0].start);
+        m_firstStarts.insert(m_firstStarts.begin() + static_cast<std::ptrdiff_t>(at.chunk + 1), upper->starts[0]);
         if (at.index >= kept)
             ++at.chunk;
     }
@@ -170,25 +192,25 @@ void TopMap::insertAt(Position at, const Interval& interval) {
 void TopMap::eraseAt(Position at) {
     --m_size;
     Chunk& chunk = *m_chunks[at.chunk];
-    std::copy(chunk.items + at.index + 1, chunk.items + chunk.size, chunk.items + at.index);
+    chunk.shiftDown(at.index + 1);
     --chunk.size;
     if (chunk.size == 0) {
         freeChunk(&chunk);
         m_chunks.erase(m_chunks.begin() + static_cast<std::ptrdiff_t>(at.chunk));
         m_firstStarts.erase(m_firstStarts.begin() + static_cast<std::ptrdiff_t>(at.chunk));
     } else if (at.index == 0) {
-        m_firstStarts[at.chunk] = chunk.items[0].start;
+        m_firstStarts[at.chunk] = chunk.starts[0];
     }
 }
 
 void TopMap::assign(u64 start, u64 end, u32 slot) {
     Position at = firstEndingAfterPosition(start);
     if (at.chunk < m_chunks.size()) {
-        Interval& first = m_chunks[at.chunk]->items[at.index];
-        if (first.start < start) {
+        Chunk& chunk = *m_chunks[at.chunk];
+        if (chunk.starts[at.index] < start) {
             // It keeps its head, and its tail when it reaches past end.
-            const Interval old = first;
-            first.end = start;
+            const Interval old = chunk.at(at.index);
+            chunk.ends[at.index] = start;
             if (old.end > end) {
                 insertAt(Position{at.chunk, at.index + 1}, Interval{start, end, slot});
                 insertAt(firstEndingAfterPosition(end), Interval{end, old.end, old.slot});
@@ -200,11 +222,11 @@ void TopMap::assign(u64 start, u64 end, u32 slot) {
     }
     // What starts inside [start, end) goes, but a tail reaching past end.
     while (at.chunk < m_chunks.size()) {
-        Interval& next = m_chunks[at.chunk]->items[at.index];
-        if (next.start >= end)
+        Chunk& chunk = *m_chunks[at.chunk];
+        if (chunk.starts[at.index] >= end)
             break;
-        if (next.end > end) {
-            next.start = end;
+        if (chunk.ends[at.index] > end) {
+            chunk.starts[at.index] = end;
             if (at.index == 0)
                 m_firstStarts[at.chunk] = end;
             break;

@@ -16,7 +16,7 @@ QUARVEL_NAMESPACE_BEGIN
 // load replaces what it covers, so the map stays as large as the number of
 // intervals currently visible, however much history lies below them.
 //
-// Stored as sorted chunks of at most kChunk intervals (24 bytes each, no node
+// Stored as sorted chunks of at most kChunk intervals (20 bytes each, no node
 // per interval), found through the first start of each chunk. The directory
 // holds pointers: a split moves the entries after it as bytes, a few
 // nanoseconds per thousand chunks. Loads that append (a code heap filling
@@ -46,7 +46,7 @@ public:
     void forEachOverlapping(u64 start, u64 end, Visit visit) const {
         Position at = firstEndingAfterPosition(start);
         while (at.chunk < m_chunks.size()) {
-            const Interval& interval = m_chunks[at.chunk]->items[at.index];
+            const Interval interval = m_chunks[at.chunk]->at(at.index);
             if (interval.start >= end)
                 return;
             visit(interval);
@@ -72,13 +72,31 @@ public:
 
 private:
     // A chunk has room for kChunk + 1 intervals, the most it holds before it
-    // splits, so it never moves: 2432 bytes, a block of the map's own pool.
+    // splits, so it never moves: 2032 bytes, a block of the map's own pool.
+    // The starts, which a search bisects, lie together (with the count) in
+    // 13 cache lines that a search of a chunk not used lately fetches at
+    // once; as whole intervals they spread over 38, a miss at every step.
     // The map lives only while its process is read, so clear() gives the
     // pool's chunks back at once (its huge pages to the system) rather than
     // leaving them on a free list beside the index built next.
     struct Chunk {
         u32 size = 0;
-        Interval items[kChunk + 1];
+        u64 starts[kChunk + 1];
+        u64 ends[kChunk + 1];
+        u32 slots[kChunk + 1];
+
+        Interval at(size_t i) const { return Interval{starts[i], ends[i], slots[i]}; }
+        void put(size_t i, const Interval& interval) {
+            starts[i] = interval.start;
+            ends[i] = interval.end;
+            slots[i] = interval.slot;
+        }
+        // Moves intervals [from, size) by one, up to make room or down over from - 1.
+        void shiftUp(size_t from);
+        void shiftDown(size_t from);
+        // Moves intervals [from, size) to the front of other, which is empty.
+        void moveTail(size_t from, Chunk& other);
+        void fetch() const;
     };
     Chunk* newChunk();
     void freeChunk(Chunk* chunk) noexcept;
