@@ -51,6 +51,10 @@ Region::Region(const Region& other)
 
 Region::~Region() = default;
 
+Region::Tree::Tree(const Tree& other)
+    : inlinedRegions(other.inlinedRegions), inlinedMethods(other.inlinedMethods),
+      markup(other.markup ? new Markup(*other.markup) : nullptr) {}
+
 Region::Extras& Region::extras() {
     if (!m_extras)
         m_extras.reset(new Extras());
@@ -89,13 +93,22 @@ const Region::InlinedMethods& Region::inlinedMethods() const {
 const Region::Markup& Region::markup() const {
     static const Markup none;
     const Tree* const t = findTree();
-    return t ? t->markup : none;
+    return t && t->markup ? *t->markup : none;
+}
+
+Region::Markup& Region::markupToChange() {
+    Tree& t = tree();
+    if (!t.markup)
+        t.markup.reset(new Markup());
+    return *t.markup;
 }
 
 void Region::takeBytesFrom(const Region& patched) {
     setContent(patched.content());
-    if (findTree() || patched.findTree())
-        tree().markup = patched.markup();
+    if (!patched.markup().empty())
+        markupToChange() = patched.markup();
+    else if (m_extras && m_extras->tree)
+        m_extras->tree->markup.reset();
 }
 
 void Region::addChildRegion(const Ptr& child, const MethodPtr& method) {
@@ -192,7 +205,7 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
         return meNotFound;
     }
 
-    Markup& markup = tree().markup;
+    Markup& markup = markupToChange();
     auto existing = markup.find(update);
     if (existing == markup.end()) {
         markup.emplace(update, RangeProps{segType, text});
