@@ -15,13 +15,10 @@ bool readTable(ByteCursor& cursor, std::vector<quarvel_line_number_entry>& table
     // The whole table must be there before anything is allocated for it.
     if (!options.keepLineTables || bytes > cursor.remaining())
         return cursor.skip(bytes, name);
+    // Rows are three u32 fields on disk as in memory.
+    static_assert(sizeof(quarvel_line_number_entry) == kLineEntrySize, "rows copy as they are");
     table.resize(count);
-    for (quarvel_line_number_entry& e : table) {
-        cursor.u32(e.startOffset, name);
-        cursor.u32(e.endOffset, name);
-        cursor.u32(e.value, name);
-    }
-    return cursor.ok();
+    return cursor.u32s(table.data(), size_t(count) * 3, name);
 }
 
 // Every field back to its default, strings and tables cleared in place so

@@ -45,6 +45,27 @@ public:
         return true;
     }
 
+    // n u32 values into out (any object made of them, a table of records,
+    // say): one copy rather than a checked read each.
+    bool u32s(void* out, size_t n, const char* field) {
+        const uint8_t* from = nullptr;
+        // More values than bytes cannot be there, and n * 4 cannot overflow.
+        if (!bytes(n > m_size ? m_size + 1 : n * sizeof(uint32_t), from, field))
+            return false;
+        std::memcpy(out, from, n * sizeof(uint32_t));
+        constexpr Order host = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? Order::big : Order::little;
+        if (m_order != host) {
+            uint8_t* const words = static_cast<uint8_t*>(out);
+            for (size_t i = 0; i < n; ++i) {
+                uint32_t v;
+                std::memcpy(&v, words + i * sizeof v, sizeof v);
+                v = byteSwapped(v);
+                std::memcpy(words + i * sizeof v, &v, sizeof v);
+            }
+        }
+        return true;
+    }
+
     // Points `bytes` at the next n bytes (no copy).
     bool bytes(size_t n, const uint8_t*& bytes, const char* field) {
         if (!take(n, field))
