@@ -50,8 +50,8 @@ public:
     bool u32s(void* out, size_t n, const char* field) {
         const uint8_t* from = nullptr;
         // More values than bytes cannot be there, and n * 4 cannot overflow.
-        if (!bytes(n > m_size ? m_size + 1 : n * sizeof(uint32_t), from, field))
-            return false;
+        if (!bytes(n > m_size ? m_size + 1 : n * sizeof(uint32_t), from, field) || n == 0)
+            return ok(); // out may be null when there is nothing to copy
         std::memcpy(out, from, n * sizeof(uint32_t));
         constexpr Order host = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? Order::big : Order::little;
         if (m_order != host) {
