@@ -195,32 +195,42 @@ TEST(JitMethodTest, ClonesShareInfoAndRegionsButNotLineMaps) {
 
 // The region list grows in place of a vector: it must keep every region and
 // its reference count through growth (also when the region added is one of
-// its own, whose slot moves), copies and moves.
+// its own, whose slot moves), copies and moves, whether it holds its only
+// region in place or a block (also one reserved ahead and still empty).
 TEST(JitMethodTest, RegionListKeepsRegionsAndTheirCountsThroughGrowth) {
     const auto refs = [](const Region::Ptr& r) -> int {
         r->addRef();
         return static_cast<int>(r->release());
     };
     const Region::Ptr first(new Region(1, 7, 1000, 10, 0, 0x5000, 100, nullptr));
-    {
-        RegionList list;
-        EXPECT_TRUE(list.empty());
-        EXPECT_THROW(list.at(0), std::out_of_range);
-        for (int i = 0; i < 9; ++i)
-            list.push_back(i == 0 ? first : list[0]); // full at 1, 2, 4 and 8
-        EXPECT_EQ(9u, list.size());
-        EXPECT_EQ(10, refs(first));
-        RegionList copy = list;
-        EXPECT_EQ(19, refs(first));
-        RegionList moved = std::move(copy);
-        EXPECT_TRUE(copy.empty());
-        EXPECT_EQ(19, refs(first));
-        for (const Region::Ptr& region : moved)
-            EXPECT_EQ(first.get(), region.get());
-        moved = list;
-        EXPECT_EQ(19, refs(first));
+    for (size_t reserved : {0, 3}) {
+        for (int count : {1, 2, 9}) {
+            SCOPED_TRACE(std::to_string(reserved) + " reserved, " + std::to_string(count) + " regions");
+            {
+                RegionList list;
+                list.reserve(reserved);
+                EXPECT_TRUE(list.empty());
+                EXPECT_THROW(list.at(0), std::out_of_range);
+                for (int i = 0; i < count; ++i)
+                    list.push_back(i == 0 ? first : list[0]); // full at 1, 2, 4 and 8
+                EXPECT_EQ(size_t(count), list.size());
+                EXPECT_EQ(count + 1, refs(first));
+                RegionList copy = list;
+                EXPECT_EQ(2 * count + 1, refs(first));
+                RegionList moved = std::move(copy);
+                EXPECT_TRUE(copy.empty());
+                EXPECT_EQ(2 * count + 1, refs(first));
+                EXPECT_EQ(size_t(count), size_t(moved.end() - moved.begin()));
+                for (const Region::Ptr& region : moved)
+                    EXPECT_EQ(first.get(), region.get());
+                moved = list;
+                EXPECT_EQ(2 * count + 1, refs(first));
+                moved = RegionList();
+                EXPECT_EQ(count + 1, refs(first));
+            }
+            EXPECT_EQ(1, refs(first));
+        }
     }
-    EXPECT_EQ(1, refs(first));
 }
 
 TEST(JitMethodTest, ValidationChecksTheFirstRegionsLines) {

@@ -33,10 +33,20 @@ RegionList& RegionList::operator=(const RegionList& other) {
 RegionList& RegionList::operator=(RegionList&& other) noexcept {
     if (this != &other) {
         clear();
-        m_block = other.m_block;
-        other.m_block = nullptr;
+        take(other);
     }
     return *this;
+}
+
+void RegionList::take(RegionList& other) noexcept {
+    const uintptr_t w = other.word();
+    if (w & kBlockTag) {
+        setWord(w);
+    } else if (w) {
+        new (m_word) Region::Ptr(std::move(*other.single()));
+        std::destroy_at(other.single());
+    }
+    other.setWord(0);
 }
 
 const Region::Ptr& RegionList::at(size_t i) const {
@@ -46,56 +56,58 @@ const Region::Ptr& RegionList::at(size_t i) const {
 }
 
 void RegionList::push_back(const Region::Ptr& region) {
-    const size_t count = size();
-    if (!m_block || count == m_block->capacity) {
-        // A copy first: region may be one of ours, and the block moves.
-        const Region::Ptr kept = region;
-        regrow(count == 0 ? 1 : 2 * count);
-        new (items(m_block) + count) Region::Ptr(kept);
-    } else {
-        new (items(m_block) + count) Region::Ptr(region);
-    }
-    ++m_block->size;
+    // A copy first: region may be one of ours, and a regrow moves it.
+    Region::Ptr kept = region;
+    push_back(std::move(kept));
 }
 
 void RegionList::push_back(Region::Ptr&& region) {
+    if (word() == 0) { // neither a region nor a block (one reserved ahead may be empty)
+        new (m_word) Region::Ptr(std::move(region));
+        return;
+    }
     const size_t count = size();
-    if (!m_block || count == m_block->capacity)
-        regrow(count == 0 ? 1 : 2 * count); // an rvalue is not one of ours: ours are handed out const
-    new (items(m_block) + count) Region::Ptr(std::move(region));
-    ++m_block->size;
+    if (count == capacity())
+        regrow(2 * count); // an rvalue is not one of ours: ours are handed out const
+    new (items(block()) + count) Region::Ptr(std::move(region));
+    ++block()->size;
 }
 
 void RegionList::reserve(size_t count) {
-    if (count > (m_block ? m_block->capacity : 0))
+    if (count > capacity())
         regrow(count);
 }
 
 void RegionList::regrow(size_t capacity) {
     if (capacity > std::numeric_limits<u32>::max())
         throw std::length_error("RegionList");
-    Header* const block = static_cast<Header*>(block_heap::allocate(bytes(capacity)));
+    Header* const grown = static_cast<Header*>(block_heap::allocate(bytes(capacity)));
     const size_t count = size();
-    block->size = static_cast<u32>(count);
-    block->capacity = static_cast<u32>(capacity);
+    grown->size = static_cast<u32>(count);
+    grown->capacity = static_cast<u32>(capacity);
     // Moved, not copied: no reference count changes.
-    for (size_t i = 0; i < count; ++i)
-        new (items(block) + i) Region::Ptr(std::move(items(m_block)[i]));
-    if (m_block) {
-        for (size_t i = 0; i < count; ++i)
-            std::destroy_at(items(m_block) + i);
-        block_heap::free(m_block, bytes(m_block->capacity));
+    const uintptr_t w = word();
+    Region::Ptr* const from = w & kBlockTag ? items(block()) : w ? single() : nullptr;
+    for (size_t i = 0; i < count; ++i) {
+        new (items(grown) + i) Region::Ptr(std::move(from[i]));
+        std::destroy_at(from + i);
     }
-    m_block = block;
+    if (w & kBlockTag)
+        block_heap::free(block(), bytes(block()->capacity));
+    setWord(reinterpret_cast<uintptr_t>(grown) | kBlockTag);
 }
 
 void RegionList::clear() noexcept {
-    if (!m_block)
-        return;
-    for (size_t i = 0; i < m_block->size; ++i)
-        std::destroy_at(items(m_block) + i);
-    block_heap::free(m_block, bytes(m_block->capacity));
-    m_block = nullptr;
+    const uintptr_t w = word();
+    if (w & kBlockTag) {
+        Header* const b = block();
+        for (size_t i = 0; i < b->size; ++i)
+            std::destroy_at(items(b) + i);
+        block_heap::free(b, bytes(b->capacity));
+    } else if (w) {
+        std::destroy_at(single());
+    }
+    setWord(0);
 }
 
 QUARVEL_NAMESPACE_END
