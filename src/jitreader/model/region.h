@@ -2,6 +2,7 @@
 #define QUARVEL_MODEL_REGION_H
 
 #include "model/range.h"
+#include "model/ref_list.h"
 
 #include "support/block_heap.h"
 #include "support/object_pool.h"
@@ -76,8 +77,9 @@ public:
     Ptr getInlinedRegion(u64 jitRva) const;
     MethodPtr getInlinedMethod(u64 jitRva) const;
     generic_iterator_t<ICodeRegion::Ptr> getInlinedRegions() const;
-    typedef BlockVector<Ptr> InlinedRegions;
-    typedef BlockVector<MethodPtr> InlinedMethods;
+    // Most regions with inlines have one or two: a list holds one in place.
+    typedef RefList<Region> InlinedRegions;
+    typedef RefList<JitMethod> InlinedMethods;
     const InlinedRegions& inlinedRegions() const;
     const InlinedMethods& inlinedMethods() const;
 
@@ -108,8 +110,8 @@ private:
     struct Tree {
         InlinedRegions inlinedRegions;
         InlinedMethods inlinedMethods;
-        // Patched ranges, fewer still: an empty map would take 48 of the
-        // tree's 96 bytes, in a quarter of the regions of a real trace.
+        // Patched ranges, fewer still: an empty map is 48 bytes, and a
+        // quarter of the regions of a real trace have a tree.
         std::unique_ptr<Markup> markup;
 
         Tree() = default;

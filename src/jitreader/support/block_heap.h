@@ -6,7 +6,6 @@
 #include <quarvel/types.h>
 
 #include <cstddef>
-#include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
 
@@ -38,9 +37,6 @@ void free(void* block, size_t bytes) noexcept;
 // For the small arrays there is one of per method or per region.
 template <class T>
 using BlockAllocator = HeapAllocator<T, block_heap::allocate, block_heap::free>;
-
-template <class T>
-using BlockVector = std::vector<T, BlockAllocator<T>>;
 
 QUARVEL_NAMESPACE_END
 
