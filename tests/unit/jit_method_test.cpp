@@ -196,7 +196,8 @@ TEST(JitMethodTest, ClonesShareInfoAndRegionsButNotLineMaps) {
 // The region list grows in place of a vector: it must keep every region and
 // its reference count through growth (also when the region added is one of
 // its own, whose slot moves), copies and moves, whether it holds its only
-// region in place or a block (also one reserved ahead and still empty).
+// region in place or a block (also one reserved ahead and still empty, or
+// one that a null first element needs).
 TEST(JitMethodTest, RegionListKeepsRegionsAndTheirCountsThroughGrowth) {
     const auto refs = [](const Region::Ptr& r) -> int {
         r->addRef();
@@ -231,6 +232,13 @@ TEST(JitMethodTest, RegionListKeepsRegionsAndTheirCountsThroughGrowth) {
             EXPECT_EQ(1, refs(first));
         }
     }
+    // A null first element is an element too, in order before the next.
+    RegionList withNull;
+    withNull.push_back(Region::Ptr());
+    withNull.push_back(first);
+    ASSERT_EQ(2u, withNull.size());
+    EXPECT_FALSE(withNull[0]);
+    EXPECT_EQ(first.get(), withNull[1].get());
 }
 
 TEST(JitMethodTest, ValidationChecksTheFirstRegionsLines) {

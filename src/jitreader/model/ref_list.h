@@ -83,8 +83,11 @@ public:
     void push_back(Ptr&& element) {
         static_assert(alignof(T) > 1, "an element's address leaves the tag bit clear");
         if (word() == 0) { // neither an element nor a block (one reserved ahead may be empty)
-            new (m_word) Ptr(std::move(element));
-            return;
+            if (element) {
+                new (m_word) Ptr(std::move(element));
+                return;
+            }
+            regrow(1); // a null in the word would read as no element
         }
         const size_t count = size();
         if (count == capacity())
