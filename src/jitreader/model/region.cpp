@@ -107,8 +107,8 @@ void Region::takeBytesFrom(const Region& patched) {
     setContent(patched.content());
     if (!patched.markup().empty())
         markupToChange() = patched.markup();
-    else if (m_extras && m_extras->tree)
-        m_extras->tree->markup.reset();
+    else if (findTree())
+        tree().markup.reset();
 }
 
 void Region::addChildRegion(const Ptr& child, const MethodPtr& method) {

@@ -49,8 +49,9 @@ public:
     // say): one copy rather than a checked read each.
     bool u32s(void* out, size_t n, const char* field) {
         const uint8_t* from = nullptr;
-        // More values than bytes cannot be there, and n * 4 cannot overflow.
-        if (!bytes(n > m_size ? m_size + 1 : n * sizeof(uint32_t), from, field) || n == 0)
+        // A count whose size overflows asks for more than any span holds.
+        const size_t size = n > SIZE_MAX / sizeof(uint32_t) ? SIZE_MAX : n * sizeof(uint32_t);
+        if (!bytes(size, from, field) || n == 0)
             return ok(); // out may be null when there is nothing to copy
         std::memcpy(out, from, n * sizeof(uint32_t));
         constexpr Order host = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? Order::big : Order::little;
