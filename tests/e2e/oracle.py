@@ -250,15 +250,20 @@ def read_inlined(path):
             a = dict(ATTR.findall(line))
             task = a.get("compile_id")
             klass, method, pending = {}, {}, []
-        elif line.startswith("</task>"):
+        elif line.startswith(("</task>", "</fragment>", "<compilation_log")):
+            # A compiler thread's log stops mid-line, in a fragment, when the
+            # VM exits during a compilation: that task ends there.
             task = None
         elif task is None:
             continue
         elif line.startswith("<klass "):
             a = dict(ATTR.findall(line))
-            klass[a["id"]] = norm_class(html.unescape(a["name"]))
+            if "id" in a and "name" in a:
+                klass[a["id"]] = norm_class(html.unescape(a["name"]))
         elif line.startswith("<method "):
             a = dict(ATTR.findall(line))
+            if "id" not in a:
+                continue
             method[a["id"]] = (a.get("holder"), html.unescape(a.get("name", "")))
             if pending:
                 pending.append(a["id"])
