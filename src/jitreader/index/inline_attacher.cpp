@@ -31,6 +31,8 @@ IpRange ipRange(const Region& region) {
 
 // True when target is root or lies anywhere in root's inline tree.
 bool inTree(const Region* target, const Region& root) {
+    if (root.inlinedRegions().empty())
+        return target == &root; // a new inline, nearly always: no walk, no allocation
     std::vector<const Region*> stack(1, &root);
     std::set<const Region*> seen;
     while (!stack.empty()) {
@@ -45,6 +47,17 @@ bool inTree(const Region* target, const Region& root) {
                 stack.push_back(child.get());
     }
     return false;
+}
+
+// A child's jit rvas keep its parent's distance from the addresses; its
+// method's line tables move from offsets to jit rvas with it, once.
+void settleChild(const Region& parent, Region& child, JitMethod* method) {
+    const jit_rva_t start = child.startAddress() + (parent.startJitRva() - parent.startAddress()); // wraps on purpose
+    child.setStartJitRva(start);
+    if (method) {
+        method->setStartJitRva(start);
+        method->normalizeLineNumberInfoJitRvaRanges(start);
+    }
 }
 
 } // namespace
@@ -224,8 +237,19 @@ Status InlineAttacher::attach(const JitMethod::Ptr& inlineMethod, Region::Ptr pa
 
     target->addChildRegion(inlineRegion, inlineMethod);
     inlineMethod->setInlineAttached(true);
-    m_grown.push_back(
-        Grown{target, JitMethod::Ptr(const_cast<JitMethod*>(&parentMethod)), topLevel && target == parentRegion});
+    if (target->startJitRva() != 0) {
+        // The parent has its jit rvas for good: the new child and what waited
+        // below it take theirs now, while they are in the cache, instead of
+        // in a walk over every grown tree at finalisation.
+        settleChild(*target, *inlineRegion, inlineMethod.get());
+        if (!inlineRegion->inlinedRegions().empty() && normalizeTree(*inlineRegion) != meSuccess)
+            QV_INDEX_ERROR("Couldn't normalize method's (method id = "
+                           << rawId << ", startJitRva = " << inlineMethod->getStartJitRva() << ") code region "
+                           << ipRange(range) << ". The inlines can't be resolved for this method.");
+    } else {
+        m_grown.push_back(
+            Grown{target, JitMethod::Ptr(const_cast<JitMethod*>(&parentMethod)), topLevel && target == parentRegion});
+    }
     QV_INFO("Added inline method (method id = " << rawId << ") into parent's code region (method id = "
                                                 << parentMethod.getRawMethodId() << ", ip range = " << ipRange(*target)
                                                 << ")");
@@ -255,19 +279,10 @@ quarvel_error_t InlineAttacher::normalizeTree(Region& root) const {
             ret = region.normalizeInlineJitRvaRanges(region.startJitRva(), region.startAddress());
         } else if (pending) {
             QV_CHECK(children.size() == methods.size(), ret = meNotFound);
-            if (ret == meSuccess) {
-                const u64 delta = region.startJitRva() - region.startAddress(); // wraps on purpose
-                for (size_t i = 0; i < children.size(); ++i) {
-                    if (children[i]->startJitRva() != 0)
-                        continue;
-                    const jit_rva_t start = children[i]->startAddress() + delta;
-                    children[i]->setStartJitRva(start);
-                    if (methods[i]) {
-                        methods[i]->setStartJitRva(start);
-                        methods[i]->normalizeLineNumberInfoJitRvaRanges(start);
-                    }
-                }
-            }
+            if (ret == meSuccess)
+                for (size_t i = 0; i < children.size(); ++i)
+                    if (children[i]->startJitRva() == 0)
+                        settleChild(region, *children[i], methods[i].get());
         }
         if (ret != meSuccess) {
             result = ret;

@@ -21,8 +21,9 @@ QUARVEL_NAMESPACE_BEGIN
 // (nested) inlines. An inline that is attached or refused stops waiting.
 // Other collectors find the parent region by address (the caller does).
 //
-// Inline regions get their jit rvas from their top-level region at
-// finalisation; only the trees that grew since the last one are walked.
+// An inline region gets its jit rvas from the region it is attached to: at
+// once when that region has its own, else at finalisation, which walks only
+// the trees that grew below unsettled regions since the last one.
 class InlineAttacher {
 public:
     explicit InlineAttacher(const MethodRegistry& methods) : m_methods(methods) {}
@@ -35,7 +36,8 @@ public:
     // A newly registered jit profiler method: the inlines waiting for it are attached.
     void offerParent(const JitMethod::Ptr& parentMethod);
 
-    // Gives the inline regions attached since the last call their jit rvas.
+    // Gives the inline regions attached below unsettled regions since the
+    // last call their jit rvas, where those regions have theirs by now.
     void normalizePending();
 
     size_t waitingCount() const { return m_waiting.size(); }
@@ -62,8 +64,8 @@ private:
     MethodIdTable m_inlineParents;
     // Inlines that are neither attached nor refused, by their parent's id.
     Waiting m_waiting;
-    // Regions whose inline trees grew since the last normalisation, with
-    // the method that owns each.
+    // Regions without jit rvas yet whose inline trees grew since the last
+    // normalisation, with the method that owns each.
     struct Grown {
         Region::Ptr region;
         JitMethod::Ptr owner;

@@ -321,7 +321,7 @@ Status JitDataManager::processMethodInlineLoadRecord(u32 processId, u32 hostId, 
     QV_INDEX_CHECK(rawRegion->processId(), meNotFound);
     QV_INDEX_CHECK(rawRegion->hostId(), meNotFound);
     QV_INDEX_CHECK(rawRegion->loadTime(), meNotFound);
-    // An inline region receives its jit rva from its parent in finalize().
+    // An inline region receives its jit rva from its parent once attached.
     QV_INDEX_CHECK(rawRegion->startJitRva() == 0, meNotFound);
     QV_INDEX_CHECK(fitsIn64(rawRegion->startAddress(), rawRegion->length()), meNotFound);
 
