@@ -113,6 +113,7 @@ void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::
 u32 AddressHistory::place(Region& region, JitMethod& method, const std::vector<Piece>& pieces) {
     const u32 self = static_cast<u32>(m_slots.size());
     m_slots.push_back(Slot{region.startAddress(), region.endAddress(), region.loadTime(), &region, &method});
+    bulk_memory::prepareToAppend(m_slots);
     link(self, pieces, false);
     return self;
 }

@@ -134,6 +134,7 @@ void JitRvaIndex::add(const RegionInfo& info) {
         rewritten(m_runs.size() - 1);
     }
     m_runs.back().push_back(info);
+    bulk_memory::prepareToAppend(m_runs.back());
     changed(m_runs.size() - 1);
     ++m_size;
     m_maxEnd = std::max(m_maxEnd, info.endJitRva());

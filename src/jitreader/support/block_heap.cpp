@@ -43,6 +43,7 @@ public:
             grow();
         void* const block = m_next;
         m_next += bytes;
+        bulk_memory::prepareForWrite(m_next, m_end, bytes);
         return block;
     }
 

@@ -57,6 +57,7 @@ void* ObjectPool::carve() {
     }
     void* block = m_next;
     m_next += m_blockSize;
+    bulk_memory::prepareForWrite(m_next, m_end, m_blockSize);
     return block;
 }
 
