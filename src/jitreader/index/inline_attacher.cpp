@@ -49,17 +49,6 @@ bool inTree(const Region* target, const Region& root) {
     return false;
 }
 
-// A child's jit rvas keep its parent's distance from the addresses; its
-// method's line tables move from offsets to jit rvas with it, once.
-void settleChild(const Region& parent, Region& child, JitMethod* method) {
-    const jit_rva_t start = child.startAddress() + (parent.startJitRva() - parent.startAddress()); // wraps on purpose
-    child.setStartJitRva(start);
-    if (method) {
-        method->setStartJitRva(start);
-        method->normalizeLineNumberInfoJitRvaRanges(start);
-    }
-}
-
 } // namespace
 
 Status InlineAttacher::attachById(const JitMethod::Ptr& inlineMethod) {
@@ -241,11 +230,9 @@ Status InlineAttacher::attach(const JitMethod::Ptr& inlineMethod, Region::Ptr pa
         // The parent has its jit rvas for good: the new child and what waited
         // below it take theirs now, while they are in the cache, instead of
         // in a walk over every grown tree at finalisation.
-        settleChild(*target, *inlineRegion, inlineMethod.get());
-        if (!inlineRegion->inlinedRegions().empty() && normalizeTree(*inlineRegion) != meSuccess)
-            QV_INDEX_ERROR("Couldn't normalize method's (method id = "
-                           << rawId << ", startJitRva = " << inlineMethod->getStartJitRva() << ") code region "
-                           << ipRange(range) << ". The inlines can't be resolved for this method.");
+        target->settleInline(target->inlinedRegions().size() - 1);
+        if (!inlineRegion->inlinedRegions().empty())
+            normalizeTreeOf(*inlineRegion, *inlineMethod);
     } else {
         m_grown.push_back(
             Grown{target, JitMethod::Ptr(const_cast<JitMethod*>(&parentMethod)), topLevel && target == parentRegion});
@@ -282,7 +269,7 @@ quarvel_error_t InlineAttacher::normalizeTree(Region& root) const {
             if (ret == meSuccess)
                 for (size_t i = 0; i < children.size(); ++i)
                     if (children[i]->startJitRva() == 0)
-                        settleChild(region, *children[i], methods[i].get());
+                        region.settleInline(i);
         }
         if (ret != meSuccess) {
             result = ret;
@@ -317,12 +304,15 @@ void InlineAttacher::normalizePending() {
         QV_TRACE("Normalize method's (method id = " << g.owner->getRawMethodId()
                                                     << ", startJitRva = " << g.owner->getStartJitRva()
                                                     << ") code region " << ipRange(region));
-        if (normalizeTree(region) != meSuccess)
-            QV_INDEX_ERROR("Couldn't normalize method's (method id = "
-                           << g.owner->getRawMethodId() << ", startJitRva = " << g.owner->getStartJitRva()
-                           << ") code region " << ipRange(region)
-                           << ". The inlines can't be resolved for this method.");
+        normalizeTreeOf(region, *g.owner);
     }
+}
+
+void InlineAttacher::normalizeTreeOf(Region& root, const JitMethod& owner) const {
+    if (normalizeTree(root) != meSuccess)
+        QV_INDEX_ERROR("Couldn't normalize method's (method id = "
+                       << owner.getRawMethodId() << ", startJitRva = " << owner.getStartJitRva() << ") code region "
+                       << ipRange(root) << ". The inlines can't be resolved for this method.");
 }
 
 QUARVEL_NAMESPACE_END

@@ -57,6 +57,8 @@ private:
     void releaseParent(const JitMethod::Ptr& inlineMethod);
     // Inline jit rvas of the tree below root, for children not settled yet.
     quarvel_error_t normalizeTree(Region& root) const;
+    // normalizeTree, with an error naming owner when part of the tree failed.
+    void normalizeTreeOf(Region& root, const JitMethod& owner) const;
 
     const MethodRegistry& m_methods;
     // Every inline by its own id: the parents of nested inlines. An inline

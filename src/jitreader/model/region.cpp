@@ -154,22 +154,27 @@ generic_iterator_t<ICodeRegion::Ptr> Region::getInlinedRegions() const {
 
 quarvel_error_t Region::normalizeInlineJitRvaRanges(jit_rva_t parentJitRva, address_t parentStart) {
     QV_CHECK(inlinedRegions().size() == inlinedMethods().size(), return meNotFound);
-    if (inlinedRegions().empty())
-        return meSuccess;
-
     const u64 delta = parentJitRva - parentStart; // wraps on purpose
-    for (size_t i = 0; i < inlinedRegions().size(); ++i) {
-        Region& child = *inlinedRegions()[i];
-        child.m_startJitRva = child.m_startVirtualAddress + delta;
-        const MethodPtr& method = inlinedMethods()[i];
-        if (method) {
-            method->setStartJitRva(child.m_startJitRva);
-            method->normalizeLineNumberInfoJitRvaRanges(child.m_startJitRva);
-        }
-        QV_TRACE("  Set jit rva range = " << hexRange(child.m_startJitRva, child.m_length) << " for ip range = "
-                                          << hexRange(child.m_startVirtualAddress, child.m_length) << ".");
-    }
+    for (size_t i = 0; i < inlinedRegions().size(); ++i)
+        settleInlineAt(i, delta);
     return meSuccess;
+}
+
+void Region::settleInline(size_t i) {
+    QV_CHECK(i < inlinedRegions().size() && i < inlinedMethods().size(), return );
+    settleInlineAt(i, m_startJitRva - m_startVirtualAddress); // wraps on purpose
+}
+
+void Region::settleInlineAt(size_t i, u64 delta) {
+    Region& child = *inlinedRegions()[i];
+    child.m_startJitRva = child.m_startVirtualAddress + delta;
+    const MethodPtr& method = inlinedMethods()[i];
+    if (method) {
+        method->setStartJitRva(child.m_startJitRva);
+        method->normalizeLineNumberInfoJitRvaRanges(child.m_startJitRva);
+    }
+    QV_TRACE("  Set jit rva range = " << hexRange(child.m_startJitRva, child.m_length) << " for ip range = "
+                                      << hexRange(child.m_startVirtualAddress, child.m_length) << ".");
 }
 
 quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IByteBuffer::Ptr& content,

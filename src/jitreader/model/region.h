@@ -86,6 +86,8 @@ public:
     // Gives each direct child (and its method and line tables) the jit rvas of
     // its addresses, relative to this region's settled jit rva.
     quarvel_error_t normalizeInlineJitRvaRanges(jit_rva_t parentJitRva, address_t parentStart);
+    // The same for direct child i alone, relative to this region's own jit rva.
+    void settleInline(size_t i);
 
     // Rewrites [codeAddr, codeAddr + codeLen) of the code copy and records the range.
     quarvel_error_t addBytesUpdate(address_t codeAddr, u32 codeLen, const IByteBuffer::Ptr& content,
@@ -95,6 +97,8 @@ public:
     void dumpInlines(std::ostringstream& os, u32 indent) const;
 
 private:
+    void settleInlineAt(size_t i, u64 delta);
+
     // The 32-bit fields first: the first fills the base's tail padding, and
     // the three make a region 64 bytes with the code bytes kept aside.
     u32 m_hostId;
