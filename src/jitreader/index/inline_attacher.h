@@ -41,6 +41,12 @@ public:
     void normalizePending();
 
     size_t waitingCount() const { return m_waiting.size(); }
+    // Starts loading the slots attachById reads in the table of inlines:
+    // the parent's when it is an inline itself, and the inline's own.
+    void prefetch(const BaseMethodId& parentId, const BaseMethodId& ownId) const {
+        m_inlineParents.prefetch(parentId);
+        m_inlineParents.prefetch(ownId);
+    }
 
 private:
     typedef std::multimap<BaseMethodId, JitMethod::Ptr, BaseMethodId::Comparator> Waiting;

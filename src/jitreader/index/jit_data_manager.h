@@ -100,6 +100,11 @@ public:
     // of the method: the registry's table, read first when the method (or an
     // inline under it) comes, starts loading into the cache meanwhile.
     void prefetchMethod(const BaseMethodId& id) const { m_methods.prefetch(id); }
+    // The same for an inline about to be attached by its parent's id.
+    void prefetchInline(const BaseMethodId& parentId, const BaseMethodId& ownId) const {
+        m_methods.prefetch(parentId);
+        m_inlines.prefetch(parentId, ownId);
+    }
     // The region that holds jitRva in the jit rva domain, if any.
     const RegionInfo* findJitRvaRegion(u64 jitRva) const;
 

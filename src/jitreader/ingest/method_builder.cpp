@@ -259,9 +259,10 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
     // read, and the inline's own id may take its place in the cache.
     const BaseMethodId parentId = m_ids.get(load.parentId, method);
     method->info()->setParentId(parentId);
-    method->info()->setMethodId(m_ids.get(load.methodId, method));
+    const BaseMethodId ownId = m_ids.get(load.methodId, method);
+    method->info()->setMethodId(ownId);
     if (context.data)
-        context.data->prefetchMethod(parentId); // attaching looks the parent up there first
+        context.data->prefetchInline(parentId, ownId); // attaching looks both ids up
     applySymbolic(*method, load.tail, fileHash, full, load.region.codeSize);
     return method;
 }
