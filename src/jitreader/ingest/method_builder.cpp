@@ -75,25 +75,20 @@ void ModuleCache::prefetchSourceFileSlot(size_t hash) const {
         __builtin_prefetch(&m_sourceFileSlots[hash & (m_sourceFileSlots.size() - 1)]);
 }
 
-const SourceFile* ModuleCache::fileAtHome(size_t hash) const {
+const ModuleCache::SourceFileSlot* ModuleCache::slotAtHome(size_t hash) const {
     if (m_sourceFileSlots.empty())
         return nullptr;
     const SourceFileSlot& slot = m_sourceFileSlots[hash & (m_sourceFileSlots.size() - 1)];
-    return slot.hash == hash ? slot.file : nullptr;
+    return slot.file && slot.hash == hash ? &slot : nullptr;
 }
 
 void ModuleCache::prefetchSourceFileObject(size_t hash) const {
-    if (const SourceFile* file = fileAtHome(hash)) {
-        const char* object = reinterpret_cast<const char*>(file);
+    if (const SourceFileSlot* slot = slotAtHome(hash)) {
+        const char* object = reinterpret_cast<const char*>(slot->file);
         __builtin_prefetch(object);
         __builtin_prefetch(object + sizeof(SourceFile) - 1);
-    }
-}
-
-void ModuleCache::prefetchSourceFileText(size_t hash) const {
-    if (const SourceFile* file = fileAtHome(hash)) {
-        __builtin_prefetch(file->name().data());
-        __builtin_prefetch(file->getChecksum());
+        __builtin_prefetch(slot->name);
+        __builtin_prefetch(slot->checksum);
     }
 }
 
@@ -114,7 +109,8 @@ const SourceFile::Ptr& ModuleCache::sourceFile(std::string_view name, std::strin
     }
     m_lastSourceFile = adoptNew(new SourceFile(std::string(name), std::string(checksum), checksumType, language));
     m_sourceFileObjects.push_back(m_lastSourceFile);
-    m_sourceFileSlots[i] = SourceFileSlot{hash, m_lastSourceFile.get()};
+    m_sourceFileSlots[i] = SourceFileSlot{hash, m_lastSourceFile.get(), m_lastSourceFile->getSourceFileName(),
+                                          m_lastSourceFile->getChecksum()};
     return m_lastSourceFile;
 }
 
@@ -185,8 +181,6 @@ void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail
         info.setModule(m_modules.get(name, pseudo ? meSuccess : meNotFound, arch));
     }
     applyNames(info, tail);
-    if (context.keepSymbolic)
-        m_modules.prefetchSourceFileText(fileHash);
 }
 
 void MethodBuilder::applySymbolic(JitMethod& method, const TraceMethodTail& tail, size_t fileHash,

@@ -39,13 +39,11 @@ public:
     static size_t sourceFileHash(std::string_view name, std::string_view checksum, unsigned checksumType,
                                  unsigned language);
     // Start loading what sourceFile() will read, which misses the cache: the
-    // table slot first; once it is in, the file object it names; once that
-    // is in, the name and checksum the comparison reads. A method asks for
-    // its file only after its regions, names and id are built: time enough
-    // for all three.
+    // table slot first; once it is in, the file object it names and the
+    // name and checksum the comparison reads. A method asks for its file
+    // only after its regions, names and id are built: time enough for both.
     void prefetchSourceFileSlot(size_t hash) const;
     void prefetchSourceFileObject(size_t hash) const;
-    void prefetchSourceFileText(size_t hash) const;
 
 private:
     std::map<std::tuple<std::string, quarvel_error_t, int>, IModule::Ptr> m_modules;
@@ -54,15 +52,17 @@ private:
     std::string m_lastPath;
     quarvel_error_t m_lastStatus = meSuccess;
     quarvel_arch m_lastArch = quarvel_arch_vx64;
-    // An open hash of the content's hash and the file, small enough to stay
-    // in cache: a lookup builds no key and touches one file object.
+    // An open hash of the content's hash and the file: a lookup builds no
+    // key and touches one file object. The slot also points at the file's
+    // texts, so that they are fetched with the object rather than after it.
     struct SourceFileSlot {
         size_t hash = 0;
         SourceFile* file = nullptr; // kept by m_sourceFileObjects
+        const char* name = nullptr;
+        const char* checksum = nullptr;
     };
-    // The file in hash's home slot when it has that hash (most often the
-    // file sourceFile() will find), else null.
-    const SourceFile* fileAtHome(size_t hash) const;
+    // The slot at hash's home when it holds that hash, else null.
+    const SourceFileSlot* slotAtHome(size_t hash) const;
     void growSourceFiles();
     std::vector<SourceFileSlot> m_sourceFileSlots; // power-of-two size, at most 3/4 full
     std::vector<SourceFile::Ptr> m_sourceFileObjects;
