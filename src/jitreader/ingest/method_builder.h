@@ -57,9 +57,9 @@ private:
     // texts, so that they are fetched with the object rather than after it.
     struct SourceFileSlot {
         size_t hash = 0;
-        SourceFile* file = nullptr; // kept by m_sourceFileObjects
-        const char* name = nullptr;
-        const char* checksum = nullptr;
+        SourceFile* file = nullptr;     // kept by m_sourceFileObjects
+        const char* name = nullptr;     // the file's texts: only ever fetched ahead,
+        const char* checksum = nullptr; // never read through
     };
     // The slot at hash's home when it holds that hash, else null.
     const SourceFileSlot* slotAtHome(size_t hash) const;
