@@ -6,6 +6,7 @@
 
 #include "support/block_heap.h"
 #include "support/bulk_memory.h"
+#include "support/growing_array.h"
 #include "support/object_pool.h"
 
 #include <gtest/gtest.h>
@@ -151,6 +152,42 @@ TEST(BulkVector, GrowsAcrossItsOwnMappingsWithoutLosingElements) {
     BulkVector<uint64_t> copy = v;
     for (size_t i = 0; i < 100; ++i)
         ASSERT_EQ(i * 2654435761u, copy[i]);
+}
+
+// The same path for the array that grows in place: past the shared blocks
+// into a mapping of its own, then moved to larger mappings page by page.
+// Appending one of its own elements while it moves must copy the value first.
+TEST(GrowingArray, KeepsEveryElementAsItsMappingMoves) {
+    GrowingArray<uint64_t> v;
+    std::vector<uint64_t> expected;
+    const size_t n = 5 * (bulk_memory::kHugePage / sizeof(uint64_t)) + 3;
+    for (size_t i = 0; i < n; ++i) {
+        const bool full = v.size() == v.capacity() && !v.empty();
+        expected.push_back(full ? v[0] : (i + 1) * 2654435761u);
+        if (full)
+            v.push_back(v[0]); // a reference into the storage that moves
+        else
+            v.push_back((i + 1) * 2654435761u);
+#if QUARVEL_POOLED_OBJECTS
+        if (v.capacity() * sizeof(uint64_t) >= bulk_memory::kHugePage) {
+            ASSERT_EQ(0u, reinterpret_cast<uintptr_t>(v.data()) % bulk_memory::kHugePage);
+        }
+#endif
+    }
+    ASSERT_EQ(n, v.size());
+    for (size_t i = 0; i < n; ++i)
+        ASSERT_EQ(expected[i], v[i]) << i;
+
+    GrowingArray<uint64_t> copy = v;
+    v.resize(n + 10); // new elements value-initialised
+    EXPECT_EQ(0u, v[n + 9]);
+    v.clear();
+    EXPECT_TRUE(v.empty());
+    EXPECT_GE(v.capacity(), n);
+    ASSERT_EQ(n, copy.size());
+    EXPECT_EQ(expected[n - 1], copy[n - 1]);
+    GrowingArray<uint64_t>().swap(copy);
+    EXPECT_EQ(0u, copy.capacity());
 }
 
 } // namespace object_pool_test

@@ -308,7 +308,7 @@ size_t AddressHistory::endLives(u64 start, u64 end, u64 time) {
 
 void AddressHistory::freeze() {
     m_top.clear();
-    BulkVector<LinkRun>().swap(m_runs);
+    GrowingArray<LinkRun>().swap(m_runs);
     std::vector<Link>().swap(m_links);
     std::vector<u32>().swap(m_shadowed);
     m_staleLinks = 0;

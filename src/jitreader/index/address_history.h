@@ -6,6 +6,7 @@
 #include "model/jit_method.h"
 #include "model/region.h"
 #include "support/bulk_memory.h"
+#include "support/growing_array.h"
 
 #include <quarvel/types.h>
 
@@ -79,7 +80,7 @@ public:
     void thaw();
     bool frozen() const { return m_frozen; }
 
-    typedef BulkVector<Slot> Slots;
+    typedef GrowingArray<Slot> Slots;
     const Slots& slots() const { return m_slots; }
     bool empty() const { return m_slots.empty(); }
     size_t topIntervals() const { return m_top.size(); }
@@ -118,7 +119,7 @@ private:
     bool m_frozen = false;
 
     // Registration state.
-    BulkVector<LinkRun> m_runs; // per slot
+    GrowingArray<LinkRun> m_runs; // per slot
     std::vector<Link> m_links;
     size_t m_staleLinks = 0; // links of runs that a relink replaced
     TopMap m_top;

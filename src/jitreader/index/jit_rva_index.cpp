@@ -8,7 +8,7 @@ QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
-typedef BulkVector<RegionInfo> Run;
+typedef GrowingArray<RegionInfo> Run;
 
 // The first entry of run that ends above jitRva.
 Run::const_iterator firstEndingAbove(const Run& run, u64 jitRva) {

@@ -4,6 +4,7 @@
 #include "model/jit_method.h"
 #include "model/region.h"
 #include "support/bulk_memory.h"
+#include "support/growing_array.h"
 
 #include <quarvel/types.h>
 
@@ -58,13 +59,13 @@ public:
     std::vector<const RegionInfo*> ordered() const;
 
 private:
-    typedef BulkVector<RegionInfo> Run;
+    typedef GrowingArray<RegionInfo> Run;
 
     struct Directory {
-        u64 base = 0;            // the run's first start
-        unsigned shift = 0;      // a bucket spans 2^shift jit rvas
-        BulkVector<u32> firsts;  // per bucket, its first entry; then the run's size
-        size_t entries = 0;      // the entries the buckets cover (the run's size when last filled)
+        u64 base = 0;           // the run's first start
+        unsigned shift = 0;     // a bucket spans 2^shift jit rvas
+        BulkVector<u32> firsts; // per bucket, its first entry; then the run's size
+        size_t entries = 0;     // the entries the buckets cover (the run's size when last filled)
         void build(const Run& run);
         // The run grew at its end since build(): new buckets for the new
         // entries, or build() again once the buckets no longer fit its size.

@@ -3,6 +3,7 @@
 #include "support/object_pool.h"
 
 #include <cstdint>
+#include <cstring>
 #include <mutex>
 #include <new>
 
@@ -149,6 +150,27 @@ void free(void* block, size_t bytes) noexcept {
         sharedBlocks().give(block, SharedBlocks::sizeClass(bytes));
     else
         freeLarge(block, bytes);
+}
+
+void* reallocate(void* block, size_t bytes, size_t used, size_t newBytes) {
+    if (block && mapped(bytes) && mapped(newBytes)) {
+        const size_t from = roundedToHugePages(bytes);
+        const size_t to = roundedToHugePages(newBytes);
+        // The target is reserved first so that the moved pages keep the
+        // huge-page alignment: moved as whole page-table entries, never split.
+        char* const target = mapAligned(to, kHugePage);
+        void* const moved = ::mremap(block, from, to, MREMAP_MAYMOVE | MREMAP_FIXED, target);
+        if (moved != MAP_FAILED) {
+            ::madvise(moved, to, MADV_HUGEPAGE);
+            return moved;
+        }
+        ::munmap(target, to);
+    }
+    void* const grown = allocate(newBytes);
+    if (used)
+        std::memcpy(grown, block, used);
+    free(block, bytes);
+    return grown;
 }
 
 size_t chunkSize(size_t bytes) {
