@@ -43,10 +43,11 @@ void* allocate(size_t bytes);
 size_t usableSize(size_t bytes);
 // bytes: as given to allocate.
 void free(void* block, size_t bytes) noexcept;
-// A larger block, of newBytes (as given to allocate), holding the first `used` bytes
-// of block (bytes as given to allocate; null when bytes is 0), which is
-// given back. A block on a mapping of its own moves to the larger one with
-// its pages (mremap): nothing is copied and no page is filled twice.
+// A larger block, of newBytes (as given to allocate), holding the first
+// `used` bytes of block (bytes as given to allocate; null when bytes is 0),
+// which is given back. A block on a mapping of its own moves to the larger
+// one with its pages (mremap): nothing is copied and no page is filled
+// twice. On failure (std::bad_alloc) block stays as it was.
 void* reallocate(void* block, size_t bytes, size_t used, size_t newBytes);
 
 // For arrays there are few of, one per manager or per build (every method
