@@ -1,8 +1,11 @@
 // The reading pass shares one SourceFile per distinct source file: the same
 // content must give the same object (before and after its table grows), and
 // files that differ in any field (name, checksum, its type, the language)
-// must stay apart.
+// must stay apart. The references it hands out come from batches it takes
+// ahead: every one must be counted once, whether the cache or the method
+// goes first. The registry then keeps one object per content across passes.
 
+#include "index/method_registry.h"
 #include "ingest/method_builder.h"
 
 #include <gtest/gtest.h>
@@ -27,10 +30,18 @@ TEST(SourceFileSharing, SameContentSameObjectAnyDifferenceAnother) {
         const std::string name = "File" + std::to_string(i / 4) + ".java";
         // Four variants of each name, each differing in one field.
         switch (i % 4) {
-        case 0: files.push_back({name, "", 0, 1}); break;
-        case 1: files.push_back({name, "ab12", 0, 1}); break;
-        case 2: files.push_back({name, "ab12", 2, 1}); break;
-        default: files.push_back({name, "ab12", 2, 3}); break;
+        case 0:
+            files.push_back({name, "", 0, 1});
+            break;
+        case 1:
+            files.push_back({name, "ab12", 0, 1});
+            break;
+        case 2:
+            files.push_back({name, "ab12", 2, 1});
+            break;
+        default:
+            files.push_back({name, "ab12", 2, 3});
+            break;
         }
     }
     ModuleCache cache;
@@ -49,6 +60,57 @@ TEST(SourceFileSharing, SameContentSameObjectAnyDifferenceAnother) {
             EXPECT_NE(first[i - 1], first[i]) << "files " << i - 1 << " and " << i << " differ";
         }
     }
+}
+
+// The count a file's holders see: the cache's batches must neither leak nor
+// give back a reference a method still holds.
+unsigned references(const SourceFile& file) {
+    file.addRef();
+    return file.release();
+}
+
+TEST(SourceFileSharing, EveryReferenceHandedOutIsCountedOnceAndOutlivesTheCache) {
+    for (const size_t handedOut : {size_t(1), size_t(2), size_t(3), size_t(100), size_t(1000)}) {
+        SCOPED_TRACE(handedOut);
+        std::vector<SourceFile::Ptr> held;
+        {
+            ModuleCache cache;
+            for (size_t i = 0; i < handedOut; ++i) {
+                held.push_back(cache.sourceFile("Held.java", "", 0, 1));
+                cache.sourceFile("Other.java", "", 0, 1); // dropped at once, the batches interleaved
+            }
+            EXPECT_GE(references(*held.front()), handedOut + 1); // the cache's own and its batch's rest
+        }
+        EXPECT_EQ(handedOut, references(*held.front()));
+        for (const SourceFile::Ptr& file : held)
+            EXPECT_EQ(held.front(), file);
+        held.resize(1);
+        EXPECT_EQ(1u, references(*held.front()));
+        EXPECT_EQ("Held.java", held.front()->name());
+    }
+}
+
+// Two passes (two caches) each make their own object for one content; the
+// registry hands every method the first one it kept, and a method that
+// already holds a kept object keeps it.
+TEST(SourceFileSharing, TheRegistryKeepsOneObjectPerContentAcrossPasses) {
+    MethodRegistry registry;
+    ModuleCache first;
+    ModuleCache second;
+    std::vector<JitMethod::Ptr> methods;
+    for (int i = 0; i < 200; ++i) {
+        ModuleCache& cache = i % 2 ? second : first;
+        JitMethod::Ptr method = adoptNew(new JitMethod());
+        method->info()->shareSourceFile(cache.sourceFile("File" + std::to_string(i % 50) + ".java", "", 0, 1));
+        registry.internShared(*method);
+        methods.push_back(method);
+    }
+    for (int i = 0; i < 200; ++i) {
+        const SourceFile::Ptr& file = methods[i]->info()->sharedSourceFile();
+        EXPECT_EQ("File" + std::to_string(i % 50) + ".java", file->name());
+        EXPECT_EQ(methods[i % 50]->info()->sharedSourceFile(), file) << "method " << i;
+    }
+    EXPECT_NE(methods[0]->info()->sharedSourceFile(), methods[1]->info()->sharedSourceFile());
 }
 
 } // namespace source_file_sharing_test

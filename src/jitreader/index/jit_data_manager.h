@@ -100,6 +100,8 @@ public:
     // of the method: the registry's table, read first when the method (or an
     // inline under it) comes, starts loading into the cache meanwhile.
     void prefetchMethod(const BaseMethodId& id) const { m_methods.prefetch(id); }
+    // The same for the source file a method about to be registered names.
+    void prefetchSourceFile(const SourceFile* file) const { m_methods.prefetchKept(file); }
     // The same for an inline about to be attached by its parent's id.
     void prefetchInline(const BaseMethodId& parentId, const BaseMethodId& ownId) const {
         m_methods.prefetch(parentId);

@@ -2,7 +2,8 @@
 
 #include "model/module.h"
 
-#include <atomic>
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -22,7 +23,52 @@ bool sameSourceFile(const SourceFile& a, const SourceFile& b) {
            a.name() == b.name() && std::strcmp(a.getChecksum(), b.getChecksum()) == 0;
 }
 
+size_t addressHash(const void* p) {
+    u64 x = reinterpret_cast<uintptr_t>(p);
+    x ^= x >> 33;
+    x *= 0xff51afd7ed558ccdULL;
+    return static_cast<size_t>(x ^ (x >> 33));
+}
+
 } // namespace
+
+void MethodRegistry::prefetchKept(const SourceFile* file) const {
+    if (!m_keptFiles.empty())
+        __builtin_prefetch(&m_keptFiles[addressHash(file) & (m_keptFiles.size() - 1)]);
+}
+
+bool MethodRegistry::keeps(const SourceFile* file) const {
+    if (m_keptFiles.empty())
+        return false;
+    const size_t mask = m_keptFiles.size() - 1;
+    for (size_t i = addressHash(file) & mask; m_keptFiles[i]; i = (i + 1) & mask)
+        if (m_keptFiles[i] == file)
+            return true;
+    return false;
+}
+
+void MethodRegistry::keep(const SourceFile* file) {
+    if ((m_keptCount + 1) * 2 > m_keptFiles.size()) {
+        std::vector<const SourceFile*> grown(std::max<size_t>(64, m_keptFiles.size() * 2), nullptr);
+        const size_t mask = grown.size() - 1;
+        for (const SourceFile* kept : m_keptFiles) {
+            if (!kept)
+                continue;
+            size_t i = addressHash(kept) & mask;
+            while (grown[i])
+                i = (i + 1) & mask;
+            grown[i] = kept;
+        }
+        m_keptFiles.swap(grown);
+    }
+    const size_t mask = m_keptFiles.size() - 1;
+    size_t i = addressHash(file) & mask;
+    for (; m_keptFiles[i]; i = (i + 1) & mask)
+        if (m_keptFiles[i] == file)
+            return;
+    m_keptFiles[i] = file;
+    ++m_keptCount;
+}
 
 void MethodRegistry::add(const JitMethod::Ptr& method, u32 pid, u32 hostId) {
     m_methods.add(method);
@@ -66,14 +112,9 @@ void MethodRegistry::internShared(JitMethod& method) {
     internSourceFile(method);
 }
 
-u64 MethodRegistry::nextOwner() {
-    static std::atomic<u64> last{0};
-    return ++last;
-}
-
 void MethodRegistry::internSourceFile(JitMethod& method) {
     const SourceFile::Ptr& file = method.info()->sharedSourceFile();
-    if (!file || file->sharedBy(m_owner))
+    if (!file || keeps(file.get()))
         return; // the reading pass shares the files it made: most are kept here already
     if (m_lastSourceFile && (file == m_lastSourceFile || sameSourceFile(*file, *m_lastSourceFile))) {
         if (file != m_lastSourceFile)
@@ -81,7 +122,7 @@ void MethodRegistry::internSourceFile(JitMethod& method) {
         return;
     }
     const SourceFile::Ptr shared = *m_sourceFiles.insert(file).first;
-    shared->markSharedBy(m_owner);
+    keep(shared.get());
     if (shared != file)
         method.info()->shareSourceFile(shared);
     m_lastSourceFile = shared;

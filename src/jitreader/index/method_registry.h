@@ -25,6 +25,8 @@ public:
     // Index of the method registered under id, or kNone.
     u32 find(const BaseMethodId& id) const { return m_methods.find(id); }
     void prefetch(const BaseMethodId& id) const { m_methods.prefetch(id); }
+    // Start loading what interning file will read.
+    void prefetchKept(const SourceFile* file) const;
     // Registers a method whose id is new, read from the address space (hostId, pid).
     void add(const JitMethod::Ptr& method, u32 pid, u32 hostId);
 
@@ -67,8 +69,14 @@ private:
     IModule::Ptr m_lastModule; // most records name the module of the record before
     std::unordered_set<SourceFile::Ptr, SourceFileHash, SameSourceFile> m_sourceFiles;
     SourceFile::Ptr m_lastSourceFile;
-    const u64 m_owner = nextOwner(); // marks the source files kept here
-    static u64 nextOwner();
+    // The files in m_sourceFiles by address, so that a method's file, most
+    // often one of them already, is found without reading the file object
+    // (a cache miss per method in a trace that names its files in any
+    // order). An open hash, power-of-two size, at most half full.
+    bool keeps(const SourceFile* file) const;
+    void keep(const SourceFile* file);
+    std::vector<const SourceFile*> m_keptFiles;
+    size_t m_keptCount = 0;
     size_t m_modulesInterned = 0;
 
     // (module path, raw id) -> method index, filled up to m_symbolsIndexed.

@@ -56,18 +56,33 @@ const IModule::Ptr& ModuleCache::get(std::string_view path, quarvel_error_t stat
 
 namespace {
 
-bool sameSourceFile(const SourceFile& file, std::string_view name, std::string_view checksum, unsigned checksumType,
-                    unsigned language) {
-    return file.getChecksumType() == checksumType && file.getLanguageType() == language && file.name() == name &&
-           checksum == file.getChecksum();
-}
+// The texts of the files a reading pass meets, in blocks of this size (a
+// longer pair gets a block of its own).
+constexpr size_t kTextBlock = size_t(64) << 10;
+// References a file hands out before the cache takes more, at most: a file
+// named by one method costs two, one named by thousands a touch of its
+// object per this many.
+constexpr u32 kLargestBatch = 64;
 
 } // namespace
+
+ModuleCache::~ModuleCache() {
+    for (SourceFileSlot& slot : m_sourceFileSlots)
+        for (; slot.unlent > 0; --slot.unlent)
+            slot.file->release(); // never the last reference: m_sourceFiles holds one
+}
 
 size_t ModuleCache::sourceFileHash(std::string_view name, std::string_view checksum, unsigned checksumType,
                                    unsigned language) {
     return std::hash<std::string_view>()(name) ^ (std::hash<std::string_view>()(checksum) << 1) ^
            (size_t(checksumType) << 8) ^ (size_t(language) << 16);
+}
+
+bool ModuleCache::holds(const SourceFileSlot& slot, size_t hash, std::string_view name, std::string_view checksum,
+                        unsigned checksumType, unsigned language) {
+    return slot.texts && slot.hash == hash && slot.checksumType == checksumType && slot.language == language &&
+           std::string_view(slot.texts, slot.nameLength) == name &&
+           std::string_view(slot.texts + slot.nameLength, slot.checksumLength) == checksum;
 }
 
 void ModuleCache::prefetchSourceFileSlot(size_t hash) const {
@@ -79,50 +94,82 @@ const ModuleCache::SourceFileSlot* ModuleCache::slotAtHome(size_t hash) const {
     if (m_sourceFileSlots.empty())
         return nullptr;
     const SourceFileSlot& slot = m_sourceFileSlots[hash & (m_sourceFileSlots.size() - 1)];
-    return slot.file && slot.hash == hash ? &slot : nullptr;
+    return slot.texts && slot.hash == hash ? &slot : nullptr;
 }
 
-void ModuleCache::prefetchSourceFileObject(size_t hash) const {
+void ModuleCache::prefetchSourceFileTexts(size_t hash) const {
     if (const SourceFileSlot* slot = slotAtHome(hash)) {
-        const char* object = reinterpret_cast<const char*>(slot->file);
-        __builtin_prefetch(object);
-        __builtin_prefetch(object + sizeof(SourceFile) - 1);
-        __builtin_prefetch(slot->name);
-        __builtin_prefetch(slot->checksum);
+        __builtin_prefetch(slot->texts);
+        __builtin_prefetch(slot->texts + slot->nameLength + slot->checksumLength);
     }
 }
 
-const SourceFile::Ptr& ModuleCache::sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
-                                               unsigned language, size_t hash) {
-    if (m_lastSourceFile && sameSourceFile(*m_lastSourceFile, name, checksum, checksumType, language))
-        return m_lastSourceFile;
-    if ((m_sourceFileObjects.size() + 1) * 4 > m_sourceFileSlots.size() * 3)
+SourceFile::Ptr ModuleCache::lend(SourceFileSlot& slot) {
+    if (slot.unlent == 0) {
+        for (u32 i = 0; i < slot.nextBatch; ++i)
+            slot.file->addRef();
+        slot.unlent = slot.nextBatch;
+        slot.nextBatch = std::min(slot.nextBatch * 2, kLargestBatch);
+    }
+    --slot.unlent;
+    return SourceFile::Ptr(slot.file, false); // the reference taken in the batch
+}
+
+const char* ModuleCache::keepTexts(std::string_view name, std::string_view checksum) {
+    const size_t bytes = name.size() + checksum.size() + 1; // never empty: an empty slot's texts are null
+    if (bytes > m_textLeft) {
+        const size_t size = std::max(bytes, kTextBlock);
+        m_textBlocks.emplace_back(new char[size]);
+        m_textNext = m_textBlocks.back().get();
+        m_textLeft = size;
+    }
+    char* const texts = m_textNext;
+    std::copy(checksum.begin(), checksum.end(), std::copy(name.begin(), name.end(), texts));
+    m_textNext += bytes;
+    m_textLeft -= bytes;
+    return texts;
+}
+
+SourceFile::Ptr ModuleCache::sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
+                                        unsigned language, size_t hash) {
+    if (m_lastSlot != kNoSlot && holds(m_sourceFileSlots[m_lastSlot], hash, name, checksum, checksumType, language))
+        return lend(m_sourceFileSlots[m_lastSlot]);
+    if (name.size() > UINT32_MAX || checksum.size() > UINT32_MAX) // no slot can describe it: not shared
+        return adoptNew(new SourceFile(std::string(name), std::string(checksum), checksumType, language));
+    if ((m_sourceFiles.size() + 1) * 4 > m_sourceFileSlots.size() * 3)
         growSourceFiles();
     const size_t mask = m_sourceFileSlots.size() - 1;
     size_t i = hash & mask;
-    for (; m_sourceFileSlots[i].file; i = (i + 1) & mask) {
-        const SourceFileSlot& slot = m_sourceFileSlots[i];
-        if (slot.hash == hash && sameSourceFile(*slot.file, name, checksum, checksumType, language)) {
-            m_lastSourceFile = SourceFile::Ptr(slot.file);
-            return m_lastSourceFile;
+    for (; m_sourceFileSlots[i].texts; i = (i + 1) & mask) {
+        if (holds(m_sourceFileSlots[i], hash, name, checksum, checksumType, language)) {
+            m_lastSlot = i;
+            return lend(m_sourceFileSlots[i]);
         }
     }
-    m_lastSourceFile = adoptNew(new SourceFile(std::string(name), std::string(checksum), checksumType, language));
-    m_sourceFileObjects.push_back(m_lastSourceFile);
-    m_sourceFileSlots[i] = SourceFileSlot{hash, m_lastSourceFile.get(), m_lastSourceFile->getSourceFileName(),
-                                          m_lastSourceFile->getChecksum()};
-    return m_lastSourceFile;
+    m_sourceFiles.push_back(adoptNew(new SourceFile(std::string(name), std::string(checksum), checksumType, language)));
+    SourceFileSlot& slot = m_sourceFileSlots[i];
+    slot.texts = keepTexts(name, checksum);
+    slot.hash = hash;
+    slot.file = m_sourceFiles.back().get();
+    slot.nameLength = static_cast<u32>(name.size());
+    slot.checksumLength = static_cast<u32>(checksum.size());
+    slot.checksumType = checksumType;
+    slot.language = language;
+    m_lastSlot = i;
+    return lend(slot);
 }
 
 void ModuleCache::growSourceFiles() {
     std::vector<SourceFileSlot> slots(std::max<size_t>(64, m_sourceFileSlots.size() * 2));
     const size_t mask = slots.size() - 1;
     for (const SourceFileSlot& slot : m_sourceFileSlots) {
-        if (!slot.file)
+        if (!slot.texts)
             continue;
         size_t i = slot.hash & mask;
-        while (slots[i].file)
+        while (slots[i].texts)
             i = (i + 1) & mask;
+        if (m_lastSlot == static_cast<size_t>(&slot - m_sourceFileSlots.data()))
+            m_lastSlot = i;
         slots[i] = slot;
     }
     m_sourceFileSlots.swap(slots);
@@ -164,8 +211,8 @@ void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail
     BaseMethodInfo& info = *method.info();
     const quarvel_arch arch = static_cast<quarvel_arch>(tail.moduleArch);
     info.setMethodToken(tail.metadataToken);
-    if (context.keepSymbolic) // the slot came meanwhile; the file object comes while the names are built
-        m_modules.prefetchSourceFileObject(fileHash);
+    if (context.keepSymbolic) // the slot came meanwhile; the texts come while the names are built
+        m_modules.prefetchSourceFileTexts(fileHash);
     // The module first: taking its reference is an atomic operation, which
     // would wait for the stores that write the names to fresh memory.
     if (legacy) {
@@ -187,8 +234,11 @@ void MethodBuilder::applySymbolic(JitMethod& method, const TraceMethodTail& tail
                                   const BuildContext& context, u64 codeLength) {
     if (!context.keepSymbolic)
         return;
-    method.info()->shareSourceFile(
-        m_modules.sourceFile(tail.sourceFile, tail.checksum, tail.checksumType, tail.language, fileHash));
+    SourceFile::Ptr file =
+        m_modules.sourceFile(tail.sourceFile, tail.checksum, tail.checksumType, tail.language, fileHash);
+    if (context.data) // registering the method looks the file up among the shared ones
+        context.data->prefetchSourceFile(file.get());
+    method.info()->shareSourceFile(std::move(file));
     addLineTables(method, tail, codeLength);
 }
 

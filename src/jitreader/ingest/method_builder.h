@@ -12,6 +12,7 @@
 #include <quarvel/jittrace_writer.h>
 
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -26,24 +27,30 @@ class JitDataManager;
 // source file, so that methods share it from the start.
 class ModuleCache {
 public:
+    ModuleCache() = default;
+    ModuleCache(const ModuleCache&) = delete;
+    ModuleCache& operator=(const ModuleCache&) = delete;
+    ~ModuleCache();
+
     // Valid until the next call.
     const IModule::Ptr& get(std::string_view path, quarvel_error_t status, quarvel_arch arch);
-    const SourceFile::Ptr& sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
-                                      unsigned language) {
+    // The file of that content, one object for every method that names it.
+    SourceFile::Ptr sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
+                               unsigned language) {
         return sourceFile(name, checksum, checksumType, language,
                           sourceFileHash(name, checksum, checksumType, language));
     }
     // hash: sourceFileHash of the same content.
-    const SourceFile::Ptr& sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
-                                      unsigned language, size_t hash);
+    SourceFile::Ptr sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
+                               unsigned language, size_t hash);
     static size_t sourceFileHash(std::string_view name, std::string_view checksum, unsigned checksumType,
                                  unsigned language);
     // Start loading what sourceFile() will read, which misses the cache: the
-    // table slot first; once it is in, the file object it names and the
-    // name and checksum the comparison reads. A method asks for its file
-    // only after its regions, names and id are built: time enough for both.
+    // table slot first; once it is in, the texts the comparison reads. A
+    // method asks for its file only after its regions, names and id are
+    // built: time enough for both.
     void prefetchSourceFileSlot(size_t hash) const;
-    void prefetchSourceFileObject(size_t hash) const;
+    void prefetchSourceFileTexts(size_t hash) const;
 
 private:
     std::map<std::tuple<std::string, quarvel_error_t, int>, IModule::Ptr> m_modules;
@@ -52,21 +59,41 @@ private:
     std::string m_lastPath;
     quarvel_error_t m_lastStatus = meSuccess;
     quarvel_arch m_lastArch = quarvel_arch_vx64;
-    // An open hash of the content's hash and the file: a lookup builds no
-    // key and touches one file object. The slot also points at the file's
-    // texts, so that they are fetched with the object rather than after it.
+    // An open hash of the files by content. A lookup touches no file
+    // object: the slot holds what the comparison reads, with the texts in
+    // the cache's own blocks. A trace's methods name their files in any
+    // order, and a file object read once per method was a cache miss each
+    // time, which fetching it ahead did not hide.
+    //
+    // The slot also holds the references taken on its file that no method
+    // holds yet. A method's reference comes from there, so that handing it
+    // out touches no file object either; the cache takes them a batch at a
+    // time, twice as many each time, and gives back the rest when it goes.
     struct SourceFileSlot {
         size_t hash = 0;
-        SourceFile* file = nullptr;     // kept by m_sourceFileObjects
-        const char* name = nullptr;     // the file's texts: only ever fetched ahead,
-        const char* checksum = nullptr; // never read through
+        const char* texts = nullptr; // the name, then the checksum; null: an empty slot
+        SourceFile* file = nullptr;  // kept by m_sourceFiles
+        u32 nameLength = 0;
+        u32 checksumLength = 0;
+        u32 checksumType = 0;
+        u32 language = 0;
+        u32 unlent = 0;
+        u32 nextBatch = 1;
     };
+    static bool holds(const SourceFileSlot& slot, size_t hash, std::string_view name, std::string_view checksum,
+                      unsigned checksumType, unsigned language);
+    static SourceFile::Ptr lend(SourceFileSlot& slot);
+    const char* keepTexts(std::string_view name, std::string_view checksum);
     // The slot at hash's home when it holds that hash, else null.
     const SourceFileSlot* slotAtHome(size_t hash) const;
     void growSourceFiles();
+    static constexpr size_t kNoSlot = ~size_t(0);
     std::vector<SourceFileSlot> m_sourceFileSlots; // power-of-two size, at most 3/4 full
-    std::vector<SourceFile::Ptr> m_sourceFileObjects;
-    SourceFile::Ptr m_lastSourceFile; // records of one class come together
+    std::vector<SourceFile::Ptr> m_sourceFiles;
+    std::vector<std::unique_ptr<char[]>> m_textBlocks;
+    char* m_textNext = nullptr;
+    size_t m_textLeft = 0;
+    size_t m_lastSlot = kNoSlot; // records of one class come together
 };
 
 // Where the method's code comes from.

@@ -74,6 +74,8 @@ public:
     void setSourceFile(const SourceFile& file) { m_sourceFile = SourceFile::Ptr(new SourceFile(file)); }
     const SourceFile::Ptr& sharedSourceFile() const { return m_sourceFile; }
     void shareSourceFile(const SourceFile::Ptr& file) { m_sourceFile = file; }
+    // Takes over file's reference: the file object is not touched.
+    void shareSourceFile(SourceFile::Ptr&& file) { m_sourceFile = std::move(file); }
     // Null when the source file name is empty; a new object on every call.
     ISourceFile::Ptr getSourceFile() const;
 

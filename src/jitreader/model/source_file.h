@@ -27,18 +27,11 @@ public:
 
     const std::string& name() const { return m_name; }
 
-    // Whether this object is the one an owner (a registry of shared source
-    // files, numbered uniquely from 1) keeps for its content: that owner need
-    // not look it up again.
-    bool sharedBy(u64 owner) const { return m_sharedBy == owner; }
-    void markSharedBy(u64 owner) const { m_sharedBy = owner; }
-
 private:
     std::string m_name;
     std::string m_checksum;
     unsigned m_checksumType = 0;
     unsigned m_languageType = 0;
-    mutable u64 m_sharedBy = 0; // not copied
 };
 
 QUARVEL_NAMESPACE_END
