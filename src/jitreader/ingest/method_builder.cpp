@@ -59,9 +59,10 @@ namespace {
 // The texts of the files a reading pass meets, in blocks of this size (a
 // longer pair gets a block of its own).
 constexpr size_t kTextBlock = size_t(64) << 10;
-// References a file hands out before the cache takes more, at most: a file
-// named by one method costs two, one named by thousands a touch of its
-// object per this many.
+// References a file hands out before the cache takes more, at most. The
+// batches start at one and double: a file named by one method costs the one
+// increment it always did, one named by thousands a touch of its object per
+// this many.
 constexpr u32 kLargestBatch = 64;
 
 } // namespace
