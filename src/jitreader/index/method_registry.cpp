@@ -30,6 +30,15 @@ size_t addressHash(const void* p) {
     return static_cast<size_t>(x ^ (x >> 33));
 }
 
+// Where file is in an open hash of addresses, or the empty slot where it would go.
+size_t slotOf(const std::vector<const SourceFile*>& table, const SourceFile* file) {
+    const size_t mask = table.size() - 1;
+    size_t i = addressHash(file) & mask;
+    while (table[i] && table[i] != file)
+        i = (i + 1) & mask;
+    return i;
+}
+
 } // namespace
 
 void MethodRegistry::prefetchKept(const SourceFile* file) const {
@@ -38,36 +47,22 @@ void MethodRegistry::prefetchKept(const SourceFile* file) const {
 }
 
 bool MethodRegistry::keeps(const SourceFile* file) const {
-    if (m_keptFiles.empty())
-        return false;
-    const size_t mask = m_keptFiles.size() - 1;
-    for (size_t i = addressHash(file) & mask; m_keptFiles[i]; i = (i + 1) & mask)
-        if (m_keptFiles[i] == file)
-            return true;
-    return false;
+    return !m_keptFiles.empty() && m_keptFiles[slotOf(m_keptFiles, file)] == file;
 }
 
 void MethodRegistry::keep(const SourceFile* file) {
     if ((m_keptCount + 1) * 2 > m_keptFiles.size()) {
         std::vector<const SourceFile*> grown(std::max<size_t>(64, m_keptFiles.size() * 2), nullptr);
-        const size_t mask = grown.size() - 1;
-        for (const SourceFile* kept : m_keptFiles) {
-            if (!kept)
-                continue;
-            size_t i = addressHash(kept) & mask;
-            while (grown[i])
-                i = (i + 1) & mask;
-            grown[i] = kept;
-        }
+        for (const SourceFile* kept : m_keptFiles)
+            if (kept)
+                grown[slotOf(grown, kept)] = kept;
         m_keptFiles.swap(grown);
     }
-    const size_t mask = m_keptFiles.size() - 1;
-    size_t i = addressHash(file) & mask;
-    for (; m_keptFiles[i]; i = (i + 1) & mask)
-        if (m_keptFiles[i] == file)
-            return;
-    m_keptFiles[i] = file;
-    ++m_keptCount;
+    const SourceFile*& slot = m_keptFiles[slotOf(m_keptFiles, file)];
+    if (!slot) {
+        slot = file;
+        ++m_keptCount;
+    }
 }
 
 void MethodRegistry::add(const JitMethod::Ptr& method, u32 pid, u32 hostId) {

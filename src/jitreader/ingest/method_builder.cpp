@@ -81,7 +81,7 @@ size_t ModuleCache::sourceFileHash(std::string_view name, std::string_view check
 
 bool ModuleCache::holds(const SourceFileSlot& slot, size_t hash, std::string_view name, std::string_view checksum,
                         unsigned checksumType, unsigned language) {
-    return slot.texts && slot.hash == hash && slot.checksumType == checksumType && slot.language == language &&
+    return slot.hash == hash && slot.checksumType == checksumType && slot.language == language &&
            std::string_view(slot.texts, slot.nameLength) == name &&
            std::string_view(slot.texts + slot.nameLength, slot.checksumLength) == checksum;
 }

@@ -80,6 +80,7 @@ private:
         u32 unlent = 0;
         u32 nextBatch = 1;
     };
+    // Whether a filled slot is that content's.
     static bool holds(const SourceFileSlot& slot, size_t hash, std::string_view name, std::string_view checksum,
                       unsigned checksumType, unsigned language);
     static SourceFile::Ptr lend(SourceFileSlot& slot);

@@ -35,13 +35,9 @@ public:
     typedef const T* const_iterator;
 
     GrowingArray() noexcept = default;
-    GrowingArray(const GrowingArray& other) {
-        reserve(other.m_size);
-        std::copy(other.begin(), other.end(), m_data);
-        m_size = other.m_size;
-    }
+    GrowingArray(const GrowingArray&) = delete;
     GrowingArray(GrowingArray&& other) noexcept { swap(other); }
-    GrowingArray& operator=(GrowingArray other) noexcept {
+    GrowingArray& operator=(GrowingArray&& other) noexcept {
         swap(other);
         return *this;
     }
@@ -73,20 +69,10 @@ public:
         }
         m_data[m_size++] = value;
     }
-    void pop_back() noexcept { --m_size; }
     void reserve(size_t count) {
         if (count > capacity())
             moveTo(count);
     }
-    // New elements are value-initialised.
-    void resize(size_t count) {
-        reserve(count);
-        if (count > m_size)
-            std::fill(m_data + m_size, m_data + count, T());
-        m_size = count;
-    }
-    // Keeps the storage.
-    void clear() noexcept { m_size = 0; }
     void swap(GrowingArray& other) noexcept {
         std::swap(m_data, other.m_data);
         std::swap(m_size, other.m_size);
