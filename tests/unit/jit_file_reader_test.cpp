@@ -451,6 +451,66 @@ TEST(ReadingPassUpdates, UpdateV2PatchesTheLiveRegionInPlace) {
     }
 }
 
+// Read from a file, code bytes are views of the file's mapping: they must be
+// the record's bytes, outlive the reading and the file's name, and take a
+// patch as copies do.
+TEST(ReadingPassUpdates, CodeBytesReadFromAFileOutliveTheReading) {
+    const auto pattern = [](uint8_t seed, size_t size) {
+        std::vector<uint8_t> bytes(size);
+        for (size_t i = 0; i < size; ++i)
+            bytes[i] = static_cast<uint8_t>(seed + 7 * i);
+        return bytes;
+    };
+    TraceBuilder trace;
+    trace.collector(ctJitProfiler);
+    for (u32 id = 1; id <= 3; ++id) {
+        TraceMethodLoad loaded = load(id, 100, 0x1000 * id);
+        loaded.regions.front().bytes = pattern(static_cast<uint8_t>(id), 16);
+        loaded.regions.push_back(TraceCodeRegion{0x1000 * id + 0x800, 0, {}}); // empty: no bytes
+        loaded.regions.push_back(TraceCodeRegion{0x1000 * id + 0x100, 40, pattern(static_cast<uint8_t>(id * 50), 40)});
+        trace.load(3, loaded);
+    }
+    TraceInlineLoad inlined = quarvel_test::makeInline(9, 2, 110, 0x2104, 8);
+    inlined.region.bytes = pattern(0xA0, 8);
+    trace.inlineLoad(inlined);
+    trace.updateV2(TraceUpdateV2{3, 150, 0x3004, 4, {1, 2, 3, 4}});
+
+    TempDir dir;
+    const std::string path = dir.file("h.42.jit");
+    trace.writeTo(path);
+    JitDataManager data;
+    {
+        JitReadStats stats;
+        ModuleCache modules;
+        JitFileDecoder decoder(path, kPid, kHost, kBase, dmCodeBytes);
+        JitFileReader reader(&stats, modules);
+        ASSERT_EQ(meSuccess, reader.readJitFile(decoder, taAny, data));
+        EXPECT_EQ(0u, stats.refusedBodies);
+    }
+    boost::filesystem::remove(path);
+    data.finalize();
+
+    const auto bytesOfRegion = [](const Region& region) {
+        const IByteBuffer::Ptr& content = region.content();
+        return content ? std::vector<uint8_t>(content->data(), content->data() + content->size())
+                       : std::vector<uint8_t>();
+    };
+    for (u32 id = 1; id <= 3; ++id) {
+        JitMethod::Ptr method = methodOf(data, id);
+        ASSERT_TRUE(method) << id;
+        ASSERT_EQ(2u, method->regionCount()) << id;
+        std::vector<uint8_t> first = pattern(static_cast<uint8_t>(id), 16);
+        if (id == 3) // patched in place
+            std::copy_n(std::vector<uint8_t>{1, 2, 3, 4}.begin(), 4, first.begin() + 4);
+        EXPECT_EQ(first, bytesOfRegion(*method->regions()[0])) << id;
+        EXPECT_EQ(pattern(static_cast<uint8_t>(id * 50), 40), bytesOfRegion(*method->regions()[1])) << id;
+        if (id == 2) {
+            ASSERT_EQ(1u, method->regions()[1]->inlinedRegions().size());
+            EXPECT_EQ(pattern(0xA0, 8), bytesOfRegion(*method->regions()[1]->inlinedRegions().front()));
+        }
+    }
+}
+
 TEST(ReadingPassUpdates, UpdateV2WithoutLiveCodeIsRefusedAndReadingGoesOn) {
     const TraceUpdateV2 nowhere{9, 150, 0x9000, 4, {1, 2, 3, 4}};
     const TraceUpdateV2 tooLong{1, 150, 0x1008, 32, {1, 2, 3, 4}};

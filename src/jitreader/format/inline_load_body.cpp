@@ -9,6 +9,8 @@ QUARVEL_NAMESPACE_BEGIN
 Status decodeInlineLoadInto(const Record& record, const std::string& file, const BodyOptions& options,
                             TraceInlineLoad& load) {
     recycle(load);
+    if (options.codeSpans)
+        options.codeSpans->clear();
     ByteCursor cursor(record.data.data(), record.data.size(), ByteCursor::Order::little, record.bodyOffset());
     const auto refuse = [&](const char* field, std::string message) -> Status {
         return bodyReason(cursor, file, field, std::move(message));
@@ -52,8 +54,7 @@ Status decodeInlineLoadInto(const Record& record, const std::string& file, const
     if (byteCount > cursor.remaining() || !cursor.bytes(byteCount, bytes, "code bytes"))
         return badValue(at, "number of code range's bytes",
                         "Invalid number of code range's bytes: " + std::to_string(byteCount));
-    if (options.keepCodeBytes)
-        region.bytes.assign(bytes, bytes + byteCount);
+    keepCodeBytes(region, ByteSpan(bytes, byteCount), options);
 
     if (!readModule(cursor, load.tail) || !readSymbolic(cursor, load.tail, options) ||
         !readMetadataToken(cursor, load.tail))

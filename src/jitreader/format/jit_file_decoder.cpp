@@ -41,6 +41,25 @@ JitFileDecoder::JitFileDecoder(const ustring& path, u32_t pid, u32_t hostId, jit
     m_window = std::move(window.value());
     m_size = m_window->size();
     m_open = true;
+    // Code bytes are kept as views of the file rather than copies, which
+    // would take fresh memory of the file's size.
+    if (mode & dmCodeBytes) {
+        Expected<std::shared_ptr<const MappedFile>> mapping = m_window->map();
+        if (mapping)
+            m_mapping = std::move(mapping.value());
+        else
+            QV_WARN("Code bytes of " << path << " are copied: " << mapping.reason().text());
+    }
+}
+
+ByteSpan JitFileDecoder::lasting(const Record& record, ByteSpan part) const {
+    const uint8_t* body = record.data.data();
+    if (!m_mapping || part.empty() || part.data() < body || part.end() > record.data.end())
+        return ByteSpan();
+    const u64 offset = record.bodyOffset() + static_cast<u64>(part.data() - body);
+    if (offset > m_mapping->size() || m_mapping->size() - offset < part.size())
+        return ByteSpan();
+    return ByteSpan(m_mapping->data() + offset, part.size());
 }
 
 JitFileDecoder::JitFileDecoder(const std::string& name, ByteSpan bytes, u32_t pid, u32_t hostId, jit_rva_t jitRvaBase,

@@ -42,6 +42,13 @@ public:
 
     bool isOpen() const { return m_open; }
     const Reason& lastError() const { return m_lastError; }
+    // The bytes `part` of the last record's body where they stay readable
+    // after the next record: in the file's mapping, which mapping() keeps
+    // alive. Only a file read in a mode that keeps code bytes is mapped;
+    // otherwise (and for bytes in memory) the span is empty and the caller
+    // copies the bytes.
+    ByteSpan lasting(const Record& record, ByteSpan part) const;
+    const std::shared_ptr<const MappedFile>& mapping() const { return m_mapping; }
     // Logs why a record was refused, once, as this file's decoder.
     void logRefusal(const Reason& reason) const;
 
@@ -62,7 +69,8 @@ private:
 
     std::string m_path;
     std::unique_ptr<FileWindow> m_window; // a file's bytes; null for bytes in memory
-    ByteSpan m_bytes;                     // bytes in memory
+    std::shared_ptr<const MappedFile> m_mapping;
+    ByteSpan m_bytes; // bytes in memory
     u64 m_size = 0;
     bool m_open = false;
     u64 m_position = 0;

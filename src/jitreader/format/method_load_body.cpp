@@ -11,6 +11,8 @@ QUARVEL_NAMESPACE_BEGIN
 Status decodeMethodLoadInto(const Record& record, int version, const std::string& file, const BodyOptions& options,
                             TraceMethodLoad& load) {
     recycle(load);
+    if (options.codeSpans)
+        options.codeSpans->clear();
     ByteCursor cursor(record.data.data(), record.data.size(), ByteCursor::Order::little, record.bodyOffset());
     const auto refuse = [&](const char* field, std::string message) -> Status {
         return bodyReason(cursor, file, field, std::move(message));
@@ -31,7 +33,8 @@ Status decodeMethodLoadInto(const Record& record, int version, const std::string
     for (unsigned i = 0; i < regionCount; ++i) {
         const size_t at = cursor.offset();
         TraceCodeRegion region;
-        if (!readCodeRegion(cursor, region, options))
+        ByteSpan bytes;
+        if (!readCodeRegion(cursor, region, bytes))
             return refuse("code region", "");
         // Every map keyed by an address range adds start and length: a range
         // that wraps past the top of the address space would break them.
@@ -48,6 +51,7 @@ Status decodeMethodLoadInto(const Record& record, int version, const std::string
         }
         if (region.codeSize == 0)
             ++empty;
+        keepCodeBytes(region, bytes, options);
         load.regions.push_back(std::move(region));
     }
     if (regionCount != 0 && empty == regionCount)

@@ -65,17 +65,25 @@ Reason bodyReason(const ByteCursor& cursor, const std::string& file, const char*
     return reason.inFile(file).at(cursor.fileOffset()).ofField(field);
 }
 
-bool readCodeRegion(ByteCursor& cursor, TraceCodeRegion& region, const BodyOptions& options) {
+bool readCodeRegion(ByteCursor& cursor, TraceCodeRegion& region, ByteSpan& bytes) {
     uint32_t byteCount = 0;
-    const uint8_t* bytes = nullptr;
+    const uint8_t* start = nullptr;
     cursor.u64(region.startAddress, "code start address");
     cursor.u32(region.codeSize, "code size");
     cursor.u32(byteCount, "number of code bytes");
-    if (!cursor.bytes(byteCount, bytes, "code bytes"))
+    if (!cursor.bytes(byteCount, start, "code bytes"))
         return false;
-    if (options.keepCodeBytes)
-        region.bytes.assign(bytes, bytes + byteCount);
+    bytes = ByteSpan(start, byteCount);
     return true;
+}
+
+void keepCodeBytes(TraceCodeRegion& region, ByteSpan bytes, const BodyOptions& options) {
+    if (!options.keepCodeBytes)
+        return;
+    if (options.codeSpans)
+        options.codeSpans->push_back(bytes);
+    else
+        region.bytes.assign(bytes.begin(), bytes.end());
 }
 
 bool readModule(ByteCursor& cursor, TraceMethodTail& tail) {

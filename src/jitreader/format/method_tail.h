@@ -19,8 +19,11 @@ Reason bodyReason(const ByteCursor& cursor, const std::string& file, const char*
 void recycle(TraceMethodLoad& load);
 void recycle(TraceInlineLoad& load);
 
-// One region head and its code bytes.
-bool readCodeRegion(ByteCursor& cursor, TraceCodeRegion& region, const BodyOptions& options);
+// One region head and its code bytes, which stay in the record.
+bool readCodeRegion(ByteCursor& cursor, TraceCodeRegion& region, ByteSpan& bytes);
+// Keeps a region's code bytes as the options ask: copied, their span noted,
+// or neither.
+void keepCodeBytes(TraceCodeRegion& region, ByteSpan bytes, const BodyOptions& options);
 
 bool readModule(ByteCursor& cursor, TraceMethodTail& tail);
 // Names, source file and line tables.

@@ -13,12 +13,18 @@
 #include <quarvel/jittrace_writer.h>
 
 #include <string>
+#include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
 
 struct BodyOptions {
     bool keepCodeBytes = true;  // copy code bytes into the structs
     bool keepLineTables = true; // false: line tables are checked and skipped
+    // With keepCodeBytes: the bytes are not copied but left in the record,
+    // and the span of each region kept is put here instead, in the regions'
+    // order (the decoder clears it first). Lets a reader that can keep the
+    // record's bytes alive make views of them.
+    std::vector<ByteSpan>* codeSpans = nullptr;
 };
 
 // A method load (versions 0 to 3; a method update uses version 3). On

@@ -1,9 +1,15 @@
 #include "ingest/code_bytes.h"
 
+#include "support/block_heap.h"
+
 #include <cstring>
 #include <utility>
 
 QUARVEL_NAMESPACE_BEGIN
+
+IByteBuffer::Ptr CodeBytes::view(std::shared_ptr<const void> keeper, const unsigned char* bytes, unsigned length) {
+    return std::allocate_shared<CodeBytes>(BlockAllocator<CodeBytes>(), std::move(keeper), bytes, length);
+}
 
 void CodeBytes::assign(const void* bytes, unsigned length) {
     // The new bytes may lie in the mapping a view keeps alive: it is let go

@@ -21,6 +21,9 @@ public:
     CodeBytes(std::shared_ptr<const void> keeper, const unsigned char* bytes, unsigned length)
         : m_keeper(std::move(keeper)), m_view(length ? bytes : nullptr), m_size(bytes ? length : 0) {}
 
+    // A view in a block-heap block, as the library's other buffers are.
+    static IByteBuffer::Ptr view(std::shared_ptr<const void> keeper, const unsigned char* bytes, unsigned length);
+
     unsigned size() const override { return m_size; }
     const unsigned char* data() const override { return m_size ? m_view : nullptr; }
     void assign(const void* bytes, unsigned length) override;

@@ -4,6 +4,7 @@
 #include "format/record_bodies.h"
 #include "format/record_types.h"
 #include "index/jit_data_manager.h"
+#include "ingest/code_bytes.h"
 #include "ingest/managed_runtime_info.h"
 #include "model/md5_hash_generator.h"
 #include "model/module.h"
@@ -99,6 +100,11 @@ private:
     // checked: one code region, and no ids outside profiler files (there the
     // parent is found by address).
     void attachInline(const Record& record, const JitMethod::Ptr& method);
+    // Code bytes as views of the file's mapping when it has one: options
+    // that leave them in the record, and the buffers made from there for
+    // the builder's context.
+    void viewCodeBytes(BodyOptions& options);
+    void takeCodeBytes(const Record& record, BuildContext& context);
 
     void refuseBody(const Record& record, Reason reason) {
         ++m_stats.refusedBodies;
@@ -124,6 +130,8 @@ private:
     TraceMethodLoad m_load;
     TraceInlineLoad m_inline;
     std::vector<jit_rva_t> m_jitRvas;
+    std::vector<ByteSpan> m_codeSpans;
+    std::vector<IByteBuffer::Ptr> m_codeContents;
     bool m_sawArch0 = false;
     bool m_sawArch1 = false;
 };
@@ -148,12 +156,39 @@ bool FilePass::takeJitRvas(const TraceMethodLoad& load, std::vector<jit_rva_t>& 
     return true;
 }
 
+void FilePass::viewCodeBytes(BodyOptions& options) {
+    if (options.keepCodeBytes && m_decoder.mapping())
+        options.codeSpans = &m_codeSpans;
+}
+
+void FilePass::takeCodeBytes(const Record& record, BuildContext& context) {
+    if (!m_decoder.mapping())
+        return;
+    m_codeContents.clear();
+    for (const ByteSpan& span : m_codeSpans) {
+        if (span.empty()) {
+            m_codeContents.emplace_back();
+            continue;
+        }
+        const ByteSpan view = m_decoder.lasting(record, span);
+        const unsigned size = static_cast<unsigned>(span.size());
+        if (!view.empty()) {
+            m_codeContents.push_back(CodeBytes::view(m_decoder.mapping(), view.data(), size));
+        } else {
+            m_codeContents.push_back(IByteBuffer::create());
+            m_codeContents.back()->assign(span.data(), size);
+        }
+    }
+    context.codeContents = &m_codeContents;
+}
+
 void FilePass::methodLoad(const Record& record, const RecordTypeInfo& info) {
     const int version = info.loadVersion;
     const bool legacy = version <= 1;
     BodyOptions options;
     options.keepCodeBytes = (m_decoder.mode() & dmCodeBytes) != 0;
     options.keepLineTables = !(legacy && (m_decoder.mode() & dmSkipSymbolic));
+    viewCodeBytes(options);
     Status decoded = decodeMethodLoadInto(record, version, m_decoder.path(), options, m_load);
     const TraceMethodLoad& load = m_load;
     const bool inlined = version >= 3 && load.inlineFlag == 1;
@@ -169,6 +204,7 @@ void FilePass::methodLoad(const Record& record, const RecordTypeInfo& info) {
 
     BuildContext context = m_context;
     context.keepSymbolic = options.keepLineTables;
+    takeCodeBytes(record, context);
     JitMethod::Ptr method = m_builder.methodLoad(load, version, m_jitRvas, context);
     if (version == 3) {
         m_sawArch0 |= load.tail.moduleArch == quarvel_arch_vx32;
@@ -210,10 +246,13 @@ void FilePass::methodUpdate(const Record& record) {
 void FilePass::inlineLoad(const Record& record) {
     BodyOptions options;
     options.keepCodeBytes = (m_decoder.mode() & dmCodeBytes) != 0;
+    viewCodeBytes(options);
     Status decoded = decodeInlineLoadInto(record, m_decoder.path(), options, m_inline);
     if (!decoded)
         return refuseBody(record, decoded.reason());
-    attachInline(record, m_builder.inlineLoad(m_inline, m_context));
+    BuildContext context = m_context;
+    takeCodeBytes(record, context);
+    attachInline(record, m_builder.inlineLoad(m_inline, context));
 }
 
 void FilePass::attachInline(const Record& record, const JitMethod::Ptr& method) {

@@ -258,7 +258,10 @@ JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int versio
         if (r.codeSize == 0)
             continue;
         IByteBuffer::Ptr content;
-        if (!r.bytes.empty()) {
+        if (context.codeContents) {
+            if (i < context.codeContents->size())
+                content = std::move((*context.codeContents)[i]);
+        } else if (!r.bytes.empty()) {
             content = IByteBuffer::create();
             content->assign(r.bytes.data(), static_cast<unsigned>(r.bytes.size()));
         }
@@ -292,7 +295,10 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
     // An inline takes its jit rvas from its parent when it is attached.
     method->setStartJitRva(0);
     IByteBuffer::Ptr content;
-    if (!load.region.bytes.empty()) {
+    if (context.codeContents) {
+        if (!context.codeContents->empty())
+            content = std::move(context.codeContents->front());
+    } else if (!load.region.bytes.empty()) {
         content = IByteBuffer::create();
         content->assign(load.region.bytes.data(), static_cast<unsigned>(load.region.bytes.size()));
     }

@@ -103,6 +103,9 @@ struct BuildContext {
     u32 pid = 0;
     bool keepSymbolic = true;             // false: names only; no source file, no line tables
     const JitDataManager* data = nullptr; // where the methods go: told each id early, to fetch what it will read
+    // The code bytes of the record's regions, one per region (null for none),
+    // made by the reader and taken by the builder; null: the regions' copies.
+    std::vector<IByteBuffer::Ptr>* codeContents = nullptr;
 };
 
 class MethodBuilder {

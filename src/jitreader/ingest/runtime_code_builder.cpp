@@ -30,7 +30,7 @@ BaseMethodId identityOf(jit_rva_t fileJitRvaBase, u64 rawId) {
 
 IByteBuffer::Ptr contentOf(const RuntimeCode& code, u32 size) {
     if (code.bytesKeeper)
-        return std::make_shared<CodeBytes>(code.bytesKeeper, code.bytes, size);
+        return CodeBytes::view(code.bytesKeeper, code.bytes, size);
     return std::make_shared<CodeBytes>(code.bytes, size);
 }
 

@@ -20,6 +20,10 @@ Expected<std::unique_ptr<FileWindow>> FileWindow::open(const std::string& path) 
 FileWindow::FileWindow(std::string path, RegularFile file)
     : m_path(std::move(path)), m_file(std::move(file)), m_size(m_file.size()) {}
 
+Expected<std::shared_ptr<const MappedFile>> FileWindow::map() const {
+    return MappedFile::map(m_file, m_path, static_cast<size_t>(m_size));
+}
+
 const uint8_t* FileWindow::at(uint64_t offset, size_t length) {
     static const uint8_t kNothing = 0;
     if (length == 0)

@@ -7,6 +7,7 @@
 // in a mapping's pages one by one, which on a virtual machine is most of the
 // cost of walking a mapped trace.
 
+#include "support/mapped_file.h"
 #include "support/regular_file.h"
 #include "support/result.h"
 
@@ -41,6 +42,11 @@ public:
     // Null when the file cannot give them (it shrank, or the system failed
     // to read it); error() then says why.
     const uint8_t* at(uint64_t offset, size_t length);
+    // The file's first size() bytes mapped read-only, for a reader that keeps
+    // views of some of what it reads (code bytes) instead of copying them:
+    // the pages are faulted in only when a view is read. The mapping lives
+    // as long as its last holder; the file must not shrink meanwhile.
+    Expected<std::shared_ptr<const MappedFile>> map() const;
     const std::string& error() const { return m_error; }
 
 private:

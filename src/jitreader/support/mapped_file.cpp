@@ -1,7 +1,5 @@
 #include "support/mapped_file.h"
 
-#include "support/regular_file.h"
-
 #include <cerrno>
 #include <cstring>
 
@@ -13,11 +11,15 @@ Expected<std::shared_ptr<const MappedFile>> MappedFile::open(const std::string& 
     Expected<RegularFile> file = RegularFile::open(path);
     if (!file)
         return file.reason();
-    const size_t size = static_cast<size_t>(file.value().size());
+    return map(file.value(), path, static_cast<size_t>(file.value().size()), access);
+}
+
+Expected<std::shared_ptr<const MappedFile>> MappedFile::map(const RegularFile& file, const std::string& path,
+                                                            size_t size, Access access) {
     if (size == 0)
         return std::shared_ptr<const MappedFile>(new MappedFile(path, nullptr, 0));
     const int populate = access == Access::whole ? MAP_POPULATE : 0;
-    void* data = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | populate, file.value().fd(), 0);
+    void* data = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | populate, file.fd(), 0);
     if (data == MAP_FAILED)
         return Reason::notFound(std::string("cannot map: ") + std::strerror(errno), meFileOpenError).inFile(path);
     return std::shared_ptr<const MappedFile>(new MappedFile(path, static_cast<const uint8_t*>(data), size));

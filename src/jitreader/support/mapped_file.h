@@ -5,6 +5,7 @@
 // of whole-file formats walk it with a ByteCursor. Regular files only; a
 // symbolic link is refused (traces are read through their real path).
 
+#include "support/regular_file.h"
 #include "support/result.h"
 
 #include <cstddef>
@@ -21,6 +22,9 @@ public:
     // the same call rather than faulted in one small run at a time.
     enum class Access { asRead, whole };
     static Expected<std::shared_ptr<const MappedFile>> open(const std::string& path, Access access = Access::asRead);
+    // The first `size` bytes of a file already open, named `path` in errors.
+    static Expected<std::shared_ptr<const MappedFile>> map(const RegularFile& file, const std::string& path,
+                                                           size_t size, Access access = Access::asRead);
 
     ~MappedFile();
     MappedFile(const MappedFile&) = delete;
