@@ -2,8 +2,16 @@
 
 #include "support/assertion.h"
 
+// Every record read digests a text of a few dozen bytes, one MD5 block. The
+// digest interface costs a third more than the digest on top of it (a context
+// copy with an allocation and a free, a provider call, a cleanse), so the
+// library's own MD5 functions are used where it still has them. They are
+// marked deprecated since 3.0, but are neither removed nor slower.
+#define OPENSSL_SUPPRESS_DEPRECATED
 #include <openssl/evp.h>
+#include <openssl/md5.h>
 
+#include <algorithm>
 #include <charconv>
 #include <memory>
 #include <sstream>
@@ -43,6 +51,7 @@ private:
     char* m_end = m_text;
 };
 
+#ifdef OPENSSL_NO_DEPRECATED_3_0
 // Fetched once: an implicit fetch on every digest costs more than the digest.
 const EVP_MD* md5() {
     static const EVP_MD* const fetched = [] {
@@ -72,6 +81,24 @@ EVP_MD_CTX* freshContext() {
         return nullptr;
     return contexts.working.get();
 }
+
+bool digest(std::string_view text, unsigned char (&out)[16]) {
+    unsigned char digest[EVP_MAX_MD_SIZE] = {};
+    unsigned int length = 0;
+    EVP_MD_CTX* const ctx = freshContext();
+    if (!ctx || EVP_DigestUpdate(ctx, text.data(), text.size()) != 1 || EVP_DigestFinal_ex(ctx, digest, &length) != 1 ||
+        length != 16)
+        return false;
+    std::copy(digest, digest + 16, out);
+    return true;
+}
+#else
+bool digest(std::string_view text, unsigned char (&out)[16]) {
+    MD5_CTX context;
+    return MD5_Init(&context) == 1 && MD5_Update(&context, text.data(), text.size()) == 1 &&
+           MD5_Final(out, &context) == 1;
+}
+#endif
 
 } // namespace
 
@@ -104,16 +131,13 @@ std::string Md5HashGenerator::identityText(u32 rawId, const JitMethod::Ptr& meth
 }
 
 BaseMethodId Md5HashGenerator::hashText(std::string_view text) {
-    unsigned char digest[EVP_MAX_MD_SIZE] = {};
-    unsigned int length = 0;
-    EVP_MD_CTX* const ctx = freshContext();
-    if (!ctx || EVP_DigestUpdate(ctx, text.data(), text.size()) != 1 || EVP_DigestFinal_ex(ctx, digest, &length) != 1 ||
-        length != 16)
+    unsigned char bytes[16] = {};
+    if (!digest(text, bytes))
         return BaseMethodId();
     u64 halves[2] = {0, 0};
     for (int h = 0; h < 2; ++h)
         for (int i = 0; i < 8; ++i)
-            halves[h] |= static_cast<u64>(digest[h * 8 + i]) << (8 * i);
+            halves[h] |= static_cast<u64>(bytes[h * 8 + i]) << (8 * i);
     return BaseMethodId(halves[0], halves[1]);
 }
 
