@@ -1,11 +1,11 @@
 #ifndef QUARVEL_INGEST_CODE_BYTES_H
 #define QUARVEL_INGEST_CODE_BYTES_H
 
-// The code bytes of one piece of code a runtime file carries. Runtime files
-// hold thousands of pieces of code that are read far more often than they are
-// shown, so a buffer either views the bytes where the file's mapping holds
-// them (kept alive by the buffer) or owns a copy of exactly their size; the
-// first assign() of a view makes it an owned copy.
+// The code bytes of one piece of code a trace or runtime file carries. Such
+// files hold up to millions of pieces of code that are read far more often
+// than they are shown, so a buffer either views the bytes where the file's
+// mapping holds them (kept alive by the buffer) or owns a copy of exactly
+// their size; the first assign() of a view makes it an owned copy.
 
 #include <quarvel/byte_buffer.h>
 
