@@ -514,17 +514,27 @@ TEST(ReadingPassUpdates, CodeBytesReadFromAFileOutliveTheReading) {
 TEST(ReadingPassUpdates, UpdateV2WithoutLiveCodeIsRefusedAndReadingGoesOn) {
     const TraceUpdateV2 nowhere{9, 150, 0x9000, 4, {1, 2, 3, 4}};
     const TraceUpdateV2 tooLong{1, 150, 0x1008, 32, {1, 2, 3, 4}};
+    const TraceUpdateV2 ofNoId{7, 150, 0x3004, 4, {1, 2, 3, 4}}; // code of a load with raw id 0
     JitDataManager data;
     LogCapture log;
-    const Pass pass = readTrace(
-        TraceBuilder().load(3, load(1, 100, 0x1000)).updateV2(nowhere).updateV2(tooLong).load(3, load(2, 100, 0x2000)),
-        data);
+    const Pass pass = readTrace(TraceBuilder()
+                                    .load(3, load(1, 100, 0x1000))
+                                    .load(3, load(0, 100, 0x3000))
+                                    .updateV2(nowhere)
+                                    .updateV2(tooLong)
+                                    .updateV2(ofNoId)
+                                    .load(3, load(2, 100, 0x2000)),
+                                data);
     EXPECT_EQ(meSuccess, pass.status);
-    EXPECT_EQ((std::vector<u32>{1, 2}), registeredIds(data));
-    EXPECT_EQ(2u, pass.stats.refusedBodies);
-    ASSERT_EQ(2u, pass.stats.refusals.size());
+    EXPECT_EQ((std::vector<u32>{1, 0, 2}), registeredIds(data));
+    EXPECT_EQ(3u, pass.stats.refusedBodies);
+    ASSERT_EQ(3u, pass.stats.refusals.size());
     EXPECT_EQ(ErrorKind::notFound, pass.stats.refusals[0].kind);
     EXPECT_NE(std::string::npos, pass.stats.refusals[1].message.find("because it's size is small"));
+    EXPECT_EQ(ErrorKind::badInput, pass.stats.refusals[2].kind);
+    EXPECT_NE(std::string::npos, pass.stats.refusals[2].message.find("without a raw id"))
+        << pass.stats.refusals[2].message;
+    EXPECT_TRUE(log.contains("updMethod->getRawMethodId()", log4cplus::ERROR_LOG_LEVEL)) << log.dump();
     EXPECT_TRUE(log.contains("Failed to decode a UPDATE_V2 record", log4cplus::ERROR_LOG_LEVEL)) << log.dump();
 }
 

@@ -303,7 +303,16 @@ void FilePass::updateV2(const Record& record) {
                                                    std::to_string(update.startAddress) + ", load time " +
                                                    std::to_string(update.loadTime)));
     }
-    QV_CHECK(owner->getRawMethodId(), return refuseBody(record, Reason::internal("the patched method has no id")));
+    // A load may carry raw id 0, but an update names the method it patches
+    // by its raw id: code of a method without one cannot be patched.
+    if (!owner->getRawMethodId()) {
+        QV_ERROR("updMethod->getRawMethodId()");
+        QV_ERROR("Failed to decode a UPDATE_V2 record");
+        return refuseBody(record, Reason::badInput("the code at " + std::to_string(update.startAddress) +
+                                                   " belongs to a method without a raw id, which an update cannot "
+                                                   "patch (updMethod->getRawMethodId())"));
+    }
+    // Empty regions are never made.
     QV_CHECK(found->length(), return refuseBody(record, Reason::internal("the patched region is empty")));
 
     // The whole update must lie inside the region found at its start.
