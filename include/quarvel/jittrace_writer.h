@@ -235,7 +235,10 @@ public:
     JitTraceWriter(const JitTraceWriter&) = delete;
     JitTraceWriter& operator=(const JitTraceWriter&) = delete;
 
-    // Creates (or truncates, unless append) the file. False with errorText() on failure.
+    // Creates the file, or appends to it. Without append an existing file is
+    // replaced by a new one, not truncated: a reader may still map the old
+    // one (a process id reused), and truncating it would fault that reader.
+    // False with errorText() on failure.
     bool open(const std::string& path, bool append = false);
     bool isOpen() const;
     void close();

@@ -452,8 +452,8 @@ TEST(ReadingPassUpdates, UpdateV2PatchesTheLiveRegionInPlace) {
 }
 
 // Read from a file, code bytes are views of the file's mapping: they must be
-// the record's bytes, outlive the reading and the file's name, and take a
-// patch as copies do.
+// the record's bytes, outlive the reading and a new trace written under the
+// file's name, and take a patch as copies do.
 TEST(ReadingPassUpdates, CodeBytesReadFromAFileOutliveTheReading) {
     const auto pattern = [](uint8_t seed, size_t size) {
         std::vector<uint8_t> bytes(size);
@@ -487,7 +487,11 @@ TEST(ReadingPassUpdates, CodeBytesReadFromAFileOutliveTheReading) {
         ASSERT_EQ(meSuccess, reader.readJitFile(decoder, taAny, data));
         EXPECT_EQ(0u, stats.refusedBodies);
     }
-    boost::filesystem::remove(path);
+    // A new process with the same id writes its trace under the same name.
+    JitTraceWriter rewriter;
+    ASSERT_TRUE(rewriter.open(path)) << rewriter.errorText();
+    ASSERT_TRUE(rewriter.writeMagic());
+    rewriter.close();
     data.finalize();
 
     const auto bytesOfRegion = [](const Region& region) {

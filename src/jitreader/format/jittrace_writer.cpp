@@ -154,6 +154,10 @@ bool JitTraceWriter::open(const std::string& path, bool append) {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_fd >= 0)
         ::close(m_fd);
+    // Where the old file cannot be removed (a directory without write
+    // permission), it is truncated as before.
+    if (!append)
+        ::unlink(path.c_str());
     m_fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC), 0644);
     m_bytesWritten = 0;
     if (m_fd < 0) {
