@@ -8,6 +8,7 @@
 #include "ingest/jit_files_manager.h"
 #include "ingest/managed_runtime_info.h"
 #include "model/md5_hash_generator.h"
+#include "support/mapped_file.h"
 
 #include "byte_buffers.h"
 #include "log_capture.h"
@@ -451,9 +452,10 @@ TEST(ReadingPassUpdates, UpdateV2PatchesTheLiveRegionInPlace) {
     }
 }
 
-// Read from a file, code bytes are views of the file's mapping: they must be
-// the record's bytes, outlive the reading and a new trace written under the
-// file's name, and take a patch as copies do.
+// Read from a file, code bytes are views of the file's mapping (copies past
+// the process's limit of mapped files): they must be the record's bytes,
+// outlive the reading and a new trace written under the file's name, and
+// take a patch as copies do.
 TEST(ReadingPassUpdates, CodeBytesReadFromAFileOutliveTheReading) {
     const auto pattern = [](uint8_t seed, size_t size) {
         std::vector<uint8_t> bytes(size);
@@ -475,42 +477,52 @@ TEST(ReadingPassUpdates, CodeBytesReadFromAFileOutliveTheReading) {
     trace.inlineLoad(inlined);
     trace.updateV2(TraceUpdateV2{3, 150, 0x3004, 4, {1, 2, 3, 4}});
 
-    TempDir dir;
-    const std::string path = dir.file("h.42.jit");
-    trace.writeTo(path);
-    JitDataManager data;
-    {
-        JitReadStats stats;
-        ModuleCache modules;
-        JitFileDecoder decoder(path, kPid, kHost, kBase, dmCodeBytes);
-        JitFileReader reader(&stats, modules);
-        ASSERT_EQ(meSuccess, reader.readJitFile(decoder, taAny, data));
-        EXPECT_EQ(0u, stats.refusedBodies);
-    }
-    // A new process with the same id writes its trace under the same name.
-    JitTraceWriter rewriter;
-    ASSERT_TRUE(rewriter.open(path)) << rewriter.errorText();
-    ASSERT_TRUE(rewriter.writeMagic());
-    rewriter.close();
-    data.finalize();
-
     const auto bytesOfRegion = [](const Region& region) {
         const IByteBuffer::Ptr& content = region.content();
         return content ? std::vector<uint8_t>(content->data(), content->data() + content->size())
                        : std::vector<uint8_t>();
     };
-    for (u32 id = 1; id <= 3; ++id) {
-        JitMethod::Ptr method = methodOf(data, id);
-        ASSERT_TRUE(method) << id;
-        ASSERT_EQ(2u, method->regionCount()) << id;
-        std::vector<uint8_t> first = pattern(static_cast<uint8_t>(id), 16);
-        if (id == 3) // patched in place
-            std::copy_n(std::vector<uint8_t>{1, 2, 3, 4}.begin(), 4, first.begin() + 4);
-        EXPECT_EQ(first, bytesOfRegion(*method->regions()[0])) << id;
-        EXPECT_EQ(pattern(static_cast<uint8_t>(id * 50), 40), bytesOfRegion(*method->regions()[1])) << id;
-        if (id == 2) {
-            ASSERT_EQ(1u, method->regions()[1]->inlinedRegions().size());
-            EXPECT_EQ(pattern(0xA0, 8), bytesOfRegion(*method->regions()[1]->inlinedRegions().front()));
+    // Views while the process has room for one more mapping; copies past
+    // the limit, with the same bytes.
+    const size_t limit = JitFileDecoder::mappedFileLimit();
+    for (const size_t room : {limit, size_t(0)}) {
+        SCOPED_TRACE(room ? "views" : "copies");
+        TempDir dir;
+        const std::string path = dir.file("h.42.jit");
+        trace.writeTo(path);
+        const size_t mappingsBefore = MappedFile::liveMappings();
+        JitFileDecoder::setMappedFileLimit(room ? limit : mappingsBefore);
+        JitDataManager data;
+        {
+            JitReadStats stats;
+            ModuleCache modules;
+            JitFileDecoder decoder(path, kPid, kHost, kBase, dmCodeBytes);
+            JitFileReader reader(&stats, modules);
+            ASSERT_EQ(meSuccess, reader.readJitFile(decoder, taAny, data));
+            EXPECT_EQ(0u, stats.refusedBodies);
+        }
+        JitFileDecoder::setMappedFileLimit(limit);
+        EXPECT_EQ(mappingsBefore + (room ? 1 : 0), MappedFile::liveMappings());
+        // A new process with the same id writes its trace under the same name.
+        JitTraceWriter rewriter;
+        ASSERT_TRUE(rewriter.open(path)) << rewriter.errorText();
+        ASSERT_TRUE(rewriter.writeMagic());
+        rewriter.close();
+        data.finalize();
+
+        for (u32 id = 1; id <= 3; ++id) {
+            JitMethod::Ptr method = methodOf(data, id);
+            ASSERT_TRUE(method) << id;
+            ASSERT_EQ(2u, method->regionCount()) << id;
+            std::vector<uint8_t> first = pattern(static_cast<uint8_t>(id), 16);
+            if (id == 3) // patched in place
+                std::copy_n(std::vector<uint8_t>{1, 2, 3, 4}.begin(), 4, first.begin() + 4);
+            EXPECT_EQ(first, bytesOfRegion(*method->regions()[0])) << id;
+            EXPECT_EQ(pattern(static_cast<uint8_t>(id * 50), 40), bytesOfRegion(*method->regions()[1])) << id;
+            if (id == 2) {
+                ASSERT_EQ(1u, method->regions()[1]->inlinedRegions().size());
+                EXPECT_EQ(pattern(0xA0, 8), bytesOfRegion(*method->regions()[1]->inlinedRegions().front()));
+            }
         }
     }
 }

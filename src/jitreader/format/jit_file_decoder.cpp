@@ -43,14 +43,22 @@ JitFileDecoder::JitFileDecoder(const ustring& path, u32_t pid, u32_t hostId, jit
     m_open = true;
     // Code bytes are kept as views of the file rather than copies, which
     // would take fresh memory of the file's size.
-    if (mode & dmCodeBytes) {
-        Expected<std::shared_ptr<const MappedFile>> mapping = m_window->map();
-        if (mapping)
-            m_mapping = std::move(mapping.value());
-        else
-            QV_WARN("Code bytes of " << path << " are copied: " << mapping.reason().text());
+    if (!(mode & dmCodeBytes))
+        return;
+    if (MappedFile::liveMappings() >= mappedFileLimit()) {
+        static std::atomic<bool> told{false};
+        if (!told.exchange(true))
+            QV_INFO("Code bytes of trace files past " << mappedFileLimit() << " mapped files are copied");
+        return;
     }
+    Expected<std::shared_ptr<const MappedFile>> mapping = m_window->map();
+    if (mapping)
+        m_mapping = std::move(mapping.value());
+    else
+        QV_WARN("Code bytes of " << path << " are copied: " << mapping.reason().text());
 }
+
+std::atomic<size_t> JitFileDecoder::s_mappedFileLimit{4096};
 
 ByteSpan JitFileDecoder::lasting(const Record& record, ByteSpan part) const {
     const uint8_t* body = record.data.data();

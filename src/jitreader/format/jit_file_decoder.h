@@ -7,6 +7,7 @@
 
 #include <quarvel/types.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -49,6 +50,13 @@ public:
     // copies the bytes.
     ByteSpan lasting(const Record& record, ByteSpan part) const;
     const std::shared_ptr<const MappedFile>& mapping() const { return m_mapping; }
+    // A file mapped for its code bytes stays mapped while its regions live.
+    // Past this many mappings in the process (MappedFile::liveMappings), a
+    // file's code bytes are copied instead, so that a set of many thousand
+    // files leaves the system's limit on mappings to the heap and the
+    // index's arrays. The setter is for tests.
+    static size_t mappedFileLimit() { return s_mappedFileLimit.load(std::memory_order_relaxed); }
+    static void setMappedFileLimit(size_t limit) { s_mappedFileLimit.store(limit, std::memory_order_relaxed); }
     // Logs why a record was refused, once, as this file's decoder.
     void logRefusal(const Reason& reason) const;
 
@@ -70,6 +78,7 @@ private:
     std::string m_path;
     std::unique_ptr<FileWindow> m_window; // a file's bytes; null for bytes in memory
     std::shared_ptr<const MappedFile> m_mapping;
+    static std::atomic<size_t> s_mappedFileLimit;
     ByteSpan m_bytes; // bytes in memory
     u64 m_size = 0;
     bool m_open = false;

@@ -25,9 +25,19 @@ Expected<std::shared_ptr<const MappedFile>> MappedFile::map(const RegularFile& f
     return std::shared_ptr<const MappedFile>(new MappedFile(path, static_cast<const uint8_t*>(data), size));
 }
 
-MappedFile::~MappedFile() {
+std::atomic<size_t> MappedFile::s_live{0};
+
+MappedFile::MappedFile(std::string path, const uint8_t* data, size_t size)
+    : m_path(std::move(path)), m_data(data), m_size(size) {
     if (m_data)
+        s_live.fetch_add(1, std::memory_order_relaxed);
+}
+
+MappedFile::~MappedFile() {
+    if (m_data) {
         ::munmap(const_cast<uint8_t*>(m_data), m_size);
+        s_live.fetch_sub(1, std::memory_order_relaxed);
+    }
 }
 
 QUARVEL_NAMESPACE_END

@@ -8,6 +8,7 @@
 #include "support/regular_file.h"
 #include "support/result.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -34,9 +35,15 @@ public:
     size_t size() const { return m_size; }
     const std::string& path() const { return m_path; }
 
+    // Mappings alive in the process. Each is one of the memory mappings the
+    // system allows a process (65530 by default), so readers that keep files
+    // mapped for long check this before they add one.
+    static size_t liveMappings() { return s_live.load(std::memory_order_relaxed); }
+
 private:
-    MappedFile(std::string path, const uint8_t* data, size_t size)
-        : m_path(std::move(path)), m_data(data), m_size(size) {}
+    MappedFile(std::string path, const uint8_t* data, size_t size);
+
+    static std::atomic<size_t> s_live;
 
     std::string m_path;
     const uint8_t* m_data;
