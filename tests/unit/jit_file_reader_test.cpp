@@ -484,14 +484,14 @@ TEST(ReadingPassUpdates, CodeBytesReadFromAFileOutliveTheReading) {
     };
     // Views while the process has room for one more mapping; copies past
     // the limit, with the same bytes.
-    const size_t limit = JitFileDecoder::mappedFileLimit();
+    const size_t limit = MappedFile::keepLimit();
     for (const size_t room : {limit, size_t(0)}) {
         SCOPED_TRACE(room ? "views" : "copies");
         TempDir dir;
         const std::string path = dir.file("h.42.jit");
         trace.writeTo(path);
         const size_t mappingsBefore = MappedFile::liveMappings();
-        JitFileDecoder::setMappedFileLimit(room ? limit : mappingsBefore);
+        MappedFile::setKeepLimit(room ? limit : mappingsBefore);
         JitDataManager data;
         {
             JitReadStats stats;
@@ -501,7 +501,7 @@ TEST(ReadingPassUpdates, CodeBytesReadFromAFileOutliveTheReading) {
             ASSERT_EQ(meSuccess, reader.readJitFile(decoder, taAny, data));
             EXPECT_EQ(0u, stats.refusedBodies);
         }
-        JitFileDecoder::setMappedFileLimit(limit);
+        MappedFile::setKeepLimit(limit);
         EXPECT_EQ(mappingsBefore + (room ? 1 : 0), MappedFile::liveMappings());
         // A new process with the same id writes its trace under the same name.
         JitTraceWriter rewriter;

@@ -11,6 +11,7 @@
 #include "ingest/jit_files_manager.h"
 #include "ingest/jitdump_line_table.h"
 #include "ingest/trace_format.h"
+#include "support/mapped_file.h"
 #include "jitdump_writer.h"
 #include "log_capture.h"
 #include "path_list.h"
@@ -275,6 +276,29 @@ TEST(RuntimeFilesInTheFileSet, JitRvasDoNotDependOnTheDecodingMode) {
     EXPECT_EQ((std::vector<u64>{base, base + 0x40, base + JitFileReader::kJitRvaStride + 0x10}), seen[0]);
     EXPECT_EQ(seen[0], seen[1]);
     EXPECT_EQ(seen[0], seen[2]);
+}
+
+// Code bytes are views of the dump's mapping, which stays mapped while the
+// model lives; past the process's limit of kept mappings they are copies,
+// and the mapping goes with the reading.
+TEST(RuntimeFilesInTheFileSet, CodeBytesAreViewsWithinTheKeepLimitAndCopiesPastIt) {
+    TempDir dir;
+    JitdumpLoadFields code = load(100, 0x1000, 0x30, "a");
+    for (size_t i = 0; i < code.code.size(); ++i)
+        code.code[i] = static_cast<uint8_t>(3 * i + 1);
+    const std::string path = dump().codeLoad(code).writeTo(dir.file("jit-4242.dump"));
+    const size_t limit = MappedFile::keepLimit();
+    for (const bool room : {true, false}) {
+        const size_t before = MappedFile::liveMappings();
+        MappedFile::setKeepLimit(room ? limit : before);
+        ReadSet set({path});
+        MappedFile::setKeepLimit(limit);
+        EXPECT_EQ(before + (room ? 1 : 0), MappedFile::liveMappings()) << room;
+        ASSERT_EQ(1u, set.data.getJitMethods().size());
+        const IByteBuffer::Ptr& bytes = set.data.getJitMethods().front()->regions().front()->content();
+        ASSERT_TRUE(bytes);
+        EXPECT_EQ(code.code, std::vector<uint8_t>(bytes->data(), bytes->data() + bytes->size())) << room;
+    }
 }
 
 TEST(RuntimeFilesInTheFileSet, ADescriptorNamesTheProcessAndTheContentTheFormat) {

@@ -5,6 +5,8 @@
 
 #include <boost/filesystem.hpp>
 
+#include <atomic>
+
 QUARVEL_NAMESPACE_BEGIN
 
 namespace {
@@ -45,20 +47,17 @@ JitFileDecoder::JitFileDecoder(const ustring& path, u32_t pid, u32_t hostId, jit
     // would take fresh memory of the file's size.
     if (!(mode & dmCodeBytes))
         return;
-    if (MappedFile::liveMappings() >= mappedFileLimit()) {
+    Expected<std::shared_ptr<const MappedFile>> mapping = m_window->map();
+    if (!mapping) {
+        QV_WARN("Code bytes of " << path << " are copied: " << mapping.reason().text());
+    } else if (MappedFile::withinKeepLimit()) {
+        m_mapping = std::move(mapping.value());
+    } else {
         static std::atomic<bool> told{false};
         if (!told.exchange(true))
-            QV_INFO("Code bytes of trace files past " << mappedFileLimit() << " mapped files are copied");
-        return;
+            QV_INFO("Code bytes of files read past " << MappedFile::keepLimit() << " kept mappings are copied");
     }
-    Expected<std::shared_ptr<const MappedFile>> mapping = m_window->map();
-    if (mapping)
-        m_mapping = std::move(mapping.value());
-    else
-        QV_WARN("Code bytes of " << path << " are copied: " << mapping.reason().text());
 }
-
-std::atomic<size_t> JitFileDecoder::s_mappedFileLimit{4096};
 
 ByteSpan JitFileDecoder::lasting(const Record& record, ByteSpan part) const {
     const uint8_t* body = record.data.data();

@@ -7,7 +7,6 @@
 
 #include <quarvel/types.h>
 
-#include <atomic>
 #include <memory>
 #include <string>
 
@@ -45,18 +44,11 @@ public:
     const Reason& lastError() const { return m_lastError; }
     // The bytes `part` of the last record's body where they stay readable
     // after the next record: in the file's mapping, which mapping() keeps
-    // alive. Only a file read in a mode that keeps code bytes is mapped;
-    // otherwise (and for bytes in memory) the span is empty and the caller
-    // copies the bytes.
+    // alive. Only a file read in a mode that keeps code bytes is mapped,
+    // within MappedFile::keepLimit(); otherwise (and for bytes in memory)
+    // the span is empty and the caller copies the bytes.
     ByteSpan lasting(const Record& record, ByteSpan part) const;
     const std::shared_ptr<const MappedFile>& mapping() const { return m_mapping; }
-    // A file mapped for its code bytes stays mapped while its regions live.
-    // Past this many mappings in the process (MappedFile::liveMappings), a
-    // file's code bytes are copied instead, so that a set of many thousand
-    // files leaves the system's limit on mappings to the heap and the
-    // index's arrays. The setter is for tests.
-    static size_t mappedFileLimit() { return s_mappedFileLimit.load(std::memory_order_relaxed); }
-    static void setMappedFileLimit(size_t limit) { s_mappedFileLimit.store(limit, std::memory_order_relaxed); }
     // Logs why a record was refused, once, as this file's decoder.
     void logRefusal(const Reason& reason) const;
 
@@ -78,7 +70,6 @@ private:
     std::string m_path;
     std::unique_ptr<FileWindow> m_window; // a file's bytes; null for bytes in memory
     std::shared_ptr<const MappedFile> m_mapping;
-    static std::atomic<size_t> s_mappedFileLimit;
     ByteSpan m_bytes; // bytes in memory
     u64 m_size = 0;
     bool m_open = false;

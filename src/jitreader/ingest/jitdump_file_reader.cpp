@@ -6,6 +6,7 @@
 #include "index/jit_data_manager.h"
 #include "ingest/jitdump_line_table.h"
 #include "support/log.h"
+#include "support/mapped_file.h"
 
 QUARVEL_NAMESPACE_BEGIN
 
@@ -30,7 +31,8 @@ class DumpPass {
 public:
     DumpPass(const RuntimeFileContext& file, JitdumpReader& reader, JitDataManager& data, ModuleCache& modules,
              JitReadStats& stats, AddressRanges* code)
-        : m_file(file), m_reader(reader), m_data(data), m_builder(file, modules), m_stats(stats), m_code(code) {}
+        : m_file(file), m_reader(reader), m_data(data), m_builder(file, modules), m_stats(stats), m_code(code),
+          m_bytesKeeper(MappedFile::withinKeepLimit() ? reader.mapping() : nullptr) {}
 
     // The debug address bias, from the first debug records and their loads.
     void decideBias(JitdumpReader scan, uint32_t elfMachine);
@@ -60,6 +62,9 @@ private:
     RuntimeCodeBuilder m_builder;
     JitReadStats& m_stats;
     AddressRanges* m_code;
+    // The mapping the code bytes are views of; null past the process's
+    // limit of kept mappings, where they are copied.
+    std::shared_ptr<const void> m_bytesKeeper;
     JitdumpDebugPairing m_pairing;
     u64 m_bias = 0;
 };
@@ -104,7 +109,7 @@ void DumpPass::load(const JitdumpRecord& record) {
     code.loadTime = record.timestamp;
     code.name = load.name;
     code.bytes = load.code;
-    code.bytesKeeper = m_reader.mapping();
+    code.bytesKeeper = m_bytesKeeper;
     if (debug) {
         JitdumpLines lines = jitdumpLines(*debug, load.codeAddr, load.codeSize, m_bias);
         code.sourceFile = lines.sourceFile;

@@ -26,6 +26,7 @@ Expected<std::shared_ptr<const MappedFile>> MappedFile::map(const RegularFile& f
 }
 
 std::atomic<size_t> MappedFile::s_live{0};
+std::atomic<size_t> MappedFile::s_keepLimit{4096};
 
 MappedFile::MappedFile(std::string path, const uint8_t* data, size_t size)
     : m_path(std::move(path)), m_data(data), m_size(size) {

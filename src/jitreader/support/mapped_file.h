@@ -36,14 +36,21 @@ public:
     const std::string& path() const { return m_path; }
 
     // Mappings alive in the process. Each is one of the memory mappings the
-    // system allows a process (65530 by default), so readers that keep files
-    // mapped for long check this before they add one.
+    // system allows a process (65530 by default). A reader that would keep a
+    // file mapped for long (its code bytes as views) keeps it only while the
+    // live mappings, its own counted, stay within keepLimit(), and copies
+    // what it keeps otherwise: a set of many thousand files must leave the
+    // rest of the system's limit to the heap and the index's arrays.
     static size_t liveMappings() { return s_live.load(std::memory_order_relaxed); }
+    static size_t keepLimit() { return s_keepLimit.load(std::memory_order_relaxed); }
+    static void setKeepLimit(size_t limit) { s_keepLimit.store(limit, std::memory_order_relaxed); } // tests
+    static bool withinKeepLimit() { return liveMappings() <= keepLimit(); }
 
 private:
     MappedFile(std::string path, const uint8_t* data, size_t size);
 
     static std::atomic<size_t> s_live;
+    static std::atomic<size_t> s_keepLimit;
 
     std::string m_path;
     const uint8_t* m_data;
