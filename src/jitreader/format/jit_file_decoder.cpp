@@ -55,7 +55,8 @@ JitFileDecoder::JitFileDecoder(const ustring& path, u32_t pid, u32_t hostId, jit
     } else {
         static std::atomic<bool> told{false};
         if (!told.exchange(true))
-            QV_INFO("Code bytes of files read past " << MappedFile::keepLimit() << " kept mappings are copied");
+            QV_INFO("Kept file mappings reached their limit of " << MappedFile::keepLimit()
+                                                                 << ": code bytes of files read meanwhile are copied");
     }
 }
 
