@@ -1,6 +1,7 @@
 #include "index/method_registry.h"
 
 #include "model/module.h"
+#include "support/mix.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -24,10 +25,7 @@ bool sameSourceFile(const SourceFile& a, const SourceFile& b) {
 }
 
 size_t addressHash(const void* p) {
-    u64 x = reinterpret_cast<uintptr_t>(p);
-    x ^= x >> 33;
-    x *= 0xff51afd7ed558ccdULL;
-    return static_cast<size_t>(x ^ (x >> 33));
+    return static_cast<size_t>(mix64(reinterpret_cast<uintptr_t>(p)));
 }
 
 // Where file is in an open hash of addresses, or the empty slot where it would go.

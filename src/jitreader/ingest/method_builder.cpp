@@ -65,6 +65,18 @@ constexpr size_t kTextBlock = size_t(64) << 10;
 // this many.
 constexpr u32 kLargestBatch = 64;
 
+// Region i's code bytes: the buffer the reader made for it (a view of the
+// file) when it made them, else a copy of the record's.
+IByteBuffer::Ptr takeContent(const BuildContext& context, size_t i, const std::vector<uint8_t>& bytes) {
+    if (context.codeContents)
+        return i < context.codeContents->size() ? std::move((*context.codeContents)[i]) : IByteBuffer::Ptr();
+    if (bytes.empty())
+        return IByteBuffer::Ptr();
+    IByteBuffer::Ptr content = IByteBuffer::create();
+    content->assign(bytes.data(), static_cast<unsigned>(bytes.size()));
+    return content;
+}
+
 } // namespace
 
 ModuleCache::~ModuleCache() {
@@ -257,14 +269,7 @@ JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int versio
         const TraceCodeRegion& r = load.regions[i];
         if (r.codeSize == 0)
             continue;
-        IByteBuffer::Ptr content;
-        if (context.codeContents) {
-            if (i < context.codeContents->size())
-                content = std::move((*context.codeContents)[i]);
-        } else if (!r.bytes.empty()) {
-            content = IByteBuffer::create();
-            content->assign(r.bytes.data(), static_cast<unsigned>(r.bytes.size()));
-        }
+        IByteBuffer::Ptr content = takeContent(context, i, r.bytes);
         const jit_rva_t jitRva = inlined || i >= regionJitRvas.size() ? 0 : regionJitRvas[i];
         if (!start)
             start = jitRva;
@@ -294,14 +299,7 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
     method->setLoadTime(load.loadTime);
     // An inline takes its jit rvas from its parent when it is attached.
     method->setStartJitRva(0);
-    IByteBuffer::Ptr content;
-    if (context.codeContents) {
-        if (!context.codeContents->empty())
-            content = std::move(context.codeContents->front());
-    } else if (!load.region.bytes.empty()) {
-        content = IByteBuffer::create();
-        content->assign(load.region.bytes.data(), static_cast<unsigned>(load.region.bytes.size()));
-    }
+    IByteBuffer::Ptr content = takeContent(context, 0, load.region.bytes);
     method->addCodeRegion(adoptNew(new Region(context.hostId, context.pid, 0, load.loadTime, 0,
                                               load.region.startAddress, load.region.codeSize, content)));
     applyIdentity(*method, load.tail, false, fileHash, full);

@@ -5,6 +5,7 @@
 #include "model/module.h"
 #include "model/source_file.h"
 #include "support/log.h"
+#include "support/mix.h"
 
 #include <limits>
 #include <sstream>
@@ -14,18 +15,11 @@ QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
-u64 splitMix64(u64 x) {
-    x += 0x9E3779B97F4A7C15ULL;
-    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ULL;
-    x = (x ^ (x >> 27)) * 0x94D049BB133111EBULL;
-    return x ^ (x >> 31);
-}
-
 // The identity of a raw id of a file, without hashing text: the file's jit
 // rva base is unique in its set and the raw id in its file, so no two loads
 // of any two files share one. The mixed half spreads ids over hash tables.
 BaseMethodId identityOf(jit_rva_t fileJitRvaBase, u64 rawId) {
-    return BaseMethodId(splitMix64(rawId ^ splitMix64(fileJitRvaBase)), fileJitRvaBase);
+    return BaseMethodId(mix64(rawId ^ mix64(fileJitRvaBase)), fileJitRvaBase);
 }
 
 IByteBuffer::Ptr contentOf(const RuntimeCode& code, u32 size) {
