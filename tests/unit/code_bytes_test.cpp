@@ -2,7 +2,7 @@
 // alive, and taking new bytes (even its own) never reads a released mapping.
 
 #include "byte_buffers.h"
-#include "ingest/code_bytes.h"
+#include "support/code_bytes.h"
 #include "support/mapped_file.h"
 #include "temp_dir.h"
 

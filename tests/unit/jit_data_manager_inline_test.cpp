@@ -1,5 +1,6 @@
 // Inline attachment, finalisation of the inline tree and method updates.
 
+#include "byte_buffers.h"
 #include "check_listener.h"
 #include "jit_data_manager_test_helpers.h"
 #include "log_capture.h"
@@ -333,8 +334,7 @@ TEST(JitDataManagerUpdate, Scenarios) {
         JitDataManager manager;
         manager.setCollectorType(c.collector);
         const JitMethod::Ptr method = makeMethod(1, 100, {{0x1000, 8, 0x10000}});
-        const std::vector<unsigned char> fill(8, 0x11);
-        method->regions().front()->content()->assign(fill.data(), 8);
+        method->regions().front()->setContent(quarvel_test::bufferOf(std::vector<uint8_t>(8, 0x11)));
         ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, method).code());
 
         JitMethod::Ptr update(new JitMethod());
@@ -360,8 +360,7 @@ TEST(JitDataManagerUpdate, MultipleRangesAreRefusedAndShortCodeCopiesClipThePatc
     JitDataManager manager;
     manager.setCollectorType(ctJitProfiler);
     const JitMethod::Ptr method = makeMethod(1, 100, {{0x1000, 8, 0x10000}});
-    const unsigned char shortCopy[3] = {1, 2, 3};
-    method->regions()[0]->content()->assign(shortCopy, 3);
+    method->regions()[0]->setContent(quarvel_test::bufferOf({1, 2, 3}));
     ASSERT_EQ(meSuccess, manager.processMethodLoadRecord(kPid, kHost, method).code());
 
     JitMethod::Ptr twoRanges(new JitMethod());

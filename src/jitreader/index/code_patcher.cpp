@@ -27,7 +27,7 @@ bool CodePatcher::takePatchedCopies(const JitMethod& rawMethod, const JitRvaInde
     }
     for (size_t i = 0; i < stored.size(); ++i) {
         const Region& patched = *rawMethod.regions()[i];
-        if (patched.content())
+        if (patched.hasContent())
             stored[i]->takeBytesFrom(patched);
         QV_INFO("Updated code region (ip range = " << ipSpan(patched.startAddress(), patched.endAddress())
                                                    << ") from method " << rawMethod.getRawMethodId()
@@ -52,17 +52,17 @@ Status CodePatcher::patch(const Region& update, u32 methodId, Region& region, co
     // read or written past a buffer. A region without a code copy has no
     // bytes to patch; its length comes from the file and may claim 4 GiB, so
     // it never sizes an allocation.
-    const IByteBuffer::Ptr& old = region.content();
-    const unsigned char* oldBytes = old ? old->data() : nullptr;
-    const u64 size = old && oldBytes ? old->size() : 0;
+    const CodeView& old = region.codeView();
+    const unsigned char* oldBytes = old.bytes;
+    const u64 size = oldBytes ? old.length : 0;
     std::vector<unsigned char> bytes(size, 0);
     if (oldBytes)
         std::copy(oldBytes, oldBytes + size, bytes.begin());
-    const IByteBuffer::Ptr& patchBuffer = update.content();
-    const unsigned char* patchBytes = patchBuffer ? patchBuffer->data() : nullptr;
+    const CodeView& patch = update.codeView();
+    const unsigned char* patchBytes = patch.bytes;
     if (patchBytes && offset < size) {
         const u64 count =
-            std::min<u64>({static_cast<u64>(update.length()), static_cast<u64>(patchBuffer->size()), size - offset});
+            std::min<u64>({static_cast<u64>(update.length()), static_cast<u64>(patch.length), size - offset});
         std::copy(patchBytes, patchBytes + count, bytes.begin() + static_cast<std::ptrdiff_t>(offset));
     }
     IByteBuffer::Ptr replaced = IByteBuffer::create();

@@ -4,11 +4,11 @@
 #include "format/record_bodies.h"
 #include "format/record_types.h"
 #include "index/jit_data_manager.h"
-#include "ingest/code_bytes.h"
 #include "ingest/managed_runtime_info.h"
 #include "model/md5_hash_generator.h"
 #include "model/module.h"
 #include "support/assertion.h"
+#include "support/code_bytes.h"
 #include "support/log.h"
 
 #include <limits>
@@ -131,7 +131,7 @@ private:
     TraceInlineLoad m_inline;
     std::vector<jit_rva_t> m_jitRvas;
     std::vector<ByteSpan> m_codeSpans;
-    std::vector<IByteBuffer::Ptr> m_codeContents;
+    std::vector<CodeView> m_codeContents;
     bool m_sawArch0 = false;
     bool m_sawArch1 = false;
 };
@@ -172,12 +172,10 @@ void FilePass::takeCodeBytes(const Record& record, BuildContext& context) {
         }
         const ByteSpan view = m_decoder.lasting(record, span);
         const unsigned size = static_cast<unsigned>(span.size());
-        if (!view.empty()) {
-            m_codeContents.push_back(CodeBytes::view(m_decoder.mapping(), view.data(), size));
-        } else {
-            m_codeContents.push_back(IByteBuffer::create());
-            m_codeContents.back()->assign(span.data(), size);
-        }
+        if (!view.empty())
+            m_codeContents.push_back(CodeView{m_decoder.mapping(), view.data(), size});
+        else
+            m_codeContents.push_back(CodeView::copyOf(span.data(), size));
     }
     context.codeContents = &m_codeContents;
 }
@@ -329,7 +327,7 @@ void FilePass::updateV2(const Record& record) {
 
     Region::Ptr patched(new Region(*found));
     // Without kept code bytes (or a region that has none) there is nothing to patch.
-    if ((m_decoder.mode() & dmCodeBytes) && found->content()) {
+    if ((m_decoder.mode() & dmCodeBytes) && found->hasContent()) {
         IByteBuffer::Ptr content = IByteBuffer::create();
         content->assign(update.bytes.data(), static_cast<unsigned>(update.bytes.size()));
         if (patched->addBytesUpdate(update.startAddress, update.length, content, quarvel_segment_code, std::string()) !=

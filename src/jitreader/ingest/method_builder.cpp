@@ -67,14 +67,12 @@ constexpr u32 kLargestBatch = 64;
 
 // Region i's code bytes: the buffer the reader made for it (a view of the
 // file) when it made them, else a copy of the record's.
-IByteBuffer::Ptr takeContent(const BuildContext& context, size_t i, const std::vector<uint8_t>& bytes) {
+CodeView takeContent(const BuildContext& context, size_t i, const std::vector<uint8_t>& bytes) {
     if (context.codeContents)
-        return i < context.codeContents->size() ? std::move((*context.codeContents)[i]) : IByteBuffer::Ptr();
+        return i < context.codeContents->size() ? std::move((*context.codeContents)[i]) : CodeView();
     if (bytes.empty())
-        return IByteBuffer::Ptr();
-    IByteBuffer::Ptr content = IByteBuffer::create();
-    content->assign(bytes.data(), static_cast<unsigned>(bytes.size()));
-    return content;
+        return CodeView();
+    return CodeView::copyOf(bytes.data(), static_cast<unsigned>(bytes.size()));
 }
 
 } // namespace
@@ -269,12 +267,12 @@ JitMethod::Ptr MethodBuilder::methodLoad(const TraceMethodLoad& load, int versio
         const TraceCodeRegion& r = load.regions[i];
         if (r.codeSize == 0)
             continue;
-        IByteBuffer::Ptr content = takeContent(context, i, r.bytes);
+        CodeView content = takeContent(context, i, r.bytes);
         const jit_rva_t jitRva = inlined || i >= regionJitRvas.size() ? 0 : regionJitRvas[i];
         if (!start)
             start = jitRva;
-        method->addCodeRegion(adoptNew(
-            new Region(context.hostId, context.pid, jitRva, load.loadTime, 0, r.startAddress, r.codeSize, content)));
+        method->addCodeRegion(adoptNew(new Region(context.hostId, context.pid, jitRva, load.loadTime, 0, r.startAddress,
+                                                  r.codeSize, std::move(content))));
         codeLength += r.codeSize;
     }
     method->setStartJitRva(start);
@@ -299,9 +297,9 @@ JitMethod::Ptr MethodBuilder::inlineLoad(const TraceInlineLoad& load, const Buil
     method->setLoadTime(load.loadTime);
     // An inline takes its jit rvas from its parent when it is attached.
     method->setStartJitRva(0);
-    IByteBuffer::Ptr content = takeContent(context, 0, load.region.bytes);
-    method->addCodeRegion(adoptNew(new Region(context.hostId, context.pid, 0, load.loadTime, 0,
-                                              load.region.startAddress, load.region.codeSize, content)));
+    method->addCodeRegion(
+        adoptNew(new Region(context.hostId, context.pid, 0, load.loadTime, 0, load.region.startAddress,
+                            load.region.codeSize, takeContent(context, 0, load.region.bytes))));
     applyIdentity(*method, load.tail, false, fileHash, full);
     // Host and process of the ids come from the region, so it is added first.
     // The parent's id first: it was most likely hashed for the load just

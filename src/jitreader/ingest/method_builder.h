@@ -7,6 +7,7 @@
 #include "ingest/class_name_cache.h"
 #include "ingest/method_id_cache.h"
 #include "model/jit_method.h"
+#include "support/code_bytes.h"
 #include "support/result.h"
 
 #include <quarvel/jittrace_writer.h>
@@ -105,7 +106,7 @@ struct BuildContext {
     const JitDataManager* data = nullptr; // where the methods go: told each id early, to fetch what it will read
     // The code bytes of the record's regions, one per region (null for none),
     // made by the reader and taken by the builder; null: the regions' copies.
-    std::vector<IByteBuffer::Ptr>* codeContents = nullptr;
+    std::vector<CodeView>* codeContents = nullptr;
 };
 
 class MethodBuilder {

@@ -1,9 +1,9 @@
 #include "ingest/runtime_code_builder.h"
 
-#include "ingest/code_bytes.h"
 #include "ingest/jit_file_reader.h"
 #include "model/module.h"
 #include "model/source_file.h"
+#include "support/code_bytes.h"
 #include "support/log.h"
 #include "support/mix.h"
 
@@ -22,10 +22,10 @@ BaseMethodId identityOf(jit_rva_t fileJitRvaBase, u64 rawId) {
     return BaseMethodId(mix64(rawId ^ mix64(fileJitRvaBase)), fileJitRvaBase);
 }
 
-IByteBuffer::Ptr contentOf(const RuntimeCode& code, u32 size) {
+CodeView contentOf(const RuntimeCode& code, u32 size) {
     if (code.bytesKeeper)
-        return CodeBytes::view(code.bytesKeeper, code.bytes, size);
-    return std::make_shared<CodeBytes>(code.bytes, size);
+        return CodeView{code.bytesKeeper, code.bytes, size};
+    return CodeView::copyOf(code.bytes, size);
 }
 
 } // namespace
@@ -82,9 +82,9 @@ JitMethod::Ptr RuntimeCodeBuilder::build(const RuntimeCode& code, jit_rva_t jitR
     method->setLoadTime(code.loadTime);
     method->setStartJitRva(jitRva);
     const bool keepBytes = code.bytes && m_file.keepCodeBytes();
-    const IByteBuffer::Ptr content = keepBytes ? contentOf(code, size) : IByteBuffer::Ptr();
-    method->addCodeRegion(
-        adoptNew(new Region(m_file.hostId, m_file.pid, jitRva, code.loadTime, 0, code.address, size, content)));
+    CodeView content = keepBytes ? contentOf(code, size) : CodeView();
+    method->addCodeRegion(adoptNew(
+        new Region(m_file.hostId, m_file.pid, jitRva, code.loadTime, 0, code.address, size, std::move(content))));
     BaseMethodInfo& info = *method->info();
     if (!code.className.empty()) {
         info.setClassName(std::string(code.className));
@@ -113,7 +113,7 @@ JitMethod::Ptr RuntimeCodeBuilder::moved(const JitMethod& owner, const Region& r
     method->setLoadTime(time);
     method->setStartJitRva(jitRva);
     method->addCodeRegion(Region::Ptr(
-        new Region(m_file.hostId, m_file.pid, jitRva, time, 0, newAddress, region.length(), region.content())));
+        new Region(m_file.hostId, m_file.pid, jitRva, time, 0, newAddress, region.length(), region.codeView())));
     // Same identity: the registered method takes the new region over.
     *method->info() = *owner.info();
     // The owner's tables are keyed by jit rva; the newcomer's by offset from its first byte.

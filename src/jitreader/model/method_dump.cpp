@@ -147,8 +147,8 @@ std::ostream& operator<<(std::ostream& os, JitMethod& method) {
         os << "  size:          " << Hex{region.length()} << std::endl;
         os << "  IP range:      " << Hex{region.startAddress()} << "-" << Hex{region.endAddress()} << std::endl;
         os << "  Disassembly:" << std::endl;
-        const IByteBuffer::Ptr& bytes = region.content();
-        dumpCodeDisassembly(os, bytes ? bytes->data() : nullptr, bytes ? bytes->size() : 0, region.startAddress(),
+        const CodeView& bytes = region.codeView();
+        dumpCodeDisassembly(os, bytes.bytes, bytes.bytes ? bytes.length : 0, region.startAddress(),
                             static_cast<quarvel_arch>(arch));
         os.flush();
     }

@@ -32,6 +32,11 @@ HexRange hexRange(u64 start, u64 length) {
 
 Region::Region(u32 hostId, u32 processId, jit_rva_t startJitRva, u64 loadTime, u64 unloadTime,
                address_t startVirtualAddress, u32 length, IByteBuffer::Ptr content)
+    : Region(hostId, processId, startJitRva, loadTime, unloadTime, startVirtualAddress, length, CodeView::of(content)) {
+}
+
+Region::Region(u32 hostId, u32 processId, jit_rva_t startJitRva, u64 loadTime, u64 unloadTime,
+               address_t startVirtualAddress, u32 length, CodeView content)
     : m_hostId(hostId), m_processId(processId), m_length(length), m_startJitRva(startJitRva), m_loadTime(loadTime),
       m_unloadTime(unloadTime), m_startVirtualAddress(startVirtualAddress) {
     if (content)
@@ -68,14 +73,22 @@ Region::Tree& Region::tree() {
     return *more.tree;
 }
 
-const IByteBuffer::Ptr& Region::content() const {
-    static const IByteBuffer::Ptr none;
+IByteBuffer::Ptr Region::content() const {
+    return m_extras ? CodeBytes::view(m_extras->content) : IByteBuffer::Ptr();
+}
+
+const CodeView& Region::codeView() const {
+    static const CodeView none;
     return m_extras ? m_extras->content : none;
 }
 
 void Region::setContent(const IByteBuffer::Ptr& content) {
+    setContent(CodeView::of(content));
+}
+
+void Region::setContent(CodeView content) {
     if (content || m_extras)
-        extras().content = content;
+        extras().content = std::move(content);
 }
 
 const Region::InlinedRegions& Region::inlinedRegions() const {
@@ -104,7 +117,7 @@ Region::Markup& Region::markupToChange() {
 }
 
 void Region::takeBytesFrom(const Region& patched) {
-    setContent(patched.content());
+    setContent(patched.codeView());
     if (!patched.markup().empty())
         markupToChange() = patched.markup();
     else if (findTree())
@@ -197,7 +210,7 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
         QV_ERROR("Couldn't update because the input segment type =" << segType << " is not recognized");
         return meNotFound;
     }
-    const IByteBuffer::Ptr& regionContent = this->content();
+    const CodeView& regionContent = codeView();
     QV_CHECK(regionContent, return meNotFound);
 
     const Range update(codeAddr, codeLen);
@@ -230,7 +243,7 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
         return meNotFound;
     }
 
-    const unsigned oldSize = regionContent->size();
+    const unsigned oldSize = regionContent.length;
     const u64 offset = codeAddr - m_startVirtualAddress;
 
     // Padding carries no code: the range becomes one-byte no-operations. Only
@@ -247,7 +260,7 @@ quarvel_error_t Region::addBytesUpdate(address_t codeAddr, u32 codeLen, const IB
     }
 
     std::vector<unsigned char> bytes(oldSize, 0);
-    const unsigned char* old = regionContent->data();
+    const unsigned char* old = regionContent.bytes;
     // Old head, update bytes, old tail; each clipped to the buffer so that a
     // short code copy or short update content can never be over-read.
     for (u64 i = 0; i < oldSize; ++i) {

@@ -1,4 +1,4 @@
-#include "ingest/code_bytes.h"
+#include "support/code_bytes.h"
 
 #include "support/block_heap.h"
 
@@ -9,6 +9,26 @@ QUARVEL_NAMESPACE_BEGIN
 
 IByteBuffer::Ptr CodeBytes::view(std::shared_ptr<const void> keeper, const unsigned char* bytes, unsigned length) {
     return std::allocate_shared<CodeBytes>(BlockAllocator<CodeBytes>(), std::move(keeper), bytes, length);
+}
+
+IByteBuffer::Ptr CodeBytes::view(const CodeView& code) {
+    return code ? view(code.keeper, code.bytes, code.length) : IByteBuffer::Ptr();
+}
+
+CodeView CodeView::copyOf(const void* bytes, unsigned length) {
+    IByteBuffer::Ptr copy = IByteBuffer::create();
+    copy->assign(bytes, length);
+    return of(copy);
+}
+
+CodeView CodeView::of(const std::shared_ptr<IByteBuffer>& buffer) {
+    CodeView code;
+    if (buffer) {
+        code.bytes = buffer->data();
+        code.length = code.bytes ? buffer->size() : 0;
+        code.keeper = buffer;
+    }
+    return code;
 }
 
 void CodeBytes::assign(const void* bytes, unsigned length) {

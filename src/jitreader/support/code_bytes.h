@@ -1,17 +1,33 @@
-#ifndef QUARVEL_INGEST_CODE_BYTES_H
-#define QUARVEL_INGEST_CODE_BYTES_H
+#ifndef QUARVEL_SUPPORT_CODE_BYTES_H
+#define QUARVEL_SUPPORT_CODE_BYTES_H
 
 // The code bytes of one piece of code a trace or runtime file carries. Such
 // files hold up to millions of pieces of code that are read far more often
-// than they are shown, so a buffer either views the bytes where the file's
-// mapping holds them (kept alive by the buffer) or owns a copy of exactly
-// their size; the first assign() of a view makes it an owned copy.
+// than they are shown, so the model keeps each as a CodeView (the bytes and
+// what keeps them alive: the file's mapping, or one owned copy) and makes a
+// buffer only for whoever asks. A buffer either views the bytes (keeping
+// their keeper alive) or owns a copy of exactly their size; the first
+// assign() of a view makes it an owned copy.
 
 #include <quarvel/byte_buffer.h>
 
 #include <memory>
 
 QUARVEL_NAMESPACE_BEGIN
+
+// Bytes that `keeper` keeps alive; no keeper: no bytes at all (which is not
+// the same as none of a piece of code's bytes kept: a length of 0).
+struct CodeView {
+    std::shared_ptr<const void> keeper;
+    const unsigned char* bytes = nullptr;
+    unsigned length = 0;
+
+    explicit operator bool() const { return keeper != nullptr; }
+    // An owned copy of length bytes, as a view.
+    static CodeView copyOf(const void* bytes, unsigned length);
+    // A buffer's bytes, kept alive by the buffer; nobody may change it after.
+    static CodeView of(const std::shared_ptr<IByteBuffer>& buffer);
+};
 
 class CodeBytes final : public IByteBuffer {
 public:
@@ -23,6 +39,8 @@ public:
 
     // A view in a block-heap block, as the library's other buffers are.
     static IByteBuffer::Ptr view(std::shared_ptr<const void> keeper, const unsigned char* bytes, unsigned length);
+    // A view of code's bytes; null when code holds none.
+    static IByteBuffer::Ptr view(const CodeView& code);
 
     unsigned size() const override { return m_size; }
     const unsigned char* data() const override { return m_size ? m_view : nullptr; }
