@@ -41,6 +41,43 @@ TEST(RegionInlineTest, FirstAttachedChildWinsAndEndsAreExclusive) {
     EXPECT_EQ(2u, parent->getInlinedRegions().remaining());
 }
 
+// A region holds its bytes and its inline tree apart or together, whichever
+// came first: copies and later additions keep both.
+TEST(RegionExtrasTest, CopiesAndAdditionsKeepBytesAndTree) {
+    struct Case {
+        const char* name;
+        bool bytes;
+        bool tree;
+    };
+    const Case cases[] = {
+        {"neither", false, false}, {"bytes", true, false}, {"tree", false, true}, {"both", true, true}};
+    const std::vector<uint8_t> code = {1, 2, 3, 4, 5, 6, 7, 8};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Region::Ptr original = region(1000, 0x4000, 8, c.bytes ? bufferOf(code) : nullptr);
+        if (c.tree)
+            original->addChildRegion(region(1002, 0x4002, 2), named("inlined", 1));
+        const Region::Ptr copy(new Region(*original));
+        for (const Region::Ptr& r : {original, copy}) {
+            EXPECT_EQ(c.bytes, r->hasContent());
+            EXPECT_EQ(c.bytes ? code : std::vector<uint8_t>(), bytesOf(r->getBytes().get()));
+            EXPECT_EQ(c.tree ? 1u : 0u, r->inlinedRegions().size());
+        }
+
+        // Bytes arriving after the tree, and a patch of the copy alone.
+        copy->setContent(bufferOf(code));
+        ASSERT_EQ(meSuccess, copy->addBytesUpdate(0x4000, 2, bufferOf({9, 9}), quarvel_segment_code, ""));
+        EXPECT_EQ((std::vector<uint8_t>{9, 9, 3, 4, 5, 6, 7, 8}), bytesOf(copy->getBytes().get()));
+        EXPECT_EQ(c.tree ? 1u : 0u, copy->inlinedRegions().size());
+        if (c.tree) {
+            EXPECT_STREQ("inlined", copy->getInlinedSymbol(1002)->getMethodName());
+        }
+        EXPECT_EQ(c.bytes ? code : std::vector<uint8_t>(), bytesOf(original->getBytes().get()));
+        EXPECT_TRUE(original->markup().empty());
+        EXPECT_EQ(1u, copy->markup().size());
+    }
+}
+
 TEST(RegionInlineTest, DumpInlinesIndentsEachLevel) {
     const Region::Ptr parent = region(1000, 0x4000, 64);
     const Region::Ptr child = region(0, 0x4010, 16);

@@ -47,39 +47,66 @@ Region::Region(const Region& other)
     : ICodeRegion(), m_hostId(other.m_hostId), m_processId(other.m_processId), m_length(other.m_length),
       m_startJitRva(other.m_startJitRva), m_loadTime(other.m_loadTime), m_unloadTime(other.m_unloadTime),
       m_startVirtualAddress(other.m_startVirtualAddress) {
-    if (!other.m_extras)
-        return;
-    extras().content = other.m_extras->content;
-    if (other.m_extras->tree)
-        m_extras->tree.reset(new Tree(*other.m_extras->tree));
+    const Tree* const otherTree = other.findTree();
+    std::unique_ptr<Tree> copy(otherTree ? new Tree(*otherTree) : nullptr);
+    if (const Extras* const more = other.findExtras()) {
+        std::unique_ptr<Extras> mine(new Extras());
+        mine->content = more->content;
+        mine->tree = std::move(copy);
+        m_more = reinterpret_cast<uintptr_t>(mine.release());
+    } else if (copy) {
+        m_more = reinterpret_cast<uintptr_t>(copy.release()) | kTreeOnly;
+    }
 }
 
-Region::~Region() = default;
+Region::~Region() {
+    if (m_more & kTreeOnly)
+        delete reinterpret_cast<Tree*>(m_more & ~kTreeOnly);
+    else
+        delete reinterpret_cast<Extras*>(m_more);
+}
 
 Region::Tree::Tree(const Tree& other)
     : inlinedRegions(other.inlinedRegions), inlinedMethods(other.inlinedMethods),
       markup(other.markup ? new Markup(*other.markup) : nullptr) {}
 
+const Region::Tree* Region::findTree() const {
+    if (m_more & kTreeOnly)
+        return reinterpret_cast<const Tree*>(m_more & ~kTreeOnly);
+    const Extras* const more = findExtras();
+    return more ? more->tree.get() : nullptr;
+}
+
 Region::Extras& Region::extras() {
-    if (!m_extras)
-        m_extras.reset(new Extras());
-    return *m_extras;
+    if (!m_more || (m_more & kTreeOnly)) {
+        std::unique_ptr<Extras> more(new Extras());
+        more->tree.reset(reinterpret_cast<Tree*>(m_more & ~kTreeOnly));
+        m_more = reinterpret_cast<uintptr_t>(more.release());
+    }
+    return *reinterpret_cast<Extras*>(m_more);
 }
 
 Region::Tree& Region::tree() {
-    Extras& more = extras();
-    if (!more.tree)
-        more.tree.reset(new Tree());
-    return *more.tree;
+    if (!m_more) {
+        m_more = reinterpret_cast<uintptr_t>(new Tree()) | kTreeOnly;
+    } else if (!(m_more & kTreeOnly)) {
+        Extras& more = *reinterpret_cast<Extras*>(m_more);
+        if (!more.tree)
+            more.tree.reset(new Tree());
+        return *more.tree;
+    }
+    return *reinterpret_cast<Tree*>(m_more & ~kTreeOnly);
 }
 
 IByteBuffer::Ptr Region::content() const {
-    return m_extras ? CodeBytes::view(m_extras->content) : IByteBuffer::Ptr();
+    const Extras* const more = findExtras();
+    return more ? CodeBytes::view(more->content) : IByteBuffer::Ptr();
 }
 
 const CodeView& Region::codeView() const {
     static const CodeView none;
-    return m_extras ? m_extras->content : none;
+    const Extras* const more = findExtras();
+    return more ? more->content : none;
 }
 
 void Region::setContent(const IByteBuffer::Ptr& content) {
@@ -87,7 +114,7 @@ void Region::setContent(const IByteBuffer::Ptr& content) {
 }
 
 void Region::setContent(CodeView content) {
-    if (content || m_extras)
+    if (content || findExtras())
         extras().content = std::move(content);
 }
 

@@ -40,6 +40,7 @@ public:
            address_t startVirtualAddress, u32 length, CodeView content);
     // Shares children, their methods and the code bytes with the source.
     Region(const Region& other);
+    Region& operator=(const Region&) = delete;
     ~Region() override;
 
     // ICodeRegion
@@ -68,7 +69,10 @@ public:
     // The code bytes, as a buffer made on each call (null when none are
     // kept): a region holds them as a view, and most are never asked for.
     IByteBuffer::Ptr content() const;
-    bool hasContent() const { return m_extras && m_extras->content; }
+    bool hasContent() const {
+        const Extras* const more = findExtras();
+        return more && more->content;
+    }
     const CodeView& codeView() const;
     const Markup& markup() const;
 
@@ -119,7 +123,10 @@ private:
     address_t m_startVirtualAddress;
     // What few regions have gets made on first use: code bytes (kept only
     // when the reader is asked to), and, fewer still, inlines and patched
-    // ranges. A region without either is 64 bytes.
+    // ranges. A region without either is 64 bytes. One with bytes points to
+    // Extras, which holds the tree too once there is one; one with a tree
+    // and no bytes (every region of a mode 2 read) points to the tree
+    // itself, with the pointer's low bit set.
     struct Tree {
         InlinedRegions inlinedRegions;
         InlinedMethods inlinedMethods;
@@ -138,11 +145,15 @@ private:
         static void* operator new(size_t bytes) { return block_heap::allocate(bytes); }
         static void operator delete(void* block, size_t bytes) noexcept { block_heap::free(block, bytes); }
     };
+    static constexpr uintptr_t kTreeOnly = 1;
+    const Extras* findExtras() const {
+        return (m_more & kTreeOnly) ? nullptr : reinterpret_cast<const Extras*>(m_more);
+    }
+    const Tree* findTree() const;
     Extras& extras();
     Tree& tree();
     Markup& markupToChange();
-    const Tree* findTree() const { return m_extras ? m_extras->tree.get() : nullptr; }
-    std::unique_ptr<Extras> m_extras;
+    uintptr_t m_more = 0; // owns an Extras, or a Tree when kTreeOnly is set; 0: neither
 };
 
 QUARVEL_NAMESPACE_END
