@@ -186,4 +186,61 @@ TEST(GrowingArray, KeepsEveryElementAsItsMappingMoves) {
     EXPECT_EQ(0u, moved.capacity());
 }
 
+// Mappings given back during a read lend their huge pages to the next ones,
+// which still hold what is written to them and never share a page; outside
+// a read, and once the last one ends, pages go back to the system.
+TEST(PageRecycling, PagesGivenBackDuringAReadMoveIntoTheNextArrays) {
+#if !QUARVEL_POOLED_OBJECTS
+    GTEST_SKIP() << "sanitizer builds take large arrays from the general heap";
+#else
+    const size_t perPage = bulk_memory::kHugePage / sizeof(uint64_t);
+    auto filled = [](size_t count, uint64_t seed) {
+        BulkVector<uint64_t> v(count);
+        for (size_t i = 0; i < count; ++i)
+            v[i] = seed + i;
+        return v;
+    };
+    auto holds = [](const BulkVector<uint64_t>& v, uint64_t seed) {
+        for (size_t i = 0; i < v.size(); ++i)
+            if (v[i] != seed + i)
+                return false;
+        return true;
+    };
+
+    filled(2 * perPage, 1); // no read: given back at once
+    EXPECT_EQ(0u, bulk_memory::PageRecycling::keptPages());
+    {
+        const bulk_memory::PageRecycling outer;
+        {
+            const bulk_memory::PageRecycling inner; // a second reader
+            filled(2 * perPage, 2);
+            EXPECT_EQ(2u, bulk_memory::PageRecycling::keptPages());
+        }
+        EXPECT_EQ(2u, bulk_memory::PageRecycling::keptPages()) << "another read still runs";
+
+        const size_t reused = bulk_memory::PageRecycling::reusedPages();
+        const BulkVector<uint64_t> first = filled(3 * perPage, 3);  // two kept pages, one fresh
+        const BulkVector<uint64_t> second = filled(2 * perPage, 4); // fresh
+        EXPECT_EQ(reused + 2, bulk_memory::PageRecycling::reusedPages());
+        EXPECT_EQ(0u, bulk_memory::PageRecycling::keptPages());
+        EXPECT_TRUE(holds(first, 3));
+        EXPECT_TRUE(holds(second, 4));
+
+        // A growing array's new tail takes kept pages too.
+        filled(perPage, 5);
+        GrowingArray<uint64_t> grown;
+        for (size_t i = 0; i < 3 * perPage; ++i)
+            grown.push_back(i);
+        EXPECT_EQ(reused + 3, bulk_memory::PageRecycling::reusedPages());
+        for (size_t i = 0; i < grown.size(); ++i)
+            ASSERT_EQ(i, grown[i]);
+        EXPECT_TRUE(holds(first, 3));
+
+        filled(2 * perPage, 6);
+        EXPECT_EQ(2u, bulk_memory::PageRecycling::keptPages());
+    }
+    EXPECT_EQ(0u, bulk_memory::PageRecycling::keptPages()) << "the last read gave them back";
+#endif
+}
+
 } // namespace object_pool_test

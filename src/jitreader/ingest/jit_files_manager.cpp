@@ -7,6 +7,7 @@
 #include "ingest/perf_map_file_reader.h"
 #include "ingest/trace_format.h"
 #include "support/assertion.h"
+#include "support/bulk_memory.h"
 #include "support/log.h"
 
 #include <boost/filesystem/operations.hpp>
@@ -502,6 +503,7 @@ quarvel_error_t JitFilesManager::readJitFiles(unsigned int pid, unsigned int hos
     boost::unique_lock<boost::mutex> lock(m_readMutex);
     if (process->read.load())
         return meSuccess;
+    const bulk_memory::PageRecycling recycling;
     const quarvel_error_t status = readProcessFiles(*process, pid, hostId, mode, dataManager, false);
     // Queries must see the normalised inline jit rvas of what was read, even after a failure.
     dataManager.finalize();
@@ -517,6 +519,7 @@ quarvel_error_t JitFilesManager::readJitFiles(decoding_mode_t mode, JitDataManag
     boost::unique_lock<boost::mutex> lock(m_readMutex);
     if (m_wholeSetRead.load() || m_everyProcessRead.load())
         return meSuccess;
+    const bulk_memory::PageRecycling recycling;
     for (auto& host : m_processes) {
         for (auto& entry : host.second) {
             ProcessJitInfo& process = entry.second;

@@ -104,7 +104,94 @@ SharedBlocks& sharedBlocks() {
     return *blocks;
 }
 
+// The huge pages of mappings given back while a read holds a PageRecycling.
+class KeptPages {
+public:
+    void begin() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_readers;
+    }
+    void end() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (--m_readers > 0)
+            return;
+        for (; m_count > 0; --m_count)
+            ::munmap(m_pages[m_count - 1], kHugePage);
+    }
+    // block: a mapping of bytes, both multiples of a huge page. Allocates
+    // nothing: it runs where memory is given back.
+    void give(char* block, size_t bytes) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        size_t at = 0;
+        if (m_readers > 0)
+            for (; at < bytes && m_count < kMostPages; at += kHugePage)
+                m_pages[m_count++] = block + at;
+        if (at < bytes)
+            ::munmap(block + at, bytes - at);
+    }
+    // Moves kept pages to the front of [target, target + bytes), a fresh
+    // mapping aligned to a huge page: as whole page-table entries, no copy.
+    void fill(char* target, size_t bytes) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (size_t at = 0; at < bytes && m_count > 0; at += kHugePage) {
+            if (::mremap(m_pages[m_count - 1], kHugePage, kHugePage, MREMAP_MAYMOVE | MREMAP_FIXED, target + at) ==
+                MAP_FAILED)
+                return;
+            --m_count;
+            ++m_reused;
+        }
+    }
+    size_t kept() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_count;
+    }
+    size_t reused() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_reused;
+    }
+
+private:
+    // At most 1 GiB waits for reuse; the rest goes back at once.
+    static constexpr size_t kMostPages = 512;
+    std::mutex m_mutex;
+    int m_readers = 0;
+    char* m_pages[kMostPages];
+    size_t m_count = 0;
+    size_t m_reused = 0;
+};
+
+// Never destroyed (mappings are given back until the process ends), and
+// made without allocating.
+KeptPages& keptStore() {
+    alignas(KeptPages) static unsigned char storage[sizeof(KeptPages)];
+    static KeptPages* const pages = new (storage) KeptPages;
+    return *pages;
+}
+
+// A mapping of its own for an array or a chunk, with kept pages first.
+char* mapArray(size_t bytes) {
+    char* const block = mapHuge(bytes);
+    keptStore().fill(block, bytes);
+    return block;
+}
+
 } // namespace
+
+PageRecycling::PageRecycling() {
+    keptStore().begin();
+}
+
+PageRecycling::~PageRecycling() {
+    keptStore().end();
+}
+
+size_t PageRecycling::keptPages() {
+    return keptStore().kept();
+}
+
+size_t PageRecycling::reusedPages() {
+    return keptStore().reused();
+}
 
 char* mapAligned(size_t bytes, size_t align) {
     void* at = ::mmap(nullptr, bytes + align, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -128,14 +215,14 @@ size_t usableSize(size_t bytes) {
 }
 
 void* allocateLarge(size_t bytes) {
-    return mapped(bytes) ? mapHuge(roundedToHugePages(bytes)) : ::operator new(bytes);
+    return mapped(bytes) ? mapArray(roundedToHugePages(bytes)) : ::operator new(bytes);
 }
 
 void freeLarge(void* block, size_t bytes) noexcept {
     if (!block)
         return;
     if (mapped(bytes))
-        ::munmap(block, roundedToHugePages(bytes));
+        keptStore().give(static_cast<char*>(block), roundedToHugePages(bytes));
     else
         ::operator delete(block);
 }
@@ -162,6 +249,7 @@ void* reallocate(void* block, size_t bytes, size_t used, size_t newBytes) {
         void* const moved = ::mremap(block, from, to, MREMAP_MAYMOVE | MREMAP_FIXED, target);
         if (moved != MAP_FAILED) {
             ::madvise(moved, to, MADV_HUGEPAGE);
+            keptStore().fill(static_cast<char*>(moved) + from, to - from);
             return moved;
         }
         ::munmap(target, to);

@@ -59,6 +59,26 @@ void* reallocate(void* block, size_t bytes, size_t used, size_t newBytes);
 void* allocateLarge(size_t bytes);
 void freeLarge(void* block, size_t bytes) noexcept;
 
+// While one lives (in any thread), the huge pages of mappings given back are
+// kept, and move into the next mappings made (mremap) before those fault in
+// fresh ones; when the last one ends, what is kept goes back. A read holds
+// one: it frees working arrays (the top map, its links, an outgrown hash
+// table, the index build's sorted bounds) while it makes the next ones, and
+// on a virtual machine the kernel takes 0.5-3 ms to zero a fresh huge page.
+// A kept page comes with its old contents, which the arrays and pools that
+// take these mappings write before they read.
+class PageRecycling {
+public:
+    PageRecycling();
+    ~PageRecycling();
+    PageRecycling(const PageRecycling&) = delete;
+    PageRecycling& operator=(const PageRecycling&) = delete;
+
+    // Huge pages kept for reuse now, and moved into new mappings so far (for tests).
+    static size_t keptPages();
+    static size_t reusedPages();
+};
+
 // A pool's chunk of at least `bytes`, chunkSize(bytes) in all; never null.
 void* allocateChunk(size_t bytes);
 // From 64 KiB on, rounded up to a power of two; from 2 MiB on, to whole huge pages.
