@@ -65,8 +65,8 @@ constexpr size_t kTextBlock = size_t(64) << 10;
 // this many.
 constexpr u32 kLargestBatch = 64;
 
-// Region i's code bytes: the buffer the reader made for it (a view of the
-// file) when it made them, else a copy of the record's.
+// Region i's code bytes: what the reader made for it (a view of the file, or
+// a copy) when it made them, else a copy of the record's.
 CodeView takeContent(const BuildContext& context, size_t i, const std::vector<uint8_t>& bytes) {
     if (context.codeContents)
         return i < context.codeContents->size() ? std::move((*context.codeContents)[i]) : CodeView();

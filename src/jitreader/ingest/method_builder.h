@@ -104,7 +104,7 @@ struct BuildContext {
     u32 pid = 0;
     bool keepSymbolic = true;             // false: names only; no source file, no line tables
     const JitDataManager* data = nullptr; // where the methods go: told each id early, to fetch what it will read
-    // The code bytes of the record's regions, one per region (null for none),
+    // The code bytes of the record's regions, one per region (empty for none),
     // made by the reader and taken by the builder; null: the regions' copies.
     std::vector<CodeView>* codeContents = nullptr;
 };

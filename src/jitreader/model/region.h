@@ -125,7 +125,7 @@ private:
     // when the reader is asked to), and, fewer still, inlines and patched
     // ranges. A region without either is 64 bytes. One with bytes points to
     // Extras, which holds the tree too once there is one; one with a tree
-    // and no bytes (every region of a mode 2 read) points to the tree
+    // and no bytes (any with inlines in a mode 2 read) points to the tree
     // itself, with the pointer's low bit set.
     struct Tree {
         InlinedRegions inlinedRegions;
@@ -140,7 +140,7 @@ private:
         static void operator delete(void* block, size_t bytes) noexcept { block_heap::free(block, bytes); }
     };
     struct Extras {
-        CodeView content; // a view rather than a buffer: 40 bytes less per region
+        CodeView content; // not a buffer of its own: that took 64 bytes and an allocation more
         std::unique_ptr<Tree> tree;
         static void* operator new(size_t bytes) { return block_heap::allocate(bytes); }
         static void operator delete(void* block, size_t bytes) noexcept { block_heap::free(block, bytes); }

@@ -5,9 +5,9 @@
 // files hold up to millions of pieces of code that are read far more often
 // than they are shown, so the model keeps each as a CodeView (the bytes and
 // what keeps them alive: the file's mapping, or one owned copy) and makes a
-// buffer only for whoever asks. A buffer either views the bytes (keeping
-// their keeper alive) or owns a copy of exactly their size; the first
-// assign() of a view makes it an owned copy.
+// buffer only for whoever asks. That buffer views the bytes (keeping their
+// keeper alive) until its first assign(), which makes it own a copy of
+// exactly their size.
 
 #include <quarvel/byte_buffer.h>
 
@@ -31,8 +31,6 @@ struct CodeView {
 
 class CodeBytes final : public IByteBuffer {
 public:
-    // An owned copy.
-    CodeBytes(const void* bytes, unsigned length) { assign(bytes, length); }
     // A view of `length` bytes at `bytes`, which stay valid while `keeper` lives.
     CodeBytes(std::shared_ptr<const void> keeper, const unsigned char* bytes, unsigned length)
         : m_keeper(std::move(keeper)), m_view(length ? bytes : nullptr), m_size(bytes ? length : 0) {}
