@@ -60,6 +60,8 @@ public:
     virtual unsigned getProcessId() const = 0;
     virtual unsigned getHostID() const = 0;
     // Empty when the trace carried no code bytes or they were not kept.
+    // Otherwise a buffer of the caller's own that views the region's bytes
+    // and keeps them alive: assigning to it changes only that buffer.
     virtual IByteBuffer::Ptr getBytes() const = 0;
     // The method inlined at jitRva (the first inline child containing it), or null.
     virtual boost::intrusive_ptr<ISymbol> getInlinedSymbol(u64 jitRva) const = 0;
