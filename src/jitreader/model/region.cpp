@@ -99,8 +99,7 @@ Region::Tree& Region::tree() {
 }
 
 IByteBuffer::Ptr Region::content() const {
-    const Extras* const more = findExtras();
-    return more ? CodeBytes::view(more->content) : IByteBuffer::Ptr();
+    return CodeBytes::view(codeView());
 }
 
 const CodeView& Region::codeView() const {

@@ -69,10 +69,7 @@ public:
     // The code bytes, as a buffer made on each call (null when none are
     // kept): a region holds them as a view, and most are never asked for.
     IByteBuffer::Ptr content() const;
-    bool hasContent() const {
-        const Extras* const more = findExtras();
-        return more && more->content;
-    }
+    bool hasContent() const { return static_cast<bool>(codeView()); }
     const CodeView& codeView() const;
     const Markup& markup() const;
 
