@@ -31,7 +31,12 @@ struct Item {
 // std::sort's time.
 class BoundOrder {
 public:
-    BoundOrder(const AddressHistory::Slots& slots, u64 AddressHistory::Slot::*bound) {
+    // visitOrder, when given, lists the slots in the order to read them: in
+    // another bound's order the keys come out nearly sorted (most regions
+    // neither nest nor overlap one alive beside them), which the sort takes
+    // in a fraction of the time random order costs.
+    BoundOrder(const AddressHistory::Slots& slots, u64 AddressHistory::Slot::*bound,
+               const BoundOrder* visitOrder = nullptr) {
         const size_t count = slots.size();
         u64 high = 0;
         for (const AddressHistory::Slot& slot : slots) {
@@ -43,14 +48,24 @@ public:
         m_mask = (u64(1) << m_indexBits) - 1;
         if (((high - m_low) >> (64 - m_indexBits)) == 0) {
             m_packed.resize(count);
-            for (u32 i = 0; i < count; ++i)
-                m_packed[i] = (slots[i].*bound - m_low) << m_indexBits | i;
+            if (visitOrder)
+                for (u32 i = 0; i < count; ++i) {
+                    if (i + kAhead < count) // in another order the slots lie anywhere
+                        __builtin_prefetch(&(slots[visitOrder->slot(i + kAhead)].*bound));
+                    const u32 s = visitOrder->slot(i);
+                    m_packed[i] = (slots[s].*bound - m_low) << m_indexBits | s;
+                }
+            else
+                for (u32 i = 0; i < count; ++i)
+                    m_packed[i] = (slots[i].*bound - m_low) << m_indexBits | i;
             sort(m_packed);
             return;
         }
         m_keyed.resize(count);
-        for (u32 i = 0; i < count; ++i)
-            m_keyed[i] = std::make_pair(slots[i].*bound, i);
+        for (u32 i = 0; i < count; ++i) {
+            const u32 s = visitOrder ? visitOrder->slot(i) : i;
+            m_keyed[i] = std::make_pair(slots[s].*bound, s);
+        }
         sort(m_keyed);
     }
 
@@ -58,6 +73,8 @@ public:
     u32 slot(size_t i) const { return m_keyed.empty() ? static_cast<u32>(m_packed[i] & m_mask) : m_keyed[i].second; }
 
 private:
+    static const u32 kAhead = 16;
+
     template <class Key>
     static void sort(LargeVector<Key>& keys) {
         if (!std::is_sorted(keys.begin(), keys.end()))
@@ -79,7 +96,7 @@ void cutPieces(const AddressHistory::Slots& slots, LargeVector<u32>& firstPiece,
                BulkVector<u64>& starts, LargeVector<u64>& ends) {
     const size_t count = slots.size();
     const BoundOrder byStart(slots, &AddressHistory::Slot::start);
-    const BoundOrder byEnd(slots, &AddressHistory::Slot::end);
+    const BoundOrder byEnd(slots, &AddressHistory::Slot::end, &byStart);
     for (int pass = 0; pass < 2; ++pass) {
         // The first pass counts the pieces, so that the arrays are allocated once.
         size_t pieces = 0;
