@@ -78,6 +78,8 @@ CodeView takeContent(const BuildContext& context, size_t i, const std::vector<ui
 } // namespace
 
 ModuleCache::~ModuleCache() {
+    for (; m_moduleUnlent > 0; --m_moduleUnlent)
+        m_lentModule->release(); // never the last reference: m_modules holds one
     for (SourceFileSlot& slot : m_sourceFileSlots)
         for (; slot.unlent > 0; --slot.unlent)
             slot.file->release(); // never the last reference: m_sourceFiles holds one
@@ -113,6 +115,24 @@ void ModuleCache::prefetchSourceFileTexts(size_t hash) const {
         __builtin_prefetch(slot->texts);
         __builtin_prefetch(slot->texts + slot->nameLength + slot->checksumLength);
     }
+}
+
+IModule::Ptr ModuleCache::lendModule(std::string_view path, quarvel_error_t status, quarvel_arch arch) {
+    const IModule::Ptr& module = get(path, status, arch);
+    if (module.get() != m_lentModule) {
+        for (; m_moduleUnlent > 0; --m_moduleUnlent)
+            m_lentModule->release();
+        m_lentModule = module.get();
+        m_moduleBatch = 1;
+    }
+    if (m_moduleUnlent == 0) {
+        for (u32 i = 0; i < m_moduleBatch; ++i)
+            m_lentModule->addRef();
+        m_moduleUnlent = m_moduleBatch;
+        m_moduleBatch = std::min(m_moduleBatch * 2, kLargestBatch);
+    }
+    --m_moduleUnlent;
+    return IModule::Ptr(m_lentModule, false); // the reference taken in the batch
 }
 
 SourceFile::Ptr ModuleCache::lend(SourceFileSlot& slot) {
@@ -228,7 +248,7 @@ void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail
     // would wait for the stores that write the names to fresh memory.
     if (legacy) {
         // The old layouts name modules that are never real files.
-        info.setModule(m_modules.get(tail.moduleName, meNotFound, arch));
+        info.setModule(m_modules.lendModule(tail.moduleName, meNotFound, arch));
     } else {
         // Newer layouts: Java code without a module gets its own name; only
         // named files are real modules.
@@ -236,7 +256,7 @@ void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail
         if (name.empty() && tail.language == quarvel_language_java)
             name = kCompiledJavaCodeModule;
         const bool pseudo = name.empty() || name == kDynamicCodeModule || name == kCompiledJavaCodeModule;
-        info.setModule(m_modules.get(name, pseudo ? meSuccess : meNotFound, arch));
+        info.setModule(m_modules.lendModule(name, pseudo ? meSuccess : meNotFound, arch));
     }
     applyNames(info, tail);
 }

@@ -35,6 +35,10 @@ public:
 
     // Valid until the next call.
     const IModule::Ptr& get(std::string_view path, quarvel_error_t status, quarvel_arch arch);
+    // As get, with a reference of the caller's own that the cache took
+    // ahead: a method's module costs no atomic operation on the module, which
+    // would wait for the stores that wrote the method's names.
+    IModule::Ptr lendModule(std::string_view path, quarvel_error_t status, quarvel_arch arch);
     // The file of that content, one object for every method that names it.
     SourceFile::Ptr sourceFile(std::string_view name, std::string_view checksum, unsigned checksumType,
                                unsigned language) {
@@ -60,6 +64,12 @@ private:
     std::string m_lastPath;
     quarvel_error_t m_lastStatus = meSuccess;
     quarvel_arch m_lastArch = quarvel_arch_vx64;
+    // References taken on the last module that no method holds yet, taken
+    // in batches as for source files (below); given back when another
+    // module is lent or the cache goes.
+    IModule* m_lentModule = nullptr; // kept by m_modules
+    u32 m_moduleUnlent = 0;
+    u32 m_moduleBatch = 1;
     // An open hash of the files by content. A lookup touches no file
     // object: the slot holds what the comparison reads, with the texts in
     // the cache's own blocks. A trace's methods name their files in any

@@ -67,6 +67,7 @@ public:
 
     const IModule::Ptr& module() const { return m_module; }
     void setModule(const IModule::Ptr& module) { m_module = module; }
+    void setModule(IModule::Ptr&& module) { m_module = std::move(module); }
 
     // The source file, shared (it never changes once set): methods of one
     // file may hold one object.
