@@ -244,8 +244,9 @@ void MethodBuilder::applyIdentity(JitMethod& method, const TraceMethodTail& tail
     info.setMethodToken(tail.metadataToken);
     if (context.keepSymbolic) // the slot came meanwhile; the texts come while the names are built
         m_modules.prefetchSourceFileTexts(fileHash);
-    // The module first: taking its reference is an atomic operation, which
-    // would wait for the stores that write the names to fresh memory.
+    // The module first: when the cache takes a batch of references, the
+    // atomic operations would otherwise wait for the stores that write the
+    // names to fresh memory.
     if (legacy) {
         // The old layouts name modules that are never real files.
         info.setModule(m_modules.lendModule(tail.moduleName, meNotFound, arch));
