@@ -6,7 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <random>
+#include <string>
+#include <vector>
 
 using namespace dmtest;
 
@@ -86,6 +90,89 @@ TEST(JitDataManagerStorage, PathologicalShapesStayLinear) {
         for (const Probe& p : c.probes)
             EXPECT_EQ(p.owner, ownerAt(manager, p.address, p.time)) << p.address << " at " << p.time;
     }
+}
+
+// The same shapes written backwards (each load older than all before it):
+// every load goes in under the ones read before it. Walking down the links
+// to its place cost O(n^2) steps for the hot area and O(n^3) for the
+// staggered overlap; from the oldest regions it takes one or two.
+TEST(JitDataManagerStorage, ShapesWrittenBackwardsTakeAFewStepsPerLoad) {
+    struct Case {
+        const char* name;
+        u64 (*startOf)(size_t i);
+        u32 length;
+        u64 probe;      // an address, asked at the load time of load `owner`, then just before it
+        u32 owner;      // 1-based
+        u32 ownerEarly; // the owner just before: an older load there, or 0 for none
+    };
+    const size_t n = 600;
+    const Case cases[] = {
+        {"staggered overlap", [](size_t i) { return 0x10000 + 16 * u64(i); }, static_cast<u32>(16 * n),
+         0x10000 + 16 * 4 + 8, 5, 0},
+        {"alternating hot area", [](size_t i) { return 0x10000 + 8 * u64(i % 2); }, 256, 0x10004, 3, 5},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        JitDataManager manager;
+        auto timeOf = [](size_t i) {
+            return 10 * u64(n - i);
+        };
+        for (size_t i = 0; i < n; ++i) {
+            const u32 id = static_cast<u32>(i + 1);
+            ASSERT_TRUE(
+                manager
+                    .processMethodLoadRecord(
+                        kPid, kHost, makeMethod(id, timeOf(i), {{c.startOf(i), c.length, 0x100000 + i * 0x10000}}))
+                    .ok());
+        }
+        const JitDataManager::IndexStats reading = manager.indexStats();
+        EXPECT_EQ(n, reading.regions);
+        EXPECT_LE(reading.descentSteps, 3 * n);
+        EXPECT_LE(reading.belowLinks, 2 * n);
+        // Nothing is older than a new load, so no load ends another's life.
+        manager.finalize();
+        EXPECT_EQ(c.owner, ownerAt(manager, c.probe, timeOf(c.owner - 1)));
+        EXPECT_EQ(c.ownerEarly, ownerAt(manager, c.probe, timeOf(c.owner - 1) - 1));
+    }
+}
+
+// A file whose loads over one area come in random time order would walk
+// n^2 / 4 steps; past the space's step limit such loads are refused with a
+// reason, and loads later than everything still go in.
+TEST(JitDataManagerStorage, LoadsOutOfOrderPastTheStepLimitAreRefused) {
+    struct LimitGuard {
+        u64 saved = AddressHistory::stepLimit();
+        ~LimitGuard() { AddressHistory::setStepLimit(saved); }
+    } guard;
+    AddressHistory::setStepLimit(2000);
+    JitDataManager manager;
+    std::vector<u64> times(400);
+    for (size_t i = 0; i < times.size(); ++i)
+        times[i] = 10 * (i + 1);
+    std::mt19937 rng(7);
+    std::shuffle(times.begin(), times.end(), rng);
+    size_t accepted = 0;
+    std::string reason;
+    for (size_t i = 0; i < times.size(); ++i) {
+        const Status status = manager.processMethodLoadRecord(
+            kPid, kHost,
+            makeMethod(static_cast<u32>(i + 1), times[i], {{0x10000 + 8 * u64(i % 2), 256, 0x100000 + i * 0x1000}}));
+        if (status.ok())
+            ++accepted;
+        else if (reason.empty())
+            reason = status.reason().message;
+    }
+    EXPECT_LT(accepted, times.size());
+    EXPECT_GT(accepted, 20u);
+    EXPECT_NE(std::string::npos, reason.find("more than the limit of 2000")) << reason;
+    const JitDataManager::IndexStats stats = manager.indexStats();
+    EXPECT_EQ(accepted, stats.regions);
+    EXPECT_LE(stats.descentSteps, 2000u + times.size());
+    // Later than everything: no walk, so it goes in.
+    ASSERT_TRUE(
+        manager.processMethodLoadRecord(kPid, kHost, makeMethod(1000, 100000, {{0x10000, 256, 0x900000}})).ok());
+    manager.finalize();
+    EXPECT_EQ(1000u, ownerAt(manager, 0x10010, 100000));
 }
 
 // Regions near both ends of the address space: their bounds do not fit one

@@ -25,6 +25,8 @@ void addPiece(std::vector<AddressHistory::Piece>& pieces, u64 start, u64 end, u3
 
 } // namespace
 
+std::atomic<u64> AddressHistory::s_stepLimit{u64(1) << 27};
+
 u32 AddressHistory::below(u32 slot, u64 address) const {
     const LinkRun& run = m_runs[slot];
     if (run.count == 0)
@@ -35,33 +37,114 @@ u32 AddressHistory::below(u32 slot, u64 address) const {
     return link == first ? kNone : (link - 1)->slot;
 }
 
-bool AddressHistory::plan(u64 start, u64 end, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash) const {
+bool AddressHistory::plan(u64 start, u64 end, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash,
+                          bool limited) const {
     pieces.clear();
     clash = kNone;
-    u64 cursor = start;
     bool ok = true;
-    m_top.forEachOverlapping(start, end, [&](const TopMap::Interval& top) {
-        if (!ok)
-            return;
+    if (!planFromTop(start, end, newLoadTime, pieces, clash, ok, limited, true))
+        planFromOldest(start, end, newLoadTime, pieces, clash, ok, limited);
+    return ok;
+}
+
+bool AddressHistory::takeStep(bool limited) const {
+    return !limited || m_steps++ < stepLimit();
+}
+
+bool AddressHistory::planFromTop(u64 start, u64 end, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
+                                 bool limited, bool mayTurn) const {
+    u64 cursor = start;
+    bool turned = false;
+    m_top.forEachOverlappingWhile(start, end, [&](const TopMap::Interval& top) {
         const u64 lo = std::max(top.start, start);
         const u64 hi = std::min(top.end, end);
         if (cursor < lo)
             addPiece(pieces, cursor, lo, kNone, kNone);
-        if (loadTime(top.slot) < newLoadTime)
+        if (loadTime(top.slot) < newLoadTime) {
             addPiece(pieces, lo, hi, kNone, top.slot); // the common case: loaded after what is there
+        } else if (mayTurn && pieces.empty()) {
+            // Under the latest load at its start, the new one is most likely
+            // older than everything there (a file written backwards): the
+            // oldest regions place it in a step or two, where the latest ones
+            // could be as many as the loads before it.
+            turned = true;
+            return false;
+        } else {
+            placeBelow(lo, hi, top.slot, newLoadTime, pieces, clash, ok, limited);
+        }
+        cursor = hi;
+        return ok;
+    });
+    if (turned)
+        return false;
+    if (ok && cursor < end)
+        addPiece(pieces, cursor, end, kNone, kNone);
+    return true;
+}
+
+void AddressHistory::planFromOldest(u64 start, u64 end, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash,
+                                    bool& ok, bool limited) const {
+    if (!m_hasBottom)
+        buildBottom();
+    u64 cursor = start;
+    m_bottom.forEachOverlapping(start, end, [&](const TopMap::Interval& oldest) {
+        if (!ok)
+            return;
+        if (!takeStep(limited)) {
+            ok = false; // clash stays kNone: the limit, not a clash
+            return;
+        }
+        const u64 lo = std::max(oldest.start, start);
+        const u64 hi = std::min(oldest.end, end);
+        if (cursor < lo)
+            addPiece(pieces, cursor, lo, kNone, kNone);
+        if (newLoadTime < loadTime(oldest.slot))
+            addPiece(pieces, lo, hi, oldest.slot, kNone); // older than all there: nothing below it
         else
-            descend(lo, hi, top.slot, newLoadTime, pieces, clash, ok);
+            planFromTop(lo, hi, newLoadTime, pieces, clash, ok, limited, false);
         cursor = hi;
     });
     if (ok && cursor < end)
         addPiece(pieces, cursor, end, kNone, kNone);
-    return ok;
+}
+
+void AddressHistory::buildBottom() const {
+    // Every region in the order of its load time, the latest first: each
+    // one assigned cuts away the later ones below it.
+    std::vector<u32> order(m_linked);
+    for (u32 slot = 0; slot < order.size(); ++slot)
+        order[slot] = slot;
+    std::stable_sort(order.begin(), order.end(), [this](u32 a, u32 b) { return loadTime(a) > loadTime(b); });
+    for (u32 slot : order)
+        m_bottom.assign(m_slots[slot].start, m_slots[slot].end, slot);
+    m_hasBottom = true;
+}
+
+void AddressHistory::placeBelow(u64 start, u64 end, u32 top, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash,
+                                bool& ok, bool limited) const {
+    if (!takeStep(limited)) {
+        ok = false;
+        return;
+    }
+    if (!m_hasBottom)
+        buildBottom();
+    // The top covers [start, end), so the oldest regions cover it too.
+    m_bottom.forEachOverlapping(start, end, [&](const TopMap::Interval& oldest) {
+        if (!ok)
+            return;
+        const u64 lo = std::max(oldest.start, start);
+        const u64 hi = std::min(oldest.end, end);
+        if (newLoadTime < loadTime(oldest.slot))
+            addPiece(pieces, lo, hi, oldest.slot, kNone);
+        else
+            descend(lo, hi, top, newLoadTime, pieces, clash, ok, limited);
+    });
 }
 
 // [start, end) lies under `top`. Walks down the history there to where
 // newLoadTime falls, stretch by stretch, in address order.
 void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash,
-                             bool& ok) const {
+                             bool& ok, bool limited) const {
     struct Step {
         u64 start;
         u64 end;
@@ -72,6 +155,10 @@ void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::
     while (!todo.empty()) {
         const Step step = todo.back();
         todo.pop_back();
+        if (!takeStep(limited)) {
+            ok = false;
+            return;
+        }
         if (step.slot == kNone) {
             addPiece(pieces, step.start, step.end, step.above, kNone);
             continue;
@@ -158,6 +245,13 @@ void AddressHistory::link(u32 self, const std::vector<Piece>& pieces, bool quiet
             relink(owner, pieces, self);
         m_shadowed.push_back(self);
     }
+
+    m_linked = self + 1;
+    // Where nothing lies below it, the new region is the oldest one.
+    if (m_hasBottom)
+        for (const Piece& p : pieces)
+            if (p.below == kNone)
+                m_bottom.assign(p.start, p.end, self);
 
     // The regions directly below end their life where the new one is loaded.
     const Slot& placed = m_slots[self];
@@ -308,6 +402,8 @@ size_t AddressHistory::endLives(u64 start, u64 end, u64 time) {
 
 void AddressHistory::freeze() {
     m_top.clear();
+    m_bottom.clear();
+    m_hasBottom = false;
     GrowingArray<LinkRun>().swap(m_runs);
     std::vector<Link>().swap(m_links);
     std::vector<u32>().swap(m_shadowed);
@@ -319,6 +415,7 @@ void AddressHistory::thaw() {
     if (!m_frozen)
         return;
     m_frozen = false;
+    m_linked = 0;
     // The same steps in the same order give the same state; every life they
     // end is ended already, with the same time.
     std::vector<Piece> pieces;
@@ -330,7 +427,7 @@ void AddressHistory::thaw() {
             break;
         const Slot& s = m_slots[slot];
         u32 clash = kNone;
-        plan(s.start, s.end, s.loadTime, pieces, clash);
+        plan(s.start, s.end, s.loadTime, pieces, clash, false);
         link(slot, pieces, true);
     }
 }

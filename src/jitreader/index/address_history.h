@@ -10,6 +10,7 @@
 
 #include <quarvel/types.h>
 
+#include <atomic>
 #include <vector>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -24,7 +25,9 @@ QUARVEL_NAMESPACE_BEGIN
 // copied: a new region is linked in where its load time falls, so that walking
 // the links down from the top at an address visits that address's regions from
 // the latest to the oldest. Registrations in load-time order touch only the
-// top; one loaded before something already registered walks down to its place.
+// top; one loaded before something already registered walks down to its
+// place, unless it is older than everything there (then the oldest regions
+// place it), and within a limit of steps per address space (see stepLimit()).
 class AddressHistory {
 public:
     static const u32 kNone = 0xFFFFFFFFu;
@@ -53,8 +56,22 @@ public:
     // How a region [start, end) loaded at loadTime would be placed, in
     // address order. False when a region loaded at the same time holds part
     // of the range (clash names it): two regions of one moment cannot share
-    // an address.
-    bool plan(u64 start, u64 end, u64 loadTime, std::vector<Piece>& pieces, u32& clash) const;
+    // an address. Also false, with clash kNone, when the region would walk
+    // down the links past what the space has left of its step limit (see
+    // stepLimit()), unless limited is false.
+    bool plan(u64 start, u64 end, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool limited = true) const;
+
+    // Steps that the plans of one address space's loads out of time order
+    // may take in all: each region walked past on the way down, and each
+    // stretch of the latest or oldest regions looked at. A load later than
+    // everything under it takes none (a file in time order takes none at
+    // all), nor does one older than everything; a hostile file, say loads
+    // over one area with their load times in random order, would take
+    // n^2 / 4. Past the limit such loads are refused, so that reading any
+    // file stays within seconds. The default is 2^27 (a few seconds).
+    static u64 stepLimit() { return s_stepLimit.load(std::memory_order_relaxed); }
+    static void setStepLimit(u64 limit) { s_stepLimit.store(limit, std::memory_order_relaxed); } // tests
+    u64 stepsTaken() const { return m_steps; }
 
     // Places a region along a plan made against the current state: it ends
     // the life of every live region directly below it (unload time = its
@@ -109,7 +126,24 @@ private:
     void link(u32 self, const std::vector<Piece>& pieces, bool quiet);
     size_t endLives(u64 start, u64 end, u64 time);
     u32 below(u32 slot, u64 address) const;
-    void descend(u64 start, u64 end, u32 top, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok) const;
+    // The plan over [start, end) from the latest regions there; with
+    // mayTurn, false (and no pieces) when the new load comes in under the
+    // latest one at start: the caller plans from the oldest regions then.
+    bool planFromTop(u64 start, u64 end, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok, bool limited,
+                     bool mayTurn) const;
+    // The plan over [start, end) from the oldest regions there, falling back
+    // on the latest ones where the new load is not older than they are.
+    void planFromOldest(u64 start, u64 end, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
+                        bool limited) const;
+    // Counts a step of a plan for a load out of time order; false past the limit.
+    bool takeStep(bool limited) const;
+    // [start, end) lies under top: places a load there from the oldest
+    // regions when it is older than they are, else by walking down.
+    void placeBelow(u64 start, u64 end, u32 top, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
+                    bool limited) const;
+    void descend(u64 start, u64 end, u32 top, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
+                 bool limited) const;
+    void buildBottom() const;
     // owner has `slot` directly below it on the stretches of pieces whose above is owner.
     void relink(u32 owner, const std::vector<Piece>& pieces, u32 slot);
     bool endLife(u32 slot, u64 time);
@@ -126,6 +160,20 @@ private:
     // Regions placed below a later load somewhere: only these can stay live
     // where something else is on top.
     std::vector<u32> m_shadowed;
+    // The oldest region at each address, made when a load first comes in
+    // below a later one (a file in time order never pays for it) and kept
+    // from then on: a load older than everything under its range, as in a
+    // file written backwards, is placed from here without walking the links.
+    mutable TopMap m_bottom;
+    mutable bool m_hasBottom = false;
+    mutable u64 m_steps = 0; // down the links, by plans that were limited
+    // Slots linked in so far: fewer than the slots while thaw() replays, and
+    // the oldest regions must be those of the replay so far (the later
+    // slots, older ones among them, would hide them and make every load of a
+    // file written backwards walk down again).
+    u32 m_linked = 0;
+
+    static std::atomic<u64> s_stepLimit;
 };
 
 QUARVEL_NAMESPACE_END

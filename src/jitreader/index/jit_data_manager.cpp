@@ -205,9 +205,19 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
     }
     std::vector<AddressSpace*> thawed; // frozen spaces that planning needs as they were being read
     bool planned = false;              // m_pieces holds the plan of the last region checked
+    auto tooDeep = [&](const Region& region, const AddressHistory& history) -> Status {
+        QV_INDEX_REFUSE(ErrorKind::badInput, meBadRecord,
+                        "Couldn't add a region (ip range = "
+                            << ipSpan(region.startAddress(), region.endAddress()) << ", loadTime=" << region.loadTime()
+                            << ") loaded before regions already read over it: loads out of time order in this "
+                               "address space have walked "
+                            << history.stepsTaken() << " steps down its history, more than the limit of "
+                            << AddressHistory::stepLimit() << "; such loads are refused from now on");
+    };
     for (const Region::Ptr& region : newRegions) {
         planned = false;
         const Region* refused = nullptr;
+        const AddressHistory* limitOf = nullptr; // refused for the step limit, not a clash
         bool jitRvas = false;
         if (m_jitRvas.findOverlap(region->startJitRva(), region->length())) {
             refused = region.get();
@@ -220,12 +230,17 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
             u32 clash = AddressHistory::kNone;
             planned =
                 target->history.plan(region->startAddress(), region->endAddress(), region->loadTime(), m_pieces, clash);
-            if (!planned)
+            if (!planned) {
                 refused = region.get();
+                if (clash == AddressHistory::kNone)
+                    limitOf = &target->history;
+            }
         }
         if (refused) {
             for (AddressSpace* back : thawed)
                 back->history.freeze();
+            if (limitOf)
+                return tooDeep(*refused, *limitOf);
             return jitRvas ? jitRvaClash(*refused) : timeClash(*refused);
         }
     }
@@ -274,9 +289,10 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
         // The plan of the check above still holds for a record's only region.
         if (newRegions.size() > 1 || !planned) {
             u32 clash = AddressHistory::kNone;
-            const bool ok =
-                target.history.plan(region->startAddress(), region->endAddress(), region->loadTime(), m_pieces, clash);
-            QV_CHECK(ok, continue); // checked above
+            // Checked above; the limit was too, and a record is placed whole.
+            const bool ok = target.history.plan(region->startAddress(), region->endAddress(), region->loadTime(),
+                                                m_pieces, clash, false);
+            QV_CHECK(ok, continue);
         }
         target.history.place(*region, *method, m_pieces);
         markChanged(target);
@@ -649,6 +665,7 @@ JitDataManager::IndexStats JitDataManager::indexStats() const {
         stats.regions += s.history.slots().size();
         stats.topIntervals += s.history.topIntervals();
         stats.belowLinks += s.history.linkCount();
+        stats.descentSteps += s.history.stepsTaken();
         stats.pieces += s.frozen.pieceCount();
         stats.pieceEntries += s.frozen.entryCount();
     }

@@ -44,12 +44,19 @@ public:
     // address order, unclipped.
     template <typename Visit>
     void forEachOverlapping(u64 start, u64 end, Visit visit) const {
+        forEachOverlappingWhile(start, end, [&visit](const Interval& interval) {
+            visit(interval);
+            return true;
+        });
+    }
+    // The same, stopping after the first interval for which visit returns false.
+    template <typename Visit>
+    void forEachOverlappingWhile(u64 start, u64 end, Visit visit) const {
         Position at = firstEndingAfterPosition(start);
         while (at.chunk < m_chunks.size()) {
             const Interval interval = m_chunks[at.chunk]->at(at.index);
-            if (interval.start >= end)
+            if (interval.start >= end || !visit(interval))
                 return;
-            visit(interval);
             if (++at.index == m_chunks[at.chunk]->size) {
                 ++at.chunk;
                 at.index = 0;
