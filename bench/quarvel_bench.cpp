@@ -10,7 +10,7 @@
 //   --ingest-once=loader|resolver
 //                            one ingest of the first size in this process, no
 //                            benchmark run: for profilers (perf, callgrind)
-//   --shape-once=staggered|hot_area|processes
+//   --shape-once=staggered|hot_area|processes|staggered_backwards|hot_area_backwards
 //                            one read of that shape's first size, in this process
 //   --staggered=N,...        loads of the staggered-overlap traces (default 800,1600,3200,6400)
 //   --hot-area=N,...         loads of the alternating hot-area traces (default 5000,10000,20000)
@@ -231,10 +231,24 @@ void BM_Ingest(benchmark::State& state, IngestKind kind, size_t methods) {
 // the files and asked one sample per process, which reads that process (and
 // finalises) lazily, as a profiler's first samples would.
 
-enum class ShapeKind { Staggered, HotArea, Processes };
+enum class ShapeKind { Staggered, HotArea, Processes, StaggeredBackwards, HotAreaBackwards };
+const ShapeKind kShapeKinds[] = {ShapeKind::Staggered, ShapeKind::HotArea, ShapeKind::Processes,
+                                 ShapeKind::StaggeredBackwards, ShapeKind::HotAreaBackwards};
 
 const char* shapeName(ShapeKind kind) {
-    return kind == ShapeKind::Staggered ? "staggered" : kind == ShapeKind::HotArea ? "hot_area" : "processes";
+    switch (kind) {
+    case ShapeKind::Staggered:
+        return "staggered";
+    case ShapeKind::HotArea:
+        return "hot_area";
+    case ShapeKind::Processes:
+        return "processes";
+    case ShapeKind::StaggeredBackwards:
+        return "staggered_backwards";
+    case ShapeKind::HotAreaBackwards:
+        return "hot_area_backwards";
+    }
+    return "";
 }
 
 const ShapeTrace& shapeTrace(ShapeKind kind, size_t n) {
@@ -242,9 +256,11 @@ const ShapeTrace& shapeTrace(ShapeKind kind, size_t n) {
     const auto key = std::make_pair(static_cast<int>(kind), n);
     auto found = traces.find(key);
     if (found == traces.end()) {
-        ShapeTrace trace = kind == ShapeKind::Staggered ? quarvel_bench::staggeredTrace(g_options.cacheDir, n)
-                           : kind == ShapeKind::HotArea
-                               ? quarvel_bench::hotAreaTrace(g_options.cacheDir, n)
+        const bool backwards = kind == ShapeKind::StaggeredBackwards || kind == ShapeKind::HotAreaBackwards;
+        ShapeTrace trace = kind == ShapeKind::Staggered || kind == ShapeKind::StaggeredBackwards
+                               ? quarvel_bench::staggeredTrace(g_options.cacheDir, n, backwards)
+                           : kind == ShapeKind::HotArea || kind == ShapeKind::HotAreaBackwards
+                               ? quarvel_bench::hotAreaTrace(g_options.cacheDir, n, backwards)
                                : quarvel_bench::processesTrace(g_options.cacheDir, g_options.processMethods, n);
         found = traces.emplace(key, std::move(trace)).first;
     }
@@ -275,9 +291,9 @@ IngestResult readShapeOnce(const ShapeTrace& trace) {
 }
 
 const std::vector<size_t>& shapeSizes(ShapeKind kind) {
-    return kind == ShapeKind::Staggered ? g_options.staggered
-           : kind == ShapeKind::HotArea ? g_options.hotArea
-                                        : g_options.processes;
+    return kind == ShapeKind::Staggered || kind == ShapeKind::StaggeredBackwards ? g_options.staggered
+           : kind == ShapeKind::HotArea || kind == ShapeKind::HotAreaBackwards   ? g_options.hotArea
+                                                                                 : g_options.processes;
 }
 
 // Each size of a shape read in turn, round after round, each read in a fresh
@@ -705,6 +721,10 @@ private:
         addShapes(rows, ShapeKind::HotArea, "alternating hot area, read lazily", g_options.hotArea, " loads");
         addShapes(rows, ShapeKind::Processes, "processes read lazily, one sample each", g_options.processes,
                   " processes");
+        addShapes(rows, ShapeKind::StaggeredBackwards, "staggered overlap written backwards", g_options.staggered,
+                  " loads");
+        addShapes(rows, ShapeKind::HotAreaBackwards, "alternating hot area written backwards", g_options.hotArea,
+                  " loads");
         addScaling(rows, "resolver", "ingest, mode 1");
         addScaling(rows, "loader", "ingest, mode 2");
         addGoals(rows, cores, all);
@@ -853,9 +873,10 @@ int main(int argc, char** argv) {
         return r.ok ? 0 : 1;
     }
     if (!shapeOnceKind.empty()) {
-        const ShapeKind kind = shapeOnceKind == "staggered"  ? ShapeKind::Staggered
-                               : shapeOnceKind == "hot_area" ? ShapeKind::HotArea
-                                                             : ShapeKind::Processes;
+        ShapeKind kind = ShapeKind::Processes;
+        for (ShapeKind k : kShapeKinds)
+            if (shapeOnceKind == shapeName(k))
+                kind = k;
         const std::vector<size_t>& sizes = shapeSizes(kind);
         const IngestResult r = readShapeOnce(shapeTrace(kind, sizes.front()));
         std::cout << shapeName(kind) << " " << sizes.front() << ": " << (r.ok ? "ok" : "FAILED") << ", " << r.seconds
@@ -877,7 +898,7 @@ int main(int argc, char** argv) {
                 ->Unit(benchmark::kMillisecond);
         }
 
-    for (ShapeKind kind : {ShapeKind::Staggered, ShapeKind::HotArea, ShapeKind::Processes})
+    for (ShapeKind kind : kShapeKinds)
         for (size_t n : shapeSizes(kind)) {
             const std::string name = std::string("shape/") + shapeName(kind) + "/" + std::to_string(n);
             benchmark::RegisterBenchmark(name.c_str(), BM_Shape, kind, n)

@@ -91,15 +91,18 @@ ShapeTrace oneProcess(const std::string& cacheDir, const std::string& tag, size_
 
 } // namespace
 
-ShapeTrace staggeredTrace(const std::string& cacheDir, size_t n) {
-    return oneProcess(cacheDir, "staggered-" + std::to_string(n), n, [n](size_t i) {
-        return load(static_cast<uint32_t>(i + 1), kFirstTime + i, kBase + 16 * i, static_cast<uint32_t>(16 * n));
+ShapeTrace staggeredTrace(const std::string& cacheDir, size_t n, bool backwards) {
+    const std::string tag = (backwards ? "staggered-backwards-" : "staggered-") + std::to_string(n);
+    return oneProcess(cacheDir, tag, n, [n, backwards](size_t i) {
+        return load(static_cast<uint32_t>(i + 1), kFirstTime + (backwards ? n - 1 - i : i), kBase + 16 * i,
+                    static_cast<uint32_t>(16 * n));
     });
 }
 
-ShapeTrace hotAreaTrace(const std::string& cacheDir, size_t n) {
-    return oneProcess(cacheDir, "hot-area-" + std::to_string(n), n, [](size_t i) {
-        return load(static_cast<uint32_t>(i + 1), kFirstTime + i, kBase + 8 * (i % 2), 256);
+ShapeTrace hotAreaTrace(const std::string& cacheDir, size_t n, bool backwards) {
+    const std::string tag = (backwards ? "hot-area-backwards-" : "hot-area-") + std::to_string(n);
+    return oneProcess(cacheDir, tag, n, [n, backwards](size_t i) {
+        return load(static_cast<uint32_t>(i + 1), kFirstTime + (backwards ? n - 1 - i : i), kBase + 8 * (i % 2), 256);
     });
 }
 

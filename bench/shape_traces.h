@@ -23,12 +23,14 @@ struct ShapeTrace {
 };
 
 // n loads in one process; load i covers [16i, 16i + 16n) at time i, so each
-// overlaps the n - 1 loads before it.
-ShapeTrace staggeredTrace(const std::string& cacheDir, size_t n);
+// overlaps the n - 1 loads before it. Backwards: the same loads with their
+// times reversed (load i at time n - 1 - i), each older than all read before
+// it, as a file written backwards would have them.
+ShapeTrace staggeredTrace(const std::string& cacheDir, size_t n, bool backwards = false);
 
 // n loads in one process over one hot area whose bounds alternate by 8
-// bytes from load to load.
-ShapeTrace hotAreaTrace(const std::string& cacheDir, size_t n);
+// bytes from load to load; backwards as above.
+ShapeTrace hotAreaTrace(const std::string& cacheDir, size_t n, bool backwards = false);
 
 // methods loads (names, no line tables) spread evenly over processes files,
 // one per process.
