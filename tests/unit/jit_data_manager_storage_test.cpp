@@ -138,7 +138,8 @@ TEST(JitDataManagerStorage, ShapesWrittenBackwardsTakeAFewStepsPerLoad) {
 
 // A file whose loads over one area come in random time order would walk
 // n^2 / 4 steps; past the space's step limit such loads are refused with a
-// reason, and loads later than everything still go in.
+// reason, and loads later than everything still go in. So are updates that
+// would walk down to an early moment (n updates of the first of n loads).
 TEST(JitDataManagerStorage, LoadsOutOfOrderPastTheStepLimitAreRefused) {
     struct LimitGuard {
         u64 saved = AddressHistory::stepLimit();
@@ -146,6 +147,7 @@ TEST(JitDataManagerStorage, LoadsOutOfOrderPastTheStepLimitAreRefused) {
     } guard;
     AddressHistory::setStepLimit(2000);
     JitDataManager manager;
+    manager.setCollectorType(ctJitProfiler);
     std::vector<u64> times(400);
     for (size_t i = 0; i < times.size(); ++i)
         times[i] = 10 * (i + 1);
@@ -171,6 +173,15 @@ TEST(JitDataManagerStorage, LoadsOutOfOrderPastTheStepLimitAreRefused) {
     // Later than everything: no walk, so it goes in.
     ASSERT_TRUE(
         manager.processMethodLoadRecord(kPid, kHost, makeMethod(1000, 100000, {{0x10000, 256, 0x900000}})).ok());
+    // An update of the load at time 10 would walk down past the limit.
+    const size_t first = static_cast<size_t>(std::find(times.begin(), times.end(), 10) - times.begin());
+    JitMethod::Ptr update(new JitMethod());
+    update->setRawMethodId(static_cast<u32>(first + 1));
+    update->addCodeRegion(makeRegion({0x10000 + 8 * u64(first % 2) + 4, 4, 0}, 10, kPid, kHost, 0xEE));
+    const Status refused = manager.processMethodUpdateRecord(kPid, kHost, update);
+    ASSERT_FALSE(refused.ok());
+    EXPECT_NE(std::string::npos, refused.reason().message.find("looking for the range to update at load time 10"))
+        << refused.reason().message;
     manager.finalize();
     EXPECT_EQ(1000u, ownerAt(manager, 0x10010, 100000));
 }

@@ -313,13 +313,17 @@ void AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slo
     m_links.insert(m_links.end(), merged.begin(), merged.end());
 }
 
-AddressLookup AddressHistory::find(u64 address, u64 timestamp) const {
+AddressLookup AddressHistory::find(u64 address, u64 timestamp, bool limited) const {
     AddressLookup result;
     TopMap::Interval top;
     if (!m_top.find(address, top))
         return result;
     u32 slot = top.slot;
     while (loadTime(slot) > timestamp) {
+        if (!takeStep(limited)) {
+            result.outcome = AddressLookup::tooDeep;
+            return result;
+        }
         slot = below(slot, address);
         if (slot == kNone) {
             result.outcome = AddressLookup::tooEarly;

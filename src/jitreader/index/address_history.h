@@ -61,14 +61,16 @@ public:
     // stepLimit()), unless limited is false.
     bool plan(u64 start, u64 end, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool limited = true) const;
 
-    // Steps that the plans of one address space's loads out of time order
-    // may take in all: each region walked past on the way down, and each
+    // Steps that the plans of one address space's loads out of time order,
+    // and the limited lookups of records that name an earlier moment, may
+    // take in all: each region walked past on the way down, and each
     // stretch of the latest or oldest regions looked at. A load later than
     // everything under it takes none (a file in time order takes none at
     // all), nor does one older than everything; a hostile file, say loads
-    // over one area with their load times in random order, would take
-    // n^2 / 4. Past the limit such loads are refused, so that reading any
-    // file stays within seconds. The default is 2^27 (a few seconds).
+    // over one area with their load times in random order, or updates of
+    // the first of many loads there, would take O(n^2). Past the limit such
+    // records are refused, so that reading any file stays within seconds.
+    // The default is 2^27 (a few seconds).
     static u64 stepLimit() { return s_stepLimit.load(std::memory_order_relaxed); }
     static void setStepLimit(u64 limit) { s_stepLimit.store(limit, std::memory_order_relaxed); } // tests
     u64 stepsTaken() const { return m_steps; }
@@ -79,8 +81,10 @@ public:
     u32 place(Region& region, JitMethod& method, const std::vector<Piece>& pieces);
 
     // The region that held address at timestamp: the one loaded last at or
-    // before it there, when its life had not ended by then.
-    AddressLookup find(u64 address, u64 timestamp) const;
+    // before it there, when its life had not ended by then. Limited: each
+    // region walked past on the way down counts against the step limit, and
+    // past it the outcome is tooDeep.
+    AddressLookup find(u64 address, u64 timestamp, bool limited = false) const;
     // At the first address of [start, end) that ever held code: the first
     // region loaded there strictly after timestamp.
     AddressLookup findLoadedAfter(u64 start, u64 end, u64 timestamp) const;

@@ -15,7 +15,8 @@ struct AddressLookup {
         noSpace,  // nothing was ever loaded in the address space
         noRange,  // no code was ever loaded at the address
         tooEarly, // every region there was loaded after the moment asked for
-        unloaded  // the region there had ended its life by then
+        unloaded, // the region there had ended its life by then
+        tooDeep   // a lookup while reading: the walk down to that moment passed the space's step limit
     };
     Outcome outcome = noRange;
     Region* region = nullptr;    // found, unloaded (not filled by a resolve)

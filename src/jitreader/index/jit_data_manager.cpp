@@ -39,6 +39,15 @@ u64 spaceKey(u32 pid, u32 hostId) {
     return static_cast<u64>(hostId) << 32 | pid;
 }
 
+// The refusal of a record (what says which, and why it would walk down)
+// once its address space has used up its step limit.
+Status pastStepLimit(const std::string& what, const AddressHistory& history) {
+    QV_INDEX_REFUSE(ErrorKind::badInput, meBadRecord,
+                    what << ": records out of time order in this address space have walked " << history.stepsTaken()
+                         << " steps down its history, more than the limit of " << AddressHistory::stepLimit()
+                         << "; such records are refused from now on");
+}
+
 } // namespace
 
 JitDataManager::JitDataManager() : m_inlines(m_methods) {}
@@ -206,13 +215,10 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
     std::vector<AddressSpace*> thawed; // frozen spaces that planning needs as they were being read
     bool planned = false;              // m_pieces holds the plan of the last region checked
     auto tooDeep = [&](const Region& region, const AddressHistory& history) -> Status {
-        QV_INDEX_REFUSE(ErrorKind::badInput, meBadRecord,
-                        "Couldn't add a region (ip range = "
-                            << ipSpan(region.startAddress(), region.endAddress()) << ", loadTime=" << region.loadTime()
-                            << ") loaded before regions already read over it: loads out of time order in this "
-                               "address space have walked "
-                            << history.stepsTaken() << " steps down its history, more than the limit of "
-                            << AddressHistory::stepLimit() << "; such loads are refused from now on");
+        std::ostringstream what;
+        what << "Couldn't add a region (ip range = " << ipSpan(region.startAddress(), region.endAddress())
+             << ", loadTime=" << region.loadTime() << ") loaded before regions already read over it";
+        return pastStepLimit(what.str(), history);
     };
     for (const Region::Ptr& region : newRegions) {
         planned = false;
@@ -346,7 +352,11 @@ Status JitDataManager::processMethodInlineLoadRecord(u32 processId, u32 hostId, 
         return m_inlines.attachById(rawMethod);
 
     const AddressLookup parent =
-        lookup(rawRegion->startAddress(), rawRegion->loadTime(), rawRegion->processId(), rawRegion->hostId());
+        lookup(rawRegion->startAddress(), rawRegion->loadTime(), rawRegion->processId(), rawRegion->hostId(), true);
+    if (parent.outcome == AddressLookup::tooDeep)
+        return pastStepLimit("Couldn't inline method (method id = " + std::to_string(rawMethodId) +
+                                 "): looking for its parent at load time " + std::to_string(rawRegion->loadTime()),
+                             space(rawRegion->processId(), rawRegion->hostId())->history);
     if (!parent.ok()) {
         traceMiss(parent, rawRegion->processId(), rawRegion->startAddress(), rawRegion->loadTime());
         QV_INDEX_REFUSE(ErrorKind::badInput, meNotFound,
@@ -375,7 +385,12 @@ Status JitDataManager::processMethodUpdateRecord(u32 processId, u32 hostId, cons
     const Region::Ptr& update = updateMethod->regions().front();
     QV_INDEX_CHECK(update, meNotFound);
 
-    const AddressLookup target = lookup(update->startAddress(), update->loadTime(), processId, hostId);
+    const AddressLookup target = lookup(update->startAddress(), update->loadTime(), processId, hostId, true);
+    if (target.outcome == AddressLookup::tooDeep)
+        return pastStepLimit("Couldn't accept update (method id = " + std::to_string(methodId) +
+                                 "): looking for the range to update at load time " +
+                                 std::to_string(update->loadTime()),
+                             space(processId, hostId)->history);
     if (!target.ok()) {
         traceMiss(target, processId, update->startAddress(), update->loadTime());
         QV_INDEX_REFUSE(ErrorKind::badInput, meNotFound,
@@ -427,7 +442,7 @@ void JitDataManager::finalize() {
 // ---------------------------------------------------------------------------
 // Queries
 
-AddressLookup JitDataManager::lookup(u64 address, u64 timestamp, u32 pid, u32 hostId) const {
+AddressLookup JitDataManager::lookup(u64 address, u64 timestamp, u32 pid, u32 hostId, bool limited) const {
     const AddressSpace* target = space(pid, hostId);
     if (!target || target->history.empty()) {
         AddressLookup none;
@@ -435,7 +450,7 @@ AddressLookup JitDataManager::lookup(u64 address, u64 timestamp, u32 pid, u32 ho
         return none;
     }
     return target->frozenCurrent ? target->frozen.find(address, timestamp, target->history.slots())
-                                 : target->history.find(address, timestamp);
+                                 : target->history.find(address, timestamp, limited);
 }
 
 void JitDataManager::traceQuery(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId) {
@@ -459,6 +474,9 @@ void JitDataManager::traceMiss(const AddressLookup& miss, u32 pid, u64 address, 
         break;
     case AddressLookup::tooEarly:
         QV_TRACE("Couldn't find a region domain by tsc = " << timestamp);
+        break;
+    case AddressLookup::tooDeep:
+        QV_TRACE("The lookup at addr = " << address << " passed the step limit of its address space");
         break;
     case AddressLookup::unloaded:
         QV_TRACE("The found range (" << ipSpan(miss.rangeStart, miss.rangeEnd) << ") with life time ("

@@ -138,7 +138,9 @@ private:
     AddressSpace& spaceFor(u32 pid, u32 hostId);
     void markChanged(AddressSpace& space);
     // The lookup of findRegion, without logging.
-    AddressLookup lookup(u64 address, u64 timestamp, u32 pid, u32 hostId) const;
+    // limited: a lookup of a record being read, whose walk down the history
+    // counts against the space's step limit (AddressHistory::stepLimit()).
+    AddressLookup lookup(u64 address, u64 timestamp, u32 pid, u32 hostId, bool limited = false) const;
     // Logs why lookup found nothing, as findRegion does.
     static void traceMiss(const AddressLookup& miss, u32 pid, u64 address, u64 timestamp);
     // The TRACE lines of a query and of one that matched nothing.
