@@ -186,6 +186,43 @@ TEST(JitDataManagerStorage, LoadsOutOfOrderPastTheStepLimitAreRefused) {
     EXPECT_EQ(1000u, ownerAt(manager, 0x10010, 100000));
 }
 
+// An unload checks every live region that went in below a later load: with
+// n loads written backwards, all of them. Those checks count against the
+// limit as well; past it an unload is refused and changes nothing.
+TEST(JitDataManagerStorage, UnloadsPastTheStepLimitAreRefused) {
+    struct LimitGuard {
+        u64 saved = AddressHistory::stepLimit();
+        ~LimitGuard() { AddressHistory::setStepLimit(saved); }
+    } guard;
+    AddressHistory::setStepLimit(2000);
+    JitDataManager manager;
+    const u32 loads = 300;
+    for (u32 i = 0; i < loads; ++i)
+        ASSERT_TRUE(manager
+                        .processMethodLoadRecord(
+                            kPid, kHost, makeMethod(i + 1, 10 * u64(loads - i), {{0x10000, 64, 0x100000 + i * 0x100}}))
+                        .ok());
+    // Load 300 is the oldest (time 10), load 1 the latest (time 3000).
+    size_t accepted = 0;
+    std::string reason;
+    for (u32 k = 0; k < 20; ++k) {
+        const Status status = manager.processCodeUnload(kPid, kHost, 0x20000 + 0x100 * k, 16, 5000 + k);
+        if (status.ok())
+            ++accepted;
+        else if (reason.empty())
+            reason = status.reason().message;
+    }
+    // 299 shadowed regions a check, against 2000 steps less those of the loads.
+    EXPECT_GT(accepted, 0u);
+    EXPECT_LT(accepted, 20u);
+    EXPECT_NE(std::string::npos, reason.find("Couldn't unload the code at ip range")) << reason;
+    EXPECT_NE(std::string::npos, reason.find("more than the limit of 2000")) << reason;
+    // A refused unload over the loads ends nothing: load 1 still lives after it.
+    EXPECT_FALSE(manager.processCodeUnload(kPid, kHost, 0x10000, 64, 4000).ok());
+    manager.finalize();
+    EXPECT_EQ(1u, ownerAt(manager, 0x10010, 4500));
+}
+
 // Regions near both ends of the address space: their bounds do not fit one
 // word beside their indices, so the frozen index sorts them another way.
 // Each cluster is a staggered run; a load ends the one loaded before it there.

@@ -51,6 +51,13 @@ bool AddressHistory::takeStep(bool limited) const {
     return !limited || m_steps++ < stepLimit();
 }
 
+bool AddressHistory::takeSteps(u64 count) const {
+    if (m_steps >= stepLimit() || stepLimit() - m_steps < count)
+        return false;
+    m_steps += count;
+    return true;
+}
+
 bool AddressHistory::planFromTop(u64 start, u64 end, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
                                  bool limited, bool mayTurn) const {
     u64 cursor = start;
@@ -377,9 +384,13 @@ bool AddressHistory::endLife(u32 slot, u64 time) {
     return true;
 }
 
-size_t AddressHistory::unload(u64 start, u64 end, u64 time) {
+bool AddressHistory::unload(u64 start, u64 end, u64 time, size_t& ended) {
+    ended = 0;
+    if (!takeSteps(m_shadowed.size()))
+        return false;
     m_unloads.push_back(Unload{start, end, time, m_slots.size()});
-    return endLives(start, end, time);
+    ended = endLives(start, end, time);
+    return true;
 }
 
 size_t AddressHistory::endLives(u64 start, u64 end, u64 time) {

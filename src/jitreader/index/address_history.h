@@ -90,8 +90,10 @@ public:
     AddressLookup findLoadedAfter(u64 start, u64 end, u64 timestamp) const;
 
     // Ends at `time` the life of every live region overlapping [start, end)
-    // that was loaded before `time`. Returns how many ended.
-    size_t unload(u64 start, u64 end, u64 time);
+    // that was loaded before `time`; ended says how many. An unload checks
+    // each live region that went in below a later load, and each counts as
+    // a step: false, with nothing changed, when they would pass the limit.
+    bool unload(u64 start, u64 end, u64 time, size_t& ended);
 
     // Drops the registration state once the query index answers for the
     // space: the top map and the links. The slots stay.
@@ -141,6 +143,7 @@ private:
                         bool limited) const;
     // Counts a step of a plan for a load out of time order; false past the limit.
     bool takeStep(bool limited) const;
+    bool takeSteps(u64 count) const;
     // [start, end) lies under top: places a load there from the oldest
     // regions when it is older than they are, else by walking down.
     void placeBelow(u64 start, u64 end, u32 top, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,

@@ -413,8 +413,16 @@ Status JitDataManager::processCodeUnload(u32 pid, u32 hostId, u64 startAddress, 
         return Status::success();
     }
     AddressSpace& target = spaceFor(pid, hostId);
+    const bool wasFrozen = target.history.frozen();
     target.history.thaw();
-    const size_t ended = target.history.unload(startAddress, endAddress, time);
+    size_t ended = 0;
+    if (!target.history.unload(startAddress, endAddress, time, ended)) {
+        if (wasFrozen) // nothing changed: the index built before still answers
+            target.history.freeze();
+        std::ostringstream what;
+        what << "Couldn't unload the code at ip range " << ipSpan(startAddress, endAddress) << ", time = " << time;
+        return pastStepLimit(what.str(), target.history);
+    }
     markChanged(target); // the unload is part of the history even when it ended nothing
     QV_INFO("Unloaded " << ended << " code region(s) at ip range " << ipSpan(startAddress, endAddress)
                         << ", time = " << time);
