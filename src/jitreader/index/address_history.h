@@ -62,9 +62,10 @@ public:
     bool plan(u64 start, u64 end, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool limited = true) const;
 
     // Steps that the plans of one address space's loads out of time order,
-    // and the limited lookups of records that name an earlier moment, may
-    // take in all: each region walked past on the way down, and each
-    // stretch of the latest or oldest regions looked at. A load later than
+    // the limited lookups of records that name an earlier moment, and its
+    // unloads may take in all: each region walked past on the way down, each
+    // stretch of the latest or oldest regions looked at, and each region an
+    // unload checks because it went in below a later load. A load later than
     // everything under it takes none (a file in time order takes none at
     // all), nor does one older than everything; a hostile file, say loads
     // over one area with their load times in random order, or updates of
@@ -141,7 +142,8 @@ private:
     // on the latest ones where the new load is not older than they are.
     void planFromOldest(u64 start, u64 end, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
                         bool limited) const;
-    // Counts a step of a plan for a load out of time order; false past the limit.
+    // Count steps against the limit (one, when limited; count at once);
+    // false past it.
     bool takeStep(bool limited) const;
     bool takeSteps(u64 count) const;
     // [start, end) lies under top: places a load there from the oldest
@@ -173,7 +175,7 @@ private:
     // file written backwards, is placed from here without walking the links.
     mutable TopMap m_bottom;
     mutable bool m_hasBottom = false;
-    mutable u64 m_steps = 0; // down the links, by plans that were limited
+    mutable u64 m_steps = 0; // taken by limited plans and lookups, and by unloads
     // Slots linked in so far: fewer than the slots while thaw() replays, and
     // the oldest regions must be those of the replay so far (the later
     // slots, older ones among them, would hide them and make every load of a
