@@ -42,8 +42,9 @@ bool AddressHistory::plan(u64 start, u64 end, u64 newLoadTime, std::vector<Piece
     pieces.clear();
     clash = kNone;
     bool ok = true;
-    if (!planFromTop(start, end, newLoadTime, pieces, clash, ok, limited, true))
-        planFromOldest(start, end, newLoadTime, pieces, clash, ok, limited);
+    const u64 rest = planFromTop(start, end, newLoadTime, pieces, clash, ok, limited, true);
+    if (ok && rest < end)
+        planFromOldest(rest, end, newLoadTime, pieces, clash, ok, limited);
     return ok;
 }
 
@@ -58,10 +59,10 @@ bool AddressHistory::takeSteps(u64 count) const {
     return true;
 }
 
-bool AddressHistory::planFromTop(u64 start, u64 end, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
-                                 bool limited, bool mayTurn) const {
+u64 AddressHistory::planFromTop(u64 start, u64 end, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
+                                bool limited, bool mayTurn) const {
     u64 cursor = start;
-    bool turned = false;
+    u64 turnedAt = end;
     m_top.forEachOverlappingWhile(start, end, [&](const TopMap::Interval& top) {
         const u64 lo = std::max(top.start, start);
         const u64 hi = std::min(top.end, end);
@@ -69,24 +70,24 @@ bool AddressHistory::planFromTop(u64 start, u64 end, u64 newLoadTime, std::vecto
             addPiece(pieces, cursor, lo, kNone, kNone);
         if (loadTime(top.slot) < newLoadTime) {
             addPiece(pieces, lo, hi, kNone, top.slot); // the common case: loaded after what is there
-        } else if (mayTurn && pieces.empty()) {
-            // Under the latest load at its start, the new one is most likely
-            // older than everything there (a file written backwards): the
-            // oldest regions place it in a step or two, where the latest ones
-            // could be as many as the loads before it.
-            turned = true;
+        } else if (mayTurn) {
+            // Under a later load, the new one is most likely older than
+            // everything there (a file written backwards): the oldest regions
+            // place it in a step or two, where the latest ones could be as
+            // many as the loads before it.
+            turnedAt = lo;
             return false;
         } else {
-            placeBelow(lo, hi, top.slot, newLoadTime, pieces, clash, ok, limited);
+            descend(lo, hi, top.slot, newLoadTime, pieces, clash, ok, limited);
         }
         cursor = hi;
         return ok;
     });
-    if (turned)
-        return false;
+    if (turnedAt < end)
+        return turnedAt;
     if (ok && cursor < end)
         addPiece(pieces, cursor, end, kNone, kNone);
-    return true;
+    return end;
 }
 
 void AddressHistory::planFromOldest(u64 start, u64 end, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash,
@@ -125,27 +126,6 @@ void AddressHistory::buildBottom() const {
     for (u32 slot : order)
         m_bottom.assign(m_slots[slot].start, m_slots[slot].end, slot);
     m_hasBottom = true;
-}
-
-void AddressHistory::placeBelow(u64 start, u64 end, u32 top, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash,
-                                bool& ok, bool limited) const {
-    if (!takeStep(limited)) {
-        ok = false;
-        return;
-    }
-    if (!m_hasBottom)
-        buildBottom();
-    // The top covers [start, end), so the oldest regions cover it too.
-    m_bottom.forEachOverlapping(start, end, [&](const TopMap::Interval& oldest) {
-        if (!ok)
-            return;
-        const u64 lo = std::max(oldest.start, start);
-        const u64 hi = std::min(oldest.end, end);
-        if (newLoadTime < loadTime(oldest.slot))
-            addPiece(pieces, lo, hi, oldest.slot, kNone);
-        else
-            descend(lo, hi, top, newLoadTime, pieces, clash, ok, limited);
-    });
 }
 
 // [start, end) lies under `top`. Walks down the history there to where

@@ -133,11 +133,12 @@ private:
     void link(u32 self, const std::vector<Piece>& pieces, bool quiet);
     size_t endLives(u64 start, u64 end, u64 time);
     u32 below(u32 slot, u64 address) const;
-    // The plan over [start, end) from the latest regions there; with
-    // mayTurn, false (and no pieces) when the new load comes in under the
-    // latest one at start: the caller plans from the oldest regions then.
-    bool planFromTop(u64 start, u64 end, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok, bool limited,
-                     bool mayTurn) const;
+    // The plan over [start, end) from the latest regions there. With
+    // mayTurn it stops at the first stretch under a later load and returns
+    // where that starts, for the caller to plan the rest from the oldest
+    // regions; otherwise it walks down there. Returns end when it went through.
+    u64 planFromTop(u64 start, u64 end, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok, bool limited,
+                    bool mayTurn) const;
     // The plan over [start, end) from the oldest regions there, falling back
     // on the latest ones where the new load is not older than they are.
     void planFromOldest(u64 start, u64 end, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
@@ -146,10 +147,6 @@ private:
     // false past it.
     bool takeStep(bool limited) const;
     bool takeSteps(u64 count) const;
-    // [start, end) lies under top: places a load there from the oldest
-    // regions when it is older than they are, else by walking down.
-    void placeBelow(u64 start, u64 end, u32 top, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
-                    bool limited) const;
     void descend(u64 start, u64 end, u32 top, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
                  bool limited) const;
     void buildBottom() const;
