@@ -59,8 +59,8 @@ namespace {
 // The texts of the files a reading pass meets, in blocks of this size (a
 // longer pair gets a block of its own).
 constexpr size_t kTextBlock = size_t(64) << 10;
-// References a file hands out before the cache takes more, at most. The
-// batches start at one and double: a file named by one method costs the one
+// References an object hands out before the cache takes more, at most. The
+// batches start at one and double: an object named by one method costs the one
 // increment it always did, one named by thousands a touch of its object per
 // this many.
 constexpr u32 kLargestBatch = 64;
@@ -77,12 +77,27 @@ CodeView takeContent(const BuildContext& context, size_t i, const std::vector<ui
 
 } // namespace
 
+void ModuleCache::LentReferences::take(const BaseObject& object) {
+    if (unlent == 0) {
+        for (u32 i = 0; i < nextBatch; ++i)
+            object.addRef();
+        unlent = nextBatch;
+        nextBatch = std::min(nextBatch * 2, kLargestBatch);
+    }
+    --unlent;
+}
+
+void ModuleCache::LentReferences::giveBack(const BaseObject& object) noexcept {
+    for (; unlent > 0; --unlent)
+        object.release();
+}
+
 ModuleCache::~ModuleCache() {
-    for (; m_moduleUnlent > 0; --m_moduleUnlent)
-        m_lentModule->release(); // never the last reference: m_modules holds one
+    if (m_lentModule)
+        m_moduleReferences.giveBack(*m_lentModule);
     for (SourceFileSlot& slot : m_sourceFileSlots)
-        for (; slot.unlent > 0; --slot.unlent)
-            slot.file->release(); // never the last reference: m_sourceFiles holds one
+        if (slot.file)
+            slot.references.giveBack(*slot.file);
 }
 
 size_t ModuleCache::sourceFileHash(std::string_view name, std::string_view checksum, unsigned checksumType,
@@ -120,30 +135,18 @@ void ModuleCache::prefetchSourceFileTexts(size_t hash) const {
 IModule::Ptr ModuleCache::lendModule(std::string_view path, quarvel_error_t status, quarvel_arch arch) {
     const IModule::Ptr& module = get(path, status, arch);
     if (module.get() != m_lentModule) {
-        for (; m_moduleUnlent > 0; --m_moduleUnlent)
-            m_lentModule->release();
+        if (m_lentModule)
+            m_moduleReferences.giveBack(*m_lentModule);
         m_lentModule = module.get();
-        m_moduleBatch = 1;
+        m_moduleReferences = LentReferences();
     }
-    if (m_moduleUnlent == 0) {
-        for (u32 i = 0; i < m_moduleBatch; ++i)
-            m_lentModule->addRef();
-        m_moduleUnlent = m_moduleBatch;
-        m_moduleBatch = std::min(m_moduleBatch * 2, kLargestBatch);
-    }
-    --m_moduleUnlent;
-    return IModule::Ptr(m_lentModule, false); // the reference taken in the batch
+    m_moduleReferences.take(*m_lentModule);
+    return IModule::Ptr(m_lentModule, false); // a reference taken in the batch
 }
 
 SourceFile::Ptr ModuleCache::lend(SourceFileSlot& slot) {
-    if (slot.unlent == 0) {
-        for (u32 i = 0; i < slot.nextBatch; ++i)
-            slot.file->addRef();
-        slot.unlent = slot.nextBatch;
-        slot.nextBatch = std::min(slot.nextBatch * 2, kLargestBatch);
-    }
-    --slot.unlent;
-    return SourceFile::Ptr(slot.file, false); // the reference taken in the batch
+    slot.references.take(*slot.file);
+    return SourceFile::Ptr(slot.file, false); // a reference taken in the batch
 }
 
 const char* ModuleCache::keepTexts(std::string_view name, std::string_view checksum) {

@@ -64,22 +64,29 @@ private:
     std::string m_lastPath;
     quarvel_error_t m_lastStatus = meSuccess;
     quarvel_arch m_lastArch = quarvel_arch_vx64;
-    // References taken on the last module that no method holds yet, taken
-    // in batches as for source files (below); given back when another
-    // module is lent or the cache goes.
+    // References taken on an object that nobody holds yet: the cache takes
+    // them a batch at a time, twice as many each time (up to 64), and hands
+    // them out one by one, so that handing one out touches no object.
+    struct LentReferences {
+        u32 unlent = 0;
+        u32 nextBatch = 1;
+        // Counts out one of object's references, taking a batch when none is left.
+        void take(const BaseObject& object);
+        // Gives back those not handed out (never the object's last: the cache holds one).
+        void giveBack(const BaseObject& object) noexcept;
+    };
+    // References on the last module lent; given back when another module is
+    // lent or the cache goes.
     IModule* m_lentModule = nullptr; // kept by m_modules
-    u32 m_moduleUnlent = 0;
-    u32 m_moduleBatch = 1;
+    LentReferences m_moduleReferences;
     // An open hash of the files by content. A lookup touches no file
     // object: the slot holds what the comparison reads, with the texts in
     // the cache's own blocks. A trace's methods name their files in any
     // order, and a file object read once per method was a cache miss each
     // time, which fetching it ahead did not hide.
     //
-    // The slot also holds the references taken on its file that no method
-    // holds yet. A method's reference comes from there, so that handing it
-    // out touches no file object either; the cache takes them a batch at a
-    // time, twice as many each time, and gives back the rest when it goes.
+    // The slot also holds the references lent on its file, so that handing
+    // a method its reference touches no file object either.
     struct SourceFileSlot {
         size_t hash = 0;
         const char* texts = nullptr; // the name, then the checksum; null: an empty slot
@@ -88,8 +95,7 @@ private:
         u32 checksumLength = 0;
         u32 checksumType = 0;
         u32 language = 0;
-        u32 unlent = 0;
-        u32 nextBatch = 1;
+        LentReferences references;
     };
     // Whether a filled slot is that content's.
     static bool holds(const SourceFileSlot& slot, size_t hash, std::string_view name, std::string_view checksum,
