@@ -136,16 +136,36 @@ TEST(JitDataManagerStorage, ShapesWrittenBackwardsTakeAFewStepsPerLoad) {
     }
 }
 
+// A step limit for one test; the default comes back after it.
+class StepLimit {
+public:
+    explicit StepLimit(u64 limit) { AddressHistory::setStepLimit(limit); }
+    ~StepLimit() { AddressHistory::setStepLimit(m_saved); }
+    StepLimit(const StepLimit&) = delete;
+    StepLimit& operator=(const StepLimit&) = delete;
+
+private:
+    const u64 m_saved = AddressHistory::stepLimit();
+};
+
+// Counts the accepted records and keeps the first refusal's reason.
+struct Outcomes {
+    size_t accepted = 0;
+    std::string firstReason;
+    void add(const Status& status) {
+        if (status.ok())
+            ++accepted;
+        else if (firstReason.empty())
+            firstReason = status.reason().message;
+    }
+};
+
 // A file whose loads over one area come in random time order would walk
 // n^2 / 4 steps; past the space's step limit such loads are refused with a
 // reason, and loads later than everything still go in. So are updates that
 // would walk down to an early moment (n updates of the first of n loads).
 TEST(JitDataManagerStorage, LoadsOutOfOrderPastTheStepLimitAreRefused) {
-    struct LimitGuard {
-        u64 saved = AddressHistory::stepLimit();
-        ~LimitGuard() { AddressHistory::setStepLimit(saved); }
-    } guard;
-    AddressHistory::setStepLimit(2000);
+    const StepLimit limit(2000);
     JitDataManager manager;
     manager.setCollectorType(ctJitProfiler);
     std::vector<u64> times(400);
@@ -153,22 +173,16 @@ TEST(JitDataManagerStorage, LoadsOutOfOrderPastTheStepLimitAreRefused) {
         times[i] = 10 * (i + 1);
     std::mt19937 rng(7);
     std::shuffle(times.begin(), times.end(), rng);
-    size_t accepted = 0;
-    std::string reason;
-    for (size_t i = 0; i < times.size(); ++i) {
-        const Status status = manager.processMethodLoadRecord(
+    Outcomes loads;
+    for (size_t i = 0; i < times.size(); ++i)
+        loads.add(manager.processMethodLoadRecord(
             kPid, kHost,
-            makeMethod(static_cast<u32>(i + 1), times[i], {{0x10000 + 8 * u64(i % 2), 256, 0x100000 + i * 0x1000}}));
-        if (status.ok())
-            ++accepted;
-        else if (reason.empty())
-            reason = status.reason().message;
-    }
-    EXPECT_LT(accepted, times.size());
-    EXPECT_GT(accepted, 20u);
-    EXPECT_NE(std::string::npos, reason.find("more than the limit of 2000")) << reason;
+            makeMethod(static_cast<u32>(i + 1), times[i], {{0x10000 + 8 * u64(i % 2), 256, 0x100000 + i * 0x1000}})));
+    EXPECT_LT(loads.accepted, times.size());
+    EXPECT_GT(loads.accepted, 20u);
+    EXPECT_NE(std::string::npos, loads.firstReason.find("more than the limit of 2000")) << loads.firstReason;
     const JitDataManager::IndexStats stats = manager.indexStats();
-    EXPECT_EQ(accepted, stats.regions);
+    EXPECT_EQ(loads.accepted, stats.regions);
     EXPECT_LE(stats.descentSteps, 2000u + times.size());
     // Later than everything: no walk, so it goes in.
     ASSERT_TRUE(
@@ -190,11 +204,7 @@ TEST(JitDataManagerStorage, LoadsOutOfOrderPastTheStepLimitAreRefused) {
 // n loads written backwards, all of them. Those checks count against the
 // limit as well; past it an unload is refused and changes nothing.
 TEST(JitDataManagerStorage, UnloadsPastTheStepLimitAreRefused) {
-    struct LimitGuard {
-        u64 saved = AddressHistory::stepLimit();
-        ~LimitGuard() { AddressHistory::setStepLimit(saved); }
-    } guard;
-    AddressHistory::setStepLimit(2000);
+    const StepLimit limit(2000);
     JitDataManager manager;
     const u32 loads = 300;
     for (u32 i = 0; i < loads; ++i)
@@ -203,18 +213,13 @@ TEST(JitDataManagerStorage, UnloadsPastTheStepLimitAreRefused) {
                             kPid, kHost, makeMethod(i + 1, 10 * u64(loads - i), {{0x10000, 64, 0x100000 + i * 0x100}}))
                         .ok());
     // Load 300 is the oldest (time 10), load 1 the latest (time 3000).
-    size_t accepted = 0;
-    std::string reason;
-    for (u32 k = 0; k < 20; ++k) {
-        const Status status = manager.processCodeUnload(kPid, kHost, 0x20000 + 0x100 * k, 16, 5000 + k);
-        if (status.ok())
-            ++accepted;
-        else if (reason.empty())
-            reason = status.reason().message;
-    }
+    Outcomes unloads;
+    for (u32 k = 0; k < 20; ++k)
+        unloads.add(manager.processCodeUnload(kPid, kHost, 0x20000 + 0x100 * k, 16, 5000 + k));
     // 299 shadowed regions a check, against 2000 steps less those of the loads.
-    EXPECT_GT(accepted, 0u);
-    EXPECT_LT(accepted, 20u);
+    EXPECT_GT(unloads.accepted, 0u);
+    EXPECT_LT(unloads.accepted, 20u);
+    const std::string& reason = unloads.firstReason;
     EXPECT_NE(std::string::npos, reason.find("Couldn't unload the code at ip range")) << reason;
     EXPECT_NE(std::string::npos, reason.find("more than the limit of 2000")) << reason;
     // A refused unload over the loads ends nothing: load 1 still lives after it.
