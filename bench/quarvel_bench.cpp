@@ -232,23 +232,26 @@ void BM_Ingest(benchmark::State& state, IngestKind kind, size_t methods) {
 // finalises) lazily, as a profiler's first samples would.
 
 enum class ShapeKind { Staggered, HotArea, Processes, StaggeredBackwards, HotAreaBackwards };
-const ShapeKind kShapeKinds[] = {ShapeKind::Staggered, ShapeKind::HotArea, ShapeKind::Processes,
-                                 ShapeKind::StaggeredBackwards, ShapeKind::HotAreaBackwards};
+
+// Each shape's name, the trace it reads, and the sizes it reads at.
+struct ShapeInfo {
+    ShapeKind kind;
+    const char* name;
+    ShapeKind layout; // Staggered, HotArea or Processes
+    bool backwards;
+};
+const ShapeInfo kShapes[] = {{ShapeKind::Staggered, "staggered", ShapeKind::Staggered, false},
+                             {ShapeKind::HotArea, "hot_area", ShapeKind::HotArea, false},
+                             {ShapeKind::Processes, "processes", ShapeKind::Processes, false},
+                             {ShapeKind::StaggeredBackwards, "staggered_backwards", ShapeKind::Staggered, true},
+                             {ShapeKind::HotAreaBackwards, "hot_area_backwards", ShapeKind::HotArea, true}};
+
+const ShapeInfo& shapeInfo(ShapeKind kind) {
+    return kShapes[static_cast<int>(kind)]; // in the enum's order
+}
 
 const char* shapeName(ShapeKind kind) {
-    switch (kind) {
-    case ShapeKind::Staggered:
-        return "staggered";
-    case ShapeKind::HotArea:
-        return "hot_area";
-    case ShapeKind::Processes:
-        return "processes";
-    case ShapeKind::StaggeredBackwards:
-        return "staggered_backwards";
-    case ShapeKind::HotAreaBackwards:
-        return "hot_area_backwards";
-    }
-    return "";
+    return shapeInfo(kind).name;
 }
 
 const ShapeTrace& shapeTrace(ShapeKind kind, size_t n) {
@@ -256,11 +259,11 @@ const ShapeTrace& shapeTrace(ShapeKind kind, size_t n) {
     const auto key = std::make_pair(static_cast<int>(kind), n);
     auto found = traces.find(key);
     if (found == traces.end()) {
-        const bool backwards = kind == ShapeKind::StaggeredBackwards || kind == ShapeKind::HotAreaBackwards;
-        ShapeTrace trace = kind == ShapeKind::Staggered || kind == ShapeKind::StaggeredBackwards
-                               ? quarvel_bench::staggeredTrace(g_options.cacheDir, n, backwards)
-                           : kind == ShapeKind::HotArea || kind == ShapeKind::HotAreaBackwards
-                               ? quarvel_bench::hotAreaTrace(g_options.cacheDir, n, backwards)
+        const ShapeInfo& shape = shapeInfo(kind);
+        ShapeTrace trace = shape.layout == ShapeKind::Staggered
+                               ? quarvel_bench::staggeredTrace(g_options.cacheDir, n, shape.backwards)
+                           : shape.layout == ShapeKind::HotArea
+                               ? quarvel_bench::hotAreaTrace(g_options.cacheDir, n, shape.backwards)
                                : quarvel_bench::processesTrace(g_options.cacheDir, g_options.processMethods, n);
         found = traces.emplace(key, std::move(trace)).first;
     }
@@ -291,9 +294,10 @@ IngestResult readShapeOnce(const ShapeTrace& trace) {
 }
 
 const std::vector<size_t>& shapeSizes(ShapeKind kind) {
-    return kind == ShapeKind::Staggered || kind == ShapeKind::StaggeredBackwards ? g_options.staggered
-           : kind == ShapeKind::HotArea || kind == ShapeKind::HotAreaBackwards   ? g_options.hotArea
-                                                                                 : g_options.processes;
+    const ShapeKind layout = shapeInfo(kind).layout;
+    return layout == ShapeKind::Staggered ? g_options.staggered
+           : layout == ShapeKind::HotArea ? g_options.hotArea
+                                          : g_options.processes;
 }
 
 // Each size of a shape read in turn, round after round, each read in a fresh
@@ -874,9 +878,9 @@ int main(int argc, char** argv) {
     }
     if (!shapeOnceKind.empty()) {
         ShapeKind kind = ShapeKind::Processes;
-        for (ShapeKind k : kShapeKinds)
-            if (shapeOnceKind == shapeName(k))
-                kind = k;
+        for (const ShapeInfo& shape : kShapes)
+            if (shapeOnceKind == shape.name)
+                kind = shape.kind;
         const std::vector<size_t>& sizes = shapeSizes(kind);
         const IngestResult r = readShapeOnce(shapeTrace(kind, sizes.front()));
         std::cout << shapeName(kind) << " " << sizes.front() << ": " << (r.ok ? "ok" : "FAILED") << ", " << r.seconds
@@ -898,10 +902,10 @@ int main(int argc, char** argv) {
                 ->Unit(benchmark::kMillisecond);
         }
 
-    for (ShapeKind kind : kShapeKinds)
-        for (size_t n : shapeSizes(kind)) {
-            const std::string name = std::string("shape/") + shapeName(kind) + "/" + std::to_string(n);
-            benchmark::RegisterBenchmark(name.c_str(), BM_Shape, kind, n)
+    for (const ShapeInfo& shape : kShapes)
+        for (size_t n : shapeSizes(shape.kind)) {
+            const std::string name = std::string("shape/") + shape.name + "/" + std::to_string(n);
+            benchmark::RegisterBenchmark(name.c_str(), BM_Shape, shape.kind, n)
                 ->UseManualTime()
                 ->Iterations(1)
                 ->Unit(benchmark::kMillisecond);
