@@ -27,14 +27,45 @@ void addPiece(std::vector<AddressHistory::Piece>& pieces, u64 start, u64 end, u3
 
 std::atomic<u64> AddressHistory::s_stepLimit{u64(1) << 27};
 
-u32 AddressHistory::below(u32 slot, u64 address) const {
+const AddressHistory::Link* AddressHistory::linkAt(u32 slot, u64 address) const {
     const LinkRun& run = m_runs[slot];
     if (run.count == 0)
-        return kNone;
+        return nullptr;
     const Link* first = m_links.data() + run.at;
     const Link* last = first + run.count;
     const Link* link = std::upper_bound(first, last, address, [](u64 a, const Link& l) { return a < l.from; });
-    return link == first ? kNone : (link - 1)->slot;
+    return link == first ? nullptr : link - 1;
+}
+
+u32 AddressHistory::stepDown(u32 slot, u64 address, u64 time) const {
+    const Link* link = linkAt(slot, address);
+    if (!link)
+        return kNone;
+    return link->jump != kNone && loadTime(link->jump) > time ? link->jump : link->slot;
+}
+
+unsigned AddressHistory::level(u32 slot) {
+    u32 h = slot * 0x9E3779B1u;
+    h ^= h >> 15;
+    h *= 0x85EBCA77u;
+    h ^= h >> 13;
+    return static_cast<unsigned>(__builtin_ctz(h | 0x80000000u));
+}
+
+u32 AddressHistory::jumpFor(u32 self, u64 start, u64 end, u32 below) const {
+    // The climb stays short: each jump on the way goes to a higher level.
+    const unsigned height = level(self);
+    u32 at = below;
+    for (unsigned i = 0; i < 64 && level(at) <= height; ++i) {
+        const Link* link = linkAt(at, start);
+        if (!link)
+            break;
+        const u32 next = link->jump != kNone ? link->jump : link->slot;
+        if (next == kNone || m_slots[next].start > start || m_slots[next].end < end)
+            break; // the jump must hold over the whole stretch
+        at = next;
+    }
+    return at == below ? kNone : at;
 }
 
 bool AddressHistory::plan(u64 start, u64 end, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash,
@@ -94,6 +125,8 @@ void AddressHistory::planFromOldest(u64 start, u64 end, u64 newLoadTime, std::ve
                                     bool& ok, bool limited) const {
     if (!m_hasBottom)
         buildBottom();
+    if (!m_hasJumps)
+        buildJumps(); // what the bottom map does not place walks down
     u64 cursor = start;
     m_bottom.forEachOverlapping(start, end, [&](const TopMap::Interval& oldest) {
         if (!ok)
@@ -126,6 +159,22 @@ void AddressHistory::buildBottom() const {
     for (u32 slot : order)
         m_bottom.assign(m_slots[slot].start, m_slots[slot].end, slot);
     m_hasBottom = true;
+}
+
+void AddressHistory::buildJumps() const {
+    std::vector<u32> order(m_linked);
+    for (u32 slot = 0; slot < order.size(); ++slot)
+        order[slot] = slot;
+    std::stable_sort(order.begin(), order.end(), [this](u32 a, u32 b) { return loadTime(a) < loadTime(b); });
+    for (u32 slot : order) {
+        const LinkRun& run = m_runs[slot];
+        for (u32 i = 0; i < run.count; ++i) {
+            Link& link = m_links[run.at + i];
+            const u64 to = i + 1 < run.count ? m_links[run.at + i + 1].from : m_slots[slot].end;
+            link.jump = link.slot == kNone ? kNone : jumpFor(slot, link.from, to, link.slot);
+        }
+    }
+    m_hasJumps = true;
 }
 
 // [start, end) lies under `top`. Walks down the history there to where
@@ -176,8 +225,11 @@ void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::
             const u64 to = link + 1 != last ? (link + 1)->from : ownerEnd;
             const u64 lo = std::max(link->from, step.start);
             const u64 hi = std::min(to, step.end);
-            if (lo < hi)
-                todo.push_back(Step{lo, hi, link->slot, step.slot});
+            if (lo >= hi)
+                continue;
+            // Past a jump that is still later than the new load, every region skipped is too.
+            const bool skip = link->jump != kNone && loadTime(link->jump) > newLoadTime;
+            todo.push_back(Step{lo, hi, skip ? link->jump : link->slot, step.slot});
         }
         // Popped in address order.
         std::reverse(todo.begin() + static_cast<std::ptrdiff_t>(mark), todo.end());
@@ -199,8 +251,14 @@ void AddressHistory::link(u32 self, const std::vector<Piece>& pieces, bool quiet
         for (const Piece& p : pieces) {
             if (run.count && m_links.back().slot == p.below)
                 continue;
-            m_links.push_back(Link{p.start, p.below});
+            m_links.push_back(Link{p.start, p.below, kNone});
             ++run.count;
+        }
+        for (u32 i = 0; m_hasJumps && i < run.count; ++i) {
+            Link& l = m_links[run.at + i];
+            const u64 to = i + 1 < run.count ? m_links[run.at + i + 1].from : m_slots[self].end;
+            if (l.slot != kNone)
+                l.jump = jumpFor(self, l.from, to, l.slot);
         }
     }
     m_runs.push_back(run);
@@ -269,11 +327,11 @@ void AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slo
     if (run.count)
         old.assign(m_links.begin() + run.at, m_links.begin() + run.at + run.count);
     else
-        old.push_back(Link{ownerStart, kNone});
+        old.push_back(Link{ownerStart, kNone, kNone});
     std::vector<Link> merged;
-    auto add = [&merged](u64 from, u32 below) {
-        if (merged.empty() || merged.back().slot != below)
-            merged.push_back(Link{from, below});
+    auto add = [&merged](u64 from, u32 below, u32 jump) {
+        if (merged.empty() || merged.back().slot != below || merged.back().jump != jump)
+            merged.push_back(Link{from, below, jump});
     };
     size_t k = 0;
     for (size_t i = 0; i < old.size(); ++i) {
@@ -285,14 +343,16 @@ void AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slo
             if (p.above != owner || p.end <= at)
                 continue;
             if (p.start > at)
-                add(at, old[i].slot);
-            add(std::max(p.start, at), slot);
+                add(at, old[i].slot, old[i].jump);
+            // What was below covers the stretch and stays below the new
+            // region: the owner's jump past both.
+            add(std::max(p.start, at), slot, (!m_hasJumps || old[i].jump != kNone) ? old[i].jump : old[i].slot);
             at = std::min(p.end, to);
             if (p.end > to)
                 break; // the piece goes on into the next stretch
         }
         if (at < to)
-            add(at, old[i].slot);
+            add(at, old[i].slot, old[i].jump);
     }
     m_staleLinks += run.count;
     run.at = static_cast<u32>(m_links.size());
@@ -306,12 +366,14 @@ AddressLookup AddressHistory::find(u64 address, u64 timestamp, bool limited) con
     if (!m_top.find(address, top))
         return result;
     u32 slot = top.slot;
-    while (loadTime(slot) > timestamp) {
+    for (unsigned walked = 0; loadTime(slot) > timestamp; ++walked) {
+        if (walked == kWalkWithoutJumps && !m_hasJumps)
+            buildJumps();
         if (!takeStep(limited)) {
             result.outcome = AddressLookup::tooDeep;
             return result;
         }
-        slot = below(slot, address);
+        slot = stepDown(slot, address, timestamp);
         if (slot == kNone) {
             result.outcome = AddressLookup::tooEarly;
             return result;
@@ -330,8 +392,12 @@ AddressLookup AddressHistory::findLoadedAfter(u64 start, u64 end, u64 timestamp)
         return result;
     const u64 at = std::max(start, top.start);
     u32 best = kNone;
-    for (u32 slot = top.slot; slot != kNone && loadTime(slot) > timestamp; slot = below(slot, at))
+    unsigned walked = 0;
+    for (u32 slot = top.slot; slot != kNone && loadTime(slot) > timestamp; slot = stepDown(slot, at, timestamp)) {
+        if (++walked == kWalkWithoutJumps && !m_hasJumps)
+            buildJumps();
         best = slot;
+    }
     if (best == kNone) {
         result.outcome = AddressLookup::tooEarly;
         return result;
@@ -399,6 +465,7 @@ void AddressHistory::freeze() {
     m_top.clear();
     m_bottom.clear();
     m_hasBottom = false;
+    m_hasJumps = false;
     GrowingArray<LinkRun>().swap(m_runs);
     std::vector<Link>().swap(m_links);
     std::vector<u32>().swap(m_shadowed);

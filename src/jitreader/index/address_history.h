@@ -26,8 +26,9 @@ QUARVEL_NAMESPACE_BEGIN
 // the links down from the top at an address visits that address's regions from
 // the latest to the oldest. Registrations in load-time order touch only the
 // top; one loaded before something already registered walks down to its
-// place, unless it is older than everything there (then the oldest regions
-// place it), and within a limit of steps per address space (see stepLimit()).
+// place, skipping along the links' jumps, unless it is older than everything
+// there (then the oldest regions place it), and within a limit of steps per
+// address space (see stepLimit()).
 class AddressHistory {
 public:
     static const u32 kNone = 0xFFFFFFFFu;
@@ -68,9 +69,10 @@ public:
     // unload checks because it went in below a later load. A load later than
     // everything under it takes none (a file in time order takes none at
     // all), nor does one older than everything; a hostile file, say loads
-    // over one area with their load times in random order, or updates of
-    // the first of many loads there, would take O(n^2). Past the limit such
-    // records are refused, so that reading any file stays within seconds.
+    // over one area whose load times alternate between the latest and the
+    // earliest, still takes O(n^2) (in random order about n^1.6). Past the
+    // limit such records are refused, so that reading any file stays within
+    // seconds.
     // The default is 2^27 (a few seconds).
     static u64 stepLimit() { return s_stepLimit.load(std::memory_order_relaxed); }
     static void setStepLimit(u64 limit) { s_stepLimit.store(limit, std::memory_order_relaxed); } // tests
@@ -114,6 +116,13 @@ private:
     struct Link {
         u64 from; // the link holds from here to the next link (or the owner's end)
         u32 slot; // kNone: nothing below
+        // A region further down that covers the link's whole stretch, or
+        // kNone. Everything between is loaded later than it, so a walk to
+        // an earlier moment skips to it whenever it is still too late
+        // itself. Chosen like the next higher tower of a skip list (see
+        // level()), so that walks take tens of steps rather than n. Set
+        // only once a walk down is needed (see buildJumps()).
+        u32 jump;
     };
     struct LinkRun { // a slot's below links in m_links; none: nothing was below it anywhere
         u32 at = 0;
@@ -132,7 +141,18 @@ private:
     // Links the registered slot in along pieces.
     void link(u32 self, const std::vector<Piece>& pieces, bool quiet);
     size_t endLives(u64 start, u64 end, u64 time);
-    u32 below(u32 slot, u64 address) const;
+    // The link of slot that holds address; null when nothing lies below it anywhere.
+    const Link* linkAt(u32 slot, u64 address) const;
+    // The next region down from slot at address on the way to a moment
+    // before `time`: the jump when that is loaded after `time` as well.
+    u32 stepDown(u32 slot, u64 address, u64 time) const;
+    // A slot's height in the skip structure of the jumps: 0 for half of
+    // them, 1 for a quarter, and so on, fixed by its number.
+    static unsigned level(u32 slot);
+    // The jump for self's link over [start, end) to `below`: climbing from
+    // below along the jumps to the first region of a higher level than
+    // self's that still covers the whole stretch.
+    u32 jumpFor(u32 self, u64 start, u64 end, u32 below) const;
     // The plan over [start, end) from the latest regions there. With
     // mayTurn it stops at the first stretch under a later load and returns
     // where that starts, for the caller to plan the rest from the oldest
@@ -150,6 +170,13 @@ private:
     void descend(u64 start, u64 end, u32 top, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
                  bool limited) const;
     void buildBottom() const;
+    // Sets the jumps of every link, in load-time order (a jump climbs along
+    // those further down), the first time a load or a lookup walks down: a
+    // file in time order whose records look up only recent moments never
+    // pays for them. From then on link() sets them for new regions.
+    void buildJumps() const;
+    // Regions a lookup walks past before it has the jumps built.
+    static const unsigned kWalkWithoutJumps = 32;
     // owner has `slot` directly below it on the stretches of pieces whose above is owner.
     void relink(u32 owner, const std::vector<Piece>& pieces, u32 slot);
     bool endLife(u32 slot, u64 time);
@@ -159,9 +186,9 @@ private:
     bool m_frozen = false;
 
     // Registration state.
-    GrowingArray<LinkRun> m_runs; // per slot
-    std::vector<Link> m_links;
-    size_t m_staleLinks = 0; // links of runs that a relink replaced
+    GrowingArray<LinkRun> m_runs;      // per slot
+    mutable std::vector<Link> m_links; // mutable for their jumps, an aid to walking that is built late
+    size_t m_staleLinks = 0;           // links of runs that a relink replaced
     TopMap m_top;
     // Regions placed below a later load somewhere: only these can stay live
     // where something else is on top.
@@ -172,6 +199,7 @@ private:
     // file written backwards, is placed from here without walking the links.
     mutable TopMap m_bottom;
     mutable bool m_hasBottom = false;
+    mutable bool m_hasJumps = false;
     mutable u64 m_steps = 0; // taken by limited plans and lookups, and by unloads
     // Slots linked in so far: fewer than the slots while thaw() replays, and
     // the oldest regions must be those of the replay so far (the later
