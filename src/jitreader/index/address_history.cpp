@@ -72,6 +72,8 @@ bool AddressHistory::plan(u64 start, u64 end, u64 newLoadTime, std::vector<Piece
                           bool limited) const {
     pieces.clear();
     clash = kNone;
+    m_walked.clear();
+    m_walkedFor = Slot{start, end, newLoadTime, nullptr, nullptr};
     bool ok = true;
     const u64 rest = planFromTop(start, end, newLoadTime, pieces, clash, ok, limited, true);
     if (ok && rest < end)
@@ -215,6 +217,7 @@ void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::
             addPiece(pieces, step.start, step.end, step.slot, kNone);
             continue;
         }
+        m_walked.push_back(Walked{step.slot, step.start});
         const Link* first = m_links.data() + run.at;
         const Link* last = first + run.count;
         const u64 ownerEnd = m_slots[step.slot].end;
@@ -292,6 +295,9 @@ void AddressHistory::link(u32 self, const std::vector<Piece>& pieces, bool quiet
     }
 
     m_linked = self + 1;
+    if (m_hasJumps && !m_walked.empty() && m_walkedFor.start == m_slots[self].start &&
+        m_walkedFor.end == m_slots[self].end && m_walkedFor.loadTime == m_slots[self].loadTime)
+        raiseJumps(self);
     // Where nothing lies below it, the new region is the oldest one.
     if (m_hasBottom)
         for (const Piece& p : pieces)
@@ -316,6 +322,34 @@ void AddressHistory::link(u32 self, const std::vector<Piece>& pieces, bool quiet
                                                         << ", name = " << placed.method->getMethodName()
                                                         << ", load time = " << placed.method->getLoadTime());
     }
+}
+
+void AddressHistory::raiseJumps(u32 self) {
+    // As a skip list's insertion does: each region the walk went down past,
+    // of a lower level than the new one, jumps to it from now on where its
+    // jump went past it. Regions slid in at the bottom of a run are then
+    // reached from its top in a few jumps, not one region at a time.
+    const Slot& placed = m_slots[self];
+    const unsigned height = level(self);
+    for (const Walked& w : m_walked) {
+        if (level(w.slot) >= height || loadTime(w.slot) <= placed.loadTime)
+            continue;
+        const LinkRun& run = m_runs[w.slot];
+        Link* const first = m_links.data() + run.at;
+        Link* const last = first + run.count;
+        Link* const after = std::upper_bound(first, last, w.at, [](u64 a, const Link& l) { return a < l.from; });
+        if (after == first)
+            continue;
+        Link* const link = after - 1;
+        if (link->slot == self || link->slot == kNone)
+            continue;
+        const u64 to = link + 1 != last ? (link + 1)->from : m_slots[w.slot].end;
+        if (placed.start > link->from || placed.end < to)
+            continue; // the jump must hold over the whole stretch
+        if (link->jump == kNone || loadTime(link->jump) < placed.loadTime)
+            link->jump = self;
+    }
+    m_walked.clear();
 }
 
 void AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slot) {
@@ -469,6 +503,7 @@ void AddressHistory::freeze() {
     GrowingArray<LinkRun>().swap(m_runs);
     std::vector<Link>().swap(m_links);
     std::vector<u32>().swap(m_shadowed);
+    std::vector<Walked>().swap(m_walked);
     m_staleLinks = 0;
     m_frozen = true;
 }
