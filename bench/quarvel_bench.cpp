@@ -10,7 +10,8 @@
 //   --ingest-once=loader|resolver
 //                            one ingest of the first size in this process, no
 //                            benchmark run: for profilers (perf, callgrind)
-//   --shape-once=staggered|hot_area|processes|staggered_backwards|hot_area_backwards
+//   --shape-once=staggered|hot_area|processes|staggered_backwards|hot_area_backwards|
+//                hot_area_shuffled|hot_area_two_files
 //                            one read of that shape's first size, in this process
 //   --staggered=N,...        loads of the staggered-overlap traces (default 800,1600,3200,6400)
 //   --hot-area=N,...         loads of the alternating hot-area traces (default 5000,10000,20000)
@@ -231,20 +232,32 @@ void BM_Ingest(benchmark::State& state, IngestKind kind, size_t methods) {
 // the files and asked one sample per process, which reads that process (and
 // finalises) lazily, as a profiler's first samples would.
 
-enum class ShapeKind { Staggered, HotArea, Processes, StaggeredBackwards, HotAreaBackwards };
+enum class ShapeKind {
+    Staggered,
+    HotArea,
+    Processes,
+    StaggeredBackwards,
+    HotAreaBackwards,
+    HotAreaShuffled,
+    HotAreaTwoFiles
+};
 
 // Each shape's name, the trace it reads, and the sizes it reads at.
 struct ShapeInfo {
     ShapeKind kind;
     const char* name;
     ShapeKind layout; // Staggered, HotArea or Processes
-    bool backwards;
+    quarvel_bench::LoadOrder order;
 };
-const ShapeInfo kShapes[] = {{ShapeKind::Staggered, "staggered", ShapeKind::Staggered, false},
-                             {ShapeKind::HotArea, "hot_area", ShapeKind::HotArea, false},
-                             {ShapeKind::Processes, "processes", ShapeKind::Processes, false},
-                             {ShapeKind::StaggeredBackwards, "staggered_backwards", ShapeKind::Staggered, true},
-                             {ShapeKind::HotAreaBackwards, "hot_area_backwards", ShapeKind::HotArea, true}};
+using quarvel_bench::LoadOrder;
+const ShapeInfo kShapes[] = {
+    {ShapeKind::Staggered, "staggered", ShapeKind::Staggered, LoadOrder::inTime},
+    {ShapeKind::HotArea, "hot_area", ShapeKind::HotArea, LoadOrder::inTime},
+    {ShapeKind::Processes, "processes", ShapeKind::Processes, LoadOrder::inTime},
+    {ShapeKind::StaggeredBackwards, "staggered_backwards", ShapeKind::Staggered, LoadOrder::backwards},
+    {ShapeKind::HotAreaBackwards, "hot_area_backwards", ShapeKind::HotArea, LoadOrder::backwards},
+    {ShapeKind::HotAreaShuffled, "hot_area_shuffled", ShapeKind::HotArea, LoadOrder::shuffled},
+    {ShapeKind::HotAreaTwoFiles, "hot_area_two_files", ShapeKind::HotArea, LoadOrder::twoFiles}};
 
 const ShapeInfo& shapeInfo(ShapeKind kind) {
     return kShapes[static_cast<int>(kind)]; // in the enum's order
@@ -261,9 +274,9 @@ const ShapeTrace& shapeTrace(ShapeKind kind, size_t n) {
     if (found == traces.end()) {
         const ShapeInfo& shape = shapeInfo(kind);
         ShapeTrace trace = shape.layout == ShapeKind::Staggered
-                               ? quarvel_bench::staggeredTrace(g_options.cacheDir, n, shape.backwards)
+                               ? quarvel_bench::staggeredTrace(g_options.cacheDir, n, shape.order)
                            : shape.layout == ShapeKind::HotArea
-                               ? quarvel_bench::hotAreaTrace(g_options.cacheDir, n, shape.backwards)
+                               ? quarvel_bench::hotAreaTrace(g_options.cacheDir, n, shape.order)
                                : quarvel_bench::processesTrace(g_options.cacheDir, g_options.processMethods, n);
         found = traces.emplace(key, std::move(trace)).first;
     }
@@ -729,6 +742,10 @@ private:
                   " loads");
         addShapes(rows, ShapeKind::HotAreaBackwards, "alternating hot area written backwards", g_options.hotArea,
                   " loads");
+        addShapes(rows, ShapeKind::HotAreaShuffled, "alternating hot area in random time order", g_options.hotArea,
+                  " loads");
+        addShapes(rows, ShapeKind::HotAreaTwoFiles, "alternating hot area in two files, times interleaved",
+                  g_options.hotArea, " loads");
         addScaling(rows, "resolver", "ingest, mode 1");
         addScaling(rows, "loader", "ingest, mode 2");
         addGoals(rows, cores, all);

@@ -2,8 +2,11 @@
 
 #include <quarvel/jittrace_writer.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <numeric>
+#include <random>
 #include <stdexcept>
 
 #include <sys/stat.h>
@@ -68,20 +71,59 @@ uint64_t writeOnce(const std::string& path, const std::function<void(JitTraceWri
     return size;
 }
 
-ShapeTrace oneProcess(const std::string& cacheDir, const std::string& tag, size_t n,
+const char* orderTag(LoadOrder order) {
+    switch (order) {
+    case LoadOrder::inTime:
+        return "";
+    case LoadOrder::backwards:
+        return "backwards-";
+    case LoadOrder::shuffled:
+        return "shuffled-";
+    case LoadOrder::twoFiles:
+        return "two-files-";
+    }
+    return "";
+}
+
+// The load time of each load i of n in that order, from kFirstTime on. Two
+// files: the first n / 2 loads (the first file) at even times, the rest at
+// odd ones.
+std::vector<uint64_t> loadTimes(size_t n, LoadOrder order) {
+    std::vector<uint64_t> times(n);
+    std::iota(times.begin(), times.end(), kFirstTime);
+    if (order == LoadOrder::backwards)
+        std::reverse(times.begin(), times.end());
+    if (order == LoadOrder::shuffled)
+        std::shuffle(times.begin(), times.end(), std::mt19937_64(n));
+    if (order == LoadOrder::twoFiles)
+        for (size_t i = 0; i < n; ++i)
+            times[i] = kFirstTime + (i < n / 2 ? 2 * i : 2 * (i - n / 2) + 1);
+    return times;
+}
+
+// The loads [0, n) of one process, in one file or, for two files, in two
+// (the first n / 2 loads and the rest) in directories of their own, as their
+// names are the same.
+ShapeTrace oneProcess(const std::string& cacheDir, const std::string& tag, size_t n, LoadOrder order,
                       const std::function<TraceMethodLoad(size_t)>& loadAt) {
     const std::string dir = cacheDir + "/shape-v" + std::to_string(kShapeVersion) + "-" + tag;
-    makeDirs(dir);
     ShapeTrace trace;
     trace.hostName = kHost;
     const unsigned pid = 7000;
     trace.pids.push_back(pid);
-    trace.paths.push_back(dir + "/" + kHost + "." + std::to_string(pid) + ".jit");
-    trace.fileBytes = writeOnce(trace.paths.back(), [&](JitTraceWriter& writer) {
-        for (size_t i = 0; i < n; ++i)
-            if (!writer.writeMethodLoad(3, true, loadAt(i)))
-                throw std::runtime_error(writer.errorText());
-    });
+    const size_t files = order == LoadOrder::twoFiles ? 2 : 1;
+    for (size_t f = 0; f < files; ++f) {
+        const std::string fileDir = files == 1 ? dir : dir + "/" + std::to_string(f + 1);
+        makeDirs(fileDir);
+        trace.paths.push_back(fileDir + "/" + kHost + "." + std::to_string(pid) + ".jit");
+        const size_t from = f * (n / 2);
+        const size_t to = f + 1 == files ? n : n / 2;
+        trace.fileBytes += writeOnce(trace.paths.back(), [&](JitTraceWriter& writer) {
+            for (size_t i = from; i < to; ++i)
+                if (!writer.writeMethodLoad(3, true, loadAt(i)))
+                    throw std::runtime_error(writer.errorText());
+        });
+    }
     const TraceMethodLoad first = loadAt(0);
     trace.probeAddress.push_back(first.regions[0].startAddress);
     trace.probeTime.push_back(first.loadTime);
@@ -91,18 +133,19 @@ ShapeTrace oneProcess(const std::string& cacheDir, const std::string& tag, size_
 
 } // namespace
 
-ShapeTrace staggeredTrace(const std::string& cacheDir, size_t n, bool backwards) {
-    const std::string tag = (backwards ? "staggered-backwards-" : "staggered-") + std::to_string(n);
-    return oneProcess(cacheDir, tag, n, [n, backwards](size_t i) {
-        return load(static_cast<uint32_t>(i + 1), kFirstTime + (backwards ? n - 1 - i : i), kBase + 16 * i,
-                    static_cast<uint32_t>(16 * n));
+ShapeTrace staggeredTrace(const std::string& cacheDir, size_t n, LoadOrder order) {
+    const std::string tag = std::string("staggered-") + orderTag(order) + std::to_string(n);
+    const std::vector<uint64_t> times = loadTimes(n, order);
+    return oneProcess(cacheDir, tag, n, order, [n, &times](size_t i) {
+        return load(static_cast<uint32_t>(i + 1), times[i], kBase + 16 * i, static_cast<uint32_t>(16 * n));
     });
 }
 
-ShapeTrace hotAreaTrace(const std::string& cacheDir, size_t n, bool backwards) {
-    const std::string tag = (backwards ? "hot-area-backwards-" : "hot-area-") + std::to_string(n);
-    return oneProcess(cacheDir, tag, n, [n, backwards](size_t i) {
-        return load(static_cast<uint32_t>(i + 1), kFirstTime + (backwards ? n - 1 - i : i), kBase + 8 * (i % 2), 256);
+ShapeTrace hotAreaTrace(const std::string& cacheDir, size_t n, LoadOrder order) {
+    const std::string tag = std::string("hot-area-") + orderTag(order) + std::to_string(n);
+    const std::vector<uint64_t> times = loadTimes(n, order);
+    return oneProcess(cacheDir, tag, n, order, [&times](size_t i) {
+        return load(static_cast<uint32_t>(i + 1), times[i], kBase + 8 * (i % 2), 256);
     });
 }
 
