@@ -27,14 +27,19 @@ void addPiece(std::vector<AddressHistory::Piece>& pieces, u64 start, u64 end, u3
 
 std::atomic<u64> AddressHistory::s_stepLimit{u64(1) << 27};
 
-const AddressHistory::Link* AddressHistory::linkAt(u32 slot, u64 address) const {
+AddressHistory::Link* AddressHistory::linkAt(u32 slot, u64 address) const {
     const LinkRun& run = m_runs[slot];
     if (run.count == 0)
         return nullptr;
-    const Link* first = m_links.data() + run.at;
-    const Link* last = first + run.count;
-    const Link* link = std::upper_bound(first, last, address, [](u64 a, const Link& l) { return a < l.from; });
+    Link* const first = m_links.data() + run.at;
+    Link* const last = first + run.count;
+    Link* const link = std::upper_bound(first, last, address, [](u64 a, const Link& l) { return a < l.from; });
     return link == first ? nullptr : link - 1;
+}
+
+u64 AddressHistory::linkEnd(u32 slot, const Link& link) const {
+    const LinkRun& run = m_runs[slot];
+    return &link + 1 != m_links.data() + run.at + run.count ? (&link + 1)->from : m_slots[slot].end;
 }
 
 u32 AddressHistory::stepDown(u32 slot, u64 address, u64 time) const {
@@ -168,15 +173,15 @@ void AddressHistory::buildJumps() const {
     for (u32 slot = 0; slot < order.size(); ++slot)
         order[slot] = slot;
     std::stable_sort(order.begin(), order.end(), [this](u32 a, u32 b) { return loadTime(a) < loadTime(b); });
-    for (u32 slot : order) {
-        const LinkRun& run = m_runs[slot];
-        for (u32 i = 0; i < run.count; ++i) {
-            Link& link = m_links[run.at + i];
-            const u64 to = i + 1 < run.count ? m_links[run.at + i + 1].from : m_slots[slot].end;
-            link.jump = link.slot == kNone ? kNone : jumpFor(slot, link.from, to, link.slot);
-        }
-    }
+    for (u32 slot : order)
+        setJumps(slot);
     m_hasJumps = true;
+}
+
+void AddressHistory::setJumps(u32 slot) const {
+    const LinkRun& run = m_runs[slot];
+    for (Link* link = m_links.data() + run.at; link != m_links.data() + run.at + run.count; ++link)
+        link->jump = link->slot == kNone ? kNone : jumpFor(slot, link->from, linkEnd(slot, *link), link->slot);
 }
 
 // [start, end) lies under `top`. Walks down the history there to where
@@ -257,14 +262,10 @@ void AddressHistory::link(u32 self, const std::vector<Piece>& pieces, bool quiet
             m_links.push_back(Link{p.start, p.below, kNone});
             ++run.count;
         }
-        for (u32 i = 0; m_hasJumps && i < run.count; ++i) {
-            Link& l = m_links[run.at + i];
-            const u64 to = i + 1 < run.count ? m_links[run.at + i + 1].from : m_slots[self].end;
-            if (l.slot != kNone)
-                l.jump = jumpFor(self, l.from, to, l.slot);
-        }
     }
     m_runs.push_back(run);
+    if (m_hasJumps)
+        setJumps(self);
 
     bool shadowed = false;
     for (size_t i = 0; i < pieces.size();) {
@@ -334,17 +335,10 @@ void AddressHistory::raiseJumps(u32 self) {
     for (const Walked& w : m_walked) {
         if (level(w.slot) >= height || loadTime(w.slot) <= placed.loadTime)
             continue;
-        const LinkRun& run = m_runs[w.slot];
-        Link* const first = m_links.data() + run.at;
-        Link* const last = first + run.count;
-        Link* const after = std::upper_bound(first, last, w.at, [](u64 a, const Link& l) { return a < l.from; });
-        if (after == first)
+        Link* const link = linkAt(w.slot, w.at);
+        if (!link || link->slot == self || link->slot == kNone)
             continue;
-        Link* const link = after - 1;
-        if (link->slot == self || link->slot == kNone)
-            continue;
-        const u64 to = link + 1 != last ? (link + 1)->from : m_slots[w.slot].end;
-        if (placed.start > link->from || placed.end < to)
+        if (placed.start > link->from || placed.end < linkEnd(w.slot, *link))
             continue; // the jump must hold over the whole stretch
         if (link->jump == kNone || loadTime(link->jump) < placed.loadTime)
             link->jump = self;

@@ -140,8 +140,11 @@ private:
     // Links the registered slot in along pieces.
     void link(u32 self, const std::vector<Piece>& pieces, bool quiet);
     size_t endLives(u64 start, u64 end, u64 time);
-    // The link of slot that holds address; null when nothing lies below it anywhere.
-    const Link* linkAt(u32 slot, u64 address) const;
+    // The link of slot that holds address; null when nothing lies below it
+    // anywhere. Its jump may be set through it (an aid to walking).
+    Link* linkAt(u32 slot, u64 address) const;
+    // Where slot's link ends: the next link's start, or the slot's end.
+    u64 linkEnd(u32 slot, const Link& link) const;
     // The next region down from slot at address on the way to a moment
     // before `time`: the jump when that is loaded after `time` as well.
     u32 stepDown(u32 slot, u64 address, u64 time) const;
@@ -174,6 +177,8 @@ private:
     // file in time order whose records look up only recent moments never
     // pays for them. From then on link() sets them for new regions.
     void buildJumps() const;
+    // Sets the jumps of slot's links.
+    void setJumps(u32 slot) const;
     // Regions a lookup walks past before it has the jumps built.
     static const unsigned kWalkWithoutJumps = 32;
     // Points the jumps of the regions the last plan walked down past at the
