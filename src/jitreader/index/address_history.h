@@ -68,10 +68,11 @@ public:
     // stretch of the latest or oldest regions looked at, and each region an
     // unload checks because it went in below a later load. A load later than
     // everything under it takes none (a file in time order takes none at
-    // all), nor does one older than everything; a hostile file, say loads
-    // over one area in random time order, takes about n^1.4 steps along
-    // the jumps, and nothing bounds the worst case. Past the limit such
-    // records are refused, so that reading any file stays within seconds.
+    // all), nor does one older than everything; loads over one area in
+    // random time order take a few dozen to a few hundred steps each along
+    // the jumps (about log^2 n), and nothing bounds the worst case. Past the
+    // limit such records are refused, so that reading any file stays within
+    // seconds.
     // The default is 2^27 (a few seconds).
     static u64 stepLimit() { return s_stepLimit.load(std::memory_order_relaxed); }
     static void setStepLimit(u64 limit) { s_stepLimit.store(limit, std::memory_order_relaxed); } // tests
