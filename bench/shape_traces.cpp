@@ -71,18 +71,10 @@ uint64_t writeOnce(const std::string& path, const std::function<void(JitTraceWri
     return size;
 }
 
+// What a trace's cache directory says of its order, in LoadOrder's order.
 const char* orderTag(LoadOrder order) {
-    switch (order) {
-    case LoadOrder::inTime:
-        return "";
-    case LoadOrder::backwards:
-        return "backwards-";
-    case LoadOrder::shuffled:
-        return "shuffled-";
-    case LoadOrder::twoFiles:
-        return "two-files-";
-    }
-    return "";
+    static const char* const kTags[] = {"", "backwards-", "shuffled-", "two-files-"};
+    return kTags[static_cast<int>(order)];
 }
 
 // The load time of each load i of n in that order, from kFirstTime on. Two

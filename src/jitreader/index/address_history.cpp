@@ -42,11 +42,14 @@ u64 AddressHistory::linkEnd(u32 slot, const Link& link) const {
     return &link + 1 != m_links.data() + run.at + run.count ? (&link + 1)->from : m_slots[slot].end;
 }
 
+u32 AddressHistory::nextDown(const Link& link, u64 time) const {
+    // Past a jump that is still later than time, every region skipped is too.
+    return link.jump != kNone && loadTime(link.jump) > time ? link.jump : link.slot;
+}
+
 u32 AddressHistory::stepDown(u32 slot, u64 address, u64 time) const {
     const Link* link = linkAt(slot, address);
-    if (!link)
-        return kNone;
-    return link->jump != kNone && loadTime(link->jump) > time ? link->jump : link->slot;
+    return link ? nextDown(*link, time) : kNone;
 }
 
 unsigned AddressHistory::level(u32 slot) {
@@ -156,24 +159,27 @@ void AddressHistory::planFromOldest(u64 start, u64 end, u64 newLoadTime, std::ve
         addPiece(pieces, cursor, end, kNone, kNone);
 }
 
-void AddressHistory::buildBottom() const {
-    // Every region in the order of its load time, the latest first: each
-    // one assigned cuts away the later ones below it.
-    std::vector<u32> order(m_linked);
-    for (u32 slot = 0; slot < order.size(); ++slot)
-        order[slot] = slot;
-    std::stable_sort(order.begin(), order.end(), [this](u32 a, u32 b) { return loadTime(a) > loadTime(b); });
-    for (u32 slot : order)
-        m_bottom.assign(m_slots[slot].start, m_slots[slot].end, slot);
-    m_hasBottom = true;
-}
-
-void AddressHistory::buildJumps() const {
+std::vector<u32> AddressHistory::linkedByLoadTime() const {
     std::vector<u32> order(m_linked);
     for (u32 slot = 0; slot < order.size(); ++slot)
         order[slot] = slot;
     std::stable_sort(order.begin(), order.end(), [this](u32 a, u32 b) { return loadTime(a) < loadTime(b); });
-    for (u32 slot : order)
+    return order;
+}
+
+void AddressHistory::buildBottom() const {
+    // The latest first: each region assigned cuts away the later ones below
+    // it. (Regions of one load time that overlap were refused, so the order
+    // among them does not matter.)
+    const std::vector<u32> order = linkedByLoadTime();
+    for (auto slot = order.rbegin(); slot != order.rend(); ++slot)
+        m_bottom.assign(m_slots[*slot].start, m_slots[*slot].end, *slot);
+    m_hasBottom = true;
+}
+
+void AddressHistory::buildJumps() const {
+    // The oldest first: a jump climbs along the jumps of those below.
+    for (u32 slot : linkedByLoadTime())
         setJumps(slot);
     m_hasJumps = true;
 }
@@ -223,21 +229,14 @@ void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::
             continue;
         }
         m_walked.push_back(Walked{step.slot, step.start});
-        const Link* first = m_links.data() + run.at;
-        const Link* last = first + run.count;
-        const u64 ownerEnd = m_slots[step.slot].end;
-        const Link* link =
-            std::upper_bound(first, last, step.start, [](u64 a, const Link& l) { return a < l.from; }) - 1;
+        const Link* const last = m_links.data() + run.at + run.count;
         const size_t mark = todo.size();
-        for (; link != last && link->from < step.end; ++link) {
-            const u64 to = link + 1 != last ? (link + 1)->from : ownerEnd;
+        // The first link starts at the region's start, so one holds step.start.
+        for (const Link* link = linkAt(step.slot, step.start); link != last && link->from < step.end; ++link) {
             const u64 lo = std::max(link->from, step.start);
-            const u64 hi = std::min(to, step.end);
-            if (lo >= hi)
-                continue;
-            // Past a jump that is still later than the new load, every region skipped is too.
-            const bool skip = link->jump != kNone && loadTime(link->jump) > newLoadTime;
-            todo.push_back(Step{lo, hi, skip ? link->jump : link->slot, step.slot});
+            const u64 hi = std::min(linkEnd(step.slot, *link), step.end);
+            if (lo < hi)
+                todo.push_back(Step{lo, hi, nextDown(*link, newLoadTime), step.slot});
         }
         // Popped in address order.
         std::reverse(todo.begin() + static_cast<std::ptrdiff_t>(mark), todo.end());

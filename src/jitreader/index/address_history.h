@@ -149,6 +149,8 @@ private:
     // The next region down from slot at address on the way to a moment
     // before `time`: the jump when that is loaded after `time` as well.
     u32 stepDown(u32 slot, u64 address, u64 time) const;
+    // The same from a link: its jump when that is later than time, else the region below.
+    u32 nextDown(const Link& link, u64 time) const;
     // A slot's height in the skip structure of the jumps: 0 for half of
     // them, 1 for a quarter, and so on, fixed by its number.
     static unsigned level(u32 slot);
@@ -172,6 +174,8 @@ private:
     bool takeSteps(u64 count) const;
     void descend(u64 start, u64 end, u32 top, u64 loadTime, std::vector<Piece>& pieces, u32& clash, bool& ok,
                  bool limited) const;
+    // The linked slots in load-time order, the oldest first (stable).
+    std::vector<u32> linkedByLoadTime() const;
     void buildBottom() const;
     // Sets the jumps of every link, in load-time order (a jump climbs along
     // those further down), the first time a load or a lookup walks down: a
