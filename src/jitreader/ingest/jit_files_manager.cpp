@@ -520,16 +520,21 @@ quarvel_error_t JitFilesManager::readJitFiles(decoding_mode_t mode, JitDataManag
     if (m_wholeSetRead.load() || m_everyProcessRead.load())
         return meSuccess;
     const bulk_memory::PageRecycling recycling;
+    std::vector<ProcessJitInfo*> read;
     for (auto& host : m_processes) {
         for (auto& entry : host.second) {
             ProcessJitInfo& process = entry.second;
             if (process.read.load())
                 continue;
             if (readProcessFiles(process, entry.first, host.first, mode, dataManager, true) == meSuccess)
-                markRead(process);
+                read.push_back(&process);
         }
     }
     dataManager.finalize();
+    // Marked only once the model is final: with every process read, queries
+    // take no lock, and one asked before finalize() would find nothing.
+    for (ProcessJitInfo* process : read)
+        markRead(*process);
     m_wholeSetRead = true;
     return meSuccess;
 }
