@@ -42,14 +42,59 @@ u64 AddressHistory::linkEnd(u32 slot, const Link& link) const {
     return &link + 1 != m_links.data() + run.at + run.count ? (&link + 1)->from : m_slots[slot].end;
 }
 
-u32 AddressHistory::nextDown(const Link& link, u64 time) const {
-    // Past a jump that is still later than time, every region skipped is too.
-    return link.jump != kNone && loadTime(link.jump) > time ? link.jump : link.slot;
+const u32* AddressHistory::tower(u32 owner, const Link& link, unsigned& levels) const {
+    if (link.jump == kNone) {
+        levels = 0;
+        return nullptr;
+    }
+    const unsigned height = level(owner);
+    levels = height + 1;
+    return height == 0 ? &link.jump : m_towers.data() + link.jump;
+}
+
+u32 AddressHistory::downAt(u32 owner, const Link& link, unsigned l) const {
+    unsigned levels = 0;
+    const u32* const up = tower(owner, link, levels);
+    return l == 0 ? link.slot : l <= levels ? up[l - 1] : kNone;
+}
+
+void AddressHistory::setDownAt(u32 owner, Link& link, unsigned l, u32 slot) const {
+    const unsigned height = level(owner);
+    if (height == 0) {
+        link.jump = slot;
+        return;
+    }
+    if (link.jump == kNone) {
+        if (m_towers.size() + height + 1 >= kNone)
+            return; // no room to say where it starts: the link goes without
+        link.jump = static_cast<u32>(m_towers.size());
+        m_towers.resize(m_towers.size() + height + 1, u32(kNone));
+    }
+    m_towers[link.jump + l - 1] = slot;
+}
+
+u32 AddressHistory::farthestDown(u32 owner, const Link& link) const {
+    unsigned levels = 0;
+    const u32* const up = tower(owner, link, levels);
+    for (unsigned l = levels; l > 0; --l)
+        if (up[l - 1] != kNone)
+            return up[l - 1];
+    return link.slot;
+}
+
+u32 AddressHistory::nextDown(u32 owner, const Link& link, u64 time) const {
+    // Past a pointer that is still later than time, every region skipped is too.
+    unsigned levels = 0;
+    const u32* const up = tower(owner, link, levels);
+    for (unsigned l = levels; l > 0; --l)
+        if (up[l - 1] != kNone && loadTime(up[l - 1]) > time)
+            return up[l - 1];
+    return link.slot;
 }
 
 u32 AddressHistory::stepDown(u32 slot, u64 address, u64 time) const {
     const Link* link = linkAt(slot, address);
-    return link ? nextDown(*link, time) : kNone;
+    return link ? nextDown(slot, *link, time) : kNone;
 }
 
 unsigned AddressHistory::level(u32 slot) {
@@ -60,20 +105,27 @@ unsigned AddressHistory::level(u32 slot) {
     return static_cast<unsigned>(__builtin_ctz(h | 0x80000000u));
 }
 
-u32 AddressHistory::jumpFor(u32 self, u64 start, u64 end, u32 below) const {
-    // The climb stays short: each jump on the way goes to a higher level.
-    const unsigned height = level(self);
-    u32 at = below;
-    for (unsigned i = 0; i < 64 && level(at) <= height; ++i) {
-        const Link* link = linkAt(at, start);
-        if (!link)
-            break;
-        const u32 next = link->jump != kNone ? link->jump : link->slot;
-        if (next == kNone || m_slots[next].start > start || m_slots[next].end < end)
-            break; // the jump must hold over the whole stretch
-        at = next;
+void AddressHistory::setTower(u32 self, Link& link, u64 end) const {
+    link.jump = kNone;
+    if (link.slot == kNone)
+        return;
+    // The climb stays short: each pointer on the way goes to a higher level.
+    u32 at = link.slot;
+    unsigned climbs = 0;
+    bool stuck = false;
+    for (unsigned l = 1; l <= level(self) + 1; ++l) {
+        while (!stuck && level(at) < l && climbs++ < 64) {
+            const Link* below = linkAt(at, link.from);
+            const u32 next = below ? farthestDown(at, *below) : kNone;
+            stuck = next == kNone || !covers(next, link.from, end); // a pointer must hold over the whole stretch
+            if (!stuck)
+                at = next;
+        }
+        if (at != link.slot)
+            setDownAt(self, link, l, at);
+        if (level(at) < l)
+            break; // stuck below this level: higher pointers would repeat this one
     }
-    return at == below ? kNone : at;
 }
 
 bool AddressHistory::plan(u64 start, u64 end, u64 newLoadTime, std::vector<Piece>& pieces, u32& clash,
@@ -187,7 +239,7 @@ void AddressHistory::buildJumps() const {
 void AddressHistory::setJumps(u32 slot) const {
     const LinkRun& run = m_runs[slot];
     for (Link* link = m_links.data() + run.at; link != m_links.data() + run.at + run.count; ++link)
-        link->jump = link->slot == kNone ? kNone : jumpFor(slot, link->from, linkEnd(slot, *link), link->slot);
+        setTower(slot, *link, linkEnd(slot, *link));
 }
 
 // [start, end) lies under `top`. Walks down the history there to where
@@ -236,7 +288,7 @@ void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::
             const u64 lo = std::max(link->from, step.start);
             const u64 hi = std::min(linkEnd(step.slot, *link), step.end);
             if (lo < hi)
-                todo.push_back(Step{lo, hi, nextDown(*link, newLoadTime), step.slot});
+                todo.push_back(Step{lo, hi, nextDown(step.slot, *link, newLoadTime), step.slot});
         }
         // Popped in address order.
         std::reverse(todo.begin() + static_cast<std::ptrdiff_t>(mark), todo.end());
@@ -325,22 +377,29 @@ void AddressHistory::link(u32 self, const std::vector<Piece>& pieces, bool quiet
 }
 
 void AddressHistory::raiseJumps(u32 self) {
-    // As a skip list's insertion does: each region the walk went down past,
-    // of a lower level than the new one, jumps to it from now on where its
-    // jump went past it. Regions slid in at the bottom of a run are then
-    // reached from its top in a few jumps, not one region at a time.
+    // As a skip list's insertion does: each region the walk went down past
+    // points at the new one from now on at each level the new one has (and
+    // at most one above its own), where its pointer went past it. Regions
+    // slid in at the bottom of a run are then reached from its top in a few
+    // jumps, not one region at a time.
     const Slot& placed = m_slots[self];
     const unsigned height = level(self);
+    if (height == 0)
+        m_walked.clear(); // a region of level 0 is only ever directly below
     for (const Walked& w : m_walked) {
-        if (level(w.slot) >= height || loadTime(w.slot) <= placed.loadTime)
+        if (loadTime(w.slot) <= placed.loadTime)
             continue;
         Link* const link = linkAt(w.slot, w.at);
         if (!link || link->slot == self || link->slot == kNone)
             continue;
-        if (placed.start > link->from || placed.end < linkEnd(w.slot, *link))
-            continue; // the jump must hold over the whole stretch
-        if (link->jump == kNone || loadTime(link->jump) < placed.loadTime)
-            link->jump = self;
+        if (!covers(self, link->from, linkEnd(w.slot, *link)))
+            continue; // a pointer must hold over the whole stretch
+        const unsigned top = std::min(height, level(w.slot) + 1);
+        for (unsigned l = 1; l <= top; ++l) {
+            const u32 down = downAt(w.slot, *link, l);
+            if (down == kNone || loadTime(down) < placed.loadTime)
+                setDownAt(w.slot, *link, l, self);
+        }
     }
     m_walked.clear();
 }
@@ -355,32 +414,47 @@ void AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slo
         old.assign(m_links.begin() + run.at, m_links.begin() + run.at + run.count);
     else
         old.push_back(Link{ownerStart, kNone, kNone});
+    // Each merged link with its pointers further down, levels of them.
+    const unsigned levels = m_hasJumps ? level(owner) + 1 : 0;
     std::vector<Link> merged;
-    auto add = [&merged](u64 from, u32 below, u32 jump) {
-        if (merged.empty() || merged.back().slot != below || merged.back().jump != jump)
-            merged.push_back(Link{from, below, jump});
+    std::vector<u32> downs;
+    auto add = [&](u64 from, u32 below, const u32* up) {
+        if (!merged.empty() && merged.back().slot == below && std::equal(up, up + levels, downs.end() - levels))
+            return;
+        merged.push_back(Link{from, below, kNone});
+        downs.insert(downs.end(), up, up + levels);
     };
+    std::vector<u32> oldUp(levels);
+    std::vector<u32> newUp(levels);
     size_t k = 0;
     for (size_t i = 0; i < old.size(); ++i) {
         const u64 from = old[i].from;
         const u64 to = i + 1 < old.size() ? old[i + 1].from : ownerEnd;
+        for (unsigned l = 1; l <= levels; ++l) {
+            oldUp[l - 1] = downAt(owner, old[i], l);
+            // What was below covers the stretch and stays below the new
+            // region: the owner's pointers past both.
+            newUp[l - 1] = oldUp[l - 1] != kNone ? oldUp[l - 1] : old[i].slot;
+        }
         u64 at = from;
         for (; k < pieces.size() && pieces[k].start < to; ++k) {
             const Piece& p = pieces[k];
             if (p.above != owner || p.end <= at)
                 continue;
             if (p.start > at)
-                add(at, old[i].slot, old[i].jump);
-            // What was below covers the stretch and stays below the new
-            // region: the owner's jump past both.
-            add(std::max(p.start, at), slot, (!m_hasJumps || old[i].jump != kNone) ? old[i].jump : old[i].slot);
+                add(at, old[i].slot, oldUp.data());
+            add(std::max(p.start, at), slot, newUp.data());
             at = std::min(p.end, to);
             if (p.end > to)
                 break; // the piece goes on into the next stretch
         }
         if (at < to)
-            add(at, old[i].slot, old[i].jump);
+            add(at, old[i].slot, oldUp.data());
     }
+    for (size_t m = 0; m < merged.size(); ++m)
+        for (unsigned l = 1; l <= levels; ++l)
+            if (downs[m * levels + l - 1] != kNone)
+                setDownAt(owner, merged[m], l, downs[m * levels + l - 1]);
     m_staleLinks += run.count;
     run.at = static_cast<u32>(m_links.size());
     run.count = static_cast<u32>(merged.size());
@@ -495,6 +569,7 @@ void AddressHistory::freeze() {
     m_hasJumps = false;
     GrowingArray<LinkRun>().swap(m_runs);
     std::vector<Link>().swap(m_links);
+    std::vector<u32>().swap(m_towers);
     std::vector<u32>().swap(m_shadowed);
     std::vector<Walked>().swap(m_walked);
     m_staleLinks = 0;

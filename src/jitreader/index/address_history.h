@@ -69,8 +69,9 @@ public:
     // unload checks because it went in below a later load. A load later than
     // everything under it takes none (a file in time order takes none at
     // all), nor does one older than everything; loads over one area in
-    // random time order take a few dozen to a few hundred steps each along
-    // the jumps (about log^2 n), and nothing bounds the worst case. Past the
+    // random time order take a few dozen steps each along the jumps (about
+    // 2 log n for each stretch the load's range crosses), and nothing
+    // bounds the worst case. Past the
     // limit such records are refused, so that reading any file stays within
     // seconds.
     // The default is 2^27 (a few seconds).
@@ -116,12 +117,15 @@ private:
     struct Link {
         u64 from; // the link holds from here to the next link (or the owner's end)
         u32 slot; // kNone: nothing below
-        // A region further down that covers the link's whole stretch, or
-        // kNone. Everything between is loaded later than it, so a walk to
-        // an earlier moment skips to it whenever it is still too late
-        // itself. Chosen like the next higher tower of a skip list (see
-        // level()), so that walks take tens of steps rather than n. Set
-        // only once a walk down is needed (see buildJumps()).
+        // The link's jumps, pointers further down as a skip list's tower:
+        // at level l, the first region below of level l or more (see
+        // level()) that covers the link's whole stretch, for l from 1 to the
+        // owner's level plus one. Everything a pointer skips is loaded later
+        // than its target, so a walk to an earlier moment takes the highest
+        // pointer that is still too late itself, and walks take O(log n)
+        // steps. An owner of level 0 keeps its one pointer here; a higher
+        // one keeps here where its tower starts in m_towers. kNone: none
+        // (yet). Set only once a walk down is needed (see buildJumps()).
         u32 jump;
     };
     struct LinkRun { // a slot's below links in m_links; none: nothing was below it anywhere
@@ -147,17 +151,29 @@ private:
     // Where slot's link ends: the next link's start, or the slot's end.
     u64 linkEnd(u32 slot, const Link& link) const;
     // The next region down from slot at address on the way to a moment
-    // before `time`: the jump when that is loaded after `time` as well.
+    // before `time`: the highest of its pointers further down that is still
+    // loaded after `time`, else the region directly below.
     u32 stepDown(u32 slot, u64 address, u64 time) const;
-    // The same from a link: its jump when that is later than time, else the region below.
-    u32 nextDown(const Link& link, u64 time) const;
+    // The same from owner's link.
+    u32 nextDown(u32 owner, const Link& link, u64 time) const;
     // A slot's height in the skip structure of the jumps: 0 for half of
     // them, 1 for a quarter, and so on, fixed by its number.
     static unsigned level(u32 slot);
-    // The jump for self's link over [start, end) to `below`: climbing from
-    // below along the jumps to the first region of a higher level than
-    // self's that still covers the whole stretch.
-    u32 jumpFor(u32 self, u64 start, u64 end, u32 below) const;
+    // The pointers of owner's link from level 1 up, levels of them (none
+    // until they are set).
+    const u32* tower(u32 owner, const Link& link, unsigned& levels) const;
+    // The pointer of owner's link at level l (0: the region directly below).
+    u32 downAt(u32 owner, const Link& link, unsigned l) const;
+    void setDownAt(u32 owner, Link& link, unsigned l, u32 slot) const;
+    // The farthest pointer of owner's link: its highest one set, else the region below.
+    u32 farthestDown(u32 owner, const Link& link) const;
+    // Whether slot covers [start, end) whole.
+    bool covers(u32 slot, u64 start, u64 end) const { return m_slots[slot].start <= start && m_slots[slot].end >= end; }
+    // Sets the pointers of self's link, which ends at end: for each level,
+    // climbing from the region below along the farthest pointers to the
+    // first region of that level or higher that still covers the whole
+    // stretch.
+    void setTower(u32 self, Link& link, u64 end) const;
     // The plan over [start, end) from the latest regions there. With
     // mayTurn it stops at the first stretch under a later load and returns
     // where that starts, for the caller to plan the rest from the oldest
@@ -186,8 +202,9 @@ private:
     void setJumps(u32 slot) const;
     // Regions a lookup walks past before it has the jumps built.
     static const unsigned kWalkWithoutJumps = 32;
-    // Points the jumps of the regions the last plan walked down past at the
-    // new region self, where that makes them shorter and still valid.
+    // Points the pointers of the regions the last plan walked down past at
+    // the new region self, at the levels it has, where that makes them
+    // shorter and still valid: a skip list's insertion.
     void raiseJumps(u32 self);
     // owner has `slot` directly below it on the stretches of pieces whose above is owner.
     void relink(u32 owner, const std::vector<Piece>& pieces, u32 slot);
@@ -200,6 +217,7 @@ private:
     // Registration state.
     GrowingArray<LinkRun> m_runs;      // per slot
     mutable std::vector<Link> m_links; // mutable for their jumps, an aid to walking that is built late
+    mutable std::vector<u32> m_towers; // the pointers of links whose owner's level is above 0
     size_t m_staleLinks = 0;           // links of runs that a relink replaced
     TopMap m_top;
     // Regions placed below a later load somewhere: only these can stay live
