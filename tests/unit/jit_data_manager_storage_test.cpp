@@ -197,6 +197,41 @@ TEST(JitDataManagerStorage, LoadsOutOfOrderSkipDownTheHistory) {
     EXPECT_LE(manager.indexStats().descentSteps, 16 * n);
 }
 
+// Loads slid in under one long region, each cutting one of its n stretches:
+// over the small regions below it (the long one's links keep their number)
+// and in the gaps between them (each adds two, and the run grows in place).
+// Rewriting the long region's whole run for every load kept n^2 links
+// (4 GB at n = 8000).
+TEST(JitDataManagerStorage, LoadsSlidUnderALongRegionRewriteOnlyTheirStretch) {
+    const size_t n = 2000;
+    const u64 longTime = 100 * n;
+    for (bool inGaps : {false, true}) {
+        SCOPED_TRACE(inGaps ? "in the gaps" : "over the small regions");
+        JitDataManager manager;
+        u32 id = 1;
+        auto load = [&manager, &id](u64 start, u32 length, u64 time) {
+            const u32 raw = id++;
+            return manager.processMethodLoadRecord(
+                kPid, kHost, makeMethod(raw, time, {{start, length, 0x100000 + u64(raw) * 0x40000}}));
+        };
+        for (size_t i = 0; i < n; ++i)
+            ASSERT_TRUE(load(0x10000 + 64 * i, 16, 10 * (i + 1)).ok());
+        ASSERT_TRUE(load(0x10000, static_cast<u32>(64 * n), longTime).ok());
+        for (size_t i = 0; i < n; ++i)
+            ASSERT_TRUE(load(0x10000 + 64 * i + (inGaps ? 32 : 0), inGaps ? 8 : 16, 10 * (i + 1) + 5).ok());
+        const JitDataManager::IndexStats stats = manager.indexStats();
+        EXPECT_LE(stats.belowLinkStorage, 12 * n);
+        if (!inGaps) { // in the gaps the run grows, and the links it moves count as steps
+            EXPECT_LE(stats.descentSteps, 4 * n);
+        }
+        manager.finalize();
+        const u64 at = 0x10000 + 64 * 700 + (inGaps ? 32 : 0);
+        EXPECT_EQ(n + 2 + 700, ownerAt(manager, at, 10 * 701 + 5));
+        EXPECT_EQ(inGaps ? 0u : 701u, ownerAt(manager, at, 10 * 701 + 4));
+        EXPECT_EQ(n + 1, ownerAt(manager, at, longTime));
+    }
+}
+
 // A step limit for one test; the default comes back after it.
 class StepLimit {
 public:

@@ -187,8 +187,6 @@ void AddressHistory::planFromOldest(u64 start, u64 end, u64 newLoadTime, std::ve
                                     bool& ok, bool limited) const {
     if (!m_hasBottom)
         buildBottom();
-    if (!m_hasJumps)
-        buildJumps(); // what the bottom map does not place walks down
     u64 cursor = start;
     m_bottom.forEachOverlapping(start, end, [&](const TopMap::Interval& oldest) {
         if (!ok)
@@ -201,10 +199,14 @@ void AddressHistory::planFromOldest(u64 start, u64 end, u64 newLoadTime, std::ve
         const u64 hi = std::min(oldest.end, end);
         if (cursor < lo)
             addPiece(pieces, cursor, lo, kNone, kNone);
-        if (newLoadTime < loadTime(oldest.slot))
+        if (newLoadTime < loadTime(oldest.slot)) {
             addPiece(pieces, lo, hi, oldest.slot, kNone); // older than all there: nothing below it
-        else
-            planFromTop(lo, hi, newLoadTime, pieces, clash, ok, limited, false);
+            cursor = hi;
+            return;
+        }
+        if (!m_hasJumps)
+            buildJumps(); // a walk down: a file written backwards never takes one
+        planFromTop(lo, hi, newLoadTime, pieces, clash, ok, limited, false);
         cursor = hi;
     });
     if (ok && cursor < end)
@@ -314,6 +316,7 @@ void AddressHistory::link(u32 self, const std::vector<Piece>& pieces, bool quiet
             ++run.count;
         }
     }
+    m_liveLinks += run.count;
     m_runs.push_back(run);
     if (m_hasJumps)
         setJumps(self);
@@ -341,8 +344,14 @@ void AddressHistory::link(u32 self, const std::vector<Piece>& pieces, bool quiet
                 owners.push_back(p.above);
         std::sort(owners.begin(), owners.end());
         owners.erase(std::unique(owners.begin(), owners.end()), owners.end());
+        size_t moved = 0;
         for (u32 owner : owners)
-            relink(owner, pieces, self);
+            moved += relink(owner, pieces, self);
+        // Links moved count against the step limit, after the fact: a
+        // plan cannot tell how far a run must move, and the next records
+        // are refused once the limit is passed.
+        if (!quiet)
+            m_steps += moved / kLinksPerStep;
         m_shadowed.push_back(self);
     }
 
@@ -404,17 +413,49 @@ void AddressHistory::raiseJumps(u32 self) {
     m_walked.clear();
 }
 
-void AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slot) {
+u32 AddressHistory::capacity(const LinkRun& run) {
+    if (!run.roomy || run.count == 0)
+        return run.count;
+    u32 room = 1;
+    while (room < run.count)
+        room <<= 1;
+    return room;
+}
+
+size_t AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slot) {
+    // Where the new region lies directly under the owner.
+    u64 lo = ~u64(0);
+    u64 hi = 0;
+    for (const Piece& p : pieces)
+        if (p.above == owner) {
+            lo = std::min(lo, p.start);
+            hi = std::max(hi, p.end);
+        }
+    if (lo >= hi)
+        return 0;
     LinkRun& run = m_runs[owner];
-    const u64 ownerStart = m_slots[owner].start;
-    const u64 ownerEnd = m_slots[owner].end;
-    // The owner's links as stretches, with the new region's stretches cut in.
+    const u32 count = run.count;
+    // The window of the owner's links that overlap [lo, hi); an owner with
+    // nothing below anywhere has one stretch over its whole range.
     std::vector<Link> old;
-    if (run.count)
-        old.assign(m_links.begin() + run.at, m_links.begin() + run.at + run.count);
-    else
-        old.push_back(Link{ownerStart, kNone, kNone});
-    // Each merged link with its pointers further down, levels of them.
+    size_t first = 0;
+    size_t last = 0;
+    if (count) {
+        const Link* const begin = m_links.data() + run.at;
+        const Link* const end = begin + count;
+        const Link* const from = linkAt(owner, lo);
+        first = from ? static_cast<size_t>(from - begin) : 0;
+        last = static_cast<size_t>(
+            std::lower_bound(begin + first, end, hi, [](const Link& l, u64 a) { return l.from < a; }) - begin);
+        old.assign(begin + first, begin + last);
+    } else {
+        old.push_back(Link{m_slots[owner].start, kNone, kNone});
+        last = 1;
+    }
+    const u64 windowEnd = count && last < count ? m_links[run.at + last].from : m_slots[owner].end;
+
+    // The window's links with the new region's stretches cut in, each with
+    // its pointers further down, levels of them.
     const unsigned levels = m_hasJumps ? level(owner) + 1 : 0;
     std::vector<Link> merged;
     std::vector<u32> downs;
@@ -429,7 +470,7 @@ void AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slo
     size_t k = 0;
     for (size_t i = 0; i < old.size(); ++i) {
         const u64 from = old[i].from;
-        const u64 to = i + 1 < old.size() ? old[i + 1].from : ownerEnd;
+        const u64 to = i + 1 < old.size() ? old[i + 1].from : windowEnd;
         for (unsigned l = 1; l <= levels; ++l) {
             oldUp[l - 1] = downAt(owner, old[i], l);
             // What was below covers the stretch and stays below the new
@@ -451,14 +492,46 @@ void AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slo
         if (at < to)
             add(at, old[i].slot, oldUp.data());
     }
+    // Each new link gets a tower of its own: the old links' towers stay
+    // theirs (a raise must not reach a stretch it does not cover).
     for (size_t m = 0; m < merged.size(); ++m)
         for (unsigned l = 1; l <= levels; ++l)
             if (downs[m * levels + l - 1] != kNone)
                 setDownAt(owner, merged[m], l, downs[m * levels + l - 1]);
-    m_staleLinks += run.count;
-    run.at = static_cast<u32>(m_links.size());
-    run.count = static_cast<u32>(merged.size());
-    m_links.insert(m_links.end(), merged.begin(), merged.end());
+
+    const size_t newCount = count ? count - (last - first) + merged.size() : merged.size();
+    size_t moved = merged.size();
+    if (count && newCount <= capacity(run)) {
+        // In place: the links after the window move by what it grew or shrank.
+        Link* const begin = m_links.data() + run.at;
+        if (merged.size() > last - first)
+            std::move_backward(begin + last, begin + count, begin + newCount);
+        else if (merged.size() < last - first)
+            std::move(begin + last, begin + count, begin + first + merged.size());
+        if (merged.size() != last - first)
+            moved += count - last;
+        std::copy(merged.begin(), merged.end(), begin + first);
+    } else {
+        // Moved to the end with room to grow; the old place is given up.
+        LinkRun grown;
+        grown.at = static_cast<u32>(m_links.size());
+        grown.count = static_cast<u32>(newCount);
+        grown.roomy = 1;
+        std::vector<Link> links;
+        links.reserve(capacity(grown));
+        if (count)
+            links.insert(links.end(), m_links.begin() + run.at, m_links.begin() + run.at + first);
+        links.insert(links.end(), merged.begin(), merged.end());
+        if (count)
+            links.insert(links.end(), m_links.begin() + run.at + last, m_links.begin() + run.at + count);
+        links.resize(capacity(grown), Link{0, kNone, kNone});
+        m_links.insert(m_links.end(), links.begin(), links.end());
+        run = grown;
+        moved = newCount;
+    }
+    run.count = static_cast<u32>(newCount);
+    m_liveLinks = m_liveLinks - count + newCount;
+    return moved;
 }
 
 AddressLookup AddressHistory::find(u64 address, u64 timestamp, bool limited) const {
@@ -572,7 +645,7 @@ void AddressHistory::freeze() {
     std::vector<u32>().swap(m_towers);
     std::vector<u32>().swap(m_shadowed);
     std::vector<Walked>().swap(m_walked);
-    m_staleLinks = 0;
+    m_liveLinks = 0;
     m_frozen = true;
 }
 

@@ -111,7 +111,8 @@ public:
     const Slots& slots() const { return m_slots; }
     bool empty() const { return m_slots.empty(); }
     size_t topIntervals() const { return m_top.size(); }
-    size_t linkCount() const { return m_links.size() - m_staleLinks; }
+    size_t linkCount() const { return m_liveLinks; }
+    size_t linkStorage() const { return m_links.size(); }
 
 private:
     struct Link {
@@ -129,8 +130,13 @@ private:
         u32 jump;
     };
     struct LinkRun { // a slot's below links in m_links; none: nothing was below it anywhere
+        LinkRun() : count(0), roomy(0) {}
         u32 at = 0;
-        u32 count = 0;
+        u32 count : 31;
+        // Set once a relink has moved the run: it then has room for
+        // bit_ceil(count) links, so that a run cut again and again grows in
+        // place and moves only when it doubles.
+        u32 roomy : 1;
     };
     struct Unload {
         u64 start;
@@ -206,8 +212,15 @@ private:
     // the new region self, at the levels it has, where that makes them
     // shorter and still valid: a skip list's insertion.
     void raiseJumps(u32 self);
-    // owner has `slot` directly below it on the stretches of pieces whose above is owner.
-    void relink(u32 owner, const std::vector<Piece>& pieces, u32 slot);
+    // owner has `slot` directly below it on the stretches of pieces whose
+    // above is owner. Rewrites only the links over those stretches; the
+    // rest of the run moves along when it has to grow (see LinkRun::roomy).
+    // Returns how many links it wrote.
+    size_t relink(u32 owner, const std::vector<Piece>& pieces, u32 slot);
+    // Links a run has room for.
+    static u32 capacity(const LinkRun& run);
+    // Links a relink writes for each step it counts against the limit.
+    static const u32 kLinksPerStep = 16;
     bool endLife(u32 slot, u64 time);
 
     Slots m_slots; // in registration order
@@ -218,7 +231,7 @@ private:
     GrowingArray<LinkRun> m_runs;      // per slot
     mutable std::vector<Link> m_links; // mutable for their jumps, an aid to walking that is built late
     mutable std::vector<u32> m_towers; // the pointers of links whose owner's level is above 0
-    size_t m_staleLinks = 0;           // links of runs that a relink replaced
+    size_t m_liveLinks = 0;            // the others are runs' room, and runs that a relink moved
     TopMap m_top;
     // Regions placed below a later load somewhere: only these can stay live
     // where something else is on top.

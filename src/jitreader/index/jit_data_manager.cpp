@@ -691,6 +691,7 @@ JitDataManager::IndexStats JitDataManager::indexStats() const {
         stats.regions += s.history.slots().size();
         stats.topIntervals += s.history.topIntervals();
         stats.belowLinks += s.history.linkCount();
+        stats.belowLinkStorage += s.history.linkStorage();
         stats.descentSteps += s.history.stepsTaken();
         stats.pieces += s.frozen.pieceCount();
         stats.pieceEntries += s.frozen.entryCount();

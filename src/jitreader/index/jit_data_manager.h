@@ -112,12 +112,13 @@ public:
 
     // Sizes of the structures, for tests that hold the storage to its bounds.
     struct IndexStats {
-        size_t regions = 0;      // placed regions, all address spaces
-        size_t topIntervals = 0; // latest-region intervals
-        size_t belowLinks = 0;   // history links between regions
-        size_t descentSteps = 0; // walked down the links by loads out of time order
-        size_t pieces = 0;       // pieces of the finalized query indexes
-        size_t pieceEntries = 0; // region entries of the finalized query indexes
+        size_t regions = 0;          // placed regions, all address spaces
+        size_t topIntervals = 0;     // latest-region intervals
+        size_t belowLinks = 0;       // history links between regions
+        size_t belowLinkStorage = 0; // the same with the room they take: runs moved and room to grow
+        size_t descentSteps = 0;     // walked down the links by loads out of time order
+        size_t pieces = 0;           // pieces of the finalized query indexes
+        size_t pieceEntries = 0;     // region entries of the finalized query indexes
         size_t jitRvaRuns = 0;
         size_t indexedRegions = 0; // regions indexed by every finalize() so far
     };
