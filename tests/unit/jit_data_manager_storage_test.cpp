@@ -297,8 +297,9 @@ TEST(JitDataManagerStorage, LoadsOutOfOrderPastTheStepLimitAreRefused) {
 }
 
 // An unload checks every live region that went in below a later load: with
-// n loads written backwards, all of them. Those checks count against the
-// limit as well; past it an unload is refused and changes nothing.
+// n loads written backwards, all of them; and every latest region over its
+// range. Those checks count against the limit as well; past it an unload is
+// refused and changes nothing.
 TEST(JitDataManagerStorage, UnloadsPastTheStepLimitAreRefused) {
     const StepLimit limit(2000);
     JitDataManager manager;
@@ -322,6 +323,23 @@ TEST(JitDataManagerStorage, UnloadsPastTheStepLimitAreRefused) {
     EXPECT_FALSE(manager.processCodeUnload(kPid, kHost, 0x10000, 64, 4000).ok());
     manager.finalize();
     EXPECT_EQ(1u, ownerAt(manager, 0x10010, 4500));
+
+    // Unloads over a wide range look at every latest region in it, ended or
+    // not: each counts as well, or n of them over n regions cost n^2.
+    JitDataManager wide;
+    for (u32 i = 0; i < loads; ++i)
+        ASSERT_TRUE(wide.processMethodLoadRecord(
+                            kPid, kHost,
+                            makeMethod(i + 1, 10 * u64(i + 1), {{0x10000 + 0x100 * u64(i), 64, 0x100000 + i * 0x100}}))
+                        .ok());
+    Outcomes wideUnloads;
+    for (u32 k = 0; k < 20; ++k)
+        wideUnloads.add(wide.processCodeUnload(kPid, kHost, 0x10000, 0x100 * loads, 5000 + k));
+    EXPECT_EQ(2000 / (loads - AddressHistory::kUncountedTops), wideUnloads.accepted);
+    EXPECT_NE(std::string::npos, wideUnloads.firstReason.find("more than the limit of 2000"))
+        << wideUnloads.firstReason;
+    wide.finalize();
+    EXPECT_EQ(0u, ownerAt(wide, 0x10010, 5010)); // the first unload ended them all
 }
 
 // Regions near both ends of the address space: their bounds do not fit one

@@ -606,7 +606,18 @@ bool AddressHistory::endLife(u32 slot, u64 time) {
 
 bool AddressHistory::unload(u64 start, u64 end, u64 time, size_t& ended) {
     ended = 0;
-    if (!takeSteps(m_shadowed.size()))
+    // The latest regions over the range past the first few are steps too,
+    // so that unloads over wide ranges, again and again, stay within the
+    // limit (the unload of one method's code takes none); counting them
+    // stops where the limit would be passed.
+    const u64 left = m_steps < stepLimit() ? stepLimit() - m_steps : 0;
+    if (m_shadowed.size() > left)
+        return false;
+    u64 tops = 0;
+    m_top.forEachOverlappingWhile(start, end, [&](const TopMap::Interval&) {
+        return ++tops <= kUncountedTops || tops - kUncountedTops + m_shadowed.size() <= left;
+    });
+    if (!takeSteps((tops > kUncountedTops ? tops - kUncountedTops : 0) + m_shadowed.size()))
         return false;
     m_unloads.push_back(Unload{start, end, time, m_slots.size()});
     ended = endLives(start, end, time);

@@ -65,16 +65,16 @@ public:
     // Steps that the plans of one address space's loads out of time order,
     // the limited lookups of records that name an earlier moment, and its
     // unloads may take in all: each region walked past on the way down, each
-    // stretch of the latest or oldest regions looked at, and each region an
-    // unload checks because it went in below a later load. A load later than
-    // everything under it takes none (a file in time order takes none at
-    // all), nor does one older than everything; loads over one area in
+    // stretch of the latest or oldest regions looked at, each region an
+    // unload checks because it went in below a later load or past the first
+    // few over its range, and each 16 links a relink moves. A load later
+    // than everything under it takes none (a file in time order takes none
+    // at all), nor does one older than everything; loads over one area in
     // random time order take a few dozen steps each along the jumps (about
-    // 2 log n for each stretch the load's range crosses), and nothing
-    // bounds the worst case. Past the
-    // limit such records are refused, so that reading any file stays within
-    // seconds.
-    // The default is 2^27 (a few seconds).
+    // 2 log n for each stretch the load's range crosses), and nothing bounds
+    // the worst case. Past the limit such records are refused, so that
+    // reading any file stays within seconds. The default is 2^27 (a few
+    // seconds).
     static u64 stepLimit() { return s_stepLimit.load(std::memory_order_relaxed); }
     static void setStepLimit(u64 limit) { s_stepLimit.store(limit, std::memory_order_relaxed); } // tests
     u64 stepsTaken() const { return m_steps; }
@@ -95,9 +95,12 @@ public:
 
     // Ends at `time` the life of every live region overlapping [start, end)
     // that was loaded before `time`; ended says how many. An unload checks
-    // each live region that went in below a later load, and each counts as
-    // a step: false, with nothing changed, when they would pass the limit.
+    // the latest region at each stretch of the range and each live region
+    // that went in below a later load, and each counts as a step (but the
+    // first kUncountedTops latest ones): false, with nothing changed, when
+    // they would pass the limit.
     bool unload(u64 start, u64 end, u64 time, size_t& ended);
+    static const u64 kUncountedTops = 4;
 
     // Drops the registration state once the query index answers for the
     // space: the top map and the links. The slots stay.
