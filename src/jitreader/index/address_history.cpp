@@ -28,28 +28,15 @@ void addPiece(std::vector<AddressHistory::Piece>& pieces, u64 start, u64 end, u3
 std::atomic<u64> AddressHistory::s_stepLimit{u64(1) << 27};
 
 AddressHistory::Link* AddressHistory::linkAt(u32 slot, u64 address) const {
-    const LinkRun& run = m_runs[slot];
-    if (run.count == 0)
-        return nullptr;
-    Link* const first = m_links.data() + run.at;
-    Link* const last = first + run.count;
-    Link* const link = std::upper_bound(first, last, address, [](u64 a, const Link& l) { return a < l.from; });
-    return link == first ? nullptr : link - 1;
+    return m_links.at(slot, address);
 }
 
 u64 AddressHistory::linkEnd(u32 slot, const Link& link) const {
-    const LinkRun& run = m_runs[slot];
-    return &link + 1 != m_links.data() + run.at + run.count ? (&link + 1)->from : m_slots[slot].end;
+    return m_links.isLast(slot, link) ? m_slots[slot].end : (&link + 1)->from;
 }
 
 const u32* AddressHistory::tower(u32 owner, const Link& link, unsigned& levels) const {
-    if (link.jump == kNone) {
-        levels = 0;
-        return nullptr;
-    }
-    const unsigned height = level(owner);
-    levels = height + 1;
-    return height == 0 ? &link.jump : m_towers.data() + link.jump;
+    return m_links.tower(link, level(owner), levels);
 }
 
 u32 AddressHistory::downAt(u32 owner, const Link& link, unsigned l) const {
@@ -59,18 +46,7 @@ u32 AddressHistory::downAt(u32 owner, const Link& link, unsigned l) const {
 }
 
 void AddressHistory::setDownAt(u32 owner, Link& link, unsigned l, u32 slot) const {
-    const unsigned height = level(owner);
-    if (height == 0) {
-        link.jump = slot;
-        return;
-    }
-    if (link.jump == kNone) {
-        if (m_towers.size() + height + 1 >= kNone)
-            return; // no room to say where it starts: the link goes without
-        link.jump = static_cast<u32>(m_towers.size());
-        m_towers.resize(m_towers.size() + height + 1, u32(kNone));
-    }
-    m_towers[link.jump + l - 1] = slot;
+    m_links.setDown(link, level(owner), l, slot);
 }
 
 u32 AddressHistory::farthestDown(u32 owner, const Link& link) const {
@@ -239,8 +215,7 @@ void AddressHistory::buildJumps() const {
 }
 
 void AddressHistory::setJumps(u32 slot) const {
-    const LinkRun& run = m_runs[slot];
-    for (Link* link = m_links.data() + run.at; link != m_links.data() + run.at + run.count; ++link)
+    for (Link* link = m_links.begin(slot); link != m_links.end(slot); ++link)
         setTower(slot, *link, linkEnd(slot, *link));
 }
 
@@ -277,13 +252,12 @@ void AddressHistory::descend(u64 start, u64 end, u32 top, u64 newLoadTime, std::
             return;
         }
         // Loaded later than the new region: look below it, stretch by stretch.
-        const LinkRun& run = m_runs[step.slot];
-        if (run.count == 0) {
+        if (m_links.count(step.slot) == 0) {
             addPiece(pieces, step.start, step.end, step.slot, kNone);
             continue;
         }
         m_walked.push_back(Walked{step.slot, step.start});
-        const Link* const last = m_links.data() + run.at + run.count;
+        const Link* const last = m_links.end(step.slot);
         const size_t mark = todo.size();
         // The first link starts at the region's start, so one holds step.start.
         for (const Link* link = linkAt(step.slot, step.start); link != last && link->from < step.end; ++link) {
@@ -306,18 +280,10 @@ u32 AddressHistory::place(Region& region, JitMethod& method, const std::vector<P
 }
 
 void AddressHistory::link(u32 self, const std::vector<Piece>& pieces, bool quiet) {
-    LinkRun run;
-    if (std::any_of(pieces.begin(), pieces.end(), [](const Piece& p) { return p.below != kNone; })) {
-        run.at = static_cast<u32>(m_links.size());
-        for (const Piece& p : pieces) {
-            if (run.count && m_links.back().slot == p.below)
-                continue;
-            m_links.push_back(Link{p.start, p.below, kNone});
-            ++run.count;
-        }
-    }
-    m_liveLinks += run.count;
-    m_runs.push_back(run);
+    m_links.openRun();
+    if (std::any_of(pieces.begin(), pieces.end(), [](const Piece& p) { return p.below != kNone; }))
+        for (const Piece& p : pieces)
+            m_links.appendLink(p.start, p.below);
     if (m_hasJumps)
         setJumps(self);
 
@@ -413,15 +379,6 @@ void AddressHistory::raiseJumps(u32 self) {
     m_walked.clear();
 }
 
-u32 AddressHistory::capacity(const LinkRun& run) {
-    if (!run.roomy || run.count == 0)
-        return run.count;
-    u32 room = 1;
-    while (room < run.count)
-        room <<= 1;
-    return room;
-}
-
 size_t AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 slot) {
     // Where the new region lies directly under the owner.
     u64 lo = ~u64(0);
@@ -433,16 +390,15 @@ size_t AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 s
         }
     if (lo >= hi)
         return 0;
-    LinkRun& run = m_runs[owner];
-    const u32 count = run.count;
+    const u32 count = m_links.count(owner);
     // The window of the owner's links that overlap [lo, hi); an owner with
     // nothing below anywhere has one stretch over its whole range.
     std::vector<Link> old;
     size_t first = 0;
     size_t last = 0;
     if (count) {
-        const Link* const begin = m_links.data() + run.at;
-        const Link* const end = begin + count;
+        const Link* const begin = m_links.begin(owner);
+        const Link* const end = m_links.end(owner);
         const Link* const from = linkAt(owner, lo);
         first = from ? static_cast<size_t>(from - begin) : 0;
         last = static_cast<size_t>(
@@ -450,9 +406,8 @@ size_t AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 s
         old.assign(begin + first, begin + last);
     } else {
         old.push_back(Link{m_slots[owner].start, kNone, kNone});
-        last = 1;
     }
-    const u64 windowEnd = count && last < count ? m_links[run.at + last].from : m_slots[owner].end;
+    const u64 windowEnd = last < count ? m_links.begin(owner)[last].from : m_slots[owner].end;
 
     // The window's links with the new region's stretches cut in, each with
     // its pointers further down, levels of them.
@@ -499,39 +454,7 @@ size_t AddressHistory::relink(u32 owner, const std::vector<Piece>& pieces, u32 s
             if (downs[m * levels + l - 1] != kNone)
                 setDownAt(owner, merged[m], l, downs[m * levels + l - 1]);
 
-    const size_t newCount = count ? count - (last - first) + merged.size() : merged.size();
-    size_t moved = merged.size();
-    if (count && newCount <= capacity(run)) {
-        // In place: the links after the window move by what it grew or shrank.
-        Link* const begin = m_links.data() + run.at;
-        if (merged.size() > last - first)
-            std::move_backward(begin + last, begin + count, begin + newCount);
-        else if (merged.size() < last - first)
-            std::move(begin + last, begin + count, begin + first + merged.size());
-        if (merged.size() != last - first)
-            moved += count - last;
-        std::copy(merged.begin(), merged.end(), begin + first);
-    } else {
-        // Moved to the end with room to grow; the old place is given up.
-        LinkRun grown;
-        grown.at = static_cast<u32>(m_links.size());
-        grown.count = static_cast<u32>(newCount);
-        grown.roomy = 1;
-        std::vector<Link> links;
-        links.reserve(capacity(grown));
-        if (count)
-            links.insert(links.end(), m_links.begin() + run.at, m_links.begin() + run.at + first);
-        links.insert(links.end(), merged.begin(), merged.end());
-        if (count)
-            links.insert(links.end(), m_links.begin() + run.at + last, m_links.begin() + run.at + count);
-        links.resize(capacity(grown), Link{0, kNone, kNone});
-        m_links.insert(m_links.end(), links.begin(), links.end());
-        run = grown;
-        moved = newCount;
-    }
-    run.count = static_cast<u32>(newCount);
-    m_liveLinks = m_liveLinks - count + newCount;
-    return moved;
+    return m_links.replace(owner, first, last, merged);
 }
 
 AddressLookup AddressHistory::find(u64 address, u64 timestamp, bool limited) const {
@@ -651,12 +574,9 @@ void AddressHistory::freeze() {
     m_bottom.clear();
     m_hasBottom = false;
     m_hasJumps = false;
-    GrowingArray<LinkRun>().swap(m_runs);
-    std::vector<Link>().swap(m_links);
-    std::vector<u32>().swap(m_towers);
+    m_links.clear();
     std::vector<u32>().swap(m_shadowed);
     std::vector<Walked>().swap(m_walked);
-    m_liveLinks = 0;
     m_frozen = true;
 }
 

@@ -2,6 +2,7 @@
 #define QUARVEL_INDEX_ADDRESS_HISTORY_H
 
 #include "index/address_lookup.h"
+#include "index/below_links.h"
 #include "index/top_map.h"
 #include "model/jit_method.h"
 #include "model/region.h"
@@ -114,33 +115,18 @@ public:
     const Slots& slots() const { return m_slots; }
     bool empty() const { return m_slots.empty(); }
     size_t topIntervals() const { return m_top.size(); }
-    size_t linkCount() const { return m_liveLinks; }
-    size_t linkStorage() const { return m_links.size(); }
+    size_t linkCount() const { return m_links.liveCount(); }
+    size_t linkStorage() const { return m_links.storage(); }
 
 private:
-    struct Link {
-        u64 from; // the link holds from here to the next link (or the owner's end)
-        u32 slot; // kNone: nothing below
-        // The link's jumps, pointers further down as a skip list's tower:
-        // at level l, the first region below of level l or more (see
-        // level()) that covers the link's whole stretch, for l from 1 to the
-        // owner's level plus one. Everything a pointer skips is loaded later
-        // than its target, so a walk to an earlier moment takes the highest
-        // pointer that is still too late itself, and walks take O(log n)
-        // steps. An owner of level 0 keeps its one pointer here; a higher
-        // one keeps here where its tower starts in m_towers. kNone: none
-        // (yet). Set only once a walk down is needed (see buildJumps()).
-        u32 jump;
-    };
-    struct LinkRun { // a slot's below links in m_links; none: nothing was below it anywhere
-        LinkRun() : count(0), roomy(0) {}
-        u32 at = 0;
-        u32 count : 31;
-        // Set once a relink has moved the run: it then has room for
-        // bit_ceil(count) links, so that a run cut again and again grows in
-        // place and moves only when it doubles.
-        u32 roomy : 1;
-    };
+    // A link's jumps are pointers further down as a skip list's tower: at
+    // level l, the first region below of level l or more (see level()) that
+    // covers the link's whole stretch, for l from 1 to the owner's level
+    // plus one. Everything a pointer skips is loaded later than its target,
+    // so a walk to an earlier moment takes the highest pointer that is still
+    // too late itself, and walks take O(log n) steps. Set only once a walk
+    // down is needed (see buildJumps()).
+    typedef BelowLinks::Link Link;
     struct Unload {
         u64 start;
         u64 end;
@@ -217,11 +203,9 @@ private:
     void raiseJumps(u32 self);
     // owner has `slot` directly below it on the stretches of pieces whose
     // above is owner. Rewrites only the links over those stretches; the
-    // rest of the run moves along when it has to grow (see LinkRun::roomy).
+    // rest of the run moves along when it has to grow (see BelowLinks).
     // Returns how many links it wrote.
     size_t relink(u32 owner, const std::vector<Piece>& pieces, u32 slot);
-    // Links a run has room for.
-    static u32 capacity(const LinkRun& run);
     // Links a relink writes for each step it counts against the limit.
     static const u32 kLinksPerStep = 16;
     bool endLife(u32 slot, u64 time);
@@ -231,10 +215,7 @@ private:
     bool m_frozen = false;
 
     // Registration state.
-    GrowingArray<LinkRun> m_runs;      // per slot
-    mutable std::vector<Link> m_links; // mutable for their jumps, an aid to walking that is built late
-    mutable std::vector<u32> m_towers; // the pointers of links whose owner's level is above 0
-    size_t m_liveLinks = 0;            // the others are runs' room, and runs that a relink moved
+    mutable BelowLinks m_links; // mutable for their jumps, an aid to walking that is built late
     TopMap m_top;
     // Regions placed below a later load somewhere: only these can stay live
     // where something else is on top.
