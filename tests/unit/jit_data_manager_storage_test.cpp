@@ -201,7 +201,7 @@ TEST(JitDataManagerStorage, LoadsOutOfOrderSkipDownTheHistory) {
 // over the small regions below it (the long one's links keep their number)
 // and in the gaps between them (each adds two, and the run grows in place).
 // Rewriting the long region's whole run for every load kept n^2 links
-// (4 GB at n = 8000).
+// (2-4 GB at n = 8000).
 TEST(JitDataManagerStorage, LoadsSlidUnderALongRegionRewriteOnlyTheirStretch) {
     const size_t n = 2000;
     const u64 longTime = 100 * n;
