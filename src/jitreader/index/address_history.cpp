@@ -49,23 +49,23 @@ void AddressHistory::setDownAt(u32 owner, Link& link, unsigned l, u32 slot) cons
     m_links.setDown(link, level(owner), l, slot);
 }
 
-u32 AddressHistory::farthestDown(u32 owner, const Link& link) const {
+template <typename Take>
+u32 AddressHistory::highestDown(u32 owner, const Link& link, Take take) const {
     unsigned levels = 0;
     const u32* const up = tower(owner, link, levels);
     for (unsigned l = levels; l > 0; --l)
-        if (up[l - 1] != kNone)
+        if (up[l - 1] != kNone && take(up[l - 1]))
             return up[l - 1];
     return link.slot;
 }
 
+u32 AddressHistory::farthestDown(u32 owner, const Link& link) const {
+    return highestDown(owner, link, [](u32) { return true; });
+}
+
 u32 AddressHistory::nextDown(u32 owner, const Link& link, u64 time) const {
     // Past a pointer that is still later than time, every region skipped is too.
-    unsigned levels = 0;
-    const u32* const up = tower(owner, link, levels);
-    for (unsigned l = levels; l > 0; --l)
-        if (up[l - 1] != kNone && loadTime(up[l - 1]) > time)
-            return up[l - 1];
-    return link.slot;
+    return highestDown(owner, link, [this, time](u32 down) { return loadTime(down) > time; });
 }
 
 u32 AddressHistory::stepDown(u32 slot, u64 address, u64 time) const {
@@ -549,10 +549,8 @@ bool AddressHistory::unload(u64 start, u64 end, u64 time, size_t& ended) {
 
 size_t AddressHistory::endLives(u64 start, u64 end, u64 time) {
     size_t ended = 0;
-    std::vector<u32> tops;
-    m_top.forEachOverlapping(start, end, [&tops](const TopMap::Interval& top) { tops.push_back(top.slot); });
-    for (u32 slot : tops)
-        ended += endLife(slot, time);
+    m_top.forEachOverlapping(start, end,
+                             [this, &ended, time](const TopMap::Interval& top) { ended += endLife(top.slot, time); });
     // A live region that is not on top anywhere in the range was placed
     // below a later load: it is among the shadowed ones.
     for (size_t i = 0; i < m_shadowed.size();) {

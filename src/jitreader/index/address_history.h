@@ -160,6 +160,9 @@ private:
     // The pointer of owner's link at level l (0: the region directly below).
     u32 downAt(u32 owner, const Link& link, unsigned l) const;
     void setDownAt(u32 owner, Link& link, unsigned l, u32 slot) const;
+    // The highest pointer of owner's link that take(slot) accepts, else the region below.
+    template <typename Take>
+    u32 highestDown(u32 owner, const Link& link, Take take) const;
     // The farthest pointer of owner's link: its highest one set, else the region below.
     u32 farthestDown(u32 owner, const Link& link) const;
     // Whether slot covers [start, end) whole.

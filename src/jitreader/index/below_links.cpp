@@ -2,21 +2,6 @@
 
 QUARVEL_NAMESPACE_BEGIN
 
-void BelowLinks::openRun() {
-    Run run;
-    run.at = static_cast<u32>(m_links.size());
-    m_runs.push_back(run);
-}
-
-void BelowLinks::appendLink(u64 from, u32 below) {
-    Run& run = m_runs[m_runs.size() - 1];
-    if (run.count && m_links.back().slot == below)
-        return;
-    m_links.push_back(Link{from, below, kNone});
-    ++run.count;
-    ++m_live;
-}
-
 u32 BelowLinks::capacity(const Run& run) {
     if (!run.roomy || run.count == 0)
         return run.count;

@@ -32,8 +32,20 @@ public:
 
     // Opens the run of the next slot; appendLink() adds to it, skipping a
     // link with the same region below as the one before it.
-    void openRun();
-    void appendLink(u64 from, u32 below);
+    // Inline: every region placed calls them, on the path of a file read in time order.
+    void openRun() {
+        Run run;
+        run.at = static_cast<u32>(m_links.size());
+        m_runs.push_back(run);
+    }
+    void appendLink(u64 from, u32 below) {
+        Run& run = m_runs[m_runs.size() - 1];
+        if (run.count && m_links.back().slot == below)
+            return;
+        m_links.push_back(Link{from, below, kNone});
+        ++run.count;
+        ++m_live;
+    }
 
     size_t runCount() const { return m_runs.size(); }
     u32 count(u32 slot) const { return m_runs[slot].count; }
