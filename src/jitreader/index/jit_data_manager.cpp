@@ -513,25 +513,31 @@ quarvel_error_t JitDataManager::findRegion(u64 virtualAddress, u64 timestamp, u3
 quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId,
                                                 JitMethod::Ptr& method, u64& jitRva) const {
     method.reset();
-    traceQuery(virtualAddress, timestamp, pid, hostId);
+    const bool logging = QV_INFO_ENABLED(); // one level check a query, as symbolAt
+    if (logging)
+        traceQuery(virtualAddress, timestamp, pid, hostId);
     const AddressLookup hit = lookup(virtualAddress, timestamp, pid, hostId);
     if (!hit.ok()) {
-        traceUnmatched(hit, pid, virtualAddress, timestamp);
+        if (logging)
+            traceUnmatched(hit, pid, virtualAddress, timestamp);
         return meNotFound;
     }
     jitRva = virtualAddress + hit.jitRvaBias;
     method = hit.method;
-    QV_INFO("Resolved jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp
-                                           << ") to jit rva = " << jitRva << " of method " << method->getRawMethodId()
-                                           << ", name = " << method->getMethodName()
-                                           << ", load time = " << method->getLoadTime());
+    if (logging)
+        QV_INFO("Resolved jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp
+                                               << ") to jit rva = " << jitRva << " of method "
+                                               << method->getRawMethodId() << ", name = " << method->getMethodName()
+                                               << ", load time = " << method->getLoadTime());
     return meSuccess;
 }
 
 quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId,
                                                 IModule*& module, u64& jitRva) const {
     module = nullptr;
-    traceQuery(virtualAddress, timestamp, pid, hostId);
+    const bool logging = QV_INFO_ENABLED(); // one level check a query, as symbolAt
+    if (logging)
+        traceQuery(virtualAddress, timestamp, pid, hostId);
     const AddressSpace* target = space(pid, hostId);
     AddressLookup hit;
     if (!target || target->history.empty())
@@ -541,6 +547,8 @@ quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestam
     else
         hit = target->history.find(virtualAddress, timestamp);
     if (!hit.ok()) {
+        if (!logging)
+            return meNotFound;
         if (hit.outcome == AddressLookup::unloaded && !hit.region && QV_TRACE_ENABLED())
             hit.region = target->history.slots()[hit.slot].region; // for the log line
         traceUnmatched(hit, pid, virtualAddress, timestamp);
@@ -548,12 +556,12 @@ quarvel_error_t JitDataManager::resolveJitPoint(u64 virtualAddress, u64 timestam
     }
     jitRva = virtualAddress + hit.jitRvaBias;
     module = hit.module;
-    QV_INFO("Resolved jit point (vaddr = " << virtualAddress << ", timestamp = " << timestamp << ") to jit rva = "
-                                           << jitRva << " of method "
-                                           << target->history.slots()[hit.slot].method->getRawMethodId() << ", name = "
-                                           << target->history.slots()[hit.slot].method->getMethodName()
-                                           << ", load time = "
-                                           << target->history.slots()[hit.slot].method->getLoadTime());
+    if (logging)
+        QV_INFO("Resolved jit point (vaddr = "
+                << virtualAddress << ", timestamp = " << timestamp << ") to jit rva = " << jitRva << " of method "
+                << target->history.slots()[hit.slot].method->getRawMethodId()
+                << ", name = " << target->history.slots()[hit.slot].method->getMethodName()
+                << ", load time = " << target->history.slots()[hit.slot].method->getLoadTime());
     return meSuccess;
 }
 
@@ -564,20 +572,25 @@ const RegionInfo* JitDataManager::findJitRvaRegion(u64 jitRva) const {
 }
 
 const RegionInfo* JitDataManager::symbolAt(u64 jitRva) const {
-    QV_INFO("RESOLVE JIT POINT: jit rva = " << jitRva);
-    if (jitRva == kInvalidJitRva) {
-        QV_TRACE("Couldn't resolve jit rva = " << jitRva << " because it is invalid.");
-        return nullptr;
-    }
-    const RegionInfo* info = m_jitRvas.find(jitRva);
-    if (!info) {
-        QV_TRACE("Couldn't resolve jit rva = " << jitRva << " because it is out of the jit rva domain.");
-        return nullptr;
-    }
-    QV_INFO("Resolved jit rva = " << jitRva << " to method " << info->method->getRawMethodId() << ", name = "
-                                  << info->method->getMethodName() << ", load time = "
-                                  << info->method->getLoadTime());
+    const RegionInfo* info = jitRva == kInvalidJitRva ? nullptr : m_jitRvas.find(jitRva);
+    // One level check a query, its lines written after the lookup: each
+    // check is some thirty instructions, and the fewer a query takes, the
+    // more of a batch's independent lookups the processor keeps in flight.
+    if (QV_INFO_ENABLED())
+        logSymbolQuery(jitRva, info);
     return info;
+}
+
+void JitDataManager::logSymbolQuery(u64 jitRva, const RegionInfo* info) {
+    QV_INFO("RESOLVE JIT POINT: jit rva = " << jitRva);
+    if (jitRva == kInvalidJitRva)
+        QV_TRACE("Couldn't resolve jit rva = " << jitRva << " because it is invalid.");
+    else if (!info)
+        QV_TRACE("Couldn't resolve jit rva = " << jitRva << " because it is out of the jit rva domain.");
+    else
+        QV_INFO("Resolved jit rva = " << jitRva << " to method " << info->method->getRawMethodId()
+                                      << ", name = " << info->method->getMethodName()
+                                      << ", load time = " << info->method->getLoadTime());
 }
 
 quarvel_error_t JitDataManager::resolveJitPoint(u64 jitRva, JitMethod::Ptr& method) const {

@@ -144,6 +144,8 @@ private:
     AddressLookup lookup(u64 address, u64 timestamp, u32 pid, u32 hostId, bool limited = false) const;
     // Logs why lookup found nothing, as findRegion does.
     static void traceMiss(const AddressLookup& miss, u32 pid, u64 address, u64 timestamp);
+    // The INFO and TRACE lines of a symbol query, once INFO is on.
+    static void logSymbolQuery(u64 jitRva, const RegionInfo* info);
     // The TRACE lines of a query and of one that matched nothing.
     static void traceQuery(u64 virtualAddress, u64 timestamp, u32 pid, u32 hostId);
     static void traceUnmatched(const AddressLookup& miss, u32 pid, u64 virtualAddress, u64 timestamp);

@@ -50,5 +50,7 @@ QUARVEL_NAMESPACE_END
 #define QV_WARN(expr) QV_LOG_AT(log4cplus::WARN_LOG_LEVEL, expr)
 #define QV_ERROR(expr) QV_LOG_AT(log4cplus::ERROR_LOG_LEVEL, expr << ::quarvel::log::errorSuffix(__FILE__, __LINE__))
 #define QV_TRACE_ENABLED() ::quarvel::log::logger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)
+// TRACE lies below INFO: where INFO is off, so is TRACE.
+#define QV_INFO_ENABLED() ::quarvel::log::logger().isEnabledFor(log4cplus::INFO_LOG_LEVEL)
 
 #endif
