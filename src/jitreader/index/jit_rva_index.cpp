@@ -30,6 +30,7 @@ constexpr size_t kDirectedRun = 64;
 
 void JitRvaIndex::Directory::build(const Run& run) {
     firsts.clear();
+    likely.clear();
     entries = 0;
     const size_t n = run.size();
     if (n < kDirectedRun || n > std::numeric_limits<u32>::max())
@@ -74,16 +75,37 @@ void JitRvaIndex::Directory::fill(const Run& run) {
     }
     firsts[buckets] = static_cast<u32>(n);
     entries = n;
+    // The last bucket made before may have gained entries.
+    const size_t from = made ? made - 1 : 0;
+    likely.resize(buckets);
+    size_t holder = firsts[from] ? firsts[from] - 1 : 0; // the last entry starting at or below the middle
+    for (size_t b = from; b < buckets; ++b) {
+        const u64 middle = base + (u64(b) << shift) + ((u64(1) << shift) >> 1);
+        while (holder + 1 < n && run[holder + 1].startJitRva <= middle)
+            ++holder;
+        const bool next = run[holder].endJitRva() <= middle && holder + 1 < n;
+        likely[b] = run[holder + (next ? 1 : 0)].method;
+    }
 }
 
-std::pair<size_t, size_t> JitRvaIndex::Directory::bounds(u64 jitRva, size_t runSize) const {
+std::pair<size_t, size_t> JitRvaIndex::Directory::bounds(u64 jitRva, const Run& run) const {
     if (firsts.empty())
-        return {0, runSize};
+        return {0, run.size()};
     if (jitRva < base)
         return {0, 0};
     const size_t buckets = firsts.size() - 1;
     const size_t b = static_cast<size_t>(std::min<u64>((jitRva - base) >> shift, buckets - 1));
-    return {firsts[b], firsts[b + 1]};
+    const size_t first = firsts[b];
+    const size_t last = firsts[b + 1];
+    // A bucket holds a few entries: their lines (and the one before, whose
+    // entry may reach in) come in together instead of one per bisection step.
+    const char* line = reinterpret_cast<const char*>(run.data() + (first ? first - 1 : 0));
+    const char* const end = reinterpret_cast<const char*>(run.data() + std::min(last, first + 8));
+    for (; line < end; line += 64)
+        __builtin_prefetch(line);
+    __builtin_prefetch(end - 1);
+    __builtin_prefetch(likely[b]);
+    return {first, last};
 }
 
 const RegionInfo* JitRvaIndex::find(u64 jitRva) const {
@@ -92,8 +114,7 @@ const RegionInfo* JitRvaIndex::find(u64 jitRva) const {
     const bool directed = m_frozenRuns == m_runs.size();
     for (size_t r = 0; r < m_runs.size(); ++r) {
         const Run& run = m_runs[r];
-        const auto range =
-            directed ? m_directories[r].bounds(jitRva, run.size()) : std::make_pair(size_t(0), run.size());
+        const auto range = directed ? m_directories[r].bounds(jitRva, run) : std::make_pair(size_t(0), run.size());
         auto it = std::upper_bound(run.begin() + static_cast<std::ptrdiff_t>(range.first),
                                    run.begin() + static_cast<std::ptrdiff_t>(range.second), jitRva,
                                    [](u64 rva, const RegionInfo& e) { return rva < e.startJitRva; });

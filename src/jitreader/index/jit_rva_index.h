@@ -65,15 +65,20 @@ private:
         u64 base = 0;           // the run's first start
         unsigned shift = 0;     // a bucket spans 2^shift jit rvas
         BulkVector<u32> firsts; // per bucket, its first entry; then the run's size
-        size_t entries = 0;     // the entries the buckets cover (the run's size when last filled)
+        // Per bucket, the method of the entry that holds its middle: fetched
+        // beside the bucket's entries, a symbol query's method is then often
+        // in by the time its entry is, where it would be a miss of its own.
+        BulkVector<const JitMethod*> likely;
+        size_t entries = 0; // the entries the buckets cover (the run's size when last filled)
         void build(const Run& run);
         // The run grew at its end since build(): new buckets for the new
         // entries, or build() again once the buckets no longer fit its size.
         void extend(const Run& run);
         void fill(const Run& run);
         // The entries [first, last) of run among which the last start at or
-        // below jitRva lies, or just before them.
-        std::pair<size_t, size_t> bounds(u64 jitRva, size_t runSize) const;
+        // below jitRva lies, or just before them. Starts fetching those
+        // entries and the likely method: a lookup reads them next.
+        std::pair<size_t, size_t> bounds(u64 jitRva, const Run& run) const;
     };
 
     void sealLastRun();
