@@ -56,9 +56,16 @@ private:
     std::string m_path;
     RegularFile m_file;
     uint64_t m_size;
-    std::unique_ptr<uint8_t[]> m_buffer;
-    size_t m_capacity = 0;
-    uint64_t m_bufferOffset = 0; // the file offset of m_buffer[0]
+    static constexpr size_t kLine = 64;
+    struct alignas(kLine) Line {
+        uint8_t bytes[kLine];
+    };
+    uint8_t* bytes() { return reinterpret_cast<uint8_t*>(m_buffer.get()); }
+    size_t capacity() const { return m_lines * kLine; }
+
+    std::unique_ptr<Line[]> m_buffer;
+    size_t m_lines = 0;
+    uint64_t m_bufferOffset = 0; // the file offset of the buffer's first byte, a line's start
     size_t m_filled = 0;         // bytes of m_buffer holding file content
     std::string m_error;
 };
