@@ -320,13 +320,13 @@ size_t FrozenAddressIndex::firstStartingAbove(u64 address) const {
                                              m_blockStarts.begin());
     if (block == 0)
         return 0;
-    const auto first = m_starts.begin() + static_cast<std::ptrdiff_t>((block - 1) * kBlock);
-    const auto last = m_starts.begin() + static_cast<std::ptrdiff_t>(std::min(block * kBlock, m_starts.size()));
+    const u64* const starts = m_starts.data();
+    const u64* const first = starts + (block - 1) * kBlock;
+    const u64* const last = starts + std::min(block * kBlock, m_starts.size());
     // The block's lines all at once: bisected, they would come one after another.
-    for (const char* line = reinterpret_cast<const char*>(&*first); line < reinterpret_cast<const char*>(&*last);
-         line += 64)
-        __builtin_prefetch(line);
-    return static_cast<size_t>(std::upper_bound(first, last, address) - m_starts.begin());
+    for (size_t i = 0; i < static_cast<size_t>(last - first); i += 64 / sizeof(u64))
+        __builtin_prefetch(first + i);
+    return static_cast<size_t>(std::upper_bound(first, last, address) - starts);
 }
 
 size_t FrozenAddressIndex::pieceOf(u64 address) const {
