@@ -1,5 +1,7 @@
 #include "index/frozen_address_index.h"
 
+#include "support/cache_lines.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <unordered_map>
@@ -324,8 +326,7 @@ size_t FrozenAddressIndex::firstStartingAbove(u64 address) const {
     const u64* const first = starts + (block - 1) * kBlock;
     const u64* const last = starts + std::min(block * kBlock, m_starts.size());
     // The block's lines all at once: bisected, they would come one after another.
-    for (size_t i = 0; i < static_cast<size_t>(last - first); i += 64 / sizeof(u64))
-        __builtin_prefetch(first + i);
+    fetchLines(first, last);
     return static_cast<size_t>(std::upper_bound(first, last, address) - starts);
 }
 

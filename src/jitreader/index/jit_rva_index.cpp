@@ -1,5 +1,7 @@
 #include "index/jit_rva_index.h"
 
+#include "support/cache_lines.h"
+
 #include <algorithm>
 #include <iterator>
 #include <limits>
@@ -99,13 +101,7 @@ std::pair<size_t, size_t> JitRvaIndex::Directory::bounds(u64 jitRva, const Run& 
     const size_t last = firsts[b + 1];
     // A bucket holds a few entries: their lines (and the one before, whose
     // entry may reach in) come in together instead of one per bisection step.
-    const char* const from = reinterpret_cast<const char*>(run.data() + (first ? first - 1 : 0));
-    const size_t bytes =
-        static_cast<size_t>(reinterpret_cast<const char*>(run.data() + std::min(last, first + 8)) - from);
-    for (size_t at = 0; at < bytes; at += 64)
-        __builtin_prefetch(from + at);
-    if (bytes)
-        __builtin_prefetch(from + bytes - 1); // the last line, which the steps may pass over
+    fetchLines(run.data() + (first ? first - 1 : 0), run.data() + std::min(last, first + 8));
     __builtin_prefetch(likely[b]);
     return {first, last};
 }

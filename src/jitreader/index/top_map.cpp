@@ -1,5 +1,7 @@
 #include "index/top_map.h"
 
+#include "support/cache_lines.h"
+
 #include <algorithm>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -58,10 +60,7 @@ void TopMap::Chunk::moveTail(size_t from, Chunk& other) {
 }
 
 void TopMap::Chunk::fetch() const {
-    const char* const first = reinterpret_cast<const char*>(this);
-    const char* const last = reinterpret_cast<const char*>(starts + size);
-    for (const char* line = first; line < last; line += 64)
-        __builtin_prefetch(line);
+    fetchLines(this, starts + size);
 }
 
 TopMap::Position TopMap::firstEndingAfterPosition(u64 address) const {
