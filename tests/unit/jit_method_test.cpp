@@ -2,6 +2,7 @@
 
 #include "check_listener.h"
 #include "log_capture.h"
+#include "trace_equality.h"
 #include "model/jit_method.h"
 #include "model/module.h"
 
@@ -86,6 +87,28 @@ TEST(JitMethodLineInfoTest, AnyRowComesBackExactly) {
     }
     EXPECT_EQ(tables[1].size(), m.getLineNumberInfo().table(1, N2S).size());
     EXPECT_TRUE(m.getLineNumberInfo().table(1, N2M).empty());
+}
+
+// A method's first tables are encoded on the stack up to a number of rows and
+// in two passes beyond: rows whose every number takes five bytes, at that
+// number and one past it, spread unevenly over the three tables.
+TEST(JitMethodLineInfoTest, FirstTablesComeBackExactlyAtAnySize) {
+    for (const size_t rows : {LineTables::kOnePassRows, LineTables::kOnePassRows + 1}) {
+        Table tables[LineTables::kTypes];
+        for (size_t i = 0; i < rows; ++i) {
+            const u32 big = 0x80000000u + static_cast<u32>(i);
+            // Each row far from the one before: every delta zigzags to five bytes.
+            tables[i % 5 == 0 ? 0 : (i % 2) + 1].push_back({i % 2 ? big : 0, i % 2 ? 0 : big, i % 2 ? 0 : big});
+        }
+        LineTables::Span spans[LineTables::kTypes];
+        for (size_t t = 0; t < LineTables::kTypes; ++t)
+            spans[t] = {tables[t].data(), tables[t].size()};
+        JitMethod m;
+        ASSERT_TRUE(m.addLineNumberInfo(Range(0, 100), spans)) << rows << " rows";
+        for (size_t t = 0; t < LineTables::kTypes; ++t)
+            EXPECT_EQ(tables[t], m.getLineNumberInfo().table(0, static_cast<quarvel_line_info_type>(t)).rows())
+                << rows << " rows, table " << t;
+    }
 }
 
 TEST(JitMethodLineInfoTest, EachRangeAnswersWithItsTablesAndTheFirstTableAddedStays) {

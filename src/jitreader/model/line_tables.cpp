@@ -181,6 +181,10 @@ size_t LineTables::encodedSize(Span table) {
 }
 
 bool LineTables::add(const Range& r, const Span (&tables)[kTypes]) {
+    if (empty() && tables[0].size + tables[1].size + tables[2].size <= kOnePassRows) {
+        packFirstSmall(r, tables);
+        return true;
+    }
     size_t bytes = 0;
     for (const Span& table : tables)
         bytes += encodedSize(table);
@@ -245,6 +249,25 @@ void LineTables::packFirst(const Range& r, const Span (&tables)[kTypes], size_t 
     Header* const header = static_cast<Header*>(block_heap::allocate(blockBytes(1, bytes)));
     put(header, reinterpret_cast<uint8_t*>(header + 1), 0, r, tables);
     replace(header, 1);
+}
+
+// The tables of most methods have a few rows: encoded once into the stack
+// and copied into an exactly sized block, they need no pass to size them.
+void LineTables::packFirstSmall(const Range& r, const Span (&tables)[kTypes]) {
+    uint8_t rows[kOnePassRows * kMaxRowBytes];
+    Header header{};
+    header.start = r.start;
+    header.length = r.length;
+    uint8_t* end = rows;
+    for (size_t t = 0; t < kTypes; ++t) {
+        end = encode(tables[t], end);
+        header.end[t] = static_cast<u32>(end - rows);
+    }
+    const size_t bytes = static_cast<size_t>(end - rows);
+    Header* const block = static_cast<Header*>(block_heap::allocate(blockBytes(1, bytes)));
+    *new (block) Header() = header;
+    std::memcpy(block + 1, rows, bytes);
+    replace(block, 1);
 }
 
 u32 LineTables::put(Header* at, uint8_t* rows, u32 end, const Range& r, const Span (&tables)[kTypes]) {

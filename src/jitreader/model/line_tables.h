@@ -28,6 +28,9 @@ public:
     typedef quarvel_line_number_entry Entry;
     static constexpr size_t kTypes = 3;
     static constexpr size_t npos = ~size_t(0);
+    // A method's first tables of at most this many rows in all are encoded
+    // in one pass on the stack; more take a pass to size them first.
+    static constexpr size_t kOnePassRows = 256;
 
     // Rows to add: an array of the caller's.
     struct Span {
@@ -125,6 +128,8 @@ private:
     void replace(void* block, u32 ranges) noexcept;
     std::vector<Unpacked> unpack() const;
     void packFirst(const Range& r, const Span (&tables)[kTypes], size_t bytes);
+    static constexpr size_t kMaxRowBytes = 15; // three varints of at most five bytes
+    void packFirstSmall(const Range& r, const Span (&tables)[kTypes]);
     // Writes a range's header at `at` and its tables at rows + end; returns the new end.
     static u32 put(Header* at, uint8_t* rows, u32 end, const Range& r, const Span (&tables)[kTypes]);
     void pack(const std::vector<Unpacked>& ranges);
