@@ -102,6 +102,34 @@ TEST(BaseMethodInfoTest, MethodNamesAreDemangledOrQualified) {
     EXPECT_EQ("pkg::Bar", info.className());
 }
 
+// The reading pass hands the class name over as a view of the qualified
+// name's start; the names must come out as from separate strings.
+TEST(BaseMethodInfoTest, NamesFromViewsOfTheQualifiedNameMatchNamesFromCopies) {
+    const struct {
+        std::string qualified;
+        size_t classLength;
+    } cases[] = {
+        {"pkg::Foo::run(int)", 8},
+        {"pkg::Foo::run", 8},
+        {std::string("pkg::Foo::r\0un(int)", 19), 8}, // the names end at a NUL
+        {std::string("pk\0g::Foo::run(int)", 19), 8},
+        {"a(b::m(int)", 3}, // the method name ends inside the class name
+    };
+    for (const auto& c : cases) {
+        const std::string_view q = c.qualified;
+        BaseMethodInfo views;
+        views.setQualifiedNames(q.substr(0, c.classLength), q);
+        BaseMethodInfo copies;
+        copies.setQualifiedNames(std::string(q.substr(0, c.classLength)), std::string(q));
+        const std::string shown = std::string(q.substr(0, q.find('\0'))) + " (" + std::to_string(q.size()) + ")";
+        EXPECT_EQ(copies.className(), views.className()) << shown;
+        EXPECT_EQ(copies.methodName(), views.methodName()) << shown;
+        EXPECT_EQ(copies.qualifiedMethodName(), views.qualifiedMethodName()) << shown;
+        EXPECT_STREQ(copies.classNameCString(), views.classNameCString()) << shown;
+        EXPECT_STREQ(copies.methodNameCString(), views.methodNameCString()) << shown;
+    }
+}
+
 JitMethod::Ptr methodWith(u32 host, u32 pid, quarvel_arch arch, const char* module = "m.dll") {
     JitMethod::Ptr method(new JitMethod());
     method->info()->setModule(IModule::Ptr(new Module(module, meSuccess, arch)));

@@ -214,9 +214,12 @@ void ModuleCache::growSourceFiles() {
 // without the parser's temporaries; the method's own block is the one copy.
 void MethodBuilder::applyNames(BaseMethodInfo& info, const TraceMethodTail& tail) {
     const bool java = isJavaMethod(tail);
-    const std::string& className = m_classNames.stored(tail.className, java);
     const std::string& written = tail.methodName;
-    if (written.empty() || BaseMethodInfo::mayBeMangled(written)) {
+    const bool mangled = written.empty() || BaseMethodInfo::mayBeMangled(written);
+    if (java && !mangled && applyJoinedJavaNames(info, tail.className, written))
+        return;
+    const std::string& className = m_classNames.stored(tail.className, java);
+    if (mangled) {
         info.setClassAndMethodName(className, java ? JavaSignatureParser::parseMethodName(written) : written);
         return;
     }
@@ -230,6 +233,30 @@ void MethodBuilder::applyNames(BaseMethodInfo& info, const TraceMethodTail& tail
     else if (!JavaSignatureParser::appendJoinedMethodName(written, qualified))
         BaseMethodInfo::appendJoined(JavaSignatureParser::parseMethodName(written), qualified);
     info.setQualifiedNames(className, qualified);
+}
+
+// The common Java names, class and method joined in one pass into a reused
+// buffer that the method's block copies: no string is made on the way.
+bool MethodBuilder::applyJoinedJavaNames(BaseMethodInfo& info, std::string_view className,
+                                         std::string_view methodName) {
+    const size_t room = JavaSignatureParser::joinedClassNameRoom(className.size()) + 2 +
+                        JavaSignatureParser::joinedMethodNameRoom(methodName.size());
+    if (m_joinedNames.size() < room)
+        m_joinedNames.resize(room);
+    char* const first = m_joinedNames.data();
+    char* at = JavaSignatureParser::putJoinedClassName(className, first);
+    if (!at)
+        return false;
+    const size_t classLength = static_cast<size_t>(at - first);
+    if (classLength) {
+        *at++ = ':';
+        *at++ = ':';
+    }
+    const char* const end = JavaSignatureParser::putJoinedMethodName(methodName, at);
+    if (!end)
+        return false;
+    info.setQualifiedNames(std::string_view(first, classLength), std::string_view(first, static_cast<size_t>(end - first)));
+    return true;
 }
 
 size_t MethodBuilder::startSourceFile(const TraceMethodTail& tail, const BuildContext& context) const {

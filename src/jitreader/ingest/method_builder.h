@@ -147,11 +147,14 @@ private:
     void applySymbolic(JitMethod& method, const TraceMethodTail& tail, size_t fileHash, const BuildContext& context,
                        u64 codeLength);
     void applyNames(BaseMethodInfo& info, const TraceMethodTail& tail);
+    // False, info untouched, for names the general path takes.
+    bool applyJoinedJavaNames(BaseMethodInfo& info, std::string_view className, std::string_view methodName);
 
     ModuleCache& m_modules;
     ClassNameCache m_classNames;
     MethodIdCache m_ids;
-    std::string m_qualifiedName; // reused: the names are copied into the method's own block
+    std::string m_qualifiedName;     // reused: the names are copied into the method's own block
+    std::vector<char> m_joinedNames; // likewise, for the common Java names
 };
 
 QUARVEL_NAMESPACE_END

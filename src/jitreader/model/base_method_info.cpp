@@ -139,10 +139,21 @@ void BaseMethodInfo::freeNames() noexcept {
 void BaseMethodInfo::setNames(std::string_view className, std::string_view methodName, std::string_view qualified) {
     // A name ends at its first NUL, as the C strings handed out do.
     std::string_view parts[3] = {className, methodName, qualified};
-    for (std::string_view& part : parts)
-        part = part.substr(0, std::min(part.find('\0'), kMaxNameLength));
-    const bool prefixes =
-        parts[1].substr(0, parts[0].size()) == parts[0] && parts[2].substr(0, parts[1].size()) == parts[1];
+    bool prefixes = false;
+    if (className.data() == qualified.data() && methodName.data() == qualified.data() &&
+        className.size() <= qualified.size() && methodName.size() <= qualified.size()) {
+        // Views of the qualified name's start (the usual case): its first
+        // NUL is theirs, and they are its prefixes when their lengths say so.
+        const size_t cut = std::min(qualified.find('\0'), kMaxNameLength);
+        for (std::string_view& part : parts)
+            part = part.substr(0, std::min(part.size(), cut));
+        prefixes = parts[0].size() <= parts[1].size();
+    } else {
+        for (std::string_view& part : parts)
+            part = part.substr(0, std::min(part.find('\0'), kMaxNameLength));
+        prefixes =
+            parts[1].substr(0, parts[0].size()) == parts[0] && parts[2].substr(0, parts[1].size()) == parts[1];
+    }
     char* names = nullptr;
     if (!parts[0].empty() || !parts[1].empty() || !parts[2].empty()) {
         char* separateNames = nullptr;

@@ -202,26 +202,21 @@ char* putJoinedParameter(std::string_view name, size_t close, size_t& pos, char*
 
 } // namespace
 
-bool JavaSignatureParser::appendJoinedMethodName(std::string_view name, std::string& out) {
+char* JavaSignatureParser::putJoinedMethodName(std::string_view name, char* out) {
     if (name.empty() || name.size() > UINT32_MAX)
-        return false;
+        return nullptr;
     // Dots, commas and "[]" mark readable names, which parseMethodName keeps
     // and joining splits at their dots; so do the words after a second "(".
     for (const char mark : {',', '.', ']'})
         if (name.find(mark) != std::string_view::npos)
-            return false;
+            return nullptr;
     const size_t open = name.find('(');
     if (open != std::string_view::npos && name.find('(', open + 1) != std::string_view::npos)
-        return false;
+        return nullptr;
     const size_t close = open == std::string_view::npos ? open : name.find(')', open);
-    if (close == std::string_view::npos) {
-        out.append(name.data(), name.size()); // no parameter list: kept, and it holds no dots
-        return true;
-    }
-    const size_t start = out.size();
-    out.resize(start + 9 * name.size()); // the most a character becomes: "Z" -> "boolean, "
-    char* const first = &out[start];
-    char* at = put(first, name.substr(0, open + 1));
+    if (close == std::string_view::npos)
+        return put(out, name); // no parameter list: kept, and it holds no dots
+    char* at = put(out, name.substr(0, open + 1));
     for (size_t pos = open + 1; at && pos < close; ++pos) {
         if (pos != open + 1)
             at = put(at, ", ");
@@ -229,20 +224,33 @@ bool JavaSignatureParser::appendJoinedMethodName(std::string_view name, std::str
     }
     if (at)
         *at++ = ')';
-    out.resize(at ? start + static_cast<size_t>(at - first) : start);
-    return at != nullptr;
+    return at;
 }
 
-bool JavaSignatureParser::appendJoinedClassName(std::string_view name, std::string& out) {
+char* JavaSignatureParser::putJoinedClassName(std::string_view name, char* out) {
     // "0x" may end a hidden class's name, which parseHiddenClassName reads.
     if (name.size() < 3 || name.front() != 'L' || name.find(';') != name.size() - 1 ||
         name.find('.') != std::string_view::npos || name.find("0x") != std::string_view::npos)
+        return nullptr;
+    return putJoinedClassBody(name.substr(1, name.size() - 2), out);
+}
+
+bool JavaSignatureParser::appendJoinedMethodName(std::string_view name, std::string& out) {
+    if (name.size() > UINT32_MAX)
         return false;
-    const std::string_view body = name.substr(1, name.size() - 2);
     const size_t start = out.size();
-    out.resize(start + 2 * body.size());
+    out.resize(start + joinedMethodNameRoom(name.size()));
     char* const first = &out[start];
-    char* const end = putJoinedClassBody(body, first);
+    char* const end = putJoinedMethodName(name, first);
+    out.resize(end ? start + static_cast<size_t>(end - first) : start);
+    return end != nullptr;
+}
+
+bool JavaSignatureParser::appendJoinedClassName(std::string_view name, std::string& out) {
+    const size_t start = out.size();
+    out.resize(start + joinedClassNameRoom(name.size()));
+    char* const first = &out[start];
+    char* const end = putJoinedClassName(name, first);
     out.resize(end ? start + static_cast<size_t>(end - first) : start);
     return end != nullptr;
 }

@@ -32,6 +32,14 @@ public:
     // class, parseHiddenClassName), "." written "::". Only for plain
     // descriptors ("Lpkg/Foo;"); false, out unchanged, for others.
     static bool appendJoinedClassName(std::string_view name, std::string& out);
+    // The same two, written at out, which has room for joined*Room(name's
+    // size) characters: the end of what they wrote, or null (what lies at out
+    // is then of no use) for a name the general path takes.
+    static char* putJoinedMethodName(std::string_view name, char* out);
+    static char* putJoinedClassName(std::string_view name, char* out);
+    // The most a character becomes: "Z" -> "boolean, ", "/" -> "::".
+    static constexpr size_t joinedMethodNameRoom(size_t length) { return 9 * length; }
+    static constexpr size_t joinedClassNameRoom(size_t length) { return 2 * length; }
     // True when the name is already in readable form.
     static bool isParsedName(const std::string& name);
     // A hidden class (a lambda's, a method handle form's) has a descriptor
