@@ -93,50 +93,49 @@ private:
 // The stretches between consecutive region bounds that some region covers,
 // found by a sweep over the starts and the ends: their bounds go to starts
 // and ends, each slot's first and past-the-last piece to firstPiece and
-// pastPiece.
+// pastPiece. Regions mostly lie side by side, so there are about as many
+// pieces as regions: room for that many is made first, and the sweep runs once.
 void cutPieces(const AddressHistory::Slots& slots, LargeVector<u32>& firstPiece, LargeVector<u32>& pastPiece,
                BulkVector<u64>& starts, LargeVector<u64>& ends) {
     const size_t count = slots.size();
     const BoundOrder byStart(slots, &AddressHistory::Slot::start);
     const BoundOrder byEnd(slots, &AddressHistory::Slot::end, &byStart);
-    for (int pass = 0; pass < 2; ++pass) {
-        // The first pass counts the pieces, so that the arrays are allocated once.
-        size_t pieces = 0;
-        size_t s = 0;
-        size_t e = 0;
-        size_t cover = 0;
-        while (s < count) {
-            const u64 at = std::min(byStart.value(s), byEnd.value(e));
-            for (; e < count && byEnd.value(e) == at; ++e, --cover)
-                pastPiece[byEnd.slot(e)] = static_cast<u32>(pieces);
-            for (; s < count && byStart.value(s) == at; ++s, ++cover)
-                firstPiece[byStart.slot(s)] = static_cast<u32>(pieces);
-            if (cover == 0)
-                continue;
-            const u64 next = s < count ? std::min(byStart.value(s), byEnd.value(e)) : byEnd.value(e);
-            if (pass == 1) {
-                starts.push_back(at);
-                ends.push_back(next);
-            }
-            ++pieces;
+    starts.reserve(count);
+    ends.reserve(count);
+    u32 pieces = 0;
+    size_t s = 0;
+    size_t e = 0;
+    size_t cover = 0;
+    // The next start and end, read once each; past the last, above any bound.
+    const u64 kPast = ~u64(0);
+    u64 nextStart = count ? byStart.value(0) : kPast;
+    u64 nextEnd = count ? byEnd.value(0) : kPast;
+    while (s < count) {
+        const u64 at = std::min(nextStart, nextEnd);
+        for (; e < count && nextEnd == at; --cover) {
+            pastPiece[byEnd.slot(e)] = pieces;
+            nextEnd = ++e < count ? byEnd.value(e) : kPast;
         }
-        // After the last start only ends are left: each closes a piece.
-        for (; e < count; ++e) {
-            const u64 at = byEnd.value(e);
-            pastPiece[byEnd.slot(e)] = static_cast<u32>(pieces);
-            --cover;
-            if (cover == 0 || (e + 1 < count && byEnd.value(e + 1) == at))
-                continue;
-            if (pass == 1) {
-                starts.push_back(at);
-                ends.push_back(byEnd.value(e + 1));
-            }
-            ++pieces;
+        for (; s < count && nextStart == at; ++cover) {
+            firstPiece[byStart.slot(s)] = pieces;
+            nextStart = ++s < count ? byStart.value(s) : kPast;
         }
-        if (pass == 0) {
-            starts.reserve(pieces);
-            ends.reserve(pieces);
-        }
+        if (cover == 0)
+            continue;
+        starts.push_back(at);
+        ends.push_back(std::min(nextStart, nextEnd));
+        ++pieces;
+    }
+    // After the last start only ends are left: each closes a piece.
+    for (; e < count; ++e) {
+        const u64 at = byEnd.value(e);
+        pastPiece[byEnd.slot(e)] = pieces;
+        --cover;
+        if (cover == 0 || (e + 1 < count && byEnd.value(e + 1) == at))
+            continue;
+        starts.push_back(at);
+        ends.push_back(byEnd.value(e + 1));
+        ++pieces;
     }
 }
 
