@@ -102,7 +102,9 @@ ModuleCache::~ModuleCache() {
 
 size_t ModuleCache::sourceFileHash(std::string_view name, std::string_view checksum, unsigned checksumType,
                                    unsigned language) {
-    return std::hash<std::string_view>()(name) ^ (std::hash<std::string_view>()(checksum) << 1) ^
+    // Most files have no checksum: its hash is not worth a call.
+    const size_t checksumHash = checksum.empty() ? 0 : std::hash<std::string_view>()(checksum);
+    return std::hash<std::string_view>()(name) ^ (checksumHash << 1) ^
            (size_t(checksumType) << 8) ^ (size_t(language) << 16);
 }
 

@@ -97,7 +97,11 @@ public:
         const uint8_t* p = nullptr;
         if (!u16(n, field) || !bytes(n, p, field))
             return false;
-        value.assign(reinterpret_cast<const char*>(p), countedLength(p, n));
+        const size_t length = countedLength(p, n);
+        if (length == 0)
+            value.clear(); // inline: assigning nothing is still a call (empty module names, checksums)
+        else
+            value.assign(reinterpret_cast<const char*>(p), length);
         return true;
     }
 
