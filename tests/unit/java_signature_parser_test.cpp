@@ -130,6 +130,31 @@ TEST(JavaSignatureParser, AppendsCommonClassNamesJoinedAndDeclinesTheRest) {
     }
 }
 
+// The class conversion takes eight bytes at a step: names of every length up
+// to a few steps, with each kind of mark at every place, against the names
+// they are made of.
+TEST(JavaSignatureParser, JoinsClassNamesOfAnyLengthWithMarksAnywhere) {
+    for (size_t length = 1; length <= 40; ++length) {
+        for (size_t at = 0; at <= length; ++at) {
+            for (const char* mark : {"", "/", "//", "<"}) {
+                std::string body(length, 'a');
+                for (size_t i = 0; i < length; ++i)
+                    body[i] = static_cast<char>('a' + i % 26);
+                body.insert(at, mark);
+                // What the name is made of: the segments between single slashes.
+                const bool taken = body.front() != '/' && body.back() != '/' && body.find("//") == std::string::npos &&
+                                   body.find('<') == std::string::npos;
+                std::string joined;
+                for (const char c : body)
+                    joined += c == '/' ? std::string("::") : std::string(1, c);
+                std::string out = "x";
+                EXPECT_EQ(taken, JavaSignatureParser::appendJoinedClassName("L" + body + ";", out)) << body;
+                EXPECT_EQ(taken ? "x" + joined : "x", out) << body;
+            }
+        }
+    }
+}
+
 TEST(JavaSignatureParser, RecognisesReadableNames) {
     for (const char* readable : {"a.b", "f(int)", "f(void)", "a,b", "int[]", "f(boolean"})
         EXPECT_TRUE(JavaSignatureParser::isParsedName(readable)) << readable;

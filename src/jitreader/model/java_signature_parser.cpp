@@ -1,6 +1,8 @@
 #include "model/java_signature_parser.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <stdexcept>
 
 QUARVEL_NAMESPACE_BEGIN
@@ -156,14 +158,48 @@ char* put(char* at, std::string_view text) {
     return std::copy(text.begin(), text.end(), at);
 }
 
-// "a/b/C" as "a::b::C" (room: twice the body). Null for an empty name, an
-// empty package ("/a", "a//b", "a/") or type arguments.
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+constexpr uint64_t kEachByte = 0x0101010101010101ull;
+// The high bit of the first zero byte of v is set (of later ones, maybe too).
+constexpr uint64_t firstZeroByte(uint64_t v) {
+    return (v - kEachByte) & ~v & (kEachByte << 7);
+}
+#endif
+
+// "a/b/C" as "a::b::C" (room: twice the body, and at least 16 bytes for
+// every 8 bytes of the body left). Null for an empty name, an empty package
+// ("/a", "a//b", "a/") or type arguments.
 char* putJoinedClassBody(std::string_view body, char* at) {
     if (body.empty() || body.front() == '/' || body.back() == '/')
         return nullptr;
-    for (size_t i = 0; i < body.size(); ++i) {
-        const char c = body[i];
-        if (c == '<' || (c == '/' && body[i + 1] == '/'))
+    const char* p = body.data();
+    const char* const end = p + body.size();
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    // Eight bytes at a time, stored whole: the output then moves up to the
+    // first '/' or '<' among them, which the loop takes on its own.
+    while (end - p >= 8) {
+        uint64_t word;
+        std::memcpy(&word, p, sizeof word);
+        std::memcpy(at, &word, sizeof word);
+        const uint64_t marks = firstZeroByte(word ^ (kEachByte * '/')) | firstZeroByte(word ^ (kEachByte * '<'));
+        if (!marks) {
+            p += 8;
+            at += 8;
+            continue;
+        }
+        const size_t plain = static_cast<size_t>(__builtin_ctzll(marks)) / 8;
+        p += plain;
+        at += plain;
+        if (*p == '<' || p[1] == '/') // a '/' is never the last byte
+            return nullptr;
+        *at++ = ':';
+        *at++ = ':';
+        ++p;
+    }
+#endif
+    for (; p < end; ++p) {
+        const char c = *p;
+        if (c == '<' || (c == '/' && p[1] == '/'))
             return nullptr;
         if (c == '/') {
             *at++ = ':';
