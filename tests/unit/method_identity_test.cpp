@@ -7,6 +7,7 @@
 #include "model/module.h"
 
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
 #include <map>
 
@@ -149,6 +150,20 @@ TEST(Md5HashGeneratorTest, DigestsOfRawIdsScopedByHostProcessAndArchitecture) {
     EXPECT_NE(base, Md5HashGenerator::getHashValue(7, methodWith(2, 4242, quarvel_arch_vx64)));
     EXPECT_NE(base, Md5HashGenerator::getHashValue(7, methodWith(1, 4243, quarvel_arch_vx64)));
     EXPECT_NE(base, Md5HashGenerator::getHashValue(7, methodWith(1, 4242, quarvel_arch_vx32)));
+    // Texts of one block are padded by hand, longer ones go through the
+    // digest's own padding: both sides of the bound against a one-shot digest.
+    for (size_t length = 0; length <= 130; ++length) {
+        std::string text(length, ' ');
+        for (size_t i = 0; i < length; ++i)
+            text[i] = static_cast<char>('0' + (i * 7) % 75);
+        unsigned char bytes[EVP_MAX_MD_SIZE] = {};
+        unsigned int size = 0;
+        ASSERT_EQ(1, EVP_Digest(text.data(), text.size(), bytes, &size, EVP_md5(), nullptr));
+        u64 halves[2] = {0, 0};
+        for (unsigned i = 0; i < 16; ++i)
+            halves[i / 8] |= u64(bytes[i]) << (8 * (i % 8));
+        EXPECT_EQ(BaseMethodId(halves[0], halves[1]), Md5HashGenerator::hashText(text)) << length;
+    }
     // A method without regions has host and process 0.
     JitMethod::Ptr bare(new JitMethod());
     bare->info()->setModule(IModule::Ptr(new Module("m", meSuccess, quarvel_arch_varda64)));
