@@ -10,7 +10,9 @@ BaseMethodId MethodIdCache::get(u32 rawId, const JitMethod::Ptr& method) {
     Slot& slot = m_slots[(rawId * 0x9E3779B1u) >> (32 - kSlotBits)];
     if (!(slot.key == key)) {
         slot.key = key;
-        slot.id = Md5HashGenerator::hashRawId(key);
+        if (!m_scope.holds(key))
+            m_scope = Md5HashGenerator::RawIdScope(key);
+        slot.id = Md5HashGenerator::hashRawId(rawId, m_scope);
     }
     return slot.id;
 }

@@ -22,6 +22,9 @@ private:
     static const unsigned kSlotBits = 6;
 
     Slot m_slots[1u << kSlotBits] = {};
+    // The text after the id, written again only when a record's host,
+    // process or architecture differs from the one before.
+    Md5HashGenerator::RawIdScope m_scope{Md5HashGenerator::RawIdKey()};
 };
 
 QUARVEL_NAMESPACE_END

@@ -26,30 +26,10 @@ int architectureOf(const JitMethod& method) {
     return module ? static_cast<int>(module->getArchitecture()) : 0;
 }
 
-// The identity text of a raw id, written into a buffer: this runs for every
-// record read. No separator between the process id and the architecture: the
-// ids depend on it.
-class RawIdText {
-public:
-    explicit RawIdText(const Md5HashGenerator::RawIdKey& key) {
-        number(key.rawId);
-        *m_end++ = '.';
-        number(key.host);
-        *m_end++ = '.';
-        number(key.pid);
-        number(key.arch);
-    }
-    std::string_view view() const { return std::string_view(m_text, static_cast<size_t>(m_end - m_text)); }
-
-private:
-    template <typename T>
-    void number(T value) {
-        m_end = std::to_chars(m_end, m_text + sizeof m_text, value).ptr;
-    }
-
-    char m_text[48]; // three u32 and an int with their separators need 43
-    char* m_end = m_text;
-};
+template <typename T>
+char* putNumber(char* at, char* end, T value) {
+    return std::to_chars(at, end, value).ptr;
+}
 
 #ifdef OPENSSL_NO_DEPRECATED_3_0
 // Fetched once: an implicit fetch on every digest costs more than the digest.
@@ -133,15 +113,35 @@ Md5HashGenerator::RawIdKey Md5HashGenerator::rawIdKey(u32 rawId, const JitMethod
     return key;
 }
 
+// No separator between the process id and the architecture: the ids depend on it.
+Md5HashGenerator::RawIdScope::RawIdScope(const RawIdKey& key) : m_host(key.host), m_pid(key.pid), m_arch(key.arch) {
+    char* const end = m_text + sizeof m_text;
+    char* at = m_text;
+    *at++ = '.';
+    at = putNumber(at, end, key.host);
+    *at++ = '.';
+    at = putNumber(putNumber(at, end, key.pid), end, key.arch);
+    m_length = static_cast<size_t>(at - m_text);
+}
+
 BaseMethodId Md5HashGenerator::hashRawId(const RawIdKey& key) {
-    return hashText(RawIdText(key).view());
+    return hashRawId(key.rawId, RawIdScope(key));
+}
+
+// This runs for every record read: the text is written into a buffer.
+BaseMethodId Md5HashGenerator::hashRawId(u32 rawId, const RawIdScope& scope) {
+    char text[48];
+    char* const end = putNumber(text, text + 16, rawId);
+    const std::string_view rest = scope.text();
+    std::copy(rest.begin(), rest.end(), end);
+    return hashText(std::string_view(text, static_cast<size_t>(end - text) + rest.size()));
 }
 
 std::string Md5HashGenerator::identityText(u32 rawId, const JitMethod::Ptr& method) {
     if (!method)
         return std::string();
     if (rawId != 0)
-        return std::string(RawIdText(rawIdKey(rawId, *method)).view());
+        return std::to_string(rawId) + std::string(RawIdScope(rawIdKey(rawId, *method)).text());
     const IModule::Ptr& module = method->info()->module();
     std::ostringstream text;
     const BaseMethodInfo& info = *method->info();
