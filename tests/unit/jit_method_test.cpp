@@ -2,9 +2,9 @@
 
 #include "check_listener.h"
 #include "log_capture.h"
-#include "trace_equality.h"
 #include "model/jit_method.h"
 #include "model/module.h"
+#include "trace_equality.h"
 
 #include <gtest/gtest.h>
 

@@ -104,8 +104,8 @@ size_t ModuleCache::sourceFileHash(std::string_view name, std::string_view check
                                    unsigned language) {
     // Most files have no checksum: its hash is not worth a call.
     const size_t checksumHash = checksum.empty() ? 0 : std::hash<std::string_view>()(checksum);
-    return std::hash<std::string_view>()(name) ^ (checksumHash << 1) ^
-           (size_t(checksumType) << 8) ^ (size_t(language) << 16);
+    return std::hash<std::string_view>()(name) ^ (checksumHash << 1) ^ (size_t(checksumType) << 8) ^
+           (size_t(language) << 16);
 }
 
 bool ModuleCache::holds(const SourceFileSlot& slot, size_t hash, std::string_view name, std::string_view checksum,
@@ -257,7 +257,8 @@ bool MethodBuilder::applyJoinedJavaNames(BaseMethodInfo& info, std::string_view 
     const char* const end = JavaSignatureParser::putJoinedMethodName(methodName, at);
     if (!end)
         return false;
-    info.setQualifiedNames(std::string_view(first, classLength), std::string_view(first, static_cast<size_t>(end - first)));
+    info.setQualifiedNames(std::string_view(first, classLength),
+                           std::string_view(first, static_cast<size_t>(end - first)));
     return true;
 }
 

@@ -151,8 +151,7 @@ void BaseMethodInfo::setNames(std::string_view className, std::string_view metho
     } else {
         for (std::string_view& part : parts)
             part = part.substr(0, std::min(part.find('\0'), kMaxNameLength));
-        prefixes =
-            parts[1].substr(0, parts[0].size()) == parts[0] && parts[2].substr(0, parts[1].size()) == parts[1];
+        prefixes = parts[1].substr(0, parts[0].size()) == parts[0] && parts[2].substr(0, parts[1].size()) == parts[1];
     }
     char* names = nullptr;
     if (!parts[0].empty() || !parts[1].empty() || !parts[2].empty()) {

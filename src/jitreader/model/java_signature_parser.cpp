@@ -166,9 +166,9 @@ constexpr uint64_t firstZeroByte(uint64_t v) {
 }
 #endif
 
-// "a/b/C" as "a::b::C" (room: twice the body, and at least 16 bytes for
-// every 8 bytes of the body left). Null for an empty name, an empty package
-// ("/a", "a//b", "a/") or type arguments.
+// "a/b/C" as "a::b::C" (room: twice the body, which the eight-byte stores
+// below stay within). Null for an empty name, an empty package ("/a", "a//b",
+// "a/") or type arguments.
 char* putJoinedClassBody(std::string_view body, char* at) {
     if (body.empty() || body.front() == '/' || body.back() == '/')
         return nullptr;
