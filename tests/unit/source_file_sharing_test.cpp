@@ -62,6 +62,35 @@ TEST(SourceFileSharing, SameContentSameObjectAnyDifferenceAnother) {
     }
 }
 
+// A slot compares the first bytes it holds itself, then the rest from its
+// texts: contents of one hash that differ at either side of that bound, in
+// the name or in the checksum, must stay apart.
+TEST(SourceFileSharing, ContentsOfOneHashDifferingAnywhereStayApart) {
+    const std::string longName = "a/long/package/path/Name.java"; // past the slot's own bytes
+    const std::vector<Fields> files = {
+        {"Short.java", "", 0, 1},
+        {"Short.javb", "", 0, 1},
+        {longName, "", 0, 1},
+        {longName.substr(0, longName.size() - 1) + "b", "", 0, 1}, // differs in its last byte
+        {"x" + longName.substr(1), "", 0, 1},                      // in its first
+        {"Name.java", "0123456789abcdef", 1, 1},                   // the checksum runs past the bound
+        {"Name.java", "0123456789abcdeF", 1, 1},
+        {"Name.java", "0123456X89abcdef", 1, 1},
+        {"Name.jav", "a0123456789abcdef", 1, 1}, // the same bytes split elsewhere
+    };
+    const size_t hash = 42; // every content in one chain of slots
+    ModuleCache cache;
+    std::vector<const SourceFile*> made;
+    for (const Fields& f : files)
+        made.push_back(cache.sourceFile(f.name, f.checksum, f.checksumType, f.language, hash).get());
+    for (size_t i = 0; i < files.size(); ++i) {
+        const Fields& f = files[i];
+        EXPECT_EQ(made[i], cache.sourceFile(f.name, f.checksum, f.checksumType, f.language, hash).get()) << i;
+        for (size_t j = 0; j < i; ++j)
+            EXPECT_NE(made[j], made[i]) << j << " and " << i;
+    }
+}
+
 // The count a file's holders see: the cache's batches must neither leak nor
 // give back a reference a method still holds.
 unsigned references(const SourceFile& file) {

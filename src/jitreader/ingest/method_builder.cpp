@@ -110,9 +110,19 @@ size_t ModuleCache::sourceFileHash(std::string_view name, std::string_view check
 
 bool ModuleCache::holds(const SourceFileSlot& slot, size_t hash, std::string_view name, std::string_view checksum,
                         unsigned checksumType, unsigned language) {
-    return slot.hash == hash && slot.checksumType == checksumType && slot.language == language &&
-           std::string_view(slot.texts, slot.nameLength) == name &&
-           std::string_view(slot.texts + slot.nameLength, slot.checksumLength) == checksum;
+    if (slot.hash != hash || slot.checksumType != checksumType || slot.language != language ||
+        slot.nameLength != name.size() || slot.checksumLength != checksum.size())
+        return false;
+    // The head first: all of the texts when they are short.
+    const size_t headName = std::min(name.size(), kHeadBytes);
+    const size_t headChecksum = std::min(checksum.size(), kHeadBytes - headName);
+    if (name.compare(0, headName, slot.head, headName) != 0 ||
+        checksum.compare(0, headChecksum, slot.head + headName, headChecksum) != 0)
+        return false;
+    return name.size() + checksum.size() <= kHeadBytes ||
+           (name.substr(headName) == std::string_view(slot.texts + headName, name.size() - headName) &&
+            checksum.substr(headChecksum) ==
+                std::string_view(slot.texts + name.size() + headChecksum, checksum.size() - headChecksum));
 }
 
 void ModuleCache::prefetchSourceFileSlot(size_t hash) const {
@@ -185,6 +195,7 @@ SourceFile::Ptr ModuleCache::sourceFile(std::string_view name, std::string_view 
     m_sourceFiles.push_back(adoptNew(new SourceFile(std::string(name), std::string(checksum), checksumType, language)));
     SourceFileSlot& slot = m_sourceFileSlots[i];
     slot.texts = keepTexts(name, checksum);
+    std::copy_n(slot.texts, std::min(name.size() + checksum.size(), kHeadBytes), slot.head);
     slot.hash = hash;
     slot.file = m_sourceFiles.back().get();
     slot.nameLength = static_cast<u32>(name.size());

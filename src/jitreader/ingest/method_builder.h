@@ -87,7 +87,12 @@ private:
     //
     // The slot also holds the references lent on its file, so that handing
     // a method its reference touches no file object either.
-    struct SourceFileSlot {
+    //
+    // A slot is one cache line and starts with the texts' first bytes: a
+    // file of a short name is compared without reading its texts, which
+    // were a miss of their own once the slot was in.
+    static constexpr size_t kHeadBytes = 16;
+    struct alignas(64) SourceFileSlot {
         size_t hash = 0;
         const char* texts = nullptr; // the name, then the checksum; null: an empty slot
         SourceFile* file = nullptr;  // kept by m_sourceFiles
@@ -96,6 +101,7 @@ private:
         u32 checksumType = 0;
         u32 language = 0;
         LentReferences references;
+        char head[kHeadBytes] = {}; // the texts' first bytes
     };
     // Whether a filled slot is that content's.
     static bool holds(const SourceFileSlot& slot, size_t hash, std::string_view name, std::string_view checksum,
