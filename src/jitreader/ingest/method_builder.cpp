@@ -138,7 +138,8 @@ const ModuleCache::SourceFileSlot* ModuleCache::slotAtHome(size_t hash) const {
 }
 
 void ModuleCache::prefetchSourceFileTexts(size_t hash) const {
-    if (const SourceFileSlot* slot = slotAtHome(hash)) {
+    const SourceFileSlot* const slot = slotAtHome(hash);
+    if (slot && slot->nameLength + slot->checksumLength > kHeadBytes) { // shorter ones compare in the slot
         __builtin_prefetch(slot->texts);
         __builtin_prefetch(slot->texts + slot->nameLength + slot->checksumLength);
     }

@@ -255,15 +255,8 @@ void LineTables::packFirst(const Range& r, const Span (&tables)[kTypes], size_t 
 // and copied into an exactly sized block, they need no pass to size them.
 void LineTables::packFirstSmall(const Range& r, const Span (&tables)[kTypes]) {
     uint8_t rows[kOnePassRows * kMaxRowBytes];
-    Header header{};
-    header.start = r.start;
-    header.length = r.length;
-    uint8_t* end = rows;
-    for (size_t t = 0; t < kTypes; ++t) {
-        end = encode(tables[t], end);
-        header.end[t] = static_cast<u32>(end - rows);
-    }
-    const size_t bytes = static_cast<size_t>(end - rows);
+    Header header;
+    const u32 bytes = put(&header, rows, 0, r, tables);
     Header* const block = static_cast<Header*>(block_heap::allocate(blockBytes(1, bytes)));
     *new (block) Header() = header;
     std::memcpy(block + 1, rows, bytes);

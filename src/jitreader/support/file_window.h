@@ -7,6 +7,7 @@
 // in a mapping's pages one by one, which on a virtual machine is most of the
 // cost of walking a mapped trace.
 
+#include "support/cache_lines.h"
 #include "support/mapped_file.h"
 #include "support/regular_file.h"
 #include "support/result.h"
@@ -56,7 +57,8 @@ private:
     std::string m_path;
     RegularFile m_file;
     uint64_t m_size;
-    static constexpr size_t kLine = 64;
+    static constexpr size_t kLine =
+        kCacheLine; // the kernel copies fastest into a destination at its source's place in a line
     struct alignas(kLine) Line {
         uint8_t bytes[kLine];
     };
