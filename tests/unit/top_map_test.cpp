@@ -1,6 +1,8 @@
 // The top map against a byte-by-byte owner table, under the ways loads
 // arrive: code heaps filling upwards with freed blocks reused, loads placed
-// downwards, and random overlaps. Also how many chunks each way leaves.
+// downwards, and random overlaps; with directory pages of the usual size and
+// of three chunks, which split and empty all the time. Also how many chunks
+// each way leaves, and how many directory entries a read moves.
 
 #include "index/top_map.h"
 
@@ -113,25 +115,51 @@ TEST(TopMap, MatchesAnOwnerTableAndKeepsChunksFilled) {
         {"placed downwards", Pattern::downwards, 0.95},
         {"random overlaps", Pattern::random, 0.5},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::mt19937 rng(7);
-        const std::vector<Assign> assigns = makeAssigns(c.pattern, 8000, rng);
-        TopMap map;
-        std::vector<u32> owner(kSpace, kFree);
-        for (size_t i = 0; i < assigns.size(); ++i) {
-            const Assign& a = assigns[i];
-            map.assign(a.start, a.end, static_cast<u32>(i));
-            std::fill(owner.begin() + static_cast<std::ptrdiff_t>(a.start),
-                      owner.begin() + static_cast<std::ptrdiff_t>(a.end), static_cast<u32>(i));
-            if (i % 400 == 0 || i + 1 == assigns.size()) {
-                ASSERT_TRUE(sameIntervals(map, owner)) << "after assign " << i;
-                ASSERT_TRUE(sameLookups(map, owner, rng)) << "after assign " << i;
+    for (const size_t pageChunks : {TopMap::kPageChunks, size_t(3)}) {
+        for (const Case& c : cases) {
+            SCOPED_TRACE(std::string(c.name) + ", pages of " + std::to_string(pageChunks) + " chunks");
+            std::mt19937 rng(7);
+            const std::vector<Assign> assigns = makeAssigns(c.pattern, 8000, rng);
+            TopMap map(pageChunks);
+            std::vector<u32> owner(kSpace, kFree);
+            for (size_t i = 0; i < assigns.size(); ++i) {
+                const Assign& a = assigns[i];
+                map.assign(a.start, a.end, static_cast<u32>(i));
+                std::fill(owner.begin() + static_cast<std::ptrdiff_t>(a.start),
+                          owner.begin() + static_cast<std::ptrdiff_t>(a.end), static_cast<u32>(i));
+                if (i % 400 == 0 || i + 1 == assigns.size()) {
+                    ASSERT_TRUE(sameIntervals(map, owner)) << "after assign " << i;
+                    ASSERT_TRUE(sameLookups(map, owner, rng)) << "after assign " << i;
+                }
+            }
+            EXPECT_GE(double(map.size()), c.fill * double(TopMap::kChunk) * double(map.chunkCount() - 3))
+                << map.chunkCount() << " chunks for " << map.size() << " intervals";
+            if (pageChunks == 3) {
+                EXPECT_GE(map.pageCount(), map.chunkCount() / 3);
             }
         }
-        EXPECT_GE(double(map.size()), c.fill * double(TopMap::kChunk) * double(map.chunkCount() - 3))
-            << map.chunkCount() << " chunks for " << map.size() << " intervals";
     }
+}
+
+// Three code heaps filling upwards, the lowest growing fastest: each new
+// chunk of a lower heap lands in front of every chunk of the heaps above.
+// Twice the loads must move about twice the directory entries; with one flat
+// directory they moved four times as many.
+TEST(TopMap, DirectoryMovesGrowLinearly) {
+    auto movesFor = [](size_t loads) {
+        TopMap map;
+        u64 bump[3] = {0, u64(1) << 40, u64(2) << 40};
+        for (size_t i = 0; i < loads; ++i) {
+            u64& at = bump[i % 5 < 3 ? 0 : i % 5 == 3 ? 1 : 2];
+            map.assign(at, at + 16, static_cast<u32>(i));
+            at += 32;
+        }
+        return map.directoryMoves();
+    };
+    const u64 small = movesFor(200000);
+    const u64 large = movesFor(400000);
+    EXPECT_LE(double(large), 2.5 * double(small)) << small << " moves for 200k loads, " << large << " for 400k";
+    EXPECT_LE(large, u64(400000 / 50) * TopMap::kPageChunks) << "more than a page a chunk";
 }
 
 } // namespace top_map_test

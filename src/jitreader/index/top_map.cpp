@@ -6,18 +6,22 @@
 
 QUARVEL_NAMESPACE_BEGIN
 
+TopMap::TopMap(size_t pageChunks) : m_pageChunks(std::min(kPageChunks, std::max<size_t>(2, pageChunks))) {}
+
 TopMap::~TopMap() {
     clear();
 }
 
 void TopMap::clear() {
 #if !QUARVEL_POOLED_OBJECTS
-    for (Chunk* chunk : m_chunks)
-        freeChunk(chunk);
+    for (const std::unique_ptr<Page>& page : m_pages)
+        for (size_t c = 0; c < page->size(); ++c)
+            freeChunk(page->chunks[c]);
 #endif
-    std::vector<Chunk*>().swap(m_chunks);
-    std::vector<u64>().swap(m_firstStarts);
+    std::vector<std::unique_ptr<Page>>().swap(m_pages);
+    std::vector<u64>().swap(m_pageFirstStarts);
     m_pool.reset();
+    m_chunkCount = 0;
     m_size = 0;
 }
 
@@ -63,22 +67,98 @@ void TopMap::Chunk::fetch() const {
     fetchLines(this, starts + size);
 }
 
+void TopMap::Page::insert(size_t at, Chunk* chunk) {
+    std::copy_backward(firstStarts + at, firstStarts + count, firstStarts + count + 1);
+    std::copy_backward(chunks + at, chunks + count, chunks + count + 1);
+    firstStarts[at] = chunk->starts[0];
+    chunks[at] = chunk;
+    ++count;
+}
+
+void TopMap::Page::erase(size_t at) {
+    std::copy(firstStarts + at + 1, firstStarts + count, firstStarts + at);
+    std::copy(chunks + at + 1, chunks + count, chunks + at);
+    --count;
+}
+
+void TopMap::Page::moveTail(size_t from, Page& other) {
+    std::copy(firstStarts + from, firstStarts + count, other.firstStarts);
+    std::copy(chunks + from, chunks + count, other.chunks);
+    other.count = static_cast<u32>(count - from);
+    count = static_cast<u32>(from);
+}
+
+void TopMap::nextChunk(Position& at) const {
+    const size_t page = at.page();
+    at = at.chunk() + 1 == m_pages[page]->size() ? Position(page + 1, 0, 0) : Position(page, at.chunk() + 1, 0);
+}
+
+bool TopMap::prevChunk(const Position& at, Position& out) const {
+    if (at.page() < m_pages.size() && at.chunk() > 0) {
+        out = Position(at.page(), at.chunk() - 1, 0);
+        return true;
+    }
+    if (at.page() == 0)
+        return false;
+    out = Position(at.page() - 1, m_pages[at.page() - 1]->size() - 1, 0);
+    return true;
+}
+
+void TopMap::settle(Position& at) const {
+    while (at.page() < m_pages.size() && at.chunk() == m_pages[at.page()]->size())
+        at = Position(at.page() + 1, 0, at.index);
+}
+
+bool TopMap::nextFirstStart(size_t page, size_t chunk, u64& start) const {
+    if (chunk + 1 < m_pages[page]->size()) {
+        start = m_pages[page]->firstStarts[chunk + 1];
+        return true;
+    }
+    if (page + 1 < m_pages.size()) {
+        start = m_pageFirstStarts[page + 1];
+        return true;
+    }
+    return false;
+}
+
+void TopMap::setFirstStart(size_t page, size_t chunk, u64 start) {
+    u64& first = m_pages[page]->firstStarts[chunk];
+    // First starts are distinct: the hints that name this one are this
+    // chunk's (its low bound) and the one's before it (its high bound).
+    for (Recent& hint : m_recent) {
+        if (hint.low == first)
+            hint.low = start;
+        if (hint.high == first)
+            hint.high = start;
+    }
+    first = start;
+    if (chunk == 0)
+        m_pageFirstStarts[page] = start;
+}
+
 TopMap::Position TopMap::firstEndingAfterPosition(u64 address) const {
-    if (m_chunks.empty())
-        return Position{0, 0};
-    size_t c = m_chunks.size();
-    for (const u32 hint : m_recent)
-        if (holds(hint, address)) {
-            c = hint;
+    if (m_pages.empty())
+        return Position(0, 0, 0);
+    Position at(m_pages.size(), 0, 0);
+    const Chunk* found = nullptr;
+    for (const Recent& hint : m_recent)
+        if (hint.version == m_version && hint.low <= address && (address < hint.high || hint.high == ~u64(0))) {
+            at.where = hint.where;
+            found = hint.chunk;
             break;
         }
-    if (c == m_chunks.size()) {
-        c = static_cast<size_t>(std::upper_bound(m_firstStarts.begin(), m_firstStarts.end(), address) -
-                                m_firstStarts.begin());
-        c = c ? c - 1 : 0;
-        m_chunks[c]->fetch(); // not one used lately: most likely cold
+    if (!found) {
+        const size_t p = static_cast<size_t>(
+            std::upper_bound(m_pageFirstStarts.begin(), m_pageFirstStarts.end(), address) - m_pageFirstStarts.begin());
+        const size_t pageAt = p ? p - 1 : 0;
+        const Page& page = *m_pages[pageAt];
+        const size_t c = static_cast<size_t>(
+            std::upper_bound(page.firstStarts, page.firstStarts + page.size(), address) - page.firstStarts);
+        at = Position(pageAt, c ? c - 1 : 0, 0);
+        found = &chunkAt(at);
+        found->fetch(); // not one used lately: most likely cold
     }
-    const Chunk& chunk = *m_chunks[c];
+    const Chunk& chunk = *found;
     // A load at a code heap's growing end lands at or past the chunk's last
     // interval, the line the previous append wrote: no search.
     size_t i = address >= chunk.starts[chunk.size - 1]
@@ -88,15 +168,17 @@ TopMap::Position TopMap::firstEndingAfterPosition(u64 address) const {
     if (i > 0 && chunk.ends[i - 1] > address)
         --i;
     if (i == chunk.size)
-        return Position{c + 1, 0}; // the next chunk starts above address
-    return Position{c, i};
+        nextChunk(at); // the next chunk starts above address
+    else
+        at.index = i;
+    return at;
 }
 
 bool TopMap::find(u64 address, Interval& out) const {
     const Position at = firstEndingAfterPosition(address);
-    if (at.chunk == m_chunks.size())
+    if (at.page() == m_pages.size())
         return false;
-    const Interval interval = m_chunks[at.chunk]->at(at.index);
+    const Interval interval = chunkAt(at).at(at.index);
     if (interval.start > address)
         return false;
     out = interval;
@@ -105,32 +187,75 @@ bool TopMap::find(u64 address, Interval& out) const {
 
 bool TopMap::firstEndingAfter(u64 address, Interval& out) const {
     const Position at = firstEndingAfterPosition(address);
-    if (at.chunk == m_chunks.size())
+    if (at.page() == m_pages.size())
         return false;
-    out = m_chunks[at.chunk]->at(at.index);
+    out = chunkAt(at).at(at.index);
     return true;
 }
 
-bool TopMap::holds(size_t chunk, u64 address) const {
-    return chunk < m_firstStarts.size() && m_firstStarts[chunk] <= address &&
-           (chunk + 1 == m_firstStarts.size() || address < m_firstStarts[chunk + 1]);
-}
-
-void TopMap::remember(size_t chunk) {
-    const u32 c = static_cast<u32>(chunk);
-    if (m_recent[m_nextRecent] == c || m_recent[(m_nextRecent + kRecent - 1) % kRecent] == c)
-        return;
-    m_recent[m_nextRecent] = c;
+void TopMap::remember(const Position& at) {
+    for (const Recent& hint : m_recent)
+        if (hint.where == at.where && hint.version == m_version)
+            return; // loads taking turns between a few heaps
+    Recent& r = m_recent[m_nextRecent];
+    r.version = m_version;
+    r.low = m_pages[at.page()]->firstStarts[at.chunk()];
+    if (!nextFirstStart(at.page(), at.chunk(), r.high))
+        r.high = ~u64(0);
+    r.chunk = m_pages[at.page()]->chunks[at.chunk()];
+    r.where = at.where;
     m_nextRecent = (m_nextRecent + 1) % kRecent;
 }
 
-void TopMap::insertChunk(size_t at, const Interval& interval) {
-    Chunk* const chunk = newChunk();
-    chunk->put(chunk->size++, interval);
-    m_chunks.insert(m_chunks.begin() + static_cast<std::ptrdiff_t>(at), chunk);
-    m_firstStarts.insert(m_firstStarts.begin() + static_cast<std::ptrdiff_t>(at), interval.start);
+TopMap::Position TopMap::insertChunk(size_t page, size_t at, Chunk* chunk) {
+    ++m_chunkCount;
+    ++m_version;
+    if (m_pages.empty()) {
+        std::unique_ptr<Page> first(new Page); // uninitialised arrays: no need to clear 4 KiB
+        m_pageFirstStarts.reserve(1);
+        m_pages.push_back(std::move(first));
+        m_pageFirstStarts.push_back(chunk->starts[0]);
+        m_pages[0]->insert(0, chunk);
+        return Position(0, 0, 0);
+    }
+    if (page == m_pages.size()) { // past the last chunk
+        page = m_pages.size() - 1;
+        at = m_pages[page]->size();
+    }
+    Page& p = *m_pages[page];
+    m_directoryMoves += p.size() - at;
+    p.insert(at, chunk);
+    if (at == 0)
+        m_pageFirstStarts[page] = chunk->starts[0];
+    if (p.size() <= m_pageChunks)
+        return Position(page, at, 0);
+    // A full page splits in halves: the pages after it move, one entry each.
+    const size_t kept = p.size() / 2;
+    std::unique_ptr<Page> upper(new Page);
+    m_pages.reserve(m_pages.size() + 1); // nothing throws once chunks move
+    m_pageFirstStarts.reserve(m_pages.size() + 1);
+    p.moveTail(kept, *upper);
+    m_directoryMoves += upper->size() + (m_pages.size() - page - 1);
+    m_pageFirstStarts.insert(m_pageFirstStarts.begin() + static_cast<std::ptrdiff_t>(page + 1), upper->firstStarts[0]);
+    m_pages.insert(m_pages.begin() + static_cast<std::ptrdiff_t>(page + 1), std::move(upper));
+    return at < kept ? Position(page, at, 0) : Position(page + 1, at - kept, 0);
 }
 
+void TopMap::eraseChunk(size_t page, size_t at) {
+    ++m_version;
+    Page& p = *m_pages[page];
+    freeChunk(p.chunks[at]);
+    --m_chunkCount;
+    m_directoryMoves += p.size() - at - 1;
+    p.erase(at);
+    if (p.size() == 0) {
+        m_directoryMoves += m_pages.size() - page - 1;
+        m_pages.erase(m_pages.begin() + static_cast<std::ptrdiff_t>(page));
+        m_pageFirstStarts.erase(m_pageFirstStarts.begin() + static_cast<std::ptrdiff_t>(page));
+    } else if (at == 0) {
+        m_pageFirstStarts[page] = p.firstStarts[0];
+    }
+}
 size_t TopMap::splitPoint(const Chunk& chunk, size_t inserted) {
     // Where the new interval meets a gap (the end of one code heap before the
     // next, say), the split goes through the gap, so that the side that keeps
@@ -156,83 +281,87 @@ void TopMap::insertAt(Position at, const Interval& interval) {
         // upwards appends to one chunk and moves nothing; when that chunk is
         // full, the new interval starts a chunk of its own, so that the full
         // one stays full rather than splitting in two half-empty ones.
-        const size_t chunks = m_chunks.size();
-        bool lower = at.chunk > 0;
-        if (lower && at.chunk < chunks) {
-            const Chunk& below = *m_chunks[at.chunk - 1];
-            lower = interval.start - below.ends[below.size - 1] <= m_chunks[at.chunk]->starts[0] - interval.end;
+        const bool pastEnd = at.page() == m_pages.size();
+        Position below(0, 0, 0);
+        bool lower = prevChunk(at, below);
+        if (lower && !pastEnd) {
+            const Chunk& under = chunkAt(below);
+            lower = interval.start - under.ends[under.size - 1] <= chunkAt(at).starts[0] - interval.end;
         }
-        const size_t near = lower ? at.chunk - 1 : at.chunk;
-        if (near == chunks || m_chunks[near]->size >= kChunk) {
-            insertChunk(at.chunk, interval);
-            remember(at.chunk);
+        if ((!lower && pastEnd) || chunkAt(lower ? below : at).size >= kChunk) {
+            Chunk* const chunk = newChunk();
+            chunk->put(chunk->size++, interval);
+            remember(insertChunk(at.page(), at.chunk(), chunk));
             return;
         }
-        at = Position{near, lower ? m_chunks[near]->size : 0};
+        if (lower)
+            at = Position(below.page(), below.chunk(), chunkAt(below).size);
     }
-    Chunk& chunk = *m_chunks[at.chunk];
+    Chunk& chunk = chunkAt(at);
     chunk.shiftUp(at.index);
     chunk.put(at.index, interval);
     ++chunk.size;
     if (at.index == 0)
-        m_firstStarts[at.chunk] = interval.start;
+        setFirstStart(at.page(), at.chunk(), interval.start);
     if (chunk.size > kChunk) {
         Chunk* const upper = newChunk();
         const size_t kept = splitPoint(chunk, at.index);
         chunk.moveTail(kept, *upper);
-        m_chunks.insert(m_chunks.begin() + static_cast<std::ptrdiff_t>(at.chunk + 1), upper);
-        m_firstStarts.insert(m_firstStarts.begin() + static_cast<std::ptrdiff_t>(at.chunk + 1), upper->starts[0]);
+        const Position placed = insertChunk(at.page(), at.chunk() + 1, upper);
         if (at.index >= kept)
-            ++at.chunk;
+            at = placed;
+        else
+            prevChunk(placed, at); // a page split may have moved it
     }
-    remember(at.chunk);
+    remember(at);
 }
 
-void TopMap::eraseAt(Position at) {
+bool TopMap::eraseAt(Position at) {
     --m_size;
-    Chunk& chunk = *m_chunks[at.chunk];
+    Chunk& chunk = chunkAt(at);
     chunk.shiftDown(at.index + 1);
     --chunk.size;
     if (chunk.size == 0) {
-        freeChunk(&chunk);
-        m_chunks.erase(m_chunks.begin() + static_cast<std::ptrdiff_t>(at.chunk));
-        m_firstStarts.erase(m_firstStarts.begin() + static_cast<std::ptrdiff_t>(at.chunk));
-    } else if (at.index == 0) {
-        m_firstStarts[at.chunk] = chunk.starts[0];
+        eraseChunk(at.page(), at.chunk());
+        return true;
     }
+    if (at.index == 0)
+        setFirstStart(at.page(), at.chunk(), chunk.starts[0]);
+    return false;
 }
 
 void TopMap::assign(u64 start, u64 end, u32 slot) {
     Position at = firstEndingAfterPosition(start);
-    if (at.chunk < m_chunks.size()) {
-        Chunk& chunk = *m_chunks[at.chunk];
+    if (at.page() < m_pages.size()) {
+        Chunk& chunk = chunkAt(at);
         if (chunk.starts[at.index] < start) {
             // It keeps its head, and its tail when it reaches past end.
             const Interval old = chunk.at(at.index);
             chunk.ends[at.index] = start;
             if (old.end > end) {
-                insertAt(Position{at.chunk, at.index + 1}, Interval{start, end, slot});
+                insertAt(Position(at.page(), at.chunk(), at.index + 1), Interval{start, end, slot});
                 insertAt(firstEndingAfterPosition(end), Interval{end, old.end, old.slot});
                 return;
             }
-            if (++at.index == m_chunks[at.chunk]->size)
-                at = Position{at.chunk + 1, 0};
+            if (++at.index == chunk.size)
+                nextChunk(at);
         }
     }
     // What starts inside [start, end) goes, but a tail reaching past end.
-    while (at.chunk < m_chunks.size()) {
-        Chunk& chunk = *m_chunks[at.chunk];
+    while (at.page() < m_pages.size()) {
+        Chunk& chunk = chunkAt(at);
         if (chunk.starts[at.index] >= end)
             break;
         if (chunk.ends[at.index] > end) {
             chunk.starts[at.index] = end;
             if (at.index == 0)
-                m_firstStarts[at.chunk] = end;
+                setFirstStart(at.page(), at.chunk(), end);
             break;
         }
-        eraseAt(at);
-        if (at.chunk < m_chunks.size() && at.index == m_chunks[at.chunk]->size)
-            at = Position{at.chunk + 1, 0};
+        if (eraseAt(at))
+            settle(at); // the next chunk took its place
+        else if (at.index == chunk.size)
+            nextChunk(at);
     }
     insertAt(at, Interval{start, end, slot});
 }
