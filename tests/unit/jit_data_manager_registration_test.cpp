@@ -131,6 +131,79 @@ TEST(JitDataManagerRegistration, MalformedRegionsAreRefusedWithoutAborting) {
     EXPECT_TRUE(manager.getJitMethods().empty());
 }
 
+// A record's regions are placed one after the other, as if each were a record
+// of its own: with one moment they lie side by side, with several one may lie
+// over or under another, and each must see the ones placed before it.
+TEST(JitDataManagerRegistration, ARecordsRegionsLandAsRecordsOfTheirOwnWould) {
+    struct Placed {
+        RegionShape shape;
+        u64 loadTime;
+        u32 pid;
+    };
+    struct Case {
+        const char* name;
+        std::vector<Placed> regions;
+    };
+    const u32 kOther = kPid + 1;
+    const Case cases[] = {
+        {"one moment, side by side", {{{0x1100, 0x80, 0x9000}, 50, kPid}, {{0x1300, 0x200, 0x9100}, 50, kPid}}},
+        {"a later one first, an older one under it",
+         {{{0x1100, 0x180, 0x9000}, 70, kPid}, {{0x1200, 0x200, 0x9200}, 30, kPid}}},
+        {"an older one first, a later one over it",
+         {{{0x1100, 0x180, 0x9000}, 30, kPid}, {{0x1200, 0x200, 0x9200}, 70, kPid}}},
+        {"three, the last under the first two",
+         {{{0x1100, 0x80, 0x9000}, 60, kPid}, {{0x1180, 0x80, 0x9100}, 60, kPid}, {{0x1140, 0x100, 0x9200}, 40, kPid}}},
+        {"another process between",
+         {{{0x1100, 0x100, 0x9000}, 70, kPid},
+          {{0x1100, 0x100, 0x9100}, 70, kOther},
+          {{0x1180, 0x100, 0x9200}, 30, kPid}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        // Both start from the same history: one region under everything, so
+        // that the record's regions are checked against a space that exists.
+        JitDataManager whole;
+        JitDataManager apart;
+        for (u32 pid : {kPid, kOther}) {
+            ASSERT_TRUE(
+                whole
+                    .processMethodLoadRecord(
+                        pid, kHost, makeMethod(pid, 10, {{0x1000, 0x1000, 0x100000 * (pid - kPid + 1)}}, "", pid))
+                    .ok());
+            ASSERT_TRUE(
+                apart
+                    .processMethodLoadRecord(
+                        pid, kHost, makeMethod(pid, 10, {{0x1000, 0x1000, 0x100000 * (pid - kPid + 1)}}, "", pid))
+                    .ok());
+        }
+        JitMethod::Ptr record = makeMethod(7, c.regions.front().loadTime, {});
+        for (const Placed& p : c.regions)
+            record->addCodeRegion(makeRegion(p.shape, p.loadTime, p.pid));
+        record->setStartJitRva(c.regions.front().shape.jitRva);
+        ASSERT_TRUE(whole.processMethodLoadRecord(kPid, kHost, record).ok());
+        u32 rawId = 20;
+        for (const Placed& p : c.regions) {
+            JitMethod::Ptr own = makeMethod(rawId++, p.loadTime, {});
+            own->addCodeRegion(makeRegion(p.shape, p.loadTime, p.pid));
+            own->setStartJitRva(p.shape.jitRva);
+            ASSERT_TRUE(apart.processMethodLoadRecord(p.pid, kHost, own).ok());
+        }
+        whole.finalize();
+        apart.finalize();
+        for (u32 pid : {kPid, kOther})
+            for (u64 address = 0x1000; address < 0x1400; address += 0x20)
+                for (u64 time : {20, 35, 55, 65, 75}) {
+                    IModule* module = nullptr;
+                    u64 fromWhole = 0;
+                    u64 fromApart = 0;
+                    const quarvel_error_t a = whole.resolveJitPoint(address, time, pid, kHost, module, fromWhole);
+                    const quarvel_error_t b = apart.resolveJitPoint(address, time, pid, kHost, module, fromApart);
+                    EXPECT_EQ(b, a) << "pid " << pid << ", address " << address << ", time " << time;
+                    EXPECT_EQ(fromApart, fromWhole) << "pid " << pid << ", address " << address << ", time " << time;
+                }
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Queries over a small fixed model.
 

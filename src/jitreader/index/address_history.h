@@ -110,6 +110,9 @@ public:
     // unloads in their order (the lives they ended are ended already).
     void thaw();
     bool frozen() const { return m_frozen; }
+    // The links have their towers: placing a region raises the pointers of
+    // the regions that the last plan, if it was this region's, walked past.
+    bool hasJumps() const { return m_hasJumps; }
 
     typedef GrowingArray<Slot> Slots;
     const Slots& slots() const { return m_slots; }

@@ -48,6 +48,23 @@ Status pastStepLimit(const std::string& what, const AddressHistory& history) {
                          << "; such records are refused from now on");
 }
 
+// Whether the plan made for region r when the record was checked still holds
+// once the regions before it are placed. Each of those lies in another
+// address space, or was loaded at the same moment and so, by the checks, on
+// other addresses: placing it changes nothing at r's addresses, which is all
+// a plan describes. One loaded at another time in the same space may lie
+// over or under r.
+bool planHolds(const RegionList& regions, size_t r) {
+    const Region& region = *regions[r];
+    for (size_t i = 0; i < r; ++i) {
+        const Region& placed = *regions[i];
+        if (placed.hostId() == region.hostId() && placed.processId() == region.processId() &&
+            placed.loadTime() != region.loadTime())
+            return false;
+    }
+    return true;
+}
+
 } // namespace
 
 JitDataManager::JitDataManager() : m_inlines(m_methods) {}
@@ -213,15 +230,19 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
         }
     }
     std::vector<AddressSpace*> thawed; // frozen spaces that planning needs as they were being read
-    bool planned = false;              // m_pieces holds the plan of the last region checked
+    if (m_plans.size() < newRegions.size()) {
+        m_plans.resize(newRegions.size());
+        m_planned.resize(newRegions.size());
+    }
     auto tooDeep = [&](const Region& region, const AddressHistory& history) -> Status {
         std::ostringstream what;
         what << "Couldn't add a region (ip range = " << ipSpan(region.startAddress(), region.endAddress())
              << ", loadTime=" << region.loadTime() << ") loaded before regions already read over it";
         return pastStepLimit(what.str(), history);
     };
-    for (const Region::Ptr& region : newRegions) {
-        planned = false;
+    for (size_t r = 0; r < newRegions.size(); ++r) {
+        const Region::Ptr& region = newRegions[r];
+        m_planned[r] = false;
         const Region* refused = nullptr;
         const AddressHistory* limitOf = nullptr; // refused for the step limit, not a clash
         bool jitRvas = false;
@@ -234,9 +255,9 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
                 thawed.push_back(target);
             }
             u32 clash = AddressHistory::kNone;
-            planned =
-                target->history.plan(region->startAddress(), region->endAddress(), region->loadTime(), m_pieces, clash);
-            if (!planned) {
+            m_planned[r] = target->history.plan(region->startAddress(), region->endAddress(), region->loadTime(),
+                                                m_plans[r], clash);
+            if (!m_planned[r]) {
                 refused = region.get();
                 if (clash == AddressHistory::kNone)
                     limitOf = &target->history;
@@ -288,21 +309,27 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
                                               Range(newLines.range(r).start + newStart, newLines.range(r).length));
     }
 
-    for (const Region::Ptr& region : newRegions) {
-        m_jitRvas.add(RegionInfo{region->startJitRva(), region->length(), method->getMethodToken(), region.get(),
+    for (size_t r = 0; r < newRegions.size(); ++r) {
+        const Region& region = *newRegions[r];
+        m_jitRvas.add(RegionInfo{region.startJitRva(), region.length(), method->getMethodToken(), newRegions[r].get(),
                                  method.get()});
-        AddressSpace& target = spaceFor(region->processId(), region->hostId());
-        // The plan of the check above still holds for a record's only region.
-        if (newRegions.size() > 1 || !planned) {
+        AddressSpace& target = spaceFor(region.processId(), region.hostId());
+        std::vector<AddressHistory::Piece>& plan = m_plans[r];
+        // Only the last plan made is followed by raising the pointers of the
+        // regions it walked past: where there are such pointers, the others
+        // plan again.
+        const bool reuse =
+            m_planned[r] && planHolds(newRegions, r) && (r + 1 == newRegions.size() || !target.history.hasJumps());
+        if (!reuse) {
             u32 clash = AddressHistory::kNone;
             // Checked above; the limit was too, and a record is placed whole.
-            const bool ok = target.history.plan(region->startAddress(), region->endAddress(), region->loadTime(),
-                                                m_pieces, clash, false);
+            const bool ok =
+                target.history.plan(region.startAddress(), region.endAddress(), region.loadTime(), plan, clash, false);
             QV_CHECK(ok, continue);
         }
-        target.history.place(*region, *method, m_pieces);
+        target.history.place(*newRegions[r], *method, plan);
         markChanged(target);
-        if (std::any_of(m_pieces.begin(), m_pieces.end(),
+        if (std::any_of(plan.begin(), plan.end(),
                         [](const AddressHistory::Piece& p) { return p.below != AddressHistory::kNone; }))
             QV_INFO("Updated method's state");
     }

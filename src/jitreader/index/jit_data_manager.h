@@ -159,7 +159,10 @@ private:
     InlineAttacher m_inlines;
     std::vector<std::pair<u64, std::unique_ptr<AddressSpace>>> m_spaces; // by (host id << 32 | pid)
     std::vector<AddressSpace*> m_changedSpaces;
-    std::vector<AddressHistory::Piece> m_pieces; // scratch of registration
+    // Scratch of registration: the plan of each region of a record, made
+    // when it is checked, and whether it was.
+    std::vector<std::vector<AddressHistory::Piece>> m_plans;
+    std::vector<char> m_planned; // as many as m_plans
     size_t m_indexedRegions = 0;
     u32 m_collectorType = 0;
 
