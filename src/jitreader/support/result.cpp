@@ -35,4 +35,9 @@ std::string Reason::text() const {
     return os.str();
 }
 
+const Reason& Status::noReason() {
+    static const Reason none;
+    return none;
+}
+
 QUARVEL_NAMESPACE_END

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <string>
 #include <utility>
 #include <variant>
@@ -99,20 +100,41 @@ private:
     std::variant<T, Reason> m_state;
 };
 
+// The reason lives out of line: every record read returns a Status or two,
+// and a success should cost a null pointer, not three empty strings made and
+// destroyed.
 class [[nodiscard]] Status {
 public:
     Status() = default;
-    Status(Reason reason) : m_reason(std::move(reason)), m_failed(true) {}
+    Status(Reason reason) : m_reason(new Reason(std::move(reason))), m_failed(true) {}
+    Status(const Status& other)
+        : m_reason(other.m_reason ? new Reason(*other.m_reason) : nullptr), m_failed(other.m_failed) {}
+    Status(Status&& other) noexcept = default;
+    Status& operator=(const Status& other) {
+        if (this != &other) {
+            m_reason.reset(other.m_reason ? new Reason(*other.m_reason) : nullptr);
+            m_failed = other.m_failed;
+        }
+        return *this;
+    }
+    Status& operator=(Status&& other) noexcept = default;
     static Status success() { return Status(); }
 
     bool ok() const { return !m_failed; }
     explicit operator bool() const { return ok(); }
-    const Reason& reason() const { return m_reason; }
-    Reason& reason() { return m_reason; }
-    quarvel_error_t code() const { return m_failed ? m_reason.code : meSuccess; }
+    // A success's reason is an empty one.
+    const Reason& reason() const { return m_reason ? *m_reason : noReason(); }
+    Reason& reason() {
+        if (!m_reason)
+            m_reason.reset(new Reason());
+        return *m_reason;
+    }
+    quarvel_error_t code() const { return m_failed ? reason().code : meSuccess; }
 
 private:
-    Reason m_reason;
+    static const Reason& noReason();
+
+    std::unique_ptr<Reason> m_reason;
     bool m_failed = false;
 };
 
