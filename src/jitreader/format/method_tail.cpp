@@ -1,10 +1,53 @@
 #include "format/method_tail.h"
 
+#include <cstring>
+#include <iterator>
+
 QUARVEL_NAMESPACE_BEGIN
 
 namespace {
 
 const size_t kLineEntrySize = 12;
+
+// A table's rows as they lie in the record, each read as it is visited: the
+// table is filled in one pass, where a resize zero-filled it first.
+class RowReader {
+public:
+    typedef std::forward_iterator_tag iterator_category;
+    typedef quarvel_line_number_entry value_type;
+    typedef std::ptrdiff_t difference_type;
+    typedef const value_type* pointer;
+    typedef value_type reference;
+
+    RowReader(const uint8_t* at, bool swap) : m_at(at), m_swap(swap) {}
+    value_type operator*() const {
+        // Rows are three u32 fields on disk as in memory.
+        static_assert(sizeof(value_type) == kLineEntrySize, "rows copy as they are");
+        value_type row;
+        std::memcpy(&row, m_at, kLineEntrySize);
+        if (m_swap) {
+            row.startOffset = __builtin_bswap32(row.startOffset);
+            row.endOffset = __builtin_bswap32(row.endOffset);
+            row.value = __builtin_bswap32(row.value);
+        }
+        return row;
+    }
+    RowReader& operator++() {
+        m_at += kLineEntrySize;
+        return *this;
+    }
+    RowReader operator++(int) {
+        RowReader before = *this;
+        ++*this;
+        return before;
+    }
+    bool operator==(const RowReader& other) const { return m_at == other.m_at; }
+    bool operator!=(const RowReader& other) const { return m_at != other.m_at; }
+
+private:
+    const uint8_t* m_at;
+    bool m_swap;
+};
 
 bool readTable(ByteCursor& cursor, std::vector<quarvel_line_number_entry>& table, const char* name,
                const BodyOptions& options) {
@@ -15,10 +58,14 @@ bool readTable(ByteCursor& cursor, std::vector<quarvel_line_number_entry>& table
     // The whole table must be there before anything is allocated for it.
     if (!options.keepLineTables || bytes > cursor.remaining())
         return cursor.skip(bytes, name);
-    // Rows are three u32 fields on disk as in memory.
-    static_assert(sizeof(quarvel_line_number_entry) == kLineEntrySize, "rows copy as they are");
-    table.resize(count);
-    return cursor.u32s(table.data(), size_t(count) * 3, name);
+    const uint8_t* rows = nullptr;
+    if (!cursor.bytes(bytes, rows, name))
+        return false;
+    constexpr ByteCursor::Order host =
+        __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? ByteCursor::Order::big : ByteCursor::Order::little;
+    const bool swap = cursor.order() != host;
+    table.assign(RowReader(rows, swap), RowReader(rows + bytes, swap));
+    return true;
 }
 
 // Every field back to its default, strings and tables cleared in place so
