@@ -26,9 +26,9 @@ public:
         value_type row;
         std::memcpy(&row, m_at, kLineEntrySize);
         if (m_swap) {
-            row.startOffset = __builtin_bswap32(row.startOffset);
-            row.endOffset = __builtin_bswap32(row.endOffset);
-            row.value = __builtin_bswap32(row.value);
+            row.startOffset = ByteCursor::byteSwapped(row.startOffset);
+            row.endOffset = ByteCursor::byteSwapped(row.endOffset);
+            row.value = ByteCursor::byteSwapped(row.value);
         }
         return row;
     }
@@ -61,10 +61,7 @@ bool readTable(ByteCursor& cursor, std::vector<quarvel_line_number_entry>& table
     const uint8_t* rows = nullptr;
     if (!cursor.bytes(bytes, rows, name))
         return false;
-    constexpr ByteCursor::Order host =
-        __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? ByteCursor::Order::big : ByteCursor::Order::little;
-    const bool swap = cursor.order() != host;
-    table.assign(RowReader(rows, swap), RowReader(rows + bytes, swap));
+    table.assign(RowReader(rows, cursor.swapsBytes()), RowReader(rows + bytes, cursor.swapsBytes()));
     return true;
 }
 

@@ -48,21 +48,15 @@ Status pastStepLimit(const std::string& what, const AddressHistory& history) {
                          << "; such records are refused from now on");
 }
 
-// Whether the plan made for region r when the record was checked still holds
-// once the regions before it are placed. Each of those lies in another
-// address space, or was loaded at the same moment and so, by the checks, on
-// other addresses: placing it changes nothing at r's addresses, which is all
-// a plan describes. One loaded at another time in the same space may lie
-// over or under r.
-bool planHolds(const RegionList& regions, size_t r) {
-    const Region& region = *regions[r];
-    for (size_t i = 0; i < r; ++i) {
-        const Region& placed = *regions[i];
-        if (placed.hostId() == region.hostId() && placed.processId() == region.processId() &&
-            placed.loadTime() != region.loadTime())
-            return false;
-    }
-    return true;
+// Whether the plans made when a record was checked still hold as its regions
+// are placed one after the other: when they were all loaded at one moment,
+// each lies in another address space than the ones placed before it or, by
+// the checks, on other addresses, and placing one changes nothing at
+// another's addresses, which is all a plan describes. Regions of several
+// moments may lie over or under each other.
+bool oneMoment(const RegionList& regions) {
+    return std::all_of(regions.begin(), regions.end(),
+                       [&](const Region::Ptr& r) { return r->loadTime() == regions[0]->loadTime(); });
 }
 
 } // namespace
@@ -230,10 +224,8 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
         }
     }
     std::vector<AddressSpace*> thawed; // frozen spaces that planning needs as they were being read
-    if (m_plans.size() < newRegions.size()) {
+    if (m_plans.size() < newRegions.size())
         m_plans.resize(newRegions.size());
-        m_planned.resize(newRegions.size());
-    }
     auto tooDeep = [&](const Region& region, const AddressHistory& history) -> Status {
         std::ostringstream what;
         what << "Couldn't add a region (ip range = " << ipSpan(region.startAddress(), region.endAddress())
@@ -242,7 +234,7 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
     };
     for (size_t r = 0; r < newRegions.size(); ++r) {
         const Region::Ptr& region = newRegions[r];
-        m_planned[r] = false;
+        m_plans[r].made = false;
         const Region* refused = nullptr;
         const AddressHistory* limitOf = nullptr; // refused for the step limit, not a clash
         bool jitRvas = false;
@@ -255,9 +247,9 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
                 thawed.push_back(target);
             }
             u32 clash = AddressHistory::kNone;
-            m_planned[r] = target->history.plan(region->startAddress(), region->endAddress(), region->loadTime(),
-                                                m_plans[r], clash);
-            if (!m_planned[r]) {
+            m_plans[r].made = target->history.plan(region->startAddress(), region->endAddress(), region->loadTime(),
+                                                   m_plans[r].pieces, clash);
+            if (!m_plans[r].made) {
                 refused = region.get();
                 if (clash == AddressHistory::kNone)
                     limitOf = &target->history;
@@ -309,17 +301,17 @@ Status JitDataManager::registerRegions(u32 processId, u32 hostId, const JitMetho
                                               Range(newLines.range(r).start + newStart, newLines.range(r).length));
     }
 
+    const bool plansHold = oneMoment(newRegions);
     for (size_t r = 0; r < newRegions.size(); ++r) {
         const Region& region = *newRegions[r];
         m_jitRvas.add(RegionInfo{region.startJitRva(), region.length(), method->getMethodToken(), newRegions[r].get(),
                                  method.get()});
         AddressSpace& target = spaceFor(region.processId(), region.hostId());
-        std::vector<AddressHistory::Piece>& plan = m_plans[r];
+        std::vector<AddressHistory::Piece>& plan = m_plans[r].pieces;
         // Only the last plan made is followed by raising the pointers of the
         // regions it walked past: where there are such pointers, the others
         // plan again.
-        const bool reuse =
-            m_planned[r] && planHolds(newRegions, r) && (r + 1 == newRegions.size() || !target.history.hasJumps());
+        const bool reuse = m_plans[r].made && plansHold && (r + 1 == newRegions.size() || !target.history.hasJumps());
         if (!reuse) {
             u32 clash = AddressHistory::kNone;
             // Checked above; the limit was too, and a record is placed whole.

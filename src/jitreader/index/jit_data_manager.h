@@ -161,8 +161,11 @@ private:
     std::vector<AddressSpace*> m_changedSpaces;
     // Scratch of registration: the plan of each region of a record, made
     // when it is checked, and whether it was.
-    std::vector<std::vector<AddressHistory::Piece>> m_plans;
-    std::vector<char> m_planned; // as many as m_plans
+    struct Plan {
+        std::vector<AddressHistory::Piece> pieces;
+        bool made = false;
+    };
+    std::vector<Plan> m_plans;
     size_t m_indexedRegions = 0;
     u32 m_collectorType = 0;
 

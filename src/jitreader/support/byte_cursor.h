@@ -27,6 +27,7 @@ QUARVEL_NAMESPACE_BEGIN
 class ByteCursor {
 public:
     enum class Order { little, big };
+    static constexpr Order kHostOrder = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? Order::big : Order::little;
 
     ByteCursor(const uint8_t* data, size_t size, Order order = Order::little, uint64_t baseOffset = 0)
         : m_data(data), m_size(size), m_order(order), m_base(baseOffset) {}
@@ -42,28 +43,6 @@ public:
         if (!u32(raw, field))
             return false;
         std::memcpy(&value, &raw, sizeof value);
-        return true;
-    }
-
-    // n u32 values into out (any object made of them, a table of records,
-    // say): one copy rather than a checked read each.
-    bool u32s(void* out, size_t n, const char* field) {
-        const uint8_t* from = nullptr;
-        // A count whose size overflows asks for more than any span holds.
-        const size_t size = n > SIZE_MAX / sizeof(uint32_t) ? SIZE_MAX : n * sizeof(uint32_t);
-        if (!bytes(size, from, field) || n == 0)
-            return ok(); // out may be null when there is nothing to copy
-        std::memcpy(out, from, n * sizeof(uint32_t));
-        constexpr Order host = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? Order::big : Order::little;
-        if (m_order != host) {
-            uint8_t* const words = static_cast<uint8_t*>(out);
-            for (size_t i = 0; i < n; ++i) {
-                uint32_t v;
-                std::memcpy(&v, words + i * sizeof v, sizeof v);
-                v = byteSwapped(v);
-                std::memcpy(words + i * sizeof v, &v, sizeof v);
-            }
-        }
         return true;
     }
 
@@ -157,6 +136,8 @@ public:
     size_t remaining() const { return m_size - m_offset; }
     bool atEnd() const { return m_offset == m_size; }
     Order order() const { return m_order; }
+    // Whether a value's bytes come in the other order than the host's.
+    bool swapsBytes() const { return m_order != kHostOrder; }
     void setOrder(Order order) { m_order = order; }
     bool ok() const { return m_error.empty(); }
     explicit operator bool() const { return ok(); }
@@ -169,22 +150,6 @@ public:
             m_error = message;
     }
 
-private:
-    template <typename T>
-    bool fixed(T& value, const char* field) {
-        if (!take(sizeof(T), field))
-            return false;
-        // Copied, then swapped when the data's order is not the host's: no
-        // alignment assumption, and one load on the common path.
-        constexpr Order host = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? Order::big : Order::little;
-        T v;
-        std::memcpy(&v, m_data + m_offset - sizeof(T), sizeof(T));
-        if (m_order != host)
-            v = byteSwapped(v);
-        value = v;
-        return true;
-    }
-
     template <typename T>
     static T byteSwapped(T v) {
         if constexpr (sizeof(T) == 1)
@@ -195,6 +160,21 @@ private:
             return static_cast<T>(__builtin_bswap32(v));
         else
             return static_cast<T>(__builtin_bswap64(v));
+    }
+
+private:
+    template <typename T>
+    bool fixed(T& value, const char* field) {
+        if (!take(sizeof(T), field))
+            return false;
+        // Copied, then swapped when the data's order is not the host's: no
+        // alignment assumption, and one load on the common path.
+        T v;
+        std::memcpy(&v, m_data + m_offset - sizeof(T), sizeof(T));
+        if (swapsBytes())
+            v = byteSwapped(v);
+        value = v;
+        return true;
     }
 
     // The check stays small enough to inline into every field read; the
